@@ -1,0 +1,505 @@
+#include "Octree.h"
+
+#include <algorithm>
+#include <cmath>
+#include <new>
+#include <thread>
+
+namespace TZLib {
+
+namespace {
+
+// Levels of Morton code kept below the coarse level: 10 per axis, 30 bits in a 32-bit word.
+constexpr unsigned SUFFIX_LEVELS = 10;
+constexpr unsigned MAX_COARSE_LEVEL = 7;
+// Below this many points the build runs on one thread (threads cost more than they save).
+constexpr unsigned PARALLEL_THRESHOLD = 200000;
+
+inline uint32_t spreadBits3(uint32_t v)
+{
+    v &= 0x3ffu;
+    v = (v | (v << 16)) & 0x030000ffu;
+    v = (v | (v << 8)) & 0x0300f00fu;
+    v = (v | (v << 4)) & 0x030c30c3u;
+    v = (v | (v << 2)) & 0x09249249u;
+    return v;
+}
+
+inline uint32_t morton3(uint32_t x, uint32_t y, uint32_t z)
+{
+    return spreadBits3(x) | (spreadBits3(y) << 1) | (spreadBits3(z) << 2);
+}
+
+unsigned threadCount(unsigned n)
+{
+    if (n < PARALLEL_THRESHOLD)
+        return 1;
+    const unsigned hw = std::thread::hardware_concurrency();
+    return std::max(1u, std::min(hw == 0 ? 2u : hw, 8u));
+}
+
+// Runs fn(t) for t in [0, threads) and waits; thread 0 is the caller.
+template<typename Fn>
+void runParallel(unsigned threads, Fn &&fn)
+{
+    std::vector<std::thread> workers;
+    workers.reserve(threads > 0 ? threads - 1 : 0);
+    for (unsigned t = 1; t < threads; ++t)
+        workers.emplace_back([&fn, t] { fn(t); });
+    fn(0);
+    for (std::thread &w : workers)
+        w.join();
+}
+
+struct SphereShape
+{
+    double c[3];
+    double r2;
+    double bmin[3];
+    double bmax[3];
+
+    SphereShape(const TZVector3 &centre, PointCoordinateType radius)
+    {
+        const double r = radius;
+        r2 = r * r;
+        for (int d = 0; d < 3; ++d) {
+            c[d] = centre[d];
+            bmin[d] = c[d] - r;
+            bmax[d] = c[d] + r;
+        }
+    }
+    bool intersects(const double mn[3], const double mx[3]) const
+    {
+        double d2 = 0;
+        for (int d = 0; d < 3; ++d) {
+            const double e = c[d] < mn[d] ? mn[d] - c[d] : (c[d] > mx[d] ? c[d] - mx[d] : 0.0);
+            d2 += e * e;
+        }
+        return d2 <= r2;
+    }
+    bool test(const TZVector3 &p, double &d2) const
+    {
+        const double dx = double(p.x) - c[0];
+        const double dy = double(p.y) - c[1];
+        const double dz = double(p.z) - c[2];
+        d2 = dx * dx + dy * dy + dz * dz;
+        return d2 <= r2;
+    }
+};
+
+struct CylinderShape
+{
+    double c[3];
+    double dir[3];
+    double r2;
+    double tmin;
+    double tmax;
+    double bmin[3];
+    double bmax[3];
+
+    explicit CylinderShape(const Octree::CylindricalNeighbourhood &p)
+    {
+        const double r = p.radius;
+        r2 = r * r;
+        tmax = p.maxHalfLength;
+        tmin = p.onlyPositiveDir ? 0.0 : -tmax;
+        for (int d = 0; d < 3; ++d) {
+            c[d] = p.center[d];
+            dir[d] = p.dir[d];
+        }
+        // Exact bounds of the two end discs, which bound the cylinder.
+        for (int d = 0; d < 3; ++d) {
+            const double a = c[d] + tmin * dir[d];
+            const double b = c[d] + tmax * dir[d];
+            const double e = r * std::sqrt(std::max(0.0, 1.0 - dir[d] * dir[d]));
+            bmin[d] = std::min(a, b) - e;
+            bmax[d] = std::max(a, b) + e;
+        }
+    }
+    bool intersects(const double mn[3], const double mx[3]) const
+    {
+        for (int d = 0; d < 3; ++d) {
+            if (mx[d] < bmin[d] || mn[d] > bmax[d])
+                return false;
+        }
+        return true;
+    }
+    bool test(const TZVector3 &p, double &d2) const
+    {
+        const double v0 = double(p.x) - c[0];
+        const double v1 = double(p.y) - c[1];
+        const double v2 = double(p.z) - c[2];
+        const double t = v0 * dir[0] + v1 * dir[1] + v2 * dir[2];
+        if (t < tmin || t > tmax)
+            return false;
+        const double w0 = v0 - t * dir[0];
+        const double w1 = v1 - t * dir[1];
+        const double w2 = v2 - t * dir[2];
+        d2 = w0 * w0 + w1 * w1 + w2 * w2;
+        return d2 <= r2;
+    }
+};
+
+} // namespace
+
+Octree::Octree(const PointCloud *cloud)
+    : m_cloud(cloud)
+{
+}
+
+void Octree::clear()
+{
+    m_perm = {};
+    m_leafCode = {};
+    m_leafStart = {};
+    m_directory = {};
+    m_cubeSize = 0;
+    m_coarseLevel = 0;
+    m_leafRel = 0;
+}
+
+double Octree::cellSize(unsigned char level) const
+{
+    return std::ldexp(m_cubeSize, -static_cast<int>(level));
+}
+
+std::size_t Octree::memoryUsed() const
+{
+    return sizeof(*this)
+        + sizeof(uint32_t)
+        * (m_perm.capacity() + m_leafCode.capacity() + m_leafStart.capacity()
+           + m_directory.capacity());
+}
+
+int Octree::build(const ProgressCallback &progress)
+{
+    clear();
+    const auto report = [&progress](int percent) {
+        if (progress)
+            progress(percent);
+    };
+    if (!m_cloud || m_cloud->size() == 0) {
+        report(100);
+        return 0;
+    }
+    const unsigned n = m_cloud->size();
+    const TZVector3 *pts = m_cloud->data();
+    const unsigned threads = threadCount(n);
+
+    try {
+        // Bounding box.
+        std::vector<TZVector3> tmin(threads, pts[0]);
+        std::vector<TZVector3> tmax(threads, pts[0]);
+        runParallel(threads, [&](unsigned t) {
+            const unsigned b = unsigned(uint64_t(n) * t / threads);
+            const unsigned e = unsigned(uint64_t(n) * (t + 1) / threads);
+            TZVector3 mn = pts[b];
+            TZVector3 mx = pts[b];
+            for (unsigned i = b; i < e; ++i) {
+                const TZVector3 &p = pts[i];
+                mn.x = std::min(mn.x, p.x);
+                mn.y = std::min(mn.y, p.y);
+                mn.z = std::min(mn.z, p.z);
+                mx.x = std::max(mx.x, p.x);
+                mx.y = std::max(mx.y, p.y);
+                mx.z = std::max(mx.z, p.z);
+            }
+            tmin[t] = mn;
+            tmax[t] = mx;
+        });
+        double extent = 0;
+        for (int d = 0; d < 3; ++d) {
+            double mn = tmin[0][d];
+            double mx = tmax[0][d];
+            for (unsigned t = 1; t < threads; ++t) {
+                mn = std::min(mn, double(tmin[t][d]));
+                mx = std::max(mx, double(tmax[t][d]));
+            }
+            m_min[d] = mn;
+            extent = std::max(extent, mx - mn);
+        }
+        m_cubeSize = extent > 0 ? extent * (1.0 + 1e-6) : 1.0;
+
+        // Coarse directory level: at most one coarse cell per 4 points.
+        m_coarseLevel = 0;
+        while (m_coarseLevel < MAX_COARSE_LEVEL
+               && (uint64_t(1) << (3 * (m_coarseLevel + 1))) <= n / 4)
+            ++m_coarseLevel;
+        const unsigned deepest = m_coarseLevel + SUFFIX_LEVELS;
+        const uint32_t buckets = uint32_t(1) << (3 * m_coarseLevel);
+        const uint32_t maxCell = (uint32_t(1) << deepest) - 1;
+        const double scale = std::ldexp(1.0, static_cast<int>(deepest)) / m_cubeSize;
+        report(10);
+
+        // Pass 1: cell of every point, counted per coarse cell and thread.
+        std::vector<uint64_t> keys(n);
+        std::vector<std::vector<uint32_t>> hist(threads, std::vector<uint32_t>(buckets, 0));
+        runParallel(threads, [&](unsigned t) {
+            const unsigned b = unsigned(uint64_t(n) * t / threads);
+            const unsigned e = unsigned(uint64_t(n) * (t + 1) / threads);
+            uint32_t *h = hist[t].data();
+            for (unsigned i = b; i < e; ++i) {
+                uint32_t q[3];
+                for (int d = 0; d < 3; ++d) {
+                    const double v = (double(pts[i][d]) - m_min[d]) * scale;
+                    q[d] = v <= 0 ? 0u : std::min(maxCell, static_cast<uint32_t>(v));
+                }
+                const uint32_t coarse = morton3(q[0] >> SUFFIX_LEVELS, q[1] >> SUFFIX_LEVELS,
+                                                q[2] >> SUFFIX_LEVELS);
+                const uint32_t suffix = morton3(q[0], q[1], q[2]);
+                keys[i] = (uint64_t(coarse) << 32) | suffix;
+                ++h[coarse];
+            }
+        });
+        report(30);
+
+        // Pass 2: stable scatter by coarse cell; each thread writes after the previous ones.
+        std::vector<uint32_t> bucketStart(buckets + 1, 0);
+        {
+            uint32_t acc = 0;
+            for (uint32_t b = 0; b < buckets; ++b) {
+                bucketStart[b] = acc;
+                for (unsigned t = 0; t < threads; ++t) {
+                    const uint32_t count = hist[t][b];
+                    hist[t][b] = acc;
+                    acc += count;
+                }
+            }
+            bucketStart[buckets] = acc;
+        }
+        std::vector<uint64_t> sorted(n);
+        runParallel(threads, [&](unsigned t) {
+            const unsigned b = unsigned(uint64_t(n) * t / threads);
+            const unsigned e = unsigned(uint64_t(n) * (t + 1) / threads);
+            uint32_t *offset = hist[t].data();
+            for (unsigned i = b; i < e; ++i) {
+                const uint64_t k = keys[i];
+                sorted[offset[k >> 32]++] = ((k & 0xffffffffu) << 32) | i;
+            }
+        });
+        keys = {};
+        hist = {};
+        report(50);
+
+        // Pass 3: sort each coarse cell by (suffix, index); threads take runs of equal weight.
+        std::vector<uint32_t> split(threads + 1, buckets);
+        split[0] = 0;
+        for (unsigned t = 1; t < threads; ++t) {
+            const uint32_t target = uint32_t(uint64_t(n) * t / threads);
+            split[t] = uint32_t(std::upper_bound(bucketStart.begin(), bucketStart.end() - 1, target)
+                                - bucketStart.begin());
+            split[t] = std::max(split[t], split[t - 1]);
+        }
+        // Counts of cells that start at each relative level, per thread.
+        std::vector<std::vector<uint64_t>> newCells(threads,
+                                                    std::vector<uint64_t>(SUFFIX_LEVELS + 1, 0));
+        runParallel(threads, [&](unsigned t) {
+            uint64_t *cells = newCells[t].data();
+            for (uint32_t b = split[t]; b < split[t + 1]; ++b) {
+                uint64_t *first = sorted.data() + bucketStart[b];
+                uint64_t *last = sorted.data() + bucketStart[b + 1];
+                if (first == last)
+                    continue;
+                std::sort(first, last);
+                ++cells[0];
+                for (uint64_t *it = first + 1; it != last; ++it) {
+                    const uint32_t diff = uint32_t((it[0] ^ it[-1]) >> 32);
+                    if (diff != 0) {
+                        const unsigned highBit = 31u - unsigned(__builtin_clz(diff));
+                        ++cells[SUFFIX_LEVELS - highBit / 3];
+                    }
+                }
+            }
+        });
+        report(80);
+
+        // Leaf level: the deepest whose cell count keeps the whole within 8 bytes per point
+        // (4 for the permutation, 8 per leaf, 4 per directory entry).
+        const double maxLeaves = (4.0 * n - 4.0 * (buckets + 2)) / 8.0;
+        uint64_t cellsAtLevel = 0;
+        m_leafRel = 0;
+        for (unsigned k = 0; k <= SUFFIX_LEVELS; ++k) {
+            for (unsigned t = 0; t < threads; ++t)
+                cellsAtLevel += newCells[t][k];
+            if (k == 0 || double(cellsAtLevel) <= maxLeaves)
+                m_leafRel = k;
+            else
+                break;
+        }
+
+        // Pass 4: permutation, leaf table and directory.
+        const unsigned leafShift = 3 * (SUFFIX_LEVELS - m_leafRel);
+        m_perm.resize(n);
+        m_directory.assign(buckets + 1, 0);
+        runParallel(threads, [&](unsigned t) {
+            const unsigned b = unsigned(uint64_t(n) * t / threads);
+            const unsigned e = unsigned(uint64_t(n) * (t + 1) / threads);
+            for (unsigned i = b; i < e; ++i)
+                m_perm[i] = uint32_t(sorted[i]);
+        });
+        for (uint32_t b = 0; b < buckets; ++b) {
+            m_directory[b] = uint32_t(m_leafCode.size());
+            uint32_t previous = 0;
+            for (uint32_t i = bucketStart[b]; i < bucketStart[b + 1]; ++i) {
+                const uint32_t code = uint32_t(sorted[i] >> 32) >> leafShift;
+                if (i == bucketStart[b] || code != previous) {
+                    m_leafCode.push_back(code);
+                    m_leafStart.push_back(i);
+                    previous = code;
+                }
+            }
+        }
+        m_directory[buckets] = uint32_t(m_leafCode.size());
+        m_leafStart.push_back(n);
+        m_leafCode.shrink_to_fit();
+        m_leafStart.shrink_to_fit();
+    } catch (const std::bad_alloc &) {
+        clear();
+        return -1;
+    }
+    report(100);
+    return static_cast<int>(n);
+}
+
+unsigned char Octree::findBestLevelForAGivenNeighbourhoodSizeExtraction(PointCoordinateType radius) const
+{
+    const unsigned char leaf = leafLevel();
+    if (m_cubeSize <= 0 || !(radius > 0))
+        return leaf;
+    // The deepest level whose cells are at least twice the radius: a neighbourhood then spans at
+    // most two cells per axis.
+    unsigned char level = 0;
+    while (level < leaf && cellSize(static_cast<unsigned char>(level + 1)) >= 2.0 * radius)
+        ++level;
+    return level;
+}
+
+Octree::Box Octree::cellBox(unsigned level, const uint32_t cell[3]) const
+{
+    const double edge = std::ldexp(m_cubeSize, -static_cast<int>(level));
+    // Points were put in cells with floating-point arithmetic: widen each box by one deepest cell
+    // so that pruning never drops a point lying on a cell boundary.
+    const double margin = std::ldexp(m_cubeSize, -static_cast<int>(m_coarseLevel + SUFFIX_LEVELS));
+    Box box;
+    for (int d = 0; d < 3; ++d) {
+        box.min[d] = m_min[d] + cell[d] * edge - margin;
+        box.max[d] = m_min[d] + (cell[d] + 1) * edge + margin;
+    }
+    return box;
+}
+
+template<typename Shape>
+void Octree::descend(const Shape &shape, unsigned rel, unsigned stopRel, const uint32_t cell[3],
+                     uint32_t lo, uint32_t hi, NeighboursSet &out) const
+{
+    const Box box = cellBox(m_coarseLevel + rel, cell);
+    if (shape.intersects(box.min, box.max))
+        descendInto(shape, rel, stopRel, cell, lo, hi, out);
+}
+
+template<typename Shape>
+void Octree::descendInto(const Shape &shape, unsigned rel, unsigned stopRel, const uint32_t cell[3],
+                         uint32_t lo, uint32_t hi, NeighboursSet &out) const
+{
+    if (rel >= stopRel) {
+        const TZVector3 *pts = m_cloud->data();
+        const uint32_t end = m_leafStart[hi];
+        for (uint32_t j = m_leafStart[lo]; j < end; ++j) {
+            const uint32_t index = m_perm[j];
+            double d2;
+            if (shape.test(pts[index], d2))
+                out.push_back({pts + index, index, d2});
+        }
+        return;
+    }
+    // The leaves of this cell are sorted, so its eight children are consecutive runs; only the
+    // runs of the children that meet the shape are looked up.
+    const unsigned shift = 3 * (m_leafRel - rel - 1);
+    const uint32_t *codes = m_leafCode.data();
+    const unsigned childLevel = m_coarseLevel + rel + 1;
+    uint32_t first = lo;
+    for (uint32_t child = 0; child < 8 && first < hi; ++child) {
+        const uint32_t sub[3] = {2 * cell[0] + (child & 1u), 2 * cell[1] + ((child >> 1) & 1u),
+                                 2 * cell[2] + ((child >> 2) & 1u)};
+        const Box childBox = cellBox(childLevel, sub);
+        if (!shape.intersects(childBox.min, childBox.max))
+            continue;
+        const auto before = [shift, child](uint32_t c) { return ((c >> shift) & 7u) < child; };
+        const auto upTo = [shift, child](uint32_t c) { return ((c >> shift) & 7u) <= child; };
+        first = uint32_t(std::partition_point(codes + first, codes + hi, before) - codes);
+        const uint32_t last = uint32_t(std::partition_point(codes + first, codes + hi, upTo) - codes);
+        if (last > first)
+            descendInto(shape, rel + 1, stopRel, sub, first, last, out);
+        first = last;
+    }
+}
+
+template<typename Shape>
+void Octree::query(const Shape &shape, unsigned char level, NeighboursSet &out) const
+{
+    if (m_perm.empty())
+        return;
+    const uint32_t coarseCells = uint32_t(1) << m_coarseLevel;
+    const double edge = std::ldexp(m_cubeSize, -static_cast<int>(m_coarseLevel));
+    const double margin = std::ldexp(m_cubeSize, -static_cast<int>(m_coarseLevel + SUFFIX_LEVELS));
+    uint32_t lo[3];
+    uint32_t hi[3];
+    for (int d = 0; d < 3; ++d) {
+        const double a = std::floor((shape.bmin[d] - margin - m_min[d]) / edge);
+        const double b = std::floor((shape.bmax[d] + margin - m_min[d]) / edge);
+        if (!(b >= 0) || !(a < coarseCells))
+            return; // outside the cube, or NaN bounds
+        lo[d] = a <= 0 ? 0u : uint32_t(a);
+        hi[d] = b >= coarseCells - 1 ? coarseCells - 1 : uint32_t(b);
+    }
+    const unsigned stopRel = level <= m_coarseLevel
+        ? 0u
+        : std::min<unsigned>(level - m_coarseLevel, m_leafRel);
+    // Fetch the directory entries of all the coarse cells first: they are independent loads that
+    // the processor overlaps, where fetching them one by one in the descent would wait for each.
+    constexpr unsigned MAX_BATCH = 64;
+    uint32_t batch[MAX_BATCH][5];
+    unsigned count = 0;
+    const auto flush = [&] {
+        for (unsigned i = 0; i < count; ++i) {
+            if (batch[i][3] < batch[i][4])
+                descend(shape, 0, stopRel, batch[i], batch[i][3], batch[i][4], out);
+        }
+        count = 0;
+    };
+    for (uint32_t z = lo[2]; z <= hi[2]; ++z) {
+        for (uint32_t y = lo[1]; y <= hi[1]; ++y) {
+            for (uint32_t x = lo[0]; x <= hi[0]; ++x) {
+                const uint32_t b = morton3(x, y, z);
+                uint32_t *entry = batch[count++];
+                entry[0] = x;
+                entry[1] = y;
+                entry[2] = z;
+                entry[3] = m_directory[b];
+                entry[4] = m_directory[b + 1];
+                if (count == MAX_BATCH)
+                    flush();
+            }
+        }
+    }
+    flush();
+}
+
+int Octree::getPointsInSphericalNeighbourhood(const TZVector3 &centre, PointCoordinateType radius,
+                                              NeighboursSet &neighbours, unsigned char level) const
+{
+    const std::size_t before = neighbours.size();
+    if (radius >= 0)
+        query(SphereShape(centre, radius), level, neighbours);
+    return static_cast<int>(neighbours.size() - before);
+}
+
+std::size_t Octree::getPointsInCylindricalNeighbourhood(CylindricalNeighbourhood &params) const
+{
+    params.neighbours.clear();
+    if (params.radius >= 0 && params.maxHalfLength >= 0)
+        query(CylinderShape(params), params.level, params.neighbours);
+    return params.neighbours.size();
+}
+
+} // namespace TZLib

@@ -1,0 +1,115 @@
+#pragma once
+
+// Linear octree over a point cloud.
+//
+// Conventions:
+// - The octree covers a cube whose lower corner is the cloud's bounding-box minimum and whose
+//   edge is the largest extent of that box (slightly enlarged so that the maximum falls inside).
+//   Level 0 is the whole cube, a cell of level L has edge cubeSize / 2^L.
+// - Cells are numbered by Morton code: bit 0 of each bit triple is x, bit 1 is y, bit 2 is z,
+//   so child k of a cell holds the points with (x, y, z) halves (k & 1, k >> 1 & 1, k >> 2 & 1).
+// - The cloud's points are never moved. The octree keeps a permutation of the point indices sorted
+//   by leaf cell (ties by index), the sorted table of non-empty leaf cells and a dense directory of
+//   the cells of one coarse level (at most one cell per 4 points). The leaf level is the deepest
+//   that keeps the whole within 8 bytes per point.
+// - Queries return exactly the points that a brute-force scan with the same test returns: cells
+//   only prune, and every point kept has passed the exact test, computed in double precision.
+//   The level passed to a query is where the descent stops and points are scanned; it changes the
+//   speed, never the result. Results come in the octree's own order, which is stable.
+// - The cloud must not change while the octree is used; its owner drops the octree when it does.
+
+#include "PointCloudTpl.h"
+#include "TZVector3.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+namespace TZLib {
+
+class Octree
+{
+public:
+    //! A point found by a query: its address in the cloud, its index, and its squared distance
+    //! (to the centre for a sphere, to the axis for a cylinder).
+    struct PointDescriptor
+    {
+        const TZVector3 *point = nullptr;
+        unsigned pointIndex = 0;
+        double squareDistd = 0.0;
+    };
+    using NeighboursSet = std::vector<PointDescriptor>;
+
+    //! A cylinder query. Points with an axial coordinate t = (P - center) . dir in
+    //! [-maxHalfLength, maxHalfLength] (or [0, maxHalfLength] with onlyPositiveDir) and a distance
+    //! to the axis of at most radius are returned in neighbours. dir must be a unit vector.
+    struct CylindricalNeighbourhood
+    {
+        TZVector3 center;
+        TZVector3 dir{0, 0, 1};
+        PointCoordinateType radius = 0;
+        PointCoordinateType maxHalfLength = 0;
+        bool onlyPositiveDir = false;
+        unsigned char level = 0;
+        NeighboursSet neighbours;
+    };
+
+    //! Receives the progress of a build, 0 to 100.
+    using ProgressCallback = std::function<void(int percent)>;
+
+    static constexpr unsigned char MAX_LEVEL = 17;
+
+    explicit Octree(const PointCloud *cloud);
+
+    //! Builds the octree over the cloud's current points; returns the number of points indexed,
+    //! or -1 when memory runs out (the octree is then empty).
+    int build(const ProgressCallback &progress = {});
+    void clear();
+
+    const PointCloud *associatedCloud() const { return m_cloud; }
+    unsigned pointCount() const { return static_cast<unsigned>(m_perm.size()); }
+    //! The deepest level that holds separate cells (the leaves).
+    unsigned char leafLevel() const { return static_cast<unsigned char>(m_coarseLevel + m_leafRel); }
+    double cubeSize() const { return m_cubeSize; }
+    double cellSize(unsigned char level) const;
+    //! Bytes held by the octree itself (not counting the cloud's points).
+    std::size_t memoryUsed() const;
+
+    //! The level whose cells suit a neighbourhood of the given radius.
+    unsigned char findBestLevelForAGivenNeighbourhoodSizeExtraction(PointCoordinateType radius) const;
+
+    //! Points within radius of centre (inclusive), appended to neighbours; returns how many.
+    int getPointsInSphericalNeighbourhood(const TZVector3 &centre, PointCoordinateType radius,
+                                          NeighboursSet &neighbours, unsigned char level) const;
+    //! Points in the cylinder of params, written to params.neighbours (cleared first).
+    std::size_t getPointsInCylindricalNeighbourhood(CylindricalNeighbourhood &params) const;
+
+private:
+    struct Box
+    {
+        double min[3];
+        double max[3];
+    };
+    template<typename Shape>
+    void query(const Shape &shape, unsigned char level, NeighboursSet &out) const;
+    template<typename Shape>
+    void descend(const Shape &shape, unsigned rel, unsigned stopRel, const uint32_t cell[3],
+                 uint32_t lo, uint32_t hi, NeighboursSet &out) const;
+    template<typename Shape>
+    void descendInto(const Shape &shape, unsigned rel, unsigned stopRel, const uint32_t cell[3],
+                     uint32_t lo, uint32_t hi, NeighboursSet &out) const;
+    Box cellBox(unsigned level, const uint32_t cell[3]) const;
+
+    const PointCloud *m_cloud = nullptr;
+    double m_min[3] = {0, 0, 0};
+    double m_cubeSize = 0;
+    unsigned m_coarseLevel = 0; // level of the dense directory
+    unsigned m_leafRel = 0; // leaf level, counted from the coarse level (0..SUFFIX_LEVELS)
+    std::vector<uint32_t> m_perm; // point indices sorted by leaf cell, then index
+    std::vector<uint32_t> m_leafCode; // Morton code of each leaf below its coarse cell, sorted
+    std::vector<uint32_t> m_leafStart; // first entry of each leaf in m_perm; one more at the end
+    std::vector<uint32_t> m_directory; // first leaf of each coarse cell; one more at the end
+};
+
+} // namespace TZLib
