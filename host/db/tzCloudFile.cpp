@@ -1,0 +1,655 @@
+#include "tzCloudFile.h"
+
+#include "tzPointCloud.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace tzCloudFile {
+
+namespace {
+
+//! Raised inside the readers; turned into the error text at the top. Never leaves this file.
+struct ReadFailure
+{
+    QString reason;
+};
+struct Cancelled
+{
+};
+
+[[noreturn]] void failWith(const QString &reason)
+{
+    throw ReadFailure{reason};
+}
+
+struct Bytes
+{
+    const uchar *data = nullptr;
+    size_t size = 0;
+};
+
+// Collects the points, deciding the global shift on the first one (or from a header box).
+class CloudBuilder
+{
+public:
+    explicit CloudBuilder(const LoadOptions &options)
+        : m_options(options)
+    {
+    }
+
+    void reserve(size_t n, bool colors)
+    {
+        try {
+            m_points.reserve(n);
+            if (colors)
+                m_colors.reserve(n);
+        } catch (const std::bad_alloc &) {
+            failWith(QStringLiteral("not enough memory for %1 points").arg(n));
+        }
+    }
+    void decideShift(const TZVector3d &reference)
+    {
+        m_shiftDecided = true;
+        if (!needsShift(reference))
+            return;
+        m_shift = suggestShift(reference);
+        if (m_options.confirmShift && !m_options.confirmShift(m_shift))
+            throw Cancelled{};
+    }
+    void add(double x, double y, double z)
+    {
+        if (!m_shiftDecided)
+            decideShift({x, y, z});
+        m_points.push_back({float(x + m_shift.x), float(y + m_shift.y), float(z + m_shift.z)});
+    }
+    void addColor(tzRgb c) { m_colors.push_back(c); }
+    void progress(size_t done, size_t total)
+    {
+        if (m_options.progress && total > 0 && !m_options.progress(int(done * 100 / total)))
+            throw Cancelled{};
+    }
+    size_t count() const { return m_points.size(); }
+
+    tzPointCloud *finish(const QString &name)
+    {
+        auto cloud = std::make_unique<tzPointCloud>(name);
+        const bool withColors = !m_colors.empty();
+        if (withColors && m_colors.size() != m_points.size())
+            failWith(QStringLiteral("colours for %1 of %2 points").arg(m_colors.size()).arg(m_points.size()));
+        cloud->setPoints(std::move(m_points));
+        if (withColors)
+            cloud->setColors(std::move(m_colors));
+        cloud->setGlobalShift(m_shift);
+        return cloud.release();
+    }
+
+private:
+    const LoadOptions &m_options;
+    std::vector<TZVector3> m_points;
+    std::vector<tzRgb> m_colors;
+    TZVector3d m_shift;
+    bool m_shiftDecided = false;
+};
+
+quint8 clampColor(double v)
+{
+    return quint8(std::lround(std::min(255.0, std::max(0.0, v))));
+}
+
+// ---------------------------------------------------------------- text helpers
+
+const char *skipBlanks(const char *p, const char *end)
+{
+    while (p < end && (*p == ' ' || *p == '\t' || *p == ',' || *p == ';' || *p == '\r'))
+        ++p;
+    return p;
+}
+
+// Reads a number at p; returns the position after it, or null when there is none.
+const char *parseNumber(const char *p, const char *end, double &value)
+{
+    p = skipBlanks(p, end);
+    if (p < end && *p == '+')
+        ++p;
+    const auto result = std::from_chars(p, end, value);
+    if (result.ec != std::errc() || result.ptr == p)
+        return nullptr;
+    return result.ptr;
+}
+
+// ---------------------------------------------------------------- PLY
+
+enum class PlyType { Int8, UInt8, Int16, UInt16, Int32, UInt32, Float32, Float64, Invalid };
+
+PlyType plyType(const QByteArray &name)
+{
+    static const struct
+    {
+        const char *name;
+        PlyType type;
+    } table[] = {{"char", PlyType::Int8},     {"int8", PlyType::Int8},      {"uchar", PlyType::UInt8},
+                 {"uint8", PlyType::UInt8},   {"short", PlyType::Int16},    {"int16", PlyType::Int16},
+                 {"ushort", PlyType::UInt16}, {"uint16", PlyType::UInt16},  {"int", PlyType::Int32},
+                 {"int32", PlyType::Int32},   {"uint", PlyType::UInt32},    {"uint32", PlyType::UInt32},
+                 {"float", PlyType::Float32}, {"float32", PlyType::Float32}, {"double", PlyType::Float64},
+                 {"float64", PlyType::Float64}};
+    for (const auto &entry : table) {
+        if (name == entry.name)
+            return entry.type;
+    }
+    return PlyType::Invalid;
+}
+
+size_t plySize(PlyType t)
+{
+    switch (t) {
+    case PlyType::Int8:
+    case PlyType::UInt8:
+        return 1;
+    case PlyType::Int16:
+    case PlyType::UInt16:
+        return 2;
+    case PlyType::Int32:
+    case PlyType::UInt32:
+    case PlyType::Float32:
+        return 4;
+    case PlyType::Float64:
+        return 8;
+    case PlyType::Invalid:
+        break;
+    }
+    return 0;
+}
+
+template<typename T>
+T loadAs(const uchar *p, bool swap)
+{
+    uchar b[sizeof(T)];
+    std::memcpy(b, p, sizeof(T));
+    if (swap)
+        std::reverse(b, b + sizeof(T));
+    T v;
+    std::memcpy(&v, b, sizeof(T));
+    return v;
+}
+
+double plyValue(const uchar *p, PlyType t, bool swap)
+{
+    switch (t) {
+    case PlyType::Int8:
+        return double(loadAs<qint8>(p, false));
+    case PlyType::UInt8:
+        return double(*p);
+    case PlyType::Int16:
+        return double(loadAs<qint16>(p, swap));
+    case PlyType::UInt16:
+        return double(loadAs<quint16>(p, swap));
+    case PlyType::Int32:
+        return double(loadAs<qint32>(p, swap));
+    case PlyType::UInt32:
+        return double(loadAs<quint32>(p, swap));
+    case PlyType::Float32:
+        return double(loadAs<float>(p, swap));
+    case PlyType::Float64:
+        return loadAs<double>(p, swap);
+    case PlyType::Invalid:
+        break;
+    }
+    return 0;
+}
+
+quint8 plyColor(double v, PlyType t)
+{
+    if (t == PlyType::Float32 || t == PlyType::Float64)
+        return clampColor(v * 255.0);
+    if (t == PlyType::UInt16)
+        return quint8(quint16(v) >> 8);
+    return clampColor(v);
+}
+
+struct PlyProperty
+{
+    QByteArray name;
+    PlyType type = PlyType::Invalid;
+    bool isList = false;
+    size_t offset = 0;
+};
+struct PlyElement
+{
+    QByteArray name;
+    quint64 count = 0;
+    std::vector<PlyProperty> properties;
+    size_t recordSize() const
+    {
+        size_t s = 0;
+        for (const auto &p : properties)
+            s += plySize(p.type);
+        return s;
+    }
+    bool hasList() const
+    {
+        return std::any_of(properties.begin(), properties.end(), [](const PlyProperty &p) { return p.isList; });
+    }
+    int find(std::initializer_list<const char *> names) const
+    {
+        for (const char *n : names) {
+            for (size_t i = 0; i < properties.size(); ++i) {
+                if (properties[i].name == n)
+                    return int(i);
+            }
+        }
+        return -1;
+    }
+};
+
+tzPointCloud *readPly(const Bytes &in, const QString &name, const LoadOptions &options)
+{
+    const char *text = reinterpret_cast<const char *>(in.data);
+    const char *end = text + in.size;
+    const char *p = text;
+    auto nextLine = [&](QByteArray &line) {
+        if (p >= end)
+            failWith(QStringLiteral("the PLY header has no 'end_header' line"));
+        const char *eol = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
+        const char *stop = eol ? eol : end;
+        line = QByteArray(p, int(stop - p)).trimmed();
+        p = eol ? eol + 1 : end;
+    };
+
+    QByteArray line;
+    nextLine(line);
+    if (line != "ply")
+        failWith(QStringLiteral("not a PLY file (it does not start with 'ply')"));
+    enum { Ascii, BinaryLE, BinaryBE } format = Ascii;
+    bool formatSeen = false;
+    std::vector<PlyElement> elements;
+    for (;;) {
+        nextLine(line);
+        if (line == "end_header")
+            break;
+        const QList<QByteArray> words = line.simplified().split(' ');
+        if (words.isEmpty() || words[0].isEmpty() || words[0] == "comment" || words[0] == "obj_info")
+            continue;
+        if (words[0] == "format") {
+            if (words.size() < 2)
+                failWith(QStringLiteral("malformed PLY format line '%1'").arg(QString::fromLatin1(line)));
+            if (words[1] == "ascii")
+                format = Ascii;
+            else if (words[1] == "binary_little_endian")
+                format = BinaryLE;
+            else if (words[1] == "binary_big_endian")
+                format = BinaryBE;
+            else
+                failWith(QStringLiteral("unrecognized PLY format '%1'").arg(QString::fromLatin1(words[1])));
+            formatSeen = true;
+        } else if (words[0] == "element") {
+            bool ok = false;
+            if (words.size() != 3)
+                failWith(QStringLiteral("malformed PLY element line '%1'").arg(QString::fromLatin1(line)));
+            const quint64 count = words[2].toULongLong(&ok);
+            if (!ok)
+                failWith(QStringLiteral("bad PLY element count '%1'").arg(QString::fromLatin1(words[2])));
+            elements.push_back({words[1], count, {}});
+        } else if (words[0] == "property") {
+            if (elements.empty())
+                failWith(QStringLiteral("PLY property before any element: '%1'").arg(QString::fromLatin1(line)));
+            PlyProperty prop;
+            if (words.size() == 5 && words[1] == "list") {
+                prop.isList = true;
+                prop.type = plyType(words[3]);
+                prop.name = words[4];
+                if (plyType(words[2]) == PlyType::Invalid)
+                    prop.type = PlyType::Invalid;
+            } else if (words.size() == 3) {
+                prop.type = plyType(words[1]);
+                prop.name = words[2];
+            }
+            if (prop.type == PlyType::Invalid)
+                failWith(QStringLiteral("unrecognized PLY property '%1'").arg(QString::fromLatin1(line)));
+            elements.back().properties.push_back(prop);
+        } else {
+            failWith(QStringLiteral("unexpected PLY header line '%1'").arg(QString::fromLatin1(line)));
+        }
+    }
+    if (!formatSeen)
+        failWith(QStringLiteral("the PLY header has no format line"));
+
+    const auto vertexIt = std::find_if(elements.begin(), elements.end(),
+                                       [](const PlyElement &e) { return e.name == "vertex"; });
+    if (vertexIt == elements.end())
+        failWith(QStringLiteral("the PLY file has no vertex element"));
+    const PlyElement &vertex = *vertexIt;
+    const int ix = vertex.find({"x"}), iy = vertex.find({"y"}), iz = vertex.find({"z"});
+    if (ix < 0 || iy < 0 || iz < 0)
+        failWith(QStringLiteral("the PLY vertex element lacks x, y or z"));
+    const int ir = vertex.find({"red", "r", "diffuse_red"});
+    const int ig = vertex.find({"green", "g", "diffuse_green"});
+    const int ib = vertex.find({"blue", "b", "diffuse_blue"});
+    const bool withColors = ir >= 0 && ig >= 0 && ib >= 0;
+    if (vertex.count > 0xffffffffull)
+        failWith(QStringLiteral("too many vertices (%1)").arg(vertex.count));
+
+    CloudBuilder builder(options);
+    const size_t n = size_t(vertex.count);
+
+    if (format == Ascii) {
+        // Lines of the elements before the vertices are skipped.
+        for (auto it = elements.begin(); it != vertexIt; ++it) {
+            for (quint64 i = 0; i < it->count; ++i) {
+                const char *eol = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
+                if (!eol)
+                    failWith(QStringLiteral("the file ends inside element '%1'").arg(QString::fromLatin1(it->name)));
+                p = eol + 1;
+            }
+        }
+        if (vertex.hasList())
+            failWith(QStringLiteral("list properties in the vertex element are not supported"));
+        builder.reserve(n, withColors);
+        std::vector<double> values(vertex.properties.size());
+        for (size_t i = 0; i < n; ++i) {
+            for (size_t k = 0; k < values.size(); ++k) {
+                const char *q = parseNumber(p, end, values[k]);
+                if (!q)
+                    failWith(QStringLiteral("vertex %1: expected %2 numbers").arg(i).arg(values.size()));
+                p = q;
+            }
+            const char *eol = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
+            p = eol ? eol + 1 : end;
+            builder.add(values[size_t(ix)], values[size_t(iy)], values[size_t(iz)]);
+            if (withColors) {
+                builder.addColor({plyColor(values[size_t(ir)], vertex.properties[size_t(ir)].type),
+                                  plyColor(values[size_t(ig)], vertex.properties[size_t(ig)].type),
+                                  plyColor(values[size_t(ib)], vertex.properties[size_t(ib)].type)});
+            }
+            if ((i & 0xfffff) == 0)
+                builder.progress(i, n);
+        }
+        return builder.finish(name);
+    }
+
+    // Binary: fixed-size records; the elements before the vertices are skipped whole.
+    const bool swap = (format == BinaryBE) == (Q_BYTE_ORDER == Q_LITTLE_ENDIAN);
+    size_t offset = size_t(p - text);
+    for (auto it = elements.begin(); it != vertexIt; ++it) {
+        if (it->hasList())
+            failWith(QStringLiteral("element '%1' before the vertices has list properties (not supported)")
+                         .arg(QString::fromLatin1(it->name)));
+        offset += size_t(it->count) * it->recordSize();
+    }
+    if (vertex.hasList())
+        failWith(QStringLiteral("list properties in the vertex element are not supported"));
+    const size_t stride = vertex.recordSize();
+    const size_t needed = n * stride;
+    if (offset > in.size || in.size - offset < needed)
+        failWith(QStringLiteral("the file is truncated: %1 vertices announced, data for %2")
+                     .arg(n)
+                     .arg(offset > in.size ? 0 : (in.size - offset) / std::max<size_t>(stride, 1)));
+    std::vector<size_t> offsets(vertex.properties.size());
+    for (size_t k = 0, o = 0; k < offsets.size(); ++k) {
+        offsets[k] = o;
+        o += plySize(vertex.properties[k].type);
+    }
+    builder.reserve(n, withColors);
+    const uchar *data = in.data + offset;
+    const PlyType tx = vertex.properties[size_t(ix)].type, ty = vertex.properties[size_t(iy)].type,
+                  tz = vertex.properties[size_t(iz)].type;
+    const size_t ox = offsets[size_t(ix)], oy = offsets[size_t(iy)], oz = offsets[size_t(iz)];
+    for (size_t i = 0; i < n; ++i) {
+        const uchar *rec = data + i * stride;
+        builder.add(plyValue(rec + ox, tx, swap), plyValue(rec + oy, ty, swap), plyValue(rec + oz, tz, swap));
+        if (withColors) {
+            tzRgb c;
+            c.r = plyColor(plyValue(rec + offsets[size_t(ir)], vertex.properties[size_t(ir)].type, swap),
+                           vertex.properties[size_t(ir)].type);
+            c.g = plyColor(plyValue(rec + offsets[size_t(ig)], vertex.properties[size_t(ig)].type, swap),
+                           vertex.properties[size_t(ig)].type);
+            c.b = plyColor(plyValue(rec + offsets[size_t(ib)], vertex.properties[size_t(ib)].type, swap),
+                           vertex.properties[size_t(ib)].type);
+            builder.addColor(c);
+        }
+        if ((i & 0xfffff) == 0)
+            builder.progress(i, n);
+    }
+    return builder.finish(name);
+}
+
+// ---------------------------------------------------------------- LAS
+
+tzPointCloud *readLas(const Bytes &in, const QString &name, const LoadOptions &options)
+{
+    constexpr size_t MIN_HEADER = 227;
+    if (in.size < MIN_HEADER || std::memcmp(in.data, "LASF", 4) != 0)
+        failWith(in.size < 4 || std::memcmp(in.data, "LASF", 4) != 0
+                     ? QStringLiteral("not a LAS file (no 'LASF' signature)")
+                     : QStringLiteral("the LAS header is truncated"));
+    const uchar *h = in.data;
+    const int major = h[24], minor = h[25];
+    if (major != 1 || minor > 4)
+        failWith(QStringLiteral("LAS version %1.%2 is not supported").arg(major).arg(minor));
+    const quint16 headerSize = loadAs<quint16>(h + 94, false);
+    const quint32 dataOffset = loadAs<quint32>(h + 96, false);
+    const quint8 formatByte = h[104];
+    const quint16 recordLength = loadAs<quint16>(h + 105, false);
+    quint64 count = loadAs<quint32>(h + 107, false);
+    if (formatByte & 0xc0)
+        failWith(QStringLiteral("compressed LAS point data is not supported"));
+    const int format = formatByte & 0x3f;
+    static const int minLength[] = {20, 28, 26, 34, -1, -1, 30, 36, 38};
+    if (format > 8 || minLength[format] < 0)
+        failWith(QStringLiteral("LAS point data format %1 is not supported").arg(format));
+    if (recordLength < minLength[format])
+        failWith(QStringLiteral("LAS point record length %1 is too short for point format %2")
+                     .arg(recordLength)
+                     .arg(format));
+    if (minor >= 4 && headerSize >= 375 && in.size >= 255) {
+        const quint64 extended = loadAs<quint64>(h + 247, false);
+        if (count == 0 || extended > count)
+            count = extended;
+    }
+    if (headerSize < MIN_HEADER || dataOffset < headerSize || dataOffset > in.size)
+        failWith(QStringLiteral("the LAS header gives an impossible point data offset %1").arg(dataOffset));
+    if (count > 0xffffffffull || (in.size - dataOffset) / recordLength < count)
+        failWith(QStringLiteral("the file is truncated: %1 points announced, data for %2")
+                     .arg(count)
+                     .arg((in.size - dataOffset) / recordLength));
+    double scale[3], offset[3], bbMax[3], bbMin[3];
+    for (int d = 0; d < 3; ++d) {
+        scale[d] = loadAs<double>(h + 131 + 8 * d, false);
+        offset[d] = loadAs<double>(h + 155 + 8 * d, false);
+        bbMax[d] = loadAs<double>(h + 179 + 16 * d, false);
+        bbMin[d] = loadAs<double>(h + 187 + 16 * d, false);
+        if (!(scale[d] != 0) || !std::isfinite(scale[d]) || !std::isfinite(offset[d]))
+            failWith(QStringLiteral("the LAS header has an invalid scale or offset"));
+    }
+    const size_t n = size_t(count);
+    const int rgbOffset = format == 2 ? 20 : (format == 3 ? 28 : (format >= 7 ? 30 : -1));
+    const uchar *data = in.data + dataOffset;
+
+    CloudBuilder builder(options);
+    builder.reserve(n, rgbOffset >= 0);
+    if (n > 0) {
+        // The header's box gives the shift when it is sane; else the first point does.
+        TZVector3d centre((bbMin[0] + bbMax[0]) / 2, (bbMin[1] + bbMax[1]) / 2, (bbMin[2] + bbMax[2]) / 2);
+        const bool boxValid = std::isfinite(centre.x) && std::isfinite(centre.y) && std::isfinite(centre.z)
+            && bbMin[0] <= bbMax[0] && bbMin[1] <= bbMax[1] && bbMin[2] <= bbMax[2];
+        if (!boxValid) {
+            for (int d = 0; d < 3; ++d)
+                centre[d] = loadAs<qint32>(data + 4 * d, false) * scale[d] + offset[d];
+        }
+        builder.decideShift(centre);
+    }
+    // Colours are 16-bit; some writers put 8-bit values in them. Those are kept as they are.
+    bool eightBitColors = true;
+    if (rgbOffset >= 0) {
+        for (size_t i = 0; i < n && eightBitColors; ++i) {
+            const uchar *c = data + i * recordLength + rgbOffset;
+            for (int k = 0; k < 3; ++k) {
+                if (loadAs<quint16>(c + 2 * k, false) > 255)
+                    eightBitColors = false;
+            }
+        }
+    }
+    for (size_t i = 0; i < n; ++i) {
+        const uchar *rec = data + i * recordLength;
+        builder.add(loadAs<qint32>(rec, false) * scale[0] + offset[0],
+                    loadAs<qint32>(rec + 4, false) * scale[1] + offset[1],
+                    loadAs<qint32>(rec + 8, false) * scale[2] + offset[2]);
+        if (rgbOffset >= 0) {
+            const uchar *c = rec + rgbOffset;
+            const int shift = eightBitColors ? 0 : 8;
+            builder.addColor({quint8(loadAs<quint16>(c, false) >> shift), quint8(loadAs<quint16>(c + 2, false) >> shift),
+                              quint8(loadAs<quint16>(c + 4, false) >> shift)});
+        }
+        if ((i & 0xfffff) == 0)
+            builder.progress(i, n);
+    }
+    return builder.finish(name);
+}
+
+// ---------------------------------------------------------------- XYZ
+
+tzPointCloud *readXyz(const Bytes &in, const QString &name, const LoadOptions &options)
+{
+    const char *p = reinterpret_cast<const char *>(in.data);
+    const char *end = p + in.size;
+    CloudBuilder builder(options);
+    // About 30 bytes a line: reserve once, without holding far more than needed.
+    builder.reserve(in.size / 24 + 1, false);
+    int columns = 0; // 3, or 6 with colours; decided by the first data line
+    size_t lineNumber = 0;
+    while (p < end) {
+        ++lineNumber;
+        const char *eol = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
+        const char *stop = eol ? eol : end;
+        const char *q = skipBlanks(p, stop);
+        const char *lineStart = p;
+        p = eol ? eol + 1 : end;
+        if (q == stop || *q == '#' || (stop - q >= 2 && q[0] == '/' && q[1] == '/'))
+            continue;
+        double v[6];
+        int found = 0;
+        for (; found < 6; ++found) {
+            const char *r = parseNumber(q, stop, v[found]);
+            if (!r)
+                break;
+            q = r;
+        }
+        if (columns == 0) {
+            if (found < 3) {
+                if (builder.count() == 0 && lineNumber == 1)
+                    continue; // a header line of column names
+                failWith(QStringLiteral("line %1: expected at least 3 numbers, got '%2'")
+                             .arg(lineNumber)
+                             .arg(QString::fromUtf8(lineStart, int(std::min<ptrdiff_t>(stop - lineStart, 80))).trimmed()));
+            }
+            columns = found >= 6 ? 6 : 3;
+        }
+        if (found < columns)
+            failWith(QStringLiteral("line %1: expected %2 numbers, got '%3'")
+                         .arg(lineNumber)
+                         .arg(columns)
+                         .arg(QString::fromUtf8(lineStart, int(std::min<ptrdiff_t>(stop - lineStart, 80))).trimmed()));
+        builder.add(v[0], v[1], v[2]);
+        if (columns == 6)
+            builder.addColor({clampColor(v[3]), clampColor(v[4]), clampColor(v[5])});
+        if ((lineNumber & 0xfffff) == 0)
+            builder.progress(size_t(p - reinterpret_cast<const char *>(in.data)), in.size);
+    }
+    if (builder.count() == 0)
+        failWith(QStringLiteral("no point in the file"));
+    return builder.finish(name);
+}
+
+tzPointCloud *readAny(const Bytes &bytes, const QString &format, const QString &name, QString &errorText,
+                      const LoadOptions &options)
+{
+    try {
+        if (format == QLatin1String("ply"))
+            return readPly(bytes, name, options);
+        if (format == QLatin1String("las"))
+            return readLas(bytes, name, options);
+        if (format == QLatin1String("xyz"))
+            return readXyz(bytes, name, options);
+        errorText = QStringLiteral("'%1': unknown cloud format '%2'").arg(name, format);
+    } catch (const ReadFailure &failure) {
+        errorText = QStringLiteral("'%1': %2").arg(name, failure.reason);
+    } catch (const Cancelled &) {
+        errorText = QStringLiteral("'%1': loading cancelled").arg(name);
+    } catch (const std::bad_alloc &) {
+        errorText = QStringLiteral("'%1': Not enough memory").arg(name);
+    }
+    return nullptr;
+}
+
+} // namespace
+
+bool needsShift(const TZVector3d &p)
+{
+    return std::abs(p.x) >= MAX_UNSHIFTED_COORDINATE || std::abs(p.y) >= MAX_UNSHIFTED_COORDINATE
+        || std::abs(p.z) >= MAX_UNSHIFTED_COORDINATE;
+}
+
+TZVector3d suggestShift(const TZVector3d &p)
+{
+    TZVector3d shift;
+    for (int d = 0; d < 3; ++d) {
+        if (std::abs(p[d]) >= MAX_UNSHIFTED_COORDINATE)
+            shift[d] = -std::round(p[d] / 100.0) * 100.0;
+    }
+    return shift;
+}
+
+tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format, const QString &name,
+                             QString &errorText, const LoadOptions &options)
+{
+    const Bytes view{reinterpret_cast<const uchar *>(bytes.constData()), size_t(bytes.size())};
+    return readAny(view, format, name, errorText, options);
+}
+
+tzPointCloud *load(const QString &path, QString &errorText, const LoadOptions &options)
+{
+    const QFileInfo info(path);
+    const QString suffix = info.suffix().toLower();
+    QString format;
+    if (suffix == QLatin1String("ply"))
+        format = QStringLiteral("ply");
+    else if (suffix == QLatin1String("las"))
+        format = QStringLiteral("las");
+    else if (QStringList{"xyz", "txt", "asc", "pts", "csv"}.contains(suffix))
+        format = QStringLiteral("xyz");
+    else {
+        errorText = QStringLiteral("'%1': unknown cloud file extension '.%2'").arg(path, suffix);
+        return nullptr;
+    }
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        errorText = QStringLiteral("'%1': cannot open (%2)").arg(path, file.errorString());
+        return nullptr;
+    }
+    // Mapped, the file is read at memory speed; an empty file cannot be mapped.
+    Bytes bytes;
+    QByteArray copy;
+    if (file.size() > 0) {
+        bytes.data = file.map(0, file.size());
+        bytes.size = size_t(file.size());
+        if (!bytes.data) {
+            copy = file.readAll();
+            bytes.data = reinterpret_cast<const uchar *>(copy.constData());
+            bytes.size = size_t(copy.size());
+        }
+    }
+    tzPointCloud *cloud = readAny(bytes, format, path, errorText, options);
+    if (cloud)
+        cloud->setName(info.completeBaseName());
+    return cloud;
+}
+
+} // namespace tzCloudFile

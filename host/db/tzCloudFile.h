@@ -1,0 +1,45 @@
+#pragma once
+
+// Point cloud files: PLY (ASCII, binary little and big endian), LAS 1.2 to 1.4 uncompressed
+// (point formats 0 to 3 and 6 to 8) and ASCII XYZ, each with optional RGB colours.
+//
+// Coordinates too large for floats (a national grid: X 650 000, Y 6 860 000) are shifted so that
+// the cloud's local floats keep millimetre precision; the shift is kept on the cloud
+// (local = global + shift). A file that cannot be read gives null and an error that names the file
+// and the problem: never a half-filled cloud.
+
+#include "TZVector3.h"
+#include "qtz_db_global.h"
+
+#include <QString>
+
+#include <functional>
+
+class tzPointCloud;
+
+namespace tzCloudFile {
+
+struct LoadOptions
+{
+    //! Asked when the file needs a global shift, with the suggested one; it may change it and
+    //! returns false to cancel the load. Without it the suggestion is taken (headless runs).
+    std::function<bool(TZVector3d &shift)> confirmShift;
+    //! Told the progress in percent; returns false to cancel the load.
+    std::function<bool(int percent)> progress;
+};
+
+//! Beyond this absolute value a coordinate needs a shift (a float keeps 1 mm up to ~8 km).
+constexpr double MAX_UNSHIFTED_COORDINATE = 1.0e4;
+
+//! Whether a point needs a shift, and the shift suggested for it (whole hundreds of units).
+QTZ_DB_LIB_API bool needsShift(const TZVector3d &p);
+QTZ_DB_LIB_API TZVector3d suggestShift(const TZVector3d &p);
+
+//! Reads the file by its extension (.ply, .las, .xyz, .txt, .asc, .pts, .csv).
+QTZ_DB_LIB_API tzPointCloud *load(const QString &path, QString &errorText, const LoadOptions &options = {});
+//! Reads a file's bytes of the given format ("ply", "las" or "xyz"); name is used in messages.
+QTZ_DB_LIB_API tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format,
+                                            const QString &name, QString &errorText,
+                                            const LoadOptions &options = {});
+
+} // namespace tzCloudFile

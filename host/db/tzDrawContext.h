@@ -1,0 +1,59 @@
+#pragma once
+
+#include "qtz_db_global.h"
+
+#include <QColor>
+#include <QFont>
+#include <QString>
+
+class QOpenGLContext;
+class QOpenGLFunctions_2_1;
+class tzGenericGLDisplay;
+
+//! Flags of a draw pass (tzDrawContext::drawingFlags).
+enum tzDrawFlags : int {
+    TZ_DRAW_2D = 1,
+    TZ_DRAW_3D = 2,
+    TZ_DRAW_FOREGROUND = 4,
+    TZ_ENTITY_PICKING = 64,
+    TZ_FAST_ENTITY_PICKING = 512,
+};
+
+//! Everything a drawable needs during one pass of the view: which pass, the GL functions, the
+//! view size and the display settings of labels and numbers.
+struct tzDrawContext
+{
+    int drawingFlags = 0;
+    int glW = 0; // view width in pixels
+    int glH = 0; // view height in pixels
+    tzGenericGLDisplay *display = nullptr;
+    QOpenGLContext *qGLContext = nullptr;
+    QOpenGLFunctions_2_1 *glFunctions = nullptr;
+    float labelMarkerSize = 5.f; // pixels
+    float labelMarkerTextShift = 0.f;
+    QFont labelFont;
+    int dispNumberPrecision = 6;
+    QColor labelDefaultColor = QColor(255, 255, 0);
+    QColor pointsDefaultColor = QColor(255, 255, 255);
+    float renderZoom = 1.f;
+    float pointSize = 1.f;
+    bool perspective = false;
+
+    bool is2D() const { return drawingFlags & TZ_DRAW_2D; }
+    bool is3D() const { return drawingFlags & TZ_DRAW_3D; }
+    bool isPicking() const { return drawingFlags & TZ_ENTITY_PICKING; }
+};
+
+//! What a view offers to the objects it shows (implemented by the 3D view).
+class QTZ_DB_LIB_API tzGenericGLDisplay
+{
+public:
+    virtual ~tzGenericGLDisplay() = default;
+    //! Requests a new frame; many requests before the next frame make one frame.
+    virtual void redraw(bool only2D = false, bool resetLOD = true) = 0;
+    //! Marks the 3D layer as out of date (the next frame redraws it).
+    virtual void deprecate3DLayer() = 0;
+    //! Draws text at a pixel position of the current frame (2D pass).
+    virtual void displayText(const QString &text, int x, int y, int align, float bkgAlpha,
+                             const QColor &color, const QFont *font) = 0;
+};

@@ -1,0 +1,279 @@
+#include "tzCloudFile.h"
+#include "tzPointCloud.h"
+
+#include <QTemporaryDir>
+#include <QtEndian>
+#include <QtTest>
+
+#include <cstring>
+
+Q_DECLARE_METATYPE(TZVector3d)
+
+namespace {
+
+QByteArray plyHeader(const char *format, int count, const char *props)
+{
+    return QByteArray("ply\nformat ") + format + " 1.0\ncomment made by a test\nelement vertex "
+        + QByteArray::number(count) + "\n" + props + "end_header\n";
+}
+
+template<typename T>
+void append(QByteArray &out, T v, bool bigEndian = false)
+{
+    if (bigEndian)
+        v = qToBigEndian(v);
+    out.append(reinterpret_cast<const char *>(&v), sizeof(T));
+}
+
+// A LAS file of the given version and point format with these points (integers before scaling).
+QByteArray makeLas(int minor, int format, const QVector<std::array<qint32, 3>> &points,
+                   const QVector<std::array<quint16, 3>> &colors = {}, double scale = 0.001,
+                   double offsetX = 650000, double offsetY = 6860000)
+{
+    static const int lengths[] = {20, 28, 26, 34, 0, 0, 30, 36, 38};
+    const quint16 headerSize = minor >= 4 ? 375 : 227;
+    QByteArray h(headerSize, '\0');
+    std::memcpy(h.data(), "LASF", 4);
+    h[24] = 1;
+    h[25] = char(minor);
+    auto put = [&h](int at, auto v) { std::memcpy(h.data() + at, &v, sizeof(v)); };
+    put(94, headerSize);
+    put(96, quint32(headerSize));
+    h[104] = char(format);
+    put(105, quint16(lengths[format]));
+    put(107, quint32(points.size()));
+    const double offsets[3] = {offsetX, offsetY, 0};
+    for (int d = 0; d < 3; ++d) {
+        put(131 + 8 * d, scale);
+        put(155 + 8 * d, offsets[d]);
+        put(179 + 16 * d, offsets[d] + 10); // max
+        put(187 + 16 * d, offsets[d]); // min
+    }
+    if (minor >= 4)
+        put(247, quint64(points.size()));
+    const int rgb = format == 2 ? 20 : (format == 3 ? 28 : (format >= 7 ? 30 : -1));
+    for (int i = 0; i < points.size(); ++i) {
+        QByteArray rec(lengths[format], '\0');
+        std::memcpy(rec.data(), points[i].data(), 12);
+        if (rgb >= 0 && i < colors.size())
+            std::memcpy(rec.data() + rgb, colors[i].data(), 6);
+        h.append(rec);
+    }
+    return h;
+}
+
+} // namespace
+
+class TestCloudFile : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void goodFiles_data();
+    void goodFiles();
+    void brokenFiles_data();
+    void brokenFiles();
+    void largeCoordinatesGetAShift();
+    void shiftCanBeChangedOrRefused();
+    void loadByExtensionNamesTheFile();
+    void cancelLeavesNoCloud();
+};
+
+void TestCloudFile::goodFiles_data()
+{
+    QTest::addColumn<QString>("format");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<TZVector3d>("lastPoint"); // global
+    QTest::addColumn<bool>("colors");
+    QTest::addColumn<int>("lastRed");
+
+    QTest::newRow("ply ascii with colours")
+        << "ply"
+        << plyHeader("ascii", 2, "property float x\nproperty float y\nproperty float z\nproperty uchar red\n"
+                                 "property uchar green\nproperty uchar blue\n")
+            + "1 2 3 10 20 30\n4.5 5.5 -6.5 40 50 60\n"
+        << TZVector3d(4.5, 5.5, -6.5) << true << 40;
+    {
+        QByteArray b = plyHeader("binary_little_endian", 2, "property double x\nproperty double y\nproperty double z\n");
+        for (double v : {1.0, 2.0, 3.0, 650000.125, 6860000.5, 101.25})
+            append(b, v);
+        QTest::newRow("ply binary LE doubles") << "ply" << b << TZVector3d(650000.125, 6860000.5, 101.25) << false << 0;
+    }
+    {
+        QByteArray b = plyHeader("binary_big_endian", 1, "property float x\nproperty float y\nproperty float z\n"
+                                                         "property uchar red\nproperty uchar green\nproperty uchar blue\n");
+        for (float v : {7.f, 8.f, 9.f})
+            append(b, v, true);
+        b.append("\x01\x02\x03", 3);
+        QTest::newRow("ply binary BE floats") << "ply" << b << TZVector3d(7, 8, 9) << true << 1;
+    }
+    {
+        // A face element before the vertices (fixed size) is skipped.
+        QByteArray b = "ply\nformat binary_little_endian 1.0\nelement camera 1\nproperty int id\n"
+                       "element vertex 1\nproperty float x\nproperty float y\nproperty float z\nend_header\n";
+        append(b, qint32(42));
+        for (float v : {1.f, 1.f, 1.f})
+            append(b, v);
+        QTest::newRow("ply element before vertices") << "ply" << b << TZVector3d(1, 1, 1) << false << 0;
+    }
+    QTest::newRow("las 1.2 format 0") << "las" << makeLas(2, 0, {{1000, 2000, 3000}, {1500, 2500, 3500}})
+                                      << TZVector3d(650001.5, 6860002.5, 3.5) << false << 0;
+    QTest::newRow("las 1.2 format 3, 16-bit colours")
+        << "las" << makeLas(2, 3, {{0, 0, 0}, {1, 1, 1}}, {{0, 0, 0}, {65535, 256, 0}})
+        << TZVector3d(650000.001, 6860000.001, 0.001) << true << 255;
+    QTest::newRow("las 1.3 format 2, 8-bit colours")
+        << "las" << makeLas(3, 2, {{0, 0, 0}}, {{200, 100, 50}}) << TZVector3d(650000, 6860000, 0) << true << 200;
+    QTest::newRow("las 1.4 format 7") << "las" << makeLas(4, 7, {{5, 6, 7}}, {{512, 0, 0}})
+                                      << TZVector3d(650000.005, 6860000.006, 0.007) << true << 2;
+    QTest::newRow("las 1.4 format 6") << "las" << makeLas(4, 6, {{5, 6, 7}}) << TZVector3d(650000.005, 6860000.006, 0.007)
+                                      << false << 0;
+    QTest::newRow("xyz with header and colours") << "xyz" << QByteArray("X Y Z R G B\n1,2,3,4,5,6\n\n# note\n7;8;9;10;11;12\n")
+                                                 << TZVector3d(7, 8, 9) << true << 10;
+    QTest::newRow("xyz plain") << "xyz" << QByteArray("1 2 3\r\n4 5 6\r\n") << TZVector3d(4, 5, 6) << false << 0;
+}
+
+void TestCloudFile::goodFiles()
+{
+    QFETCH(QString, format);
+    QFETCH(QByteArray, bytes);
+    QFETCH(TZVector3d, lastPoint);
+    QFETCH(bool, colors);
+    QFETCH(int, lastRed);
+    QString error;
+    std::unique_ptr<tzPointCloud> cloud(tzCloudFile::loadFromMemory(bytes, format, "test", error));
+    QVERIFY2(cloud, qPrintable(error));
+    const TZVector3d global = cloud->toGlobal3d(*cloud->getPoint(cloud->size() - 1));
+    for (int d = 0; d < 3; ++d)
+        QVERIFY2(std::abs(global[d] - lastPoint[d]) < 1e-3, qPrintable(QString::number(global[d], 'f', 4)));
+    QCOMPARE(cloud->hasColors(), colors);
+    if (colors)
+        QCOMPARE(int(cloud->getPointColor(cloud->size() - 1).r), lastRed);
+}
+
+void TestCloudFile::brokenFiles_data()
+{
+    QTest::addColumn<QString>("format");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QString>("message");
+    const char *xyzProps = "property float x\nproperty float y\nproperty float z\n";
+    QTest::newRow("ply: not ply") << "ply" << QByteArray("hello\n") << "not a PLY file";
+    QTest::newRow("ply: middle endian") << "ply" << plyHeader("binary_middle_endian", 1, xyzProps)
+                                        << "unrecognized PLY format 'binary_middle_endian'";
+    QTest::newRow("ply: no end_header") << "ply" << QByteArray("ply\nformat ascii 1.0\nelement vertex 1\n")
+                                        << "no 'end_header'";
+    QTest::newRow("ply: no z") << "ply" << plyHeader("ascii", 1, "property float x\nproperty float y\n") + "1 2\n"
+                               << "lacks x, y or z";
+    QTest::newRow("ply: bad type") << "ply" << plyHeader("ascii", 1, "property quad x\n") << "unrecognized PLY property";
+    QTest::newRow("ply: truncated binary") << "ply" << plyHeader("binary_little_endian", 3, xyzProps) + QByteArray(20, '\0')
+                                           << "truncated: 3 vertices announced, data for 1";
+    QTest::newRow("ply: ascii too few values") << "ply" << plyHeader("ascii", 2, xyzProps) + "1 2 3\n4 5\n"
+                                               << "vertex 1: expected 3 numbers";
+    QTest::newRow("ply: list in vertices") << "ply"
+                                           << plyHeader("binary_little_endian", 1,
+                                                        "property float x\nproperty float y\nproperty float z\n"
+                                                        "property list uchar int idx\n")
+                                           << "list properties";
+    QTest::newRow("las: no signature") << "las" << QByteArray(300, 'x') << "no 'LASF' signature";
+    QTest::newRow("las: short header") << "las" << QByteArray("LASF") + QByteArray(50, '\0') << "header is truncated";
+    {
+        QByteArray b = makeLas(2, 0, {{1, 2, 3}});
+        b[104] = char(0x83);
+        QTest::newRow("las: compressed") << "las" << b << "compressed";
+    }
+    {
+        QByteArray b = makeLas(2, 0, {{1, 2, 3}});
+        b[104] = 4;
+        QTest::newRow("las: format 4") << "las" << b << "point data format 4 is not supported";
+    }
+    QTest::newRow("las: truncated points") << "las" << makeLas(2, 1, {{1, 2, 3}, {4, 5, 6}}).chopped(10)
+                                           << "truncated: 2 points announced, data for 1";
+    QTest::newRow("las: zero scale") << "las" << makeLas(2, 0, {{1, 2, 3}}, {}, 0.0) << "invalid scale";
+    QTest::newRow("las: version 2.0") << "las" << [] {
+        QByteArray b = makeLas(2, 0, {{1, 2, 3}});
+        b[24] = 2;
+        return b;
+    }() << "LAS version 2.2 is not supported";
+    QTest::newRow("xyz: letters in data") << "xyz" << QByteArray("1 2 3\n4 five 6\n") << "line 2: expected 3 numbers";
+    QTest::newRow("xyz: empty") << "xyz" << QByteArray("") << "no point";
+}
+
+void TestCloudFile::brokenFiles()
+{
+    QFETCH(QString, format);
+    QFETCH(QByteArray, bytes);
+    QFETCH(QString, message);
+    QString error;
+    std::unique_ptr<tzPointCloud> cloud(tzCloudFile::loadFromMemory(bytes, format, "broken." + format, error));
+    QVERIFY(!cloud);
+    QVERIFY2(error.startsWith("'broken." + format + "': "), qPrintable(error));
+    QVERIFY2(error.contains(message), qPrintable(error));
+}
+
+void TestCloudFile::largeCoordinatesGetAShift()
+{
+    QString error;
+    std::unique_ptr<tzPointCloud> cloud(tzCloudFile::loadFromMemory(
+        "650123.4561 6860456.7892 101.2503\n650124.0004 6860457.0001 101.0\n", "xyz", "grid.xyz", error));
+    QVERIFY(cloud);
+    QCOMPARE(cloud->getGlobalShift(), TZVector3d(-650100, -6860500, 0));
+    // Local floats keep the millimetre.
+    const TZVector3 *p = cloud->getPoint(0);
+    QVERIFY(std::abs(p->x - 23.4561f) < 1e-4f);
+    QVERIFY(std::abs(p->y + 43.2108f) < 1e-4f);
+    const TZVector3d back = cloud->toGlobal3d(*cloud->getPoint(1));
+    QVERIFY(std::abs(back.x - 650124.0004) < 5e-4);
+}
+
+void TestCloudFile::shiftCanBeChangedOrRefused()
+{
+    tzCloudFile::LoadOptions options;
+    options.confirmShift = [](TZVector3d &shift) {
+        shift = {-650000, -6860000, 0};
+        return true;
+    };
+    QString error;
+    std::unique_ptr<tzPointCloud> cloud(
+        tzCloudFile::loadFromMemory("650001 6860002 3\n", "xyz", "a.xyz", error, options));
+    QVERIFY(cloud);
+    QCOMPARE(*cloud->getPoint(0), TZVector3(1, 2, 3));
+    options.confirmShift = [](TZVector3d &) { return false; };
+    cloud.reset(tzCloudFile::loadFromMemory("650001 6860002 3\n", "xyz", "a.xyz", error, options));
+    QVERIFY(!cloud);
+    QCOMPARE(error, QStringLiteral("'a.xyz': loading cancelled"));
+}
+
+void TestCloudFile::loadByExtensionNamesTheFile()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath("site - Cloud.xyz");
+    QFile f(path);
+    QVERIFY(f.open(QIODevice::WriteOnly));
+    f.write("1 2 3\n");
+    f.close();
+    QString error;
+    std::unique_ptr<tzPointCloud> cloud(tzCloudFile::load(path, error));
+    QVERIFY2(cloud, qPrintable(error));
+    QCOMPARE(cloud->getName(), QStringLiteral("site - Cloud"));
+    QVERIFY(!tzCloudFile::load(dir.filePath("missing.ply"), error));
+    QVERIFY2(error.startsWith("'" + dir.filePath("missing.ply") + "': cannot open"), qPrintable(error));
+    QVERIFY(!tzCloudFile::load(dir.filePath("cloud.e57"), error));
+    QVERIFY(error.contains("unknown cloud file extension '.e57'"));
+}
+
+void TestCloudFile::cancelLeavesNoCloud()
+{
+    QByteArray bytes;
+    for (int i = 0; i < 3000000; ++i)
+        bytes.append("1 2 3\n");
+    tzCloudFile::LoadOptions options;
+    int calls = 0;
+    options.progress = [&calls](int) { return ++calls < 2; };
+    QString error;
+    std::unique_ptr<tzPointCloud> cloud(tzCloudFile::loadFromMemory(bytes, "xyz", "big.xyz", error, options));
+    QVERIFY(!cloud);
+    QCOMPARE(calls, 2);
+    QVERIFY(error.contains("cancelled"));
+}
+
+QTEST_MAIN(TestCloudFile)
+#include "tst_cloudfile.moc"
