@@ -208,6 +208,8 @@ double plyValue(const uchar *p, PlyType t, bool swap)
 
 quint8 plyColor(double v, PlyType t)
 {
+    if (t == PlyType::UInt8)
+        return quint8(v);
     if (t == PlyType::Float32 || t == PlyType::Float64)
         return clampColor(v * 255.0);
     if (t == PlyType::UInt16)

@@ -275,5 +275,5 @@ void TestCloudFile::cancelLeavesNoCloud()
     QVERIFY(error.contains("cancelled"));
 }
 
-QTEST_MAIN(TestCloudFile)
+QTEST_GUILESS_MAIN(TestCloudFile)
 #include "tst_cloudfile.moc"

@@ -284,5 +284,5 @@ void TestSceneFile::missingFileNamesThePath()
     QVERIFY(error.startsWith("/nonexistent/scene.tzs: Read error"));
 }
 
-QTEST_MAIN(TestSceneFile)
+QTEST_GUILESS_MAIN(TestSceneFile)
 #include "tst_scenefile.moc"

@@ -341,5 +341,5 @@ void TestSceneGraph::pluginInfoFile()
     QVERIFY(none.getReferences().isEmpty());
 }
 
-QTEST_MAIN(TestSceneGraph)
+QTEST_GUILESS_MAIN(TestSceneGraph)
 #include "tst_scenegraph.moc"
