@@ -41,8 +41,7 @@ bool tzImage::toFile_MeOnly(QIODevice &out) const
         buffer.open(QIODevice::WriteOnly);
         m_image.save(&buffer, "PNG");
     }
-    const bool ok = write(out, m_texAlpha) && write<quint32>(out, quint32(png.size()))
-        && writeBytes(out, png.constData(), png.size());
+    const bool ok = write(out, m_texAlpha) && writeSized(out, png);
     return ok || fail(WriteError);
 }
 
@@ -50,14 +49,11 @@ bool tzImage::fromFile_MeOnly(QIODevice &in, short dataVersion, LoadedIDMap &old
 {
     if (!tzHObject::fromFile_MeOnly(in, dataVersion, oldToNew))
         return false;
-    quint32 size = 0;
-    if (!read(in, m_texAlpha) || !read(in, size) || !hasRoomFor(in, size))
-        return fail(ReadError);
-    QByteArray png(int(size), Qt::Uninitialized);
-    if (!readBytes(in, png.data(), size))
+    QByteArray png;
+    if (!read(in, m_texAlpha) || !readSized(in, png))
         return fail(ReadError);
     m_image = QImage();
-    if (size > 0 && !m_image.loadFromData(png, "PNG"))
+    if (!png.isEmpty() && !m_image.loadFromData(png, "PNG"))
         return fail(ReadError);
     return true;
 }

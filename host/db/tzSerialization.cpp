@@ -5,6 +5,8 @@
 #include <QBuffer>
 #include <QDataStream>
 
+#include <limits>
+
 namespace tzSerialization {
 
 const char *const WriteError = "Write error (disk full or no access right?)";
@@ -37,17 +39,30 @@ bool hasRoomFor(const QIODevice &in, quint64 size)
 
 bool writeString(QIODevice &out, const QString &text)
 {
-    const QByteArray utf8 = text.toUtf8();
-    return write<quint32>(out, quint32(utf8.size())) && writeBytes(out, utf8.constData(), utf8.size());
+    return writeSized(out, text.toUtf8());
+}
+
+bool writeSized(QIODevice &out, const QByteArray &bytes)
+{
+    return write<quint32>(out, quint32(bytes.size())) && writeBytes(out, bytes.constData(), bytes.size());
+}
+
+bool readSized(QIODevice &in, QByteArray &bytes)
+{
+    quint32 size = 0;
+    if (!read(in, size) || !hasRoomFor(in, size) || size > quint32(std::numeric_limits<int>::max()))
+        return false;
+    QByteArray result(int(size), Qt::Uninitialized);
+    if (!readBytes(in, result.data(), size))
+        return false;
+    bytes = result;
+    return true;
 }
 
 bool readString(QIODevice &in, QString &text)
 {
-    quint32 size = 0;
-    if (!read(in, size) || !hasRoomFor(in, size))
-        return false;
-    QByteArray utf8(int(size), Qt::Uninitialized);
-    if (!readBytes(in, utf8.data(), size))
+    QByteArray utf8;
+    if (!readSized(in, utf8))
         return false;
     text = QString::fromUtf8(utf8);
     return true;
@@ -61,16 +76,13 @@ bool writeVariantMap(QIODevice &out, const QVariantMap &map)
         stream.setVersion(QDataStream::Qt_5_15);
         stream << map;
     }
-    return write<quint32>(out, quint32(image.size())) && writeBytes(out, image.constData(), image.size());
+    return writeSized(out, image);
 }
 
 bool readVariantMap(QIODevice &in, QVariantMap &map)
 {
-    quint32 size = 0;
-    if (!read(in, size) || !hasRoomFor(in, size))
-        return false;
-    QByteArray image(int(size), Qt::Uninitialized);
-    if (!readBytes(in, image.data(), size))
+    QByteArray image;
+    if (!readSized(in, image))
         return false;
     QDataStream stream(image);
     stream.setVersion(QDataStream::Qt_5_15);

@@ -37,6 +37,9 @@ bool read(QIODevice &in, T &value)
     return readBytes(in, &value, sizeof(T));
 }
 
+//! Bytes preceded by their count (uint32); the read fails when the count passes the device's end.
+QTZ_DB_LIB_API bool writeSized(QIODevice &out, const QByteArray &bytes);
+QTZ_DB_LIB_API bool readSized(QIODevice &in, QByteArray &bytes);
 //! A string as its UTF-8 byte count (uint32) followed by the bytes.
 QTZ_DB_LIB_API bool writeString(QIODevice &out, const QString &text);
 QTZ_DB_LIB_API bool readString(QIODevice &in, QString &text);
