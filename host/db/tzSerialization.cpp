@@ -2,8 +2,6 @@
 
 #include "tzLog.h"
 
-#include <QBuffer>
-#include <QDataStream>
 
 #include <limits>
 
@@ -68,28 +66,114 @@ bool readString(QIODevice &in, QString &text)
     return true;
 }
 
+namespace {
+// Value kinds of metadata entries in files. Other kinds are written as their text.
+enum MetaKind : quint8 { MetaBool = 1, MetaInt = 2, MetaUInt = 3, MetaLongLong = 4, MetaDouble = 5,
+                         MetaString = 6, MetaFloat = 7 };
+} // namespace
+
 bool writeVariantMap(QIODevice &out, const QVariantMap &map)
 {
-    QByteArray image;
-    {
-        QDataStream stream(&image, QIODevice::WriteOnly);
-        stream.setVersion(QDataStream::Qt_5_15);
-        stream << map;
+    if (!write<quint32>(out, quint32(map.size())))
+        return false;
+    for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
+        if (!writeString(out, it.key()))
+            return false;
+        const QVariant &v = it.value();
+        bool ok = false;
+        switch (int(v.type())) {
+        case QMetaType::Bool:
+            ok = write<quint8>(out, MetaBool) && write<quint8>(out, v.toBool());
+            break;
+        case QMetaType::Int:
+            ok = write<quint8>(out, MetaInt) && write<qint32>(out, v.toInt());
+            break;
+        case QMetaType::UInt:
+            ok = write<quint8>(out, MetaUInt) && write<quint32>(out, v.toUInt());
+            break;
+        case QMetaType::LongLong:
+            ok = write<quint8>(out, MetaLongLong) && write<qint64>(out, v.toLongLong());
+            break;
+        case QMetaType::Double:
+            ok = write<quint8>(out, MetaDouble) && write<double>(out, v.toDouble());
+            break;
+        case QMetaType::Float:
+            ok = write<quint8>(out, MetaFloat) && write<float>(out, v.toFloat());
+            break;
+        default:
+            ok = write<quint8>(out, MetaString) && writeString(out, v.toString());
+            break;
+        }
+        if (!ok)
+            return false;
     }
-    return writeSized(out, image);
+    return true;
 }
 
 bool readVariantMap(QIODevice &in, QVariantMap &map)
 {
-    QByteArray image;
-    if (!readSized(in, image))
+    quint32 count = 0;
+    // An entry takes at least a key length and a kind.
+    if (!read(in, count) || !hasRoomFor(in, quint64(count) * 5))
         return false;
-    QDataStream stream(image);
-    stream.setVersion(QDataStream::Qt_5_15);
     QVariantMap result;
-    stream >> result;
-    if (stream.status() != QDataStream::Ok || !stream.atEnd())
-        return false;
+    for (quint32 i = 0; i < count; ++i) {
+        QString key;
+        quint8 kind = 0;
+        if (!readString(in, key) || !read(in, kind))
+            return false;
+        QVariant value;
+        bool ok = false;
+        switch (kind) {
+        case MetaBool: {
+            quint8 b = 0;
+            ok = read(in, b);
+            value = bool(b);
+            break;
+        }
+        case MetaInt: {
+            qint32 n = 0;
+            ok = read(in, n);
+            value = n;
+            break;
+        }
+        case MetaUInt: {
+            quint32 n = 0;
+            ok = read(in, n);
+            value = n;
+            break;
+        }
+        case MetaLongLong: {
+            qint64 n = 0;
+            ok = read(in, n);
+            value = qlonglong(n);
+            break;
+        }
+        case MetaDouble: {
+            double d = 0;
+            ok = read(in, d);
+            value = d;
+            break;
+        }
+        case MetaFloat: {
+            float f = 0;
+            ok = read(in, f);
+            value = f;
+            break;
+        }
+        case MetaString: {
+            QString text;
+            ok = readString(in, text);
+            value = text;
+            break;
+        }
+        default:
+            return false;
+        }
+        if (!ok)
+            return false;
+        result.insert(key, value);
+    }
     map = result;
     return true;
 }

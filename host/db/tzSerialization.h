@@ -43,7 +43,8 @@ QTZ_DB_LIB_API bool readSized(QIODevice &in, QByteArray &bytes);
 //! A string as its UTF-8 byte count (uint32) followed by the bytes.
 QTZ_DB_LIB_API bool writeString(QIODevice &out, const QString &text);
 QTZ_DB_LIB_API bool readString(QIODevice &in, QString &text);
-//! A metadata map as its Qt data-stream image, preceded by its byte count (uint32).
+//! A metadata map: entry count (uint32), then per entry the key, a kind byte and the value
+//! (bool, integers, float, double and text; other values are kept as their text).
 QTZ_DB_LIB_API bool writeVariantMap(QIODevice &out, const QVariantMap &map);
 QTZ_DB_LIB_API bool readVariantMap(QIODevice &in, QVariantMap &map);
 //! Whether the device still holds at least size bytes (guards counts read from a file).

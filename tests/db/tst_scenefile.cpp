@@ -124,6 +124,7 @@ private slots:
     void corruptFileFails();
     void failedSaveKeepsThePreviousFile();
     void missingFileNamesThePath();
+    void fuzzFindingsAreRefused();
 };
 
 void TestSceneFile::roundTripKeepsEverything()
@@ -282,6 +283,27 @@ void TestSceneFile::missingFileNamesThePath()
     QString error;
     QVERIFY(!tzSceneFile::load("/nonexistent/scene.tzs", error));
     QVERIFY(error.startsWith("/nonexistent/scene.tzs: Read error"));
+}
+
+// Inputs the fuzzer once crashed on (first byte: the reader it chose; 0 = scene file).
+void TestSceneFile::fuzzFindingsAreRefused()
+{
+    const QDir dir(QStringLiteral(TESSARO_TEST_DATA "/fuzz"));
+    const QStringList files = dir.entryList(QDir::Files);
+    QVERIFY(!files.isEmpty());
+    tzLog::SetHandler([](const QString &, int) {});
+    for (const QString &name : files) {
+        QFile f(dir.filePath(name));
+        QVERIFY(f.open(QIODevice::ReadOnly));
+        QBuffer buffer;
+        buffer.setData(f.readAll().mid(1));
+        buffer.open(QIODevice::ReadOnly);
+        QString error;
+        std::unique_ptr<tzHObject> loaded(tzSceneFile::read(buffer, error));
+        QVERIFY2(!loaded, qPrintable(name));
+        QVERIFY(!error.isEmpty());
+    }
+    tzLog::SetHandler(nullptr);
 }
 
 QTEST_GUILESS_MAIN(TestSceneFile)
