@@ -11,9 +11,11 @@ namespace {
 
 // Levels of Morton code kept below the coarse level: 10 per axis, 30 bits in a 32-bit word.
 constexpr unsigned SUFFIX_LEVELS = 10;
-constexpr unsigned MAX_COARSE_LEVEL = 7;
+constexpr unsigned MAX_COARSE_LEVEL = 10;
 // Below this many points the build runs on one thread (threads cost more than they save).
 constexpr unsigned PARALLEL_THRESHOLD = 200000;
+// A coarse cell with at most this many leaves is searched by one pass over its leaves.
+constexpr uint32_t LINEAR_SCAN_LEAVES = 64;
 
 inline uint32_t spreadBits3(uint32_t v)
 {
@@ -39,8 +41,7 @@ unsigned threadCount(unsigned n)
 }
 
 // Runs fn(t) for t in [0, threads) and waits; thread 0 is the caller.
-template<typename Fn>
-void runParallel(unsigned threads, Fn &&fn)
+template<typename Fn> void runParallel(unsigned threads, Fn &&fn)
 {
     std::vector<std::thread> workers;
     workers.reserve(threads > 0 ? threads - 1 : 0);
@@ -150,9 +151,9 @@ Octree::Octree(const PointCloud *cloud)
 void Octree::clear()
 {
     m_perm = {};
-    m_leafCode = {};
-    m_leafStart = {};
+    m_leaves = {};
     m_directory = {};
+    m_grid[0] = m_grid[1] = m_grid[2] = 0;
     m_cubeSize = 0;
     m_coarseLevel = 0;
     m_leafRel = 0;
@@ -165,10 +166,8 @@ double Octree::cellSize(unsigned char level) const
 
 std::size_t Octree::memoryUsed() const
 {
-    return sizeof(*this)
-        + sizeof(uint32_t)
-        * (m_perm.capacity() + m_leafCode.capacity() + m_leafStart.capacity()
-           + m_directory.capacity());
+    return sizeof(*this) + sizeof(uint32_t) * (m_perm.capacity() + m_directory.capacity())
+        + sizeof(Leaf) * m_leaves.capacity();
 }
 
 int Octree::build(const ProgressCallback &progress)
@@ -208,6 +207,7 @@ int Octree::build(const ProgressCallback &progress)
             tmax[t] = mx;
         });
         double extent = 0;
+        double axisExtent[3];
         for (int d = 0; d < 3; ++d) {
             double mn = tmin[0][d];
             double mx = tmax[0][d];
@@ -216,18 +216,37 @@ int Octree::build(const ProgressCallback &progress)
                 mx = std::max(mx, double(tmax[t][d]));
             }
             m_min[d] = mn;
+            axisExtent[d] = mx - mn;
             extent = std::max(extent, mx - mn);
         }
         m_cubeSize = extent > 0 ? extent * (1.0 + 1e-6) : 1.0;
 
-        // Coarse directory level: at most one coarse cell per 4 points.
+        // Coarse directory level: the deepest whose cells meeting the bounding box number at most
+        // one per 4 points.
+        const auto gridAt = [&](unsigned level, uint32_t grid[3]) {
+            const double edge = std::ldexp(m_cubeSize, -static_cast<int>(level));
+            uint64_t cells = 1;
+            for (int d = 0; d < 3; ++d) {
+                const double along = std::floor(axisExtent[d] / edge) + 1;
+                grid[d] = uint32_t(std::min(along, std::ldexp(1.0, static_cast<int>(level))));
+                cells *= grid[d];
+            }
+            return cells;
+        };
         m_coarseLevel = 0;
-        while (m_coarseLevel < MAX_COARSE_LEVEL
-               && (uint64_t(1) << (3 * (m_coarseLevel + 1))) <= n / 4)
-            ++m_coarseLevel;
+        gridAt(0, m_grid);
+        for (unsigned level = 1; level <= MAX_COARSE_LEVEL; ++level) {
+            uint32_t grid[3];
+            if (gridAt(level, grid) > std::max(1u, n / 4))
+                break;
+            m_coarseLevel = level;
+            std::copy(grid, grid + 3, m_grid);
+        }
         const unsigned deepest = m_coarseLevel + SUFFIX_LEVELS;
-        const uint32_t buckets = uint32_t(1) << (3 * m_coarseLevel);
-        const uint32_t maxCell = (uint32_t(1) << deepest) - 1;
+        const uint32_t buckets = m_grid[0] * m_grid[1] * m_grid[2];
+        uint32_t maxCell[3];
+        for (int d = 0; d < 3; ++d)
+            maxCell[d] = (m_grid[d] << SUFFIX_LEVELS) - 1;
         const double scale = std::ldexp(1.0, static_cast<int>(deepest)) / m_cubeSize;
         report(10);
 
@@ -242,10 +261,10 @@ int Octree::build(const ProgressCallback &progress)
                 uint32_t q[3];
                 for (int d = 0; d < 3; ++d) {
                     const double v = (double(pts[i][d]) - m_min[d]) * scale;
-                    q[d] = v <= 0 ? 0u : std::min(maxCell, static_cast<uint32_t>(v));
+                    q[d] = v <= 0 ? 0u : std::min(maxCell[d], static_cast<uint32_t>(v));
                 }
-                const uint32_t coarse = morton3(q[0] >> SUFFIX_LEVELS, q[1] >> SUFFIX_LEVELS,
-                                                q[2] >> SUFFIX_LEVELS);
+                const uint32_t coarse = coarseIndex(q[0] >> SUFFIX_LEVELS, q[1] >> SUFFIX_LEVELS,
+                                                    q[2] >> SUFFIX_LEVELS);
                 const uint32_t suffix = morton3(q[0], q[1], q[2]);
                 keys[i] = (uint64_t(coarse) << 32) | suffix;
                 ++h[coarse];
@@ -337,22 +356,25 @@ int Octree::build(const ProgressCallback &progress)
             for (unsigned i = b; i < e; ++i)
                 m_perm[i] = uint32_t(sorted[i]);
         });
+        uint64_t leafCount = 1;
+        for (unsigned k = 0; k <= m_leafRel; ++k) {
+            for (unsigned t = 0; t < threads; ++t)
+                leafCount += newCells[t][k];
+        }
+        m_leaves.reserve(leafCount);
         for (uint32_t b = 0; b < buckets; ++b) {
-            m_directory[b] = uint32_t(m_leafCode.size());
+            m_directory[b] = uint32_t(m_leaves.size());
             uint32_t previous = 0;
             for (uint32_t i = bucketStart[b]; i < bucketStart[b + 1]; ++i) {
                 const uint32_t code = uint32_t(sorted[i] >> 32) >> leafShift;
                 if (i == bucketStart[b] || code != previous) {
-                    m_leafCode.push_back(code);
-                    m_leafStart.push_back(i);
+                    m_leaves.push_back({code, i});
                     previous = code;
                 }
             }
         }
-        m_directory[buckets] = uint32_t(m_leafCode.size());
-        m_leafStart.push_back(n);
-        m_leafCode.shrink_to_fit();
-        m_leafStart.shrink_to_fit();
+        m_directory[buckets] = uint32_t(m_leaves.size());
+        m_leaves.push_back({0, n});
     } catch (const std::bad_alloc &) {
         clear();
         return -1;
@@ -361,7 +383,8 @@ int Octree::build(const ProgressCallback &progress)
     return static_cast<int>(n);
 }
 
-unsigned char Octree::findBestLevelForAGivenNeighbourhoodSizeExtraction(PointCoordinateType radius) const
+unsigned char
+Octree::findBestLevelForAGivenNeighbourhoodSizeExtraction(PointCoordinateType radius) const
 {
     const unsigned char leaf = leafLevel();
     if (m_cubeSize <= 0 || !(radius > 0))
@@ -393,8 +416,64 @@ void Octree::descend(const Shape &shape, unsigned rel, unsigned stopRel, const u
                      uint32_t lo, uint32_t hi, NeighboursSet &out) const
 {
     const Box box = cellBox(m_coarseLevel + rel, cell);
-    if (shape.intersects(box.min, box.max))
+    if (!shape.intersects(box.min, box.max))
+        return;
+    if (rel == 0 && m_leafRel > 0 && hi - lo <= LINEAR_SCAN_LEAVES)
+        scanLeaves(shape, cell, lo, hi, out);
+    else
         descendInto(shape, rel, stopRel, cell, lo, hi, out);
+}
+
+template<typename Shape>
+void Octree::scanPoints(const Shape &shape, uint32_t lo, uint32_t hi, NeighboursSet &out) const
+{
+    const TZVector3 *pts = m_cloud->data();
+    const uint32_t end = m_leaves[hi].start;
+    for (uint32_t j = m_leaves[lo].start; j < end; ++j) {
+        const uint32_t index = m_perm[j];
+        double d2;
+        if (shape.test(pts[index], d2))
+            out.push_back({pts + index, index, d2});
+    }
+}
+
+template<typename Shape>
+void Octree::scanLeaves(const Shape &shape, const uint32_t cell[3], uint32_t lo, uint32_t hi,
+                        NeighboursSet &out) const
+{
+    // The leaves of a coarse cell that meet the shape's bounding box, found by one pass over its
+    // few leaves instead of a descent (no chain of dependent searches). Along one axis, the bits
+    // of a Morton code that belong to that axis order the cells like the axis coordinate, so the
+    // box test runs on the codes without decoding them.
+    const unsigned level = m_coarseLevel + m_leafRel;
+    const double edge = cellSize(static_cast<unsigned char>(level));
+    const double margin = std::ldexp(m_cubeSize, -static_cast<int>(m_coarseLevel + SUFFIX_LEVELS));
+    const uint32_t cellsPerAxis = uint32_t(1) << m_leafRel;
+    uint32_t low[3];
+    uint32_t high[3];
+    uint32_t mask[3];
+    for (int d = 0; d < 3; ++d) {
+        const double origin
+            = m_min[d] + cell[d] * cellSize(static_cast<unsigned char>(m_coarseLevel));
+        const double a = std::floor((shape.bmin[d] - margin - origin) / edge);
+        const double b = std::floor((shape.bmax[d] + margin - origin) / edge);
+        const uint32_t first = a <= 0 ? 0u : (a >= cellsPerAxis ? cellsPerAxis - 1 : uint32_t(a));
+        const uint32_t last = b <= 0 ? 0u : (b >= cellsPerAxis ? cellsPerAxis - 1 : uint32_t(b));
+        low[d] = spreadBits3(first) << d;
+        high[d] = spreadBits3(last) << d;
+        mask[d] = spreadBits3(cellsPerAxis - 1) << d;
+    }
+    const Leaf *leaves = m_leaves.data();
+    for (uint32_t i = lo; i < hi; ++i) {
+        const uint32_t code = leaves[i].code;
+        bool inside = true;
+        for (int d = 0; d < 3; ++d) {
+            const uint32_t v = code & mask[d];
+            inside &= v >= low[d] && v <= high[d];
+        }
+        if (inside)
+            scanPoints(shape, i, i + 1, out);
+    }
 }
 
 template<typename Shape>
@@ -402,20 +481,13 @@ void Octree::descendInto(const Shape &shape, unsigned rel, unsigned stopRel, con
                          uint32_t lo, uint32_t hi, NeighboursSet &out) const
 {
     if (rel >= stopRel) {
-        const TZVector3 *pts = m_cloud->data();
-        const uint32_t end = m_leafStart[hi];
-        for (uint32_t j = m_leafStart[lo]; j < end; ++j) {
-            const uint32_t index = m_perm[j];
-            double d2;
-            if (shape.test(pts[index], d2))
-                out.push_back({pts + index, index, d2});
-        }
+        scanPoints(shape, lo, hi, out);
         return;
     }
     // The leaves of this cell are sorted, so its eight children are consecutive runs; only the
     // runs of the children that meet the shape are looked up.
     const unsigned shift = 3 * (m_leafRel - rel - 1);
-    const uint32_t *codes = m_leafCode.data();
+    const Leaf *leaves = m_leaves.data();
     const unsigned childLevel = m_coarseLevel + rel + 1;
     uint32_t first = lo;
     for (uint32_t child = 0; child < 8 && first < hi; ++child) {
@@ -424,10 +496,13 @@ void Octree::descendInto(const Shape &shape, unsigned rel, unsigned stopRel, con
         const Box childBox = cellBox(childLevel, sub);
         if (!shape.intersects(childBox.min, childBox.max))
             continue;
-        const auto before = [shift, child](uint32_t c) { return ((c >> shift) & 7u) < child; };
-        const auto upTo = [shift, child](uint32_t c) { return ((c >> shift) & 7u) <= child; };
-        first = uint32_t(std::partition_point(codes + first, codes + hi, before) - codes);
-        const uint32_t last = uint32_t(std::partition_point(codes + first, codes + hi, upTo) - codes);
+        const auto before
+            = [shift, child](const Leaf &l) { return ((l.code >> shift) & 7u) < child; };
+        const auto upTo
+            = [shift, child](const Leaf &l) { return ((l.code >> shift) & 7u) <= child; };
+        first = uint32_t(std::partition_point(leaves + first, leaves + hi, before) - leaves);
+        const uint32_t last
+            = uint32_t(std::partition_point(leaves + first, leaves + hi, upTo) - leaves);
         if (last > first)
             descendInto(shape, rel + 1, stopRel, sub, first, last, out);
         first = last;
@@ -439,7 +514,6 @@ void Octree::query(const Shape &shape, unsigned char level, NeighboursSet &out) 
 {
     if (m_perm.empty())
         return;
-    const uint32_t coarseCells = uint32_t(1) << m_coarseLevel;
     const double edge = std::ldexp(m_cubeSize, -static_cast<int>(m_coarseLevel));
     const double margin = std::ldexp(m_cubeSize, -static_cast<int>(m_coarseLevel + SUFFIX_LEVELS));
     uint32_t lo[3];
@@ -447,14 +521,13 @@ void Octree::query(const Shape &shape, unsigned char level, NeighboursSet &out) 
     for (int d = 0; d < 3; ++d) {
         const double a = std::floor((shape.bmin[d] - margin - m_min[d]) / edge);
         const double b = std::floor((shape.bmax[d] + margin - m_min[d]) / edge);
-        if (!(b >= 0) || !(a < coarseCells))
-            return; // outside the cube, or NaN bounds
+        if (!(b >= 0) || !(a < m_grid[d]))
+            return; // outside the grid, or NaN bounds
         lo[d] = a <= 0 ? 0u : uint32_t(a);
-        hi[d] = b >= coarseCells - 1 ? coarseCells - 1 : uint32_t(b);
+        hi[d] = b >= m_grid[d] - 1 ? m_grid[d] - 1 : uint32_t(b);
     }
-    const unsigned stopRel = level <= m_coarseLevel
-        ? 0u
-        : std::min<unsigned>(level - m_coarseLevel, m_leafRel);
+    const unsigned stopRel
+        = level <= m_coarseLevel ? 0u : std::min<unsigned>(level - m_coarseLevel, m_leafRel);
     // Fetch the directory entries of all the coarse cells first: they are independent loads that
     // the processor overlaps, where fetching them one by one in the descent would wait for each.
     constexpr unsigned MAX_BATCH = 64;
@@ -467,10 +540,10 @@ void Octree::query(const Shape &shape, unsigned char level, NeighboursSet &out) 
         }
         count = 0;
     };
-    for (uint32_t z = lo[2]; z <= hi[2]; ++z) {
-        for (uint32_t y = lo[1]; y <= hi[1]; ++y) {
-            for (uint32_t x = lo[0]; x <= hi[0]; ++x) {
-                const uint32_t b = morton3(x, y, z);
+    for (uint32_t y = lo[1]; y <= hi[1]; ++y) {
+        for (uint32_t x = lo[0]; x <= hi[0]; ++x) {
+            for (uint32_t z = lo[2]; z <= hi[2]; ++z) {
+                const uint32_t b = coarseIndex(x, y, z);
                 uint32_t *entry = batch[count++];
                 entry[0] = x;
                 entry[1] = y;

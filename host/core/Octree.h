@@ -9,8 +9,11 @@
 // - Cells are numbered by Morton code: bit 0 of each bit triple is x, bit 1 is y, bit 2 is z,
 //   so child k of a cell holds the points with (x, y, z) halves (k & 1, k >> 1 & 1, k >> 2 & 1).
 // - The cloud's points are never moved. The octree keeps a permutation of the point indices sorted
-//   by leaf cell (ties by index), the sorted table of non-empty leaf cells and a dense directory of
-//   the cells of one coarse level (at most one cell per 4 points). The leaf level is the deepest
+//   by coarse cell, then leaf cell, then index; the sorted table of non-empty leaf cells; and a
+//   dense directory of the cells of one coarse level that meet the cloud's bounding box (at most
+//   one entry per 4 points). A survey is flat, so bounding the directory by the box rather than
+//   the cube lets its cells be much finer; z varies fastest in the directory, so that a vertical
+//   column (the lowest point below a pick) reads one run of it. The leaf level is the deepest
 //   that keeps the whole within 8 bytes per point.
 // - Queries return exactly the points that a brute-force scan with the same test returns: cells
 //   only prune, and every point kept has passed the exact test, computed in double precision.
@@ -47,7 +50,7 @@ public:
     struct CylindricalNeighbourhood
     {
         TZVector3 center;
-        TZVector3 dir{0, 0, 1};
+        TZVector3 dir {0, 0, 1};
         PointCoordinateType radius = 0;
         PointCoordinateType maxHalfLength = 0;
         bool onlyPositiveDir = false;
@@ -58,7 +61,7 @@ public:
     //! Receives the progress of a build, 0 to 100.
     using ProgressCallback = std::function<void(int percent)>;
 
-    static constexpr unsigned char MAX_LEVEL = 17;
+    static constexpr unsigned char MAX_LEVEL = 20;
 
     explicit Octree(const PointCloud *cloud);
 
@@ -70,14 +73,18 @@ public:
     const PointCloud *associatedCloud() const { return m_cloud; }
     unsigned pointCount() const { return static_cast<unsigned>(m_perm.size()); }
     //! The deepest level that holds separate cells (the leaves).
-    unsigned char leafLevel() const { return static_cast<unsigned char>(m_coarseLevel + m_leafRel); }
+    unsigned char leafLevel() const
+    {
+        return static_cast<unsigned char>(m_coarseLevel + m_leafRel);
+    }
     double cubeSize() const { return m_cubeSize; }
     double cellSize(unsigned char level) const;
     //! Bytes held by the octree itself (not counting the cloud's points).
     std::size_t memoryUsed() const;
 
     //! The level whose cells suit a neighbourhood of the given radius.
-    unsigned char findBestLevelForAGivenNeighbourhoodSizeExtraction(PointCoordinateType radius) const;
+    unsigned char
+    findBestLevelForAGivenNeighbourhoodSizeExtraction(PointCoordinateType radius) const;
 
     //! Points within radius of centre (inclusive), appended to neighbours; returns how many.
     int getPointsInSphericalNeighbourhood(const TZVector3 &centre, PointCoordinateType radius,
@@ -99,7 +106,16 @@ private:
     template<typename Shape>
     void descendInto(const Shape &shape, unsigned rel, unsigned stopRel, const uint32_t cell[3],
                      uint32_t lo, uint32_t hi, NeighboursSet &out) const;
+    template<typename Shape>
+    void scanLeaves(const Shape &shape, const uint32_t cell[3], uint32_t lo, uint32_t hi,
+                    NeighboursSet &out) const;
+    template<typename Shape>
+    void scanPoints(const Shape &shape, uint32_t lo, uint32_t hi, NeighboursSet &out) const;
     Box cellBox(unsigned level, const uint32_t cell[3]) const;
+    uint32_t coarseIndex(uint32_t x, uint32_t y, uint32_t z) const
+    {
+        return z + m_grid[2] * (x + m_grid[0] * y);
+    }
 
     const PointCloud *m_cloud = nullptr;
     double m_min[3] = {0, 0, 0};
@@ -107,8 +123,13 @@ private:
     unsigned m_coarseLevel = 0; // level of the dense directory
     unsigned m_leafRel = 0; // leaf level, counted from the coarse level (0..SUFFIX_LEVELS)
     std::vector<uint32_t> m_perm; // point indices sorted by leaf cell, then index
-    std::vector<uint32_t> m_leafCode; // Morton code of each leaf below its coarse cell, sorted
-    std::vector<uint32_t> m_leafStart; // first entry of each leaf in m_perm; one more at the end
+    struct Leaf
+    {
+        uint32_t code; // Morton code below its coarse cell; sorted within the cell
+        uint32_t start; // first entry in m_perm
+    };
+    std::vector<Leaf> m_leaves; // one more at the end, whose start is the point count
+    uint32_t m_grid[3] = {0, 0, 0}; // coarse cells along each axis
     std::vector<uint32_t> m_directory; // first leaf of each coarse cell; one more at the end
 };
 

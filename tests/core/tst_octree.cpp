@@ -37,8 +37,8 @@ Hits bruteCylinder(const PointCloud &cloud, const Octree::CylindricalNeighbourho
     const double tmax = q.maxHalfLength, tmin = q.onlyPositiveDir ? 0.0 : -tmax;
     for (unsigned i = 0; i < cloud.size(); ++i) {
         const TZVector3 &p = cloud.point(i);
-        const double v[3] = {double(p.x) - q.center.x, double(p.y) - q.center.y,
-                             double(p.z) - q.center.z};
+        const double v[3]
+            = {double(p.x) - q.center.x, double(p.y) - q.center.y, double(p.z) - q.center.z};
         const double t = v[0] * q.dir.x + v[1] * q.dir.y + v[2] * q.dir.z;
         if (t < tmin || t > tmax)
             continue;
@@ -122,6 +122,9 @@ void TestOctree::sphereMatchesBruteForce_data()
     QTest::newRow("uniform small r") << "uniform" << 50000u << 0.02f;
     QTest::newRow("uniform large r") << "uniform" << 50000u << 0.4f;
     QTest::newRow("tiny cloud") << "uniform" << 7u << 0.5f;
+    // A dense block and one far point: the coarse cells are large and hold many leaves, so
+    // queries descend through the levels instead of scanning the leaves of a cell.
+    QTest::newRow("clustered") << "clustered" << 60000u << 0.05f;
 }
 
 void TestOctree::sphereMatchesBruteForce()
@@ -130,10 +133,14 @@ void TestOctree::sphereMatchesBruteForce()
     QFETCH(unsigned, count);
     QFETCH(float, radius);
     PointCloud cloud;
-    if (kind == "terrain")
+    if (kind == "terrain") {
         makeTerrain(cloud, count, 42);
-    else
+    } else if (kind == "clustered") {
+        makeUniform(cloud, count - 1, 7, 1.f);
+        cloud.addPoint({3000.f, 2.f, 1.f});
+    } else {
         makeUniform(cloud, count, 7, 1.f);
+    }
     Octree octree(&cloud);
     QCOMPARE(octree.build(), int(count));
 
@@ -294,11 +301,24 @@ void TestOctree::farOutlierKeepsQueriesExact()
     cloud.addPoint({1.0e5f, -3.0e4f, 900.f});
     Octree octree(&cloud);
     octree.build();
-    const TZVector3 c = cloud.point(1234);
-    Octree::NeighboursSet found;
-    octree.getPointsInSphericalNeighbourhood(c, 0.3f, found,
-                                             octree.findBestLevelForAGivenNeighbourhoodSizeExtraction(0.3f));
-    QCOMPARE(sortedHits(found, cloud), bruteSphere(cloud, c, 0.3f));
+    std::mt19937 rng(5);
+    std::uniform_int_distribution<unsigned> pick(0, cloud.size() - 2);
+    for (int q = 0; q < 50; ++q) {
+        const TZVector3 c = cloud.point(pick(rng));
+        Octree::NeighboursSet found;
+        octree.getPointsInSphericalNeighbourhood(
+            c, 0.3f, found, octree.findBestLevelForAGivenNeighbourhoodSizeExtraction(0.3f));
+        QCOMPARE(sortedHits(found, cloud), bruteSphere(cloud, c, 0.3f));
+        Octree::CylindricalNeighbourhood params;
+        params.center = c;
+        params.dir = {0, 0, -1};
+        params.radius = 0.1f;
+        params.maxHalfLength = 20.f;
+        params.onlyPositiveDir = true;
+        params.level = octree.findBestLevelForAGivenNeighbourhoodSizeExtraction(0.1f);
+        octree.getPointsInCylindricalNeighbourhood(params);
+        QCOMPARE(sortedHits(params.neighbours, cloud), bruteCylinder(cloud, params));
+    }
 }
 
 void TestOctree::memoryStaysWithinEightBytesPerPoint()
