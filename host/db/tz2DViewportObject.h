@@ -18,5 +18,8 @@ public:
     void setParameters(const tzViewportParameters &params) { m_params = params; }
 
 protected:
+    bool toFile_MeOnly(QIODevice &out) const override;
+    bool fromFile_MeOnly(QIODevice &in, short dataVersion, LoadedIDMap &oldToNew) override;
+
     tzViewportParameters m_params;
 };

@@ -1,3 +1,4 @@
+#include "tz2DViewportObject.h"
 #include "tzCustomHObject.h"
 #include "tzImage.h"
 #include "tzLog.h"
@@ -92,6 +93,16 @@ tzHObject *makeScene()
     image->setData(picture);
     image->setAlpha(0.5f);
     root->addChild(image);
+    auto *view = new tz2DViewportObject("before the photo");
+    tzViewportParameters camera;
+    camera.viewMat[1] = 0.5;
+    camera.perspectiveView = true;
+    camera.objectCenteredView = false;
+    camera.pixelSize = 0.02;
+    camera.fov_deg = 62.f;
+    camera.cameraCenter = {650010.5, 6860020.25, 31.0};
+    view->setParameters(camera);
+    root->addChild(view);
     return root;
 }
 
@@ -137,13 +148,13 @@ void TestSceneFile::roundTripKeepsEverything()
     std::unique_ptr<tzHObject> loaded(tzSceneFile::load(path, error));
     QVERIFY2(loaded, qPrintable(error));
 
-    QCOMPARE(loaded->getChildrenNumber(), 4u);
+    QCOMPARE(loaded->getChildrenNumber(), 5u);
     auto *cloud = dynamic_cast<tzPointCloud *>(loaded->getChild(0));
     QVERIFY(cloud);
     QCOMPARE(cloud->getName(), QStringLiteral("survey"));
     QCOMPARE(cloud->size(), 1000u);
     QCOMPARE(*cloud->getPoint(999), TZVector3(99.9f, float(999 % 7), float(999 % 13) * 0.5f));
-    QCOMPARE(cloud->getPointColor(3), (tzRgb{10, 20, 30}));
+    QCOMPARE(cloud->getPointColor(3), (tzRgb {10, 20, 30}));
     QCOMPARE(cloud->getGlobalShift(), TZVector3d(-650000, -6860000, 0));
     QCOMPARE(cloud->getGlobalScale(), 2.0);
     QCOMPARE(cloud->getMetaData("source").toString(), QStringLiteral("unit test"));
@@ -171,6 +182,15 @@ void TestSceneFile::roundTripKeepsEverything()
     QVERIFY(image);
     QCOMPARE(image->getW(), 8u);
     QCOMPARE(image->getAlpha(), 0.5f);
+    auto *view = dynamic_cast<tz2DViewportObject *>(loaded->getChild(4));
+    QVERIFY(view);
+    const tzViewportParameters &camera = view->getParameters();
+    QCOMPARE(camera.viewMat[1], 0.5);
+    QVERIFY(camera.perspectiveView);
+    QVERIFY(!camera.objectCenteredView);
+    QCOMPARE(camera.pixelSize, 0.02);
+    QCOMPARE(camera.fov_deg, 62.f);
+    QCOMPARE(camera.cameraCenter, TZVector3d(650010.5, 6860020.25, 31.0));
 }
 
 void TestSceneFile::olderVersionSkipsNewerFields()
@@ -224,8 +244,9 @@ void TestSceneFile::corruptFileFails_data()
     QTest::addColumn<QString>("expected");
     const QString readError = QStringLiteral("Read error (corrupted file or no access right?)");
     QTest::newRow("wrong magic") << 0 << QByteArray("XXXX") << readError;
-    QTest::newRow("future version") << 4 << QByteArray("\x63\x00", 2)
-                                    << "Unsupported scene file version 99 (this program reads 20 to 21)";
+    QTest::newRow("future version")
+        << 4 << QByteArray("\x63\x00", 2)
+        << "Unsupported scene file version 99 (this program reads 20 to 21)";
     QTest::newRow("unknown root type") << 6 << QByteArray("\x02\x00\x00\x00", 4) << readError;
     // The root's name length (after its class ID and unique ID) claims 4 GB.
     QTest::newRow("huge name length") << 14 << QByteArray("\xff\xff\xff\xff", 4) << readError;
@@ -263,7 +284,10 @@ void TestSceneFile::failedSaveKeepsThePreviousFile()
     // An object whose record cannot be written makes the save fail halfway.
     struct Unwritable : Marker
     {
-        bool toFile_MeOnly(QIODevice &) const override { return tzSerialization::fail(tzSerialization::WriteError); }
+        bool toFile_MeOnly(QIODevice &) const override
+        {
+            return tzSerialization::fail(tzSerialization::WriteError);
+        }
     };
     scene->addChild(new Unwritable);
     tzLog::SetHandler([](const QString &, int) {});
@@ -275,7 +299,7 @@ void TestSceneFile::failedSaveKeepsThePreviousFile()
     QFile f(path);
     QVERIFY(f.open(QIODevice::ReadOnly));
     QCOMPARE(f.readAll(), before);
-    QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList{"scene.tzs"}); // no leftover
+    QCOMPARE(QDir(dir.path()).entryList(QDir::Files), QStringList {"scene.tzs"}); // no leftover
 }
 
 void TestSceneFile::missingFileNamesThePath()
