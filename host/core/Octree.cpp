@@ -123,7 +123,25 @@ struct CylinderShape
             if (mx[d] < bmin[d] || mn[d] > bmax[d])
                 return false;
         }
-        return true;
+        // The box's bounding sphere against the axis segment: an oblique cylinder (a picking
+        // ray) has a bounding box far larger than itself.
+        double v[3];
+        double halfDiagonal2 = 0;
+        double t = 0;
+        for (int d = 0; d < 3; ++d) {
+            const double half = 0.5 * (mx[d] - mn[d]);
+            halfDiagonal2 += half * half;
+            v[d] = mn[d] + half - c[d];
+            t += v[d] * dir[d];
+        }
+        t = std::min(tmax, std::max(tmin, t));
+        double d2 = 0;
+        for (int d = 0; d < 3; ++d) {
+            const double w = v[d] - t * dir[d];
+            d2 += w * w;
+        }
+        const double reach = std::sqrt(r2) + std::sqrt(halfDiagonal2);
+        return d2 <= reach * reach;
     }
     bool test(const TZVector3 &p, double &d2) const
     {

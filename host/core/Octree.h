@@ -78,6 +78,8 @@ public:
         return static_cast<unsigned char>(m_coarseLevel + m_leafRel);
     }
     double cubeSize() const { return m_cubeSize; }
+    //! Lower corner of the cube (the cloud's bounding-box minimum).
+    TZVector3d cubeMin() const { return {m_min[0], m_min[1], m_min[2]}; }
     double cellSize(unsigned char level) const;
     //! Bytes held by the octree itself (not counting the cloud's points).
     std::size_t memoryUsed() const;

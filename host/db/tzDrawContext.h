@@ -9,6 +9,17 @@
 class QOpenGLContext;
 class QOpenGLFunctions_2_1;
 class tzGenericGLDisplay;
+class tzGenericPointCloud;
+struct tzDrawContext;
+struct tzViewportParameters;
+
+//! Draws point clouds from buffers that the view keeps on the GPU (implemented by the view).
+class QTZ_DB_LIB_API tzCloudRenderer
+{
+public:
+    virtual ~tzCloudRenderer() = default;
+    virtual void drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &context) = 0;
+};
 
 //! Flags of a draw pass (tzDrawContext::drawingFlags).
 enum tzDrawFlags : int {
@@ -29,6 +40,11 @@ struct tzDrawContext
     tzGenericGLDisplay *display = nullptr;
     QOpenGLContext *qGLContext = nullptr;
     QOpenGLFunctions_2_1 *glFunctions = nullptr;
+    tzCloudRenderer *cloudRenderer = nullptr;
+    //! The camera of the view being drawn (null outside a view's pass).
+    const tzViewportParameters *viewportParams = nullptr;
+    //! World units per pixel at the pivot (orthographic: everywhere).
+    double pixelSize = 1.0;
     float labelMarkerSize = 5.f; // pixels
     float labelMarkerTextShift = 0.f;
     QFont labelFont;

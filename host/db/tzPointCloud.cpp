@@ -1,5 +1,6 @@
 #include "tzPointCloud.h"
 
+#include "tzDrawContext.h"
 #include "tzSerialization.h"
 
 #include <cstring>
@@ -79,6 +80,14 @@ bool tzGenericPointCloud::fromFile_MeOnly(QIODevice &in, short dataVersion, Load
     return true;
 }
 
+void tzGenericPointCloud::drawMeOnly(tzDrawContext &context)
+{
+    // Clouds are drawn in the 3D pass only, and never in the entity-picking pass: the view finds
+    // cloud points on the CPU.
+    if (context.is3D() && !context.isPicking() && context.cloudRenderer)
+        context.cloudRenderer->drawCloud(*this, context);
+}
+
 tzPointCloud::tzPointCloud(const QString &name)
     : tzGenericPointCloud(name)
 {
@@ -91,12 +100,14 @@ bool tzPointCloud::resizeColors()
     } catch (const std::bad_alloc &) {
         return false;
     }
+    ++m_contentVersion;
     return true;
 }
 
 void tzPointCloud::setColors(std::vector<tzRgb> &&colors)
 {
     m_colors = std::move(colors);
+    ++m_contentVersion;
 }
 
 void tzPointCloud::reset()

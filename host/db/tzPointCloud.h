@@ -48,17 +48,26 @@ public:
     TZLib::Octree *computeOctree(const TZLib::Octree::ProgressCallback &progress = {});
     void deleteOctree() { m_octree.reset(); }
 
+    //! Grows whenever the points or their colours change (views reload their buffers).
+    quint64 contentVersion() const { return m_contentVersion; }
+
     unsigned char getPointSize() const { return m_pointSize; }
     void setPointSize(unsigned char size) { m_pointSize = size; }
 
 protected:
-    void onPointsChanged() override { m_octree.reset(); }
+    void onPointsChanged() override
+    {
+        m_octree.reset();
+        ++m_contentVersion;
+    }
+    void drawMeOnly(tzDrawContext &context) override;
     bool toFile_MeOnly(QIODevice &out) const override;
     bool fromFile_MeOnly(QIODevice &in, short dataVersion, LoadedIDMap &oldToNew) override;
 
     TZVector3d m_globalShift;
     double m_globalScale = 1.0;
     unsigned char m_pointSize = 0; // 0: the view's own point size
+    quint64 m_contentVersion = 0;
     std::unique_ptr<TZLib::Octree> m_octree;
 };
 
@@ -72,13 +81,21 @@ public:
     //! Gives every point a colour (white); false when memory runs out.
     bool resizeColors();
     void setColors(std::vector<tzRgb> &&colors);
-    void setPointColor(unsigned index, const tzRgb &color) { m_colors.at(index) = color; }
+    void setPointColor(unsigned index, const tzRgb &color)
+    {
+        m_colors.at(index) = color;
+        ++m_contentVersion;
+    }
     const tzRgb &getPointColor(unsigned index) const { return m_colors.at(index); }
     const tzRgb *colorData() const { return m_colors.data(); }
     void unallocateColors() { m_colors = {}; }
 
     bool colorsShown() const { return m_colorsShown && hasColors(); }
-    void showColors(bool state) { m_colorsShown = state; }
+    void showColors(bool state)
+    {
+        m_colorsShown = state;
+        ++m_contentVersion;
+    }
     bool sfShown() const { return m_sfShown; }
     void showSF(bool state) { m_sfShown = state; }
 

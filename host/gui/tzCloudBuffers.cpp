@@ -1,0 +1,98 @@
+#include "tzCloudBuffers.h"
+
+#include "tzLog.h"
+#include "tzPointCloud.h"
+
+#include <QOpenGLFunctions_2_1>
+
+tzCloudBuffers::~tzCloudBuffers()
+{
+    release();
+}
+
+void tzCloudBuffers::release()
+{
+    for (auto &kv : m_entries) {
+        kv.second.points.destroy();
+        kv.second.colors.destroy();
+    }
+    m_entries.clear();
+}
+
+void tzCloudBuffers::beginFrame()
+{
+    for (auto &kv : m_entries)
+        kv.second.used = false;
+}
+
+void tzCloudBuffers::endFrame()
+{
+    for (auto it = m_entries.begin(); it != m_entries.end();) {
+        if (!it->second.used) {
+            it->second.points.destroy();
+            it->second.colors.destroy();
+            it = m_entries.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+bool tzCloudBuffers::upload(Entry &entry, const tzGenericPointCloud &cloud)
+{
+    const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
+    entry.count = cloud.size();
+    entry.hasColors = coloured && coloured->colorsShown();
+    if (!entry.points.isCreated() && !entry.points.create())
+        return false;
+    entry.points.bind();
+    entry.points.allocate(cloud.data(), int(sizeof(TZVector3) * cloud.size()));
+    entry.points.release();
+    if (entry.hasColors) {
+        if (!entry.colors.isCreated() && !entry.colors.create())
+            return false;
+        entry.colors.bind();
+        entry.colors.allocate(coloured->colorData(), int(sizeof(tzRgb) * cloud.size()));
+        entry.colors.release();
+    } else {
+        entry.colors.destroy();
+    }
+    entry.version = cloud.contentVersion();
+    return true;
+}
+
+void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &context)
+{
+    QOpenGLFunctions_2_1 *gl = context.glFunctions;
+    if (!gl || cloud.size() == 0)
+        return;
+    Entry &entry = m_entries[cloud.getUniqueID()];
+    entry.used = true;
+    if (entry.version != cloud.contentVersion() || entry.count != cloud.size()) {
+        if (!upload(entry, cloud)) {
+            tzLog::Warning(QStringLiteral("[tzGLWindow] Could not make the GPU buffers of cloud '%1'")
+                               .arg(cloud.getName()));
+            return;
+        }
+    }
+    const float size = cloud.getPointSize() > 0 ? float(cloud.getPointSize()) : context.pointSize;
+    gl->glPointSize(size);
+    gl->glEnableClientState(GL_VERTEX_ARRAY);
+    entry.points.bind();
+    gl->glVertexPointer(3, GL_FLOAT, 0, nullptr);
+    if (cloud.isTempColorEnabled()) {
+        const QColor &c = cloud.getTempColor();
+        gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
+    } else if (entry.hasColors) {
+        gl->glEnableClientState(GL_COLOR_ARRAY);
+        entry.colors.bind();
+        gl->glColorPointer(3, GL_UNSIGNED_BYTE, 0, nullptr);
+    } else {
+        const QColor &c = context.pointsDefaultColor;
+        gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
+    }
+    gl->glDrawArrays(GL_POINTS, 0, GLsizei(entry.count));
+    gl->glDisableClientState(GL_COLOR_ARRAY);
+    gl->glDisableClientState(GL_VERTEX_ARRAY);
+    QOpenGLBuffer::release(QOpenGLBuffer::VertexBuffer);
+}

@@ -1,0 +1,584 @@
+#include "tzGLWindow.h"
+
+#include "tzCloudBuffers.h"
+#include "tzPointCloud.h"
+#include "tzPointPicker.h"
+
+#include <QMouseEvent>
+#include <QOpenGLContext>
+#include <QOpenGLFunctions_2_1>
+#include <QPainter>
+#include <QWheelEvent>
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+// A press and release closer than this (pixels) is a click, not a drag.
+constexpr int CLICK_SLOP_PX = 3;
+constexpr double ROTATION_PER_PIXEL = 0.005; // radians
+
+void collectClouds(const tzHObject *object, std::vector<tzGenericPointCloud *> &out)
+{
+    if (!object || !object->isVisible() || !object->isEnabled())
+        return;
+    if (object->isKindOf(TZ_TYPES::POINT_CLOUD))
+        out.push_back(static_cast<tzGenericPointCloud *>(const_cast<tzHObject *>(object)));
+    for (unsigned i = 0; i < object->getChildrenNumber(); ++i)
+        collectClouds(object->getChild(i), out);
+}
+
+} // namespace
+
+tzGLWindow::tzGLWindow(QWidget *parent)
+    : QOpenGLWidget(parent)
+    , m_viewDB(QStringLiteral("view database"))
+{
+    setFormat(defaultFormat());
+    setMouseTracking(true);
+    setFocusPolicy(Qt::StrongFocus);
+    setMinimumSize(64, 64);
+    m_clock.start();
+    m_messageTimer.setSingleShot(true);
+    connect(&m_messageTimer, &QTimer::timeout, this, [this] { update(); });
+}
+
+tzGLWindow::~tzGLWindow()
+{
+    releaseGL();
+}
+
+QSurfaceFormat tzGLWindow::defaultFormat()
+{
+    QSurfaceFormat format;
+    format.setRenderableType(QSurfaceFormat::OpenGL);
+    format.setVersion(2, 1);
+    format.setProfile(QSurfaceFormat::CompatibilityProfile);
+    format.setDepthBufferSize(24);
+    format.setSwapInterval(0);
+    return format;
+}
+
+void tzGLWindow::releaseGL()
+{
+    if (!m_buffers)
+        return;
+    if (context() && isValid()) {
+        makeCurrent();
+        m_buffers->release();
+        doneCurrent();
+    }
+    m_buffers.reset();
+}
+
+void tzGLWindow::setSceneDB(tzHObject *root)
+{
+    m_sceneRoot = root;
+    m_boundsSet = false;
+    update();
+}
+
+void tzGLWindow::addToViewDatabase(tzHObject *object, bool noDependency)
+{
+    if (!object)
+        return;
+    m_viewDB.addChild(object, noDependency ? DP_NONE : DP_PARENT_OF_OTHER);
+    object->setDisplay(this);
+}
+
+void tzGLWindow::removeFromViewDatabase(tzHObject *object)
+{
+    if (m_viewDB.getChildIndex(object) >= 0)
+        m_viewDB.detachChild(object);
+}
+
+void tzGLWindow::redraw(bool only2D, bool resetLOD)
+{
+    Q_UNUSED(only2D)
+    Q_UNUSED(resetLOD)
+    update(); // Qt merges the requests made before the next frame into one
+}
+
+void tzGLWindow::displayText(const QString &text, int x, int y, int align, float bkgAlpha,
+                             const QColor &color, const QFont *font)
+{
+    m_texts.push_back({text, x, y, align, bkgAlpha, color, font ? *font : this->font()});
+}
+
+void tzGLWindow::showViewMessage(const QString &message, MessagePosition position, bool append,
+                                 int delaySec, MessageType type)
+{
+    if (!append) {
+        m_messages.erase(std::remove_if(m_messages.begin(), m_messages.end(),
+                                        [&](const Message &m) {
+                                            return m.position == position && m.type == type;
+                                        }),
+                         m_messages.end());
+    }
+    if (!message.isEmpty())
+        m_messages.push_back({message, position, type, m_clock.elapsed() + qint64(delaySec) * 1000});
+    update();
+}
+
+QStringList tzGLWindow::viewMessages(MessagePosition position) const
+{
+    QStringList texts;
+    const qint64 now = m_clock.elapsed();
+    for (const Message &m : m_messages) {
+        if (m.position == position && m.expiresMs > now)
+            texts << m.text;
+    }
+    return texts;
+}
+
+void tzGLWindow::setViewportParameters(const tzViewportParameters &params)
+{
+    const TZVector3d before = m_camera.params.cameraCenter;
+    m_camera.params = params;
+    if (before != params.cameraCenter)
+        emit cameraPosChanged(params.cameraCenter);
+    update();
+}
+
+void tzGLWindow::setPerspectiveState(bool perspective, bool objectCentered)
+{
+    tzViewportParameters &p = m_camera.params;
+    if (perspective != p.perspectiveView) {
+        // Keep the scale at the pivot: the same pixel size on both sides of the switch.
+        const double ps = m_camera.pixelSize();
+        p.perspectiveView = perspective;
+        if (perspective) {
+            const double distance = ps * m_camera.focal();
+            p.cameraCenter = p.pivotPoint - m_camera.viewDir() * distance;
+        } else {
+            p.pixelSize = ps * p.zoom;
+        }
+        emit cameraPosChanged(p.cameraCenter);
+    }
+    p.objectCenteredView = objectCentered;
+    update();
+}
+
+void tzGLWindow::setFov(float degrees)
+{
+    if (degrees > 0 && degrees < 180)
+        m_camera.params.fov_deg = degrees;
+    update();
+}
+
+void tzGLWindow::setPivotPoint(const TZVector3d &P)
+{
+    m_camera.params.pivotPoint = P;
+    update();
+}
+
+void tzGLWindow::setCameraPos(const TZVector3d &P)
+{
+    m_camera.params.cameraCenter = P;
+    emit cameraPosChanged(P);
+    update();
+}
+
+void tzGLWindow::setCustomView(const TZVector3d &forward, const TZVector3d &up)
+{
+    m_camera.setCustomView(forward, up);
+    update();
+}
+
+void tzGLWindow::setZNearCoef(double coef)
+{
+    if (coef > 0 && coef < 1)
+        m_camera.params.zNearCoef = coef;
+    update();
+}
+
+void tzGLWindow::setPointSize(float size)
+{
+    m_pointSize = std::max(1.f, std::min(size, 16.f));
+    update();
+}
+
+std::vector<tzGenericPointCloud *> tzGLWindow::visibleClouds() const
+{
+    std::vector<tzGenericPointCloud *> clouds;
+    collectClouds(m_sceneRoot, clouds);
+    collectClouds(&m_viewDB, clouds);
+    return clouds;
+}
+
+void tzGLWindow::updateSceneBounds()
+{
+    bool any = false;
+    TZVector3d mn, mx;
+    for (tzGenericPointCloud *cloud : visibleClouds()) {
+        if (cloud->size() == 0)
+            continue;
+        const TZLib::Octree *octree = cloud->getOctree();
+        TZVector3 a, b;
+        TZVector3d lo, hi;
+        if (octree && octree->pointCount() == cloud->size()) {
+            lo = octree->cubeMin();
+            const double s = octree->cubeSize();
+            hi = lo + TZVector3d(s, s, s);
+        } else if (cloud->getBoundingBox(a, b)) {
+            lo = TZVector3d(a.x, a.y, a.z);
+            hi = TZVector3d(b.x, b.y, b.z);
+        } else {
+            continue;
+        }
+        if (!any) {
+            mn = lo;
+            mx = hi;
+            any = true;
+        }
+        for (int d = 0; d < 3; ++d) {
+            mn[d] = std::min(mn[d], lo[d]);
+            mx[d] = std::max(mx[d], hi[d]);
+        }
+    }
+    if (any)
+        m_camera.setSceneBounds(mn, mx);
+}
+
+void tzGLWindow::zoomGlobal()
+{
+    updateSceneBounds();
+    bool any = false;
+    TZVector3d mn, mx;
+    for (tzGenericPointCloud *cloud : visibleClouds()) {
+        TZVector3 a, b;
+        if (!cloud->getBoundingBox(a, b))
+            continue;
+        if (!any) {
+            mn = TZVector3d(a.x, a.y, a.z);
+            mx = mn;
+            any = true;
+        }
+        for (int d = 0; d < 3; ++d) {
+            mn[d] = std::min(mn[d], double(a[d]));
+            mx[d] = std::max(mx[d], double(b[d]));
+        }
+    }
+    if (!any)
+        return;
+    m_camera.fit(mn, mx);
+    m_boundsSet = true;
+    emit cameraPosChanged(m_camera.params.cameraCenter);
+    update();
+}
+
+tzDrawContext tzGLWindow::makeContext(int flags)
+{
+    tzDrawContext context;
+    context.drawingFlags = flags;
+    context.glW = m_camera.width;
+    context.glH = m_camera.height;
+    context.display = this;
+    context.qGLContext = QOpenGLWidget::context();
+    context.glFunctions = m_gl;
+    context.cloudRenderer = m_buffers.get();
+    context.viewportParams = &m_camera.params;
+    context.pixelSize = m_camera.pixelSize();
+    context.labelFont = font();
+    context.pointSize = m_pointSize;
+    context.perspective = m_camera.params.perspectiveView;
+    return context;
+}
+
+void tzGLWindow::initializeGL()
+{
+    m_gl = QOpenGLWidget::context()->versionFunctions<QOpenGLFunctions_2_1>();
+    if (m_gl)
+        m_gl->initializeOpenGLFunctions();
+    m_buffers = std::make_unique<tzCloudBuffers>();
+    // The buffers belong to this context: free them while it still exists.
+    connect(QOpenGLWidget::context(), &QOpenGLContext::aboutToBeDestroyed, this,
+            &tzGLWindow::releaseGL, Qt::DirectConnection);
+}
+
+void tzGLWindow::resizeGL(int w, int h)
+{
+    m_camera.width = std::max(1, w);
+    m_camera.height = std::max(1, h);
+}
+
+void tzGLWindow::drawScene(tzDrawContext &context)
+{
+    if (m_sceneRoot)
+        m_sceneRoot->draw(context);
+    m_viewDB.draw(context);
+}
+
+void tzGLWindow::paintGL()
+{
+    m_camera.width = std::max(1, width());
+    m_camera.height = std::max(1, height());
+    if (!m_gl)
+        return;
+    if (!m_boundsSet && !visibleClouds().empty())
+        zoomGlobal();
+    updateSceneBounds();
+
+    QOpenGLFunctions_2_1 *gl = m_gl;
+    gl->glViewport(0, 0, m_camera.width, m_camera.height);
+    gl->glClearColor(0.10f, 0.12f, 0.16f, 1.f);
+    gl->glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+
+    // 3D pass.
+    gl->glEnable(GL_DEPTH_TEST);
+    gl->glMatrixMode(GL_PROJECTION);
+    gl->glLoadMatrixf(m_camera.projection().constData());
+    gl->glMatrixMode(GL_MODELVIEW);
+    gl->glLoadMatrixf(m_camera.modelView().constData());
+    m_texts.clear();
+    m_buffers->beginFrame();
+    tzDrawContext context3D = makeContext(TZ_DRAW_3D);
+    drawScene(context3D);
+    m_buffers->endFrame();
+
+    // 2D foreground pass: origin at the centre of the view, y upwards, in pixels.
+    gl->glDisable(GL_DEPTH_TEST);
+    gl->glMatrixMode(GL_PROJECTION);
+    gl->glLoadIdentity();
+    gl->glOrtho(-0.5 * m_camera.width, 0.5 * m_camera.width, -0.5 * m_camera.height,
+                0.5 * m_camera.height, -1, 1);
+    gl->glMatrixMode(GL_MODELVIEW);
+    gl->glLoadIdentity();
+    tzDrawContext context2D = makeContext(TZ_DRAW_2D | TZ_DRAW_FOREGROUND);
+    drawScene(context2D);
+
+    drawOverlayTexts();
+    ++m_frames;
+    emit frameDrawn();
+}
+
+void tzGLWindow::drawOverlayTexts()
+{
+    const qint64 now = m_clock.elapsed();
+    m_messages.erase(std::remove_if(m_messages.begin(), m_messages.end(),
+                                    [now](const Message &m) { return m.expiresMs <= now; }),
+                     m_messages.end());
+    if (m_texts.empty() && m_messages.empty())
+        return;
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::TextAntialiasing);
+    for (const QueuedText &t : m_texts) {
+        painter.setFont(t.font);
+        const QFontMetrics metrics(t.font);
+        QRect box = metrics.boundingRect(t.text);
+        // align: bit 0 left/right/centre as Qt's flags; positions are the anchor.
+        int x = t.x;
+        if (t.align & Qt::AlignHCenter)
+            x -= box.width() / 2;
+        else if (t.align & Qt::AlignRight)
+            x -= box.width();
+        int y = t.y;
+        if (t.align & Qt::AlignVCenter)
+            y += metrics.ascent() / 2;
+        else if (t.align & Qt::AlignTop)
+            y += metrics.ascent();
+        box.moveTo(x, y - metrics.ascent());
+        if (t.bkgAlpha > 0) {
+            QColor background(0, 0, 0);
+            background.setAlphaF(qBound(0.f, t.bkgAlpha, 1.f));
+            painter.fillRect(box.adjusted(-2, -1, 2, 1), background);
+        }
+        painter.setPen(t.color);
+        painter.drawText(x, y, t.text);
+    }
+    QFont messageFont = font();
+    messageFont.setPointSize(messageFont.pointSize() + 1);
+    painter.setFont(messageFont);
+    painter.setPen(QColor(255, 255, 255));
+    const QFontMetrics metrics(messageFont);
+    int upper = 10 + metrics.ascent();
+    int lower = m_camera.height - 10;
+    int centre = m_camera.height / 2;
+    qint64 next = -1;
+    for (const Message &m : m_messages) {
+        const int w = metrics.horizontalAdvance(m.text);
+        switch (m.position) {
+        case UPPER_CENTER_MESSAGE:
+            painter.drawText((m_camera.width - w) / 2, upper, m.text);
+            upper += metrics.height();
+            break;
+        case LOWER_LEFT_MESSAGE:
+            painter.drawText(10, lower, m.text);
+            lower -= metrics.height();
+            break;
+        case SCREEN_CENTER_MESSAGE:
+            painter.drawText((m_camera.width - w) / 2, centre, m.text);
+            centre += metrics.height();
+            break;
+        }
+        next = next < 0 ? m.expiresMs : std::min(next, m.expiresMs);
+    }
+    painter.end();
+    if (next >= 0)
+        m_messageTimer.start(int(std::min<qint64>(std::max<qint64>(next - now, 1), 1 << 30)));
+}
+
+bool tzGLWindow::pickPoint(int x, int y, tzGenericPointCloud *&cloud, unsigned &index, TZVector3 &P,
+                           double tolerancePx)
+{
+    m_camera.width = std::max(1, width());
+    m_camera.height = std::max(1, height());
+    tzPointPicker::Result result;
+    if (!tzPointPicker::pick(m_camera, visibleClouds(), x + 0.5, y + 0.5, tolerancePx, result))
+        return false;
+    cloud = result.cloud;
+    index = result.index;
+    P = result.P;
+    return true;
+}
+
+bool tzGLWindow::getClick3DPos(int x, int y, TZVector3d &P)
+{
+    tzGenericPointCloud *cloud = nullptr;
+    unsigned index = 0;
+    TZVector3 p;
+    if (!pickPoint(x, y, cloud, index, p))
+        return false;
+    P = TZVector3d(p.x, p.y, p.z);
+    return true;
+}
+
+tzHObject *tzGLWindow::pickEntity(int x, int y, TZVector3 *P)
+{
+    if (!m_gl || !isValid())
+        return nullptr;
+    makeCurrent();
+    QOpenGLFunctions_2_1 *gl = m_gl;
+    const int w = m_camera.width, h = m_camera.height;
+    std::vector<GLuint> buffer(4096);
+    gl->glSelectBuffer(GLsizei(buffer.size()), buffer.data());
+    gl->glRenderMode(GL_SELECT);
+    gl->glInitNames();
+    // A pick matrix: the few pixels around the click fill the clip volume.
+    const double size = 2 * PICKING_TOLERANCE_PX + 1;
+    const double cx = x + 0.5, cy = h - (y + 0.5);
+    QMatrix4x4 pickMatrix;
+    pickMatrix.translate(float((w - 2 * cx) / size), float((h - 2 * cy) / size), 0);
+    pickMatrix.scale(float(w / size), float(h / size), 1);
+    gl->glEnable(GL_DEPTH_TEST);
+    gl->glMatrixMode(GL_PROJECTION);
+    gl->glLoadMatrixf((pickMatrix * m_camera.projection()).constData());
+    gl->glMatrixMode(GL_MODELVIEW);
+    gl->glLoadMatrixf(m_camera.modelView().constData());
+    tzDrawContext context = makeContext(TZ_DRAW_3D | TZ_ENTITY_PICKING);
+    drawScene(context);
+    const GLint hits = gl->glRenderMode(GL_RENDER);
+    doneCurrent();
+    // Records: name count, min depth, max depth, names; the nearest hit's innermost name wins.
+    GLuint bestDepth = ~0u;
+    GLuint bestName = 0;
+    bool found = false;
+    const GLuint *record = buffer.data();
+    for (GLint i = 0; i < hits; ++i) {
+        const GLuint names = record[0];
+        if (names > 0 && record[1] <= bestDepth) {
+            bestDepth = record[1];
+            bestName = record[2 + names];
+            found = true;
+        }
+        record += 3 + names;
+    }
+    if (!found)
+        return nullptr;
+    tzHObject *entity = m_sceneRoot ? m_sceneRoot->find(bestName) : nullptr;
+    if (!entity)
+        entity = m_viewDB.find(bestName);
+    if (entity && P) {
+        const TZVector3d p = m_camera.unproject(x + 0.5, y + 0.5, double(bestDepth) / double(~0u));
+        *P = TZVector3(float(p.x), float(p.y), float(p.z));
+    }
+    return entity;
+}
+
+void tzGLWindow::onClick(const QPoint &pos)
+{
+    if (m_pickingMode == NO_PICKING)
+        return;
+    tzGenericPointCloud *cloud = nullptr;
+    unsigned index = 0;
+    TZVector3 P;
+    const bool onPoint = pickPoint(pos.x(), pos.y(), cloud, index, P);
+    const bool wantsEntities = m_pickingMode == DEFAULT_PICKING || m_pickingMode == ENTITY_PICKING
+        || m_pickingMode == FAST_PICKING || m_pickingMode == LABEL_PICKING
+        || m_pickingMode == POINT_OR_TRIANGLE_OR_LABEL_PICKING;
+    TZVector3 entityP;
+    tzHObject *entity = wantsEntities ? pickEntity(pos.x(), pos.y(), &entityP) : nullptr;
+    if (entity && onPoint) {
+        // The nearer of the two wins.
+        double ex, ey, entityDepth, px, py, pointDepth;
+        m_camera.project(TZVector3d(entityP.x, entityP.y, entityP.z), ex, ey, entityDepth);
+        m_camera.project(TZVector3d(P.x, P.y, P.z), px, py, pointDepth);
+        if (pointDepth < entityDepth)
+            entity = nullptr;
+    }
+    if (m_pickingMode == DEFAULT_PICKING) {
+        emit entitySelectionChanged(entity ? entity : cloud);
+        return;
+    }
+    if (entity)
+        emit itemPicked(entity, 0, pos.x(), pos.y(), entityP);
+    else if (onPoint && m_pickingMode != ENTITY_PICKING && m_pickingMode != LABEL_PICKING)
+        emit itemPicked(cloud, index, pos.x(), pos.y(), P);
+}
+
+void tzGLWindow::mousePressEvent(QMouseEvent *event)
+{
+    m_pressPos = m_lastPos = event->pos();
+    m_pressButton = event->button();
+    m_dragged = false;
+    if (event->button() == Qt::LeftButton && !m_camera.params.perspectiveView) {
+        // Rotations turn about the point under the cursor when there is one.
+        TZVector3d P;
+        if (m_camera.params.objectCenteredView && getClick3DPos(event->x(), event->y(), P))
+            m_camera.params.pivotPoint = P;
+    }
+    event->accept();
+}
+
+void tzGLWindow::mouseMoveEvent(QMouseEvent *event)
+{
+    const QPoint delta = event->pos() - m_lastPos;
+    m_lastPos = event->pos();
+    emit mouseMoved(event->x(), event->y(), event->buttons());
+    if (event->buttons() == Qt::NoButton)
+        return;
+    if ((event->pos() - m_pressPos).manhattanLength() > CLICK_SLOP_PX)
+        m_dragged = true;
+    if (!m_dragged)
+        return;
+    if (event->buttons() & Qt::LeftButton) {
+        const double length = std::hypot(double(delta.x()), double(delta.y()));
+        if (length > 0)
+            m_camera.rotate(TZVector3d(delta.y(), delta.x(), 0), length * ROTATION_PER_PIXEL);
+    } else if (event->buttons() & (Qt::RightButton | Qt::MiddleButton)) {
+        m_camera.pan(delta.x(), delta.y());
+    }
+    emit cameraPosChanged(m_camera.params.cameraCenter);
+    update();
+}
+
+void tzGLWindow::mouseReleaseEvent(QMouseEvent *event)
+{
+    if (event->button() == Qt::LeftButton && m_pressButton == Qt::LeftButton && !m_dragged)
+        onClick(event->pos());
+    m_pressButton = Qt::NoButton;
+    m_dragged = false;
+}
+
+void tzGLWindow::wheelEvent(QWheelEvent *event)
+{
+    const double steps = event->angleDelta().y() / 120.0;
+    if (steps == 0)
+        return;
+    m_camera.zoom(std::pow(1.2, steps));
+    if (m_camera.params.perspectiveView)
+        emit cameraPosChanged(m_camera.params.cameraCenter);
+    update();
+    event->accept();
+}

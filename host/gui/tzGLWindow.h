@@ -1,0 +1,174 @@
+#pragma once
+
+#include "TZVector3.h"
+#include "qtz_gui_global.h"
+#include "tzCamera.h"
+#include "tzDrawContext.h"
+#include "tzHObject.h"
+
+#include <QElapsedTimer>
+#include <QOpenGLWidget>
+#include <QPoint>
+#include <QTimer>
+
+#include <memory>
+#include <vector>
+
+class QOpenGLFunctions_2_1;
+class tzCloudBuffers;
+class tzGenericPointCloud;
+
+//! The 3D view: draws a scene tree and the view's own display list on an OpenGL 2.1
+//! compatibility context, moves the camera with the mouse, and finds what lies under a click.
+//!
+//! Cloud points are found on the CPU with the octree (tzPointPicker); other objects through a
+//! selection pass in which their drawMeOnly pushes their unique ID as GL name.
+class QTZ_GUI_LIB_API tzGLWindow : public QOpenGLWidget, public tzGenericGLDisplay
+{
+    Q_OBJECT
+
+public:
+    enum PICKING_MODE {
+        NO_PICKING = 0,
+        ENTITY_PICKING = 1,
+        FAST_PICKING = 2,
+        POINT_PICKING = 3,
+        TRIANGLE_PICKING = 4,
+        POINT_OR_TRIANGLE_PICKING = 5,
+        POINT_OR_TRIANGLE_OR_LABEL_PICKING = 6,
+        LABEL_PICKING = 7,
+        DEFAULT_PICKING = 8,
+    };
+    enum MessagePosition { LOWER_LEFT_MESSAGE, UPPER_CENTER_MESSAGE, SCREEN_CENTER_MESSAGE };
+    enum MessageType { CUSTOM_MESSAGE = 0, PLUGIN_MESSAGE = 1 };
+
+    //! How close to a click (in pixels) a point must lie to be picked.
+    static constexpr double PICKING_TOLERANCE_PX = 3.0;
+
+    explicit tzGLWindow(QWidget *parent = nullptr);
+    ~tzGLWindow() override;
+
+    //! The OpenGL 2.1 compatibility format; the application sets it as the default before any
+    //! widget exists.
+    static QSurfaceFormat defaultFormat();
+
+    //! The scene drawn (not owned).
+    void setSceneDB(tzHObject *root);
+    tzHObject *getSceneDB() const { return m_sceneRoot; }
+    //! The view's own display list. noDependency: the view neither owns nor watches the object,
+    //! which must leave the list before it is deleted.
+    void addToViewDatabase(tzHObject *object, bool noDependency = true);
+    void removeFromViewDatabase(tzHObject *object);
+    tzHObject *getViewDatabase() { return &m_viewDB; }
+
+    // tzGenericGLDisplay
+    void redraw(bool only2D = false, bool resetLOD = true) override;
+    void deprecate3DLayer() override { update(); }
+    void displayText(const QString &text, int x, int y, int align, float bkgAlpha,
+                     const QColor &color, const QFont *font) override;
+
+    //! Shows a message in one of the view's areas for delaySec seconds. Without append the
+    //! area's messages of the same type are replaced; an empty text just clears them.
+    void showViewMessage(const QString &message, MessagePosition position, bool append = false,
+                         int delaySec = 2, MessageType type = CUSTOM_MESSAGE);
+    QStringList viewMessages(MessagePosition position) const;
+
+    void setPickingMode(int mode) { m_pickingMode = mode; }
+    int getPickingMode() const { return m_pickingMode; }
+
+    // Camera
+    const tzViewportParameters &getViewportParameters() const { return m_camera.params; }
+    void setViewportParameters(const tzViewportParameters &params);
+    const tzCamera &camera() const { return m_camera; }
+    void setPerspectiveState(bool perspective, bool objectCentered);
+    bool perspectiveView() const { return m_camera.params.perspectiveView; }
+    void setFov(float degrees);
+    void setPivotPoint(const TZVector3d &P);
+    //! Moves the camera centre (emits cameraPosChanged).
+    void setCameraPos(const TZVector3d &P);
+    void setCustomView(const TZVector3d &forward, const TZVector3d &up);
+    TZVector3d getCurrentUpDir() const { return m_camera.upDir(); }
+    TZVector3d getCurrentViewDir() const { return m_camera.viewDir(); }
+    //! World units per pixel at the pivot.
+    double computeActualPixelSize() const { return m_camera.pixelSize(); }
+    //! The near-plane parameter (fraction of the far distance).
+    void setZNearCoef(double coef);
+    //! Frames every visible cloud.
+    void zoomGlobal();
+    void setPointSize(float size);
+    float getPointSize() const { return m_pointSize; }
+
+    //! The front-most cloud point within tolerance of a pixel (window coordinates).
+    bool pickPoint(int x, int y, tzGenericPointCloud *&cloud, unsigned &index, TZVector3 &P,
+                   double tolerancePx = PICKING_TOLERANCE_PX);
+    //! The 3D point under a pixel (the front-most cloud point there), false when there is none.
+    bool getClick3DPos(int x, int y, TZVector3d &P);
+    //! The object drawn under a pixel by the entity-picking pass (not clouds), or null.
+    tzHObject *pickEntity(int x, int y, TZVector3 *P = nullptr);
+
+    //! Visible clouds of the scene and the view's list.
+    std::vector<tzGenericPointCloud *> visibleClouds() const;
+    QOpenGLFunctions_2_1 *functions() const { return m_gl; }
+    //! Frames drawn so far.
+    quint64 frameCount() const { return m_frames; }
+
+signals:
+    //! A click in a picking mode found something: the entity, the point index, the click's
+    //! pixel and the picked point (entity's local coordinates).
+    void itemPicked(tzHObject *entity, unsigned itemIndex, int x, int y, const TZVector3 &P);
+    //! A click in the default mode: the entity under it (null: none).
+    void entitySelectionChanged(tzHObject *entity);
+    void cameraPosChanged(const TZVector3d &centre);
+    void mouseMoved(int x, int y, Qt::MouseButtons buttons);
+    void frameDrawn();
+
+protected:
+    void initializeGL() override;
+    void resizeGL(int w, int h) override;
+    void paintGL() override;
+    void mousePressEvent(QMouseEvent *event) override;
+    void mouseMoveEvent(QMouseEvent *event) override;
+    void mouseReleaseEvent(QMouseEvent *event) override;
+    void wheelEvent(QWheelEvent *event) override;
+
+private:
+    struct Message
+    {
+        QString text;
+        MessagePosition position;
+        MessageType type;
+        qint64 expiresMs;
+    };
+    struct QueuedText
+    {
+        QString text;
+        int x, y, align;
+        float bkgAlpha;
+        QColor color;
+        QFont font;
+    };
+    tzDrawContext makeContext(int flags);
+    void drawScene(tzDrawContext &context);
+    void drawOverlayTexts();
+    void onClick(const QPoint &pos);
+    void updateSceneBounds();
+    void releaseGL();
+
+    tzHObject *m_sceneRoot = nullptr;
+    tzHObject m_viewDB;
+    tzCamera m_camera;
+    bool m_boundsSet = false;
+    QOpenGLFunctions_2_1 *m_gl = nullptr;
+    std::unique_ptr<tzCloudBuffers> m_buffers;
+    int m_pickingMode = DEFAULT_PICKING;
+    float m_pointSize = 1.f;
+    std::vector<Message> m_messages;
+    std::vector<QueuedText> m_texts;
+    QTimer m_messageTimer;
+    QElapsedTimer m_clock;
+    QPoint m_pressPos;
+    QPoint m_lastPos;
+    Qt::MouseButton m_pressButton = Qt::NoButton;
+    bool m_dragged = false;
+    quint64 m_frames = 0;
+};
