@@ -79,16 +79,17 @@ void tzCamera::depthRange(double &zNear, double &zFar) const
             dmax = std::max(dmax, depth);
         }
     }
-    const double margin = 0.01 * (dmax - dmin) + 1e-3;
+    // Objects other than clouds (markers, frustums, labels) lie near the clouds but may stick
+    // out of their box: keep a box's diagonal of room on both sides.
+    const double room = m_hasBounds ? std::max((m_boundsMax - m_boundsMin).norm(), 1.0) : 1.0;
     if (!params.perspectiveView) {
-        zNear = dmin - margin;
-        zFar = dmax + margin;
+        // Everything from the camera's plane on is shown, as in a perspective view.
+        zNear = std::min(dmin, 0.0) - room;
+        zFar = dmax + room;
         return;
     }
-    zFar = std::max(dmax + margin, 1e-2);
+    zFar = std::max(dmax + room, 1e-2);
     zNear = std::max(zFar * std::max(params.zNearCoef, 1e-6), 1e-4);
-    if (dmin - margin > zNear)
-        zNear = dmin - margin;
 }
 
 QMatrix4x4 tzCamera::projection() const
@@ -112,8 +113,9 @@ QMatrix4x4 tzCamera::modelView() const
     QMatrix4x4 m;
     for (int i = 0; i < 3; ++i) {
         const TZVector3d row = rowOfR(i);
-        m.setRow(i, QVector4D(float(row.x), float(row.y), float(row.z),
-                              float(-row.dot(params.cameraCenter))));
+        m.setRow(i,
+                 QVector4D(float(row.x), float(row.y), float(row.z),
+                           float(-row.dot(params.cameraCenter))));
     }
     m.setRow(3, QVector4D(0, 0, 0, 1));
     return m;

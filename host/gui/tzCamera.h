@@ -58,7 +58,10 @@ public:
     void fit(const TZVector3d &min, const TZVector3d &max);
 
 private:
-    TZVector3d rowOfR(int i) const { return {params.viewMat[i], params.viewMat[4 + i], params.viewMat[8 + i]}; }
+    TZVector3d rowOfR(int i) const
+    {
+        return {params.viewMat[i], params.viewMat[4 + i], params.viewMat[8 + i]};
+    }
     TZVector3d toEye(const TZVector3d &v) const; // rotation only
     TZVector3d fromEye(const TZVector3d &v) const; // rotation only
     void setRows(const TZVector3d &r0, const TZVector3d &r1, const TZVector3d &r2);

@@ -70,8 +70,9 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
     entry.used = true;
     if (entry.version != cloud.contentVersion() || entry.count != cloud.size()) {
         if (!upload(entry, cloud)) {
-            tzLog::Warning(QStringLiteral("[tzGLWindow] Could not make the GPU buffers of cloud '%1'")
-                               .arg(cloud.getName()));
+            tzLog::Warning(
+                QStringLiteral("[tzGLWindow] Could not make the GPU buffers of cloud '%1'")
+                    .arg(cloud.getName()));
             return;
         }
     }

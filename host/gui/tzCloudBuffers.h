@@ -23,8 +23,8 @@ public:
 private:
     struct Entry
     {
-        QOpenGLBuffer points{QOpenGLBuffer::VertexBuffer};
-        QOpenGLBuffer colors{QOpenGLBuffer::VertexBuffer};
+        QOpenGLBuffer points {QOpenGLBuffer::VertexBuffer};
+        QOpenGLBuffer colors {QOpenGLBuffer::VertexBuffer};
         quint64 version = ~quint64(0);
         unsigned count = 0;
         bool hasColors = false;

@@ -35,6 +35,9 @@ tzGLWindow::tzGLWindow(QWidget *parent)
     : QOpenGLWidget(parent)
     , m_viewDB(QStringLiteral("view database"))
 {
+    qRegisterMetaType<tzHObject *>();
+    qRegisterMetaType<TZVector3>();
+    qRegisterMetaType<TZVector3d>();
     setFormat(defaultFormat());
     setMouseTracking(true);
     setFocusPolicy(Qt::StrongFocus);
@@ -75,7 +78,7 @@ void tzGLWindow::releaseGL()
 void tzGLWindow::setSceneDB(tzHObject *root)
 {
     m_sceneRoot = root;
-    m_boundsSet = false;
+    m_cameraSet = false;
     update();
 }
 
@@ -117,7 +120,8 @@ void tzGLWindow::showViewMessage(const QString &message, MessagePosition positio
                          m_messages.end());
     }
     if (!message.isEmpty())
-        m_messages.push_back({message, position, type, m_clock.elapsed() + qint64(delaySec) * 1000});
+        m_messages.push_back(
+            {message, position, type, m_clock.elapsed() + qint64(delaySec) * 1000});
     update();
 }
 
@@ -136,6 +140,7 @@ void tzGLWindow::setViewportParameters(const tzViewportParameters &params)
 {
     const TZVector3d before = m_camera.params.cameraCenter;
     m_camera.params = params;
+    m_cameraSet = true;
     if (before != params.cameraCenter)
         emit cameraPosChanged(params.cameraCenter);
     update();
@@ -176,6 +181,7 @@ void tzGLWindow::setPivotPoint(const TZVector3d &P)
 void tzGLWindow::setCameraPos(const TZVector3d &P)
 {
     m_camera.params.cameraCenter = P;
+    m_cameraSet = true;
     emit cameraPosChanged(P);
     update();
 }
@@ -183,6 +189,7 @@ void tzGLWindow::setCameraPos(const TZVector3d &P)
 void tzGLWindow::setCustomView(const TZVector3d &forward, const TZVector3d &up)
 {
     m_camera.setCustomView(forward, up);
+    m_cameraSet = true;
     update();
 }
 
@@ -263,7 +270,7 @@ void tzGLWindow::zoomGlobal()
     if (!any)
         return;
     m_camera.fit(mn, mx);
-    m_boundsSet = true;
+    m_cameraSet = true;
     emit cameraPosChanged(m_camera.params.cameraCenter);
     update();
 }
@@ -316,7 +323,7 @@ void tzGLWindow::paintGL()
     m_camera.height = std::max(1, height());
     if (!m_gl)
         return;
-    if (!m_boundsSet && !visibleClouds().empty())
+    if (!m_cameraSet && !visibleClouds().empty())
         zoomGlobal();
     updateSceneBounds();
 

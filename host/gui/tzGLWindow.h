@@ -7,6 +7,7 @@
 #include "tzHObject.h"
 
 #include <QElapsedTimer>
+#include <QMetaType>
 #include <QOpenGLWidget>
 #include <QPoint>
 #include <QTimer>
@@ -157,7 +158,7 @@ private:
     tzHObject *m_sceneRoot = nullptr;
     tzHObject m_viewDB;
     tzCamera m_camera;
-    bool m_boundsSet = false;
+    bool m_cameraSet = false; // false until a camera is set or fitted
     QOpenGLFunctions_2_1 *m_gl = nullptr;
     std::unique_ptr<tzCloudBuffers> m_buffers;
     int m_pickingMode = DEFAULT_PICKING;
@@ -172,3 +173,7 @@ private:
     bool m_dragged = false;
     quint64 m_frames = 0;
 };
+
+Q_DECLARE_METATYPE(tzHObject *)
+Q_DECLARE_METATYPE(TZVector3)
+Q_DECLARE_METATYPE(TZVector3d)

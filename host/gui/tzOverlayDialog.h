@@ -15,7 +15,8 @@ class QTZ_GUI_LIB_API tzOverlayDialog : public QDialog
     Q_OBJECT
 
 public:
-    explicit tzOverlayDialog(QWidget *parent = nullptr, Qt::WindowFlags flags = Qt::FramelessWindowHint | Qt::Tool);
+    explicit tzOverlayDialog(QWidget *parent = nullptr,
+                             Qt::WindowFlags flags = Qt::FramelessWindowHint | Qt::Tool);
     ~tzOverlayDialog() override;
 
     //! Links the dialog to a view (not owned); refused while the dialog runs.

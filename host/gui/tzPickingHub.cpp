@@ -14,7 +14,8 @@ tzPickingHub::tzPickingHub(bool autoStartPicking, QObject *parent)
 {
 }
 
-bool tzPickingHub::addListener(tzPickingListener *listener, bool exclusive, bool autoStart, int mode)
+bool tzPickingHub::addListener(tzPickingListener *listener, bool exclusive, bool autoStart,
+                               int mode)
 {
     if (!listener)
         return false;
@@ -22,16 +23,18 @@ bool tzPickingHub::addListener(tzPickingListener *listener, bool exclusive, bool
         const bool onlyThisOne = m_listeners.size() == 1 && *m_listeners.begin() == listener;
         if (m_exclusive) {
             if (!onlyThisOne) {
-                tzLog::Warning(QStringLiteral("[tzPickingHub::addListener] Exclusive listener already "
-                                              "registered: stop the other tool relying on point "
-                                              "picking first"));
+                tzLog::Warning(
+                    QStringLiteral("[tzPickingHub::addListener] Exclusive listener already "
+                                   "registered: stop the other tool relying on point "
+                                   "picking first"));
                 return false;
             }
         } else if (exclusive) {
             if (!onlyThisOne) {
-                tzLog::Warning(QStringLiteral("[tzPickingHub::addListener] Attempt to register an "
-                                              "exclusive listener while other listeners are already "
-                                              "registered"));
+                tzLog::Warning(
+                    QStringLiteral("[tzPickingHub::addListener] Attempt to register an "
+                                   "exclusive listener while other listeners are already "
+                                   "registered"));
                 return false;
             }
         } else if (mode != m_pickingMode && !onlyThisOne) {

@@ -56,18 +56,21 @@ bool tzPointPicker::pick(const tzCamera &camera, const std::vector<tzGenericPoin
             continue;
         const TZVector3d cubeMin = octree->cubeMin();
         const double cube = octree->cubeSize();
+        const TZVector3d cubeMax = cubeMin + TZVector3d(cube, cube, cube);
+        // The box grown by the farthest reach that could matter: the reach at its farthest corner.
+        double farthest = 0;
+        for (int k = 0; k < 8; ++k) {
+            const TZVector3d corner((k & 1) ? cubeMax.x : cubeMin.x,
+                                    (k & 2) ? cubeMax.y : cubeMin.y,
+                                    (k & 4) ? cubeMax.z : cubeMin.z);
+            farthest = std::max(farthest, (corner - origin).norm());
+        }
+        const double far = reachAt(farthest);
         double t0 = perspective ? 0.0 : -std::numeric_limits<double>::max();
-        double t1 = std::numeric_limits<double>::max();
-        if (found)
-            t1 = result.distance; // only a nearer point can win
-        // The box grown by the farthest reach that could matter.
-        const double far = clipToBox(origin, dir, cubeMin, cubeMin + TZVector3d(cube, cube, cube), t0, t1)
-            ? reachAt(std::max(std::abs(t0), std::abs(t1)))
-            : 0.0;
-        t0 = perspective ? 0.0 : -std::numeric_limits<double>::max();
-        t1 = found ? result.distance : std::numeric_limits<double>::max();
+        double t1
+            = found ? result.distance : std::numeric_limits<double>::max(); // only nearer wins
         const TZVector3d grow(far, far, far);
-        if (!clipToBox(origin, dir, cubeMin - grow, cubeMin + TZVector3d(cube, cube, cube) + grow, t0, t1))
+        if (!clipToBox(origin, dir, cubeMin - grow, cubeMax + grow, t0, t1))
             continue;
 
         // Front to back in short segments: the first segment that holds a point holds the
@@ -97,7 +100,8 @@ bool tzPointPicker::pick(const tzCamera &camera, const std::vector<tzGenericPoin
                 if ((px - x) * (px - x) + (py - y) * (py - y) > tol2)
                     continue;
                 if (!found || t < result.distance
-                    || (t == result.distance && cloud == result.cloud && n.pointIndex < result.index)) {
+                    || (t == result.distance && cloud == result.cloud
+                        && n.pointIndex < result.index)) {
                     result.cloud = cloud;
                     result.index = n.pointIndex;
                     result.P = *n.point;

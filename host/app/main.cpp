@@ -1,0 +1,79 @@
+// tessaro: the point-cloud viewer.
+//
+//   tessaro [--auto-shift] [--screenshot <png>] [files...]
+//
+// Opens the clouds given (PLY, LAS, XYZ) and loads the plug-ins found in plugins/ beside the
+// executable and in the folders of TESSARO_PLUGIN_PATH.
+
+#include "tzGLWindow.h"
+#include "tzMainWindow.h"
+#include "tzPointCloud.h"
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QSurfaceFormat>
+#include <QTimer>
+
+#include <memory>
+
+int main(int argc, char **argv)
+{
+    // The GL format must be the default before any widget exists.
+    QSurfaceFormat::setDefaultFormat(tzGLWindow::defaultFormat());
+    QApplication::setAttribute(Qt::AA_ShareOpenGLContexts);
+    QApplication app(argc, argv);
+    QApplication::setOrganizationName(QStringLiteral("Tessaro"));
+    QApplication::setApplicationName(QStringLiteral("Tessaro"));
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral("Tessaro point-cloud viewer"));
+    parser.addHelpOption();
+    QCommandLineOption autoShift(QStringLiteral("auto-shift"),
+                                 QStringLiteral("Take the suggested global shift of large "
+                                                "coordinates without asking."));
+    parser.addOption(autoShift);
+    QCommandLineOption screenshot(
+        QStringLiteral("screenshot"),
+        QStringLiteral("Once the files are open and shown, save a picture "
+                       "of the window to <png> and quit."),
+        QStringLiteral("png"));
+    parser.addOption(screenshot);
+    parser.addPositionalArgument(QStringLiteral("files"), QStringLiteral("Point clouds to open."),
+                                 QStringLiteral("[files...]"));
+    parser.process(app);
+
+    tzMainWindow::Options options;
+    options.autoShift = parser.isSet(autoShift);
+    tzMainWindow window(options);
+    window.show();
+    const QString shotPath = parser.value(screenshot);
+    if (!shotPath.isEmpty()) {
+        // After the last file, wait for a frame of the view, then take the picture.
+        auto *view = window.activeView();
+        auto takeShot = [&window, view, shotPath] {
+            auto taken = std::make_shared<bool>(false);
+            QObject::connect(view, &tzGLWindow::frameDrawn, &window, [&window, shotPath, taken] {
+                if (*taken)
+                    return;
+                *taken = true;
+                QTimer::singleShot(200, &window, [&window, shotPath] {
+                    const bool saved = window.grab().save(shotPath);
+                    window.printToConsole(
+                        saved ? QStringLiteral("Screenshot written to '%1'").arg(shotPath)
+                              : QStringLiteral("Could not write the screenshot '%1'").arg(shotPath),
+                        saved ? 0 : 2);
+                    QCoreApplication::exit(saved ? 0 : 1);
+                });
+            });
+            view->redraw();
+        };
+        QObject::connect(&window, &tzMainWindow::fileOpened, &window, [&window, takeShot] {
+            if (!window.isLoading())
+                takeShot();
+        });
+        if (parser.positionalArguments().isEmpty())
+            QTimer::singleShot(0, &window, takeShot);
+    }
+    window.openFiles(parser.positionalArguments());
+    return app.exec();
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "tzHObject.h"
+
+#include <QTreeWidget>
+
+//! The database tree: every object of the scene with its name and a visibility check box.
+//! Items keep unique IDs, never pointers, so that an object deleted behind the tree's back is
+//! merely not found.
+class tzDBTree : public QTreeWidget
+{
+    Q_OBJECT
+
+public:
+    explicit tzDBTree(tzHObject *root, QWidget *parent = nullptr);
+
+    //! Rebuilds the items from the scene, keeping expansion and selection.
+    void rebuild();
+    //! Rebuilds at the next turn of the event loop (many requests make one rebuild).
+    void scheduleRebuild();
+    //! The selected objects, in tree order.
+    tzHObject::Container selectedObjects() const;
+    //! Selects exactly this object (null: clears the selection).
+    void selectObject(tzHObject *object);
+    QTreeWidgetItem *itemOf(const tzHObject *object) const;
+    void expandTo(const tzHObject *object);
+
+signals:
+    void objectSelectionChanged();
+    void visibilityChanged(tzHObject *object);
+
+private:
+    void addItems(tzHObject *object, QTreeWidgetItem *parentItem);
+    tzHObject *objectOf(const QTreeWidgetItem *item) const;
+
+    tzHObject *m_root;
+    bool m_rebuilding = false;
+    bool m_rebuildScheduled = false;
+};

@@ -1,0 +1,452 @@
+#include "tzMainWindow.h"
+
+#include "tzCloudLoader.h"
+#include "tzConsole.h"
+#include "tzDBTree.h"
+#include "tzGLWindow.h"
+#include "tzLog.h"
+#include "tzOverlayDialog.h"
+#include "tzPickingHub.h"
+#include "tzPluginManager.h"
+#include "tzPointCloud.h"
+#include "tzSceneFile.h"
+#include "tzStdPluginInterface.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QCloseEvent>
+#include <QDialog>
+#include <QDialogButtonBox>
+#include <QDockWidget>
+#include <QDoubleSpinBox>
+#include <QFileDialog>
+#include <QFileInfo>
+#include <QFormLayout>
+#include <QLabel>
+#include <QMdiArea>
+#include <QMdiSubWindow>
+#include <QMenuBar>
+#include <QProgressDialog>
+#include <QSettings>
+#include <QThread>
+#include <QToolBar>
+
+namespace {
+// Distance between an overlay dialog and the edges of the view (pixels).
+constexpr int OVERLAY_MARGIN = 6;
+} // namespace
+
+tzMainWindow::tzMainWindow(const Options &options)
+    : m_options(options)
+    , m_root(std::make_unique<tzHObject>(QStringLiteral("DB Tree")))
+{
+    setObjectName(QStringLiteral("tessaroMainWindow"));
+    setWindowTitle(QStringLiteral("Tessaro"));
+    resize(1280, 800);
+
+    m_console = new tzConsole;
+    tzLog::SetHandler([this](const QString &text, int level) { m_console->print(text, level); });
+
+    m_hub = new tzPickingHub(true, this);
+    m_mdi = new QMdiArea;
+    setCentralWidget(m_mdi);
+    m_view = new tzGLWindow;
+    m_view->setObjectName(QStringLiteral("3D View"));
+    m_view->setSceneDB(m_root.get());
+    m_view->installEventFilter(this);
+    QMdiSubWindow *sub = m_mdi->addSubWindow(m_view);
+    sub->setWindowTitle(QStringLiteral("3D View 1"));
+    sub->showMaximized();
+    connect(m_mdi, &QMdiArea::subWindowActivated, m_hub, &tzPickingHub::onActiveWindowChanged);
+    m_hub->onActiveWindowChanged(sub);
+    connect(m_view, &tzGLWindow::entitySelectionChanged, this, &tzMainWindow::onEntityClicked);
+
+    m_tree = new tzDBTree(m_root.get());
+    auto *treeDock = new QDockWidget(tr("DB Tree"), this);
+    treeDock->setObjectName(QStringLiteral("dbTreeDock"));
+    treeDock->setWidget(m_tree);
+    addDockWidget(Qt::LeftDockWidgetArea, treeDock);
+    connect(m_tree, &tzDBTree::objectSelectionChanged, this, &tzMainWindow::onSelectionChanged);
+    connect(m_tree, &tzDBTree::visibilityChanged, this, [this] { m_view->redraw(); });
+
+    auto *consoleDock = new QDockWidget(tr("Console"), this);
+    consoleDock->setObjectName(QStringLiteral("consoleDock"));
+    consoleDock->setWidget(m_console);
+    addDockWidget(Qt::BottomDockWidgetArea, consoleDock);
+
+    m_plugins = new tzPluginManager(this, this);
+    createMenus();
+    if (options.loadPlugins)
+        loadPlugins(tzPluginManager::searchPaths());
+}
+
+tzMainWindow::~tzMainWindow()
+{
+    // A load in progress is cancelled and waited for; its cloud never reaches the scene.
+    if (m_loader) {
+        m_loader->cancel();
+        delete m_loader;
+        m_loader = nullptr;
+    }
+    // Plug-ins go first: they may still hold scene objects, views and the hub.
+    delete m_plugins;
+    m_plugins = nullptr;
+    m_selected.clear();
+    m_view->setSceneDB(nullptr);
+    m_root.reset();
+    tzLog::SetHandler({});
+}
+
+void tzMainWindow::createMenus()
+{
+    QMenu *file = menuBar()->addMenu(tr("&File"));
+    QAction *open = file->addAction(tr("&Open..."), this, [this] {
+        QSettings settings;
+        settings.beginGroup(QStringLiteral("LoadFile"));
+        const QString folder = settings.value(QStringLiteral("currentPath")).toString();
+        const QStringList paths = QFileDialog::getOpenFileNames(
+            this, tr("Open point clouds"), folder,
+            tr("Point clouds (*.ply *.las *.xyz *.txt *.asc *.pts *.csv);;All files (*)"));
+        openFiles(paths);
+    });
+    open->setShortcut(QKeySequence::Open);
+    file->addAction(tr("&Load scene..."), this, [this] {
+        const QString path = QFileDialog::getOpenFileName(
+            this, tr("Load scene"), QString(), tr("Tessaro scenes (*.tzs);;All files (*)"));
+        if (!path.isEmpty())
+            loadScene(path);
+    });
+    file->addAction(tr("&Save scene..."), this, [this] {
+        QString path = QFileDialog::getSaveFileName(this, tr("Save scene"), QString(),
+                                                    tr("Tessaro scenes (*.tzs)"));
+        if (path.isEmpty())
+            return;
+        if (QFileInfo(path).suffix().isEmpty())
+            path += QStringLiteral(".tzs");
+        saveScene(path);
+    });
+    file->addSeparator();
+    QAction *quit = file->addAction(tr("&Quit"), this, &QWidget::close);
+    quit->setShortcut(QKeySequence::Quit);
+
+    QMenu *display = menuBar()->addMenu(tr("&Display"));
+    display->addAction(tr("&Zoom on everything"), this, [this] { m_view->zoomGlobal(); });
+    QAction *perspective = display->addAction(tr("&Perspective"));
+    perspective->setCheckable(true);
+    connect(perspective, &QAction::toggled, this,
+            [this](bool on) { m_view->setPerspectiveState(on, true); });
+    display->addAction(tr("&Larger points"), this,
+                       [this] { m_view->setPointSize(m_view->getPointSize() + 1); });
+    display->addAction(tr("&Smaller points"), this,
+                       [this] { m_view->setPointSize(m_view->getPointSize() - 1); });
+
+    m_pluginMenu = menuBar()->addMenu(tr("&Plugins"));
+    m_pluginToolBar = addToolBar(tr("Plugins"));
+    m_pluginToolBar->setObjectName(QStringLiteral("pluginToolBar"));
+}
+
+void tzMainWindow::loadPlugins(const QStringList &folders)
+{
+    const int before = m_plugins->plugins().size();
+    m_plugins->loadAll(folders);
+    const auto &plugins = m_plugins->plugins();
+    for (int i = before; i < plugins.size(); ++i) {
+        for (QAction *action : plugins[i].actions) {
+            m_pluginMenu->addAction(action);
+            m_pluginToolBar->addAction(action);
+        }
+        plugins[i].instance->selectionChanged(m_selected);
+    }
+}
+
+tzGLWindow *tzMainWindow::activeView()
+{
+    QMdiSubWindow *sub = m_mdi->activeSubWindow();
+    if (!sub)
+        sub = m_mdi->currentSubWindow();
+    auto *view = sub ? qobject_cast<tzGLWindow *>(sub->widget()) : nullptr;
+    return view ? view : m_view;
+}
+
+void tzMainWindow::attachOverlayDialog(tzOverlayDialog *dialog, Qt::Corner corner)
+{
+    if (!dialog)
+        return;
+    for (auto &overlay : m_overlays) {
+        if (overlay.first == dialog) {
+            overlay.second = corner;
+            placeOverlays();
+            return;
+        }
+    }
+    m_overlays.emplace_back(dialog, corner);
+    dialog->installEventFilter(this);
+    placeOverlays();
+}
+
+void tzMainWindow::detachOverlayDialog(tzOverlayDialog *dialog)
+{
+    for (auto it = m_overlays.begin(); it != m_overlays.end(); ++it) {
+        if (it->first == dialog) {
+            if (dialog)
+                dialog->removeEventFilter(this);
+            m_overlays.erase(it);
+            return;
+        }
+    }
+}
+
+void tzMainWindow::placeOverlays()
+{
+    tzGLWindow *view = activeView();
+    if (!view)
+        return;
+    const QRect area(view->mapToGlobal(QPoint(0, 0)), view->size());
+    for (auto &overlay : m_overlays) {
+        tzOverlayDialog *dialog = overlay.first;
+        if (!dialog)
+            continue;
+        const QSize size = dialog->frameGeometry().size();
+        int x = area.left() + OVERLAY_MARGIN;
+        int y = area.top() + OVERLAY_MARGIN;
+        if (overlay.second == Qt::TopRightCorner || overlay.second == Qt::BottomRightCorner)
+            x = area.right() + 1 - OVERLAY_MARGIN - size.width();
+        if (overlay.second == Qt::BottomLeftCorner || overlay.second == Qt::BottomRightCorner)
+            y = area.bottom() + 1 - OVERLAY_MARGIN - size.height();
+        dialog->move(x, y);
+    }
+}
+
+bool tzMainWindow::eventFilter(QObject *watched, QEvent *event)
+{
+    switch (event->type()) {
+    case QEvent::Resize:
+    case QEvent::Move:
+    case QEvent::Show:
+        if (watched == m_view || qobject_cast<tzOverlayDialog *>(watched))
+            placeOverlays();
+        break;
+    default:
+        break;
+    }
+    return QMainWindow::eventFilter(watched, event);
+}
+
+void tzMainWindow::printToConsole(const QString &text, int level)
+{
+    m_console->print(text, level);
+}
+
+void tzMainWindow::addToDatabase(tzHObject *object, bool updateZoom, bool autoExpandDBTree,
+                                 bool checkDimensions, bool autoRedraw)
+{
+    Q_UNUSED(checkDimensions)
+    if (!object)
+        return;
+    if (!object->getParent() && !m_root->addChild(object))
+        return;
+    object->setDisplay_recursive(m_view);
+    m_tree->rebuild();
+    if (autoExpandDBTree)
+        m_tree->expandTo(object);
+    if (updateZoom)
+        m_view->zoomGlobal();
+    if (autoRedraw)
+        m_view->redraw();
+}
+
+void tzMainWindow::removeFromDatabase(tzHObject *object, bool autoDelete)
+{
+    if (!object || object == m_root.get())
+        return;
+    m_selected.erase(std::remove_if(m_selected.begin(), m_selected.end(),
+                                    [object](tzHObject *o) { return object->isAncestorOf(o); }),
+                     m_selected.end());
+    tzHObject *parent = object->getParent();
+    if (parent) {
+        const bool owned = parent->getDependencyFlagsWith(object) & DP_DELETE_OTHER;
+        if (autoDelete && owned) {
+            parent->removeChild(object);
+        } else {
+            parent->detachChild(object);
+            if (autoDelete)
+                delete object;
+        }
+    } else if (autoDelete) {
+        delete object;
+    }
+    m_tree->rebuild();
+    m_view->redraw();
+}
+
+void tzMainWindow::refreshAllViews(bool only2D)
+{
+    m_tree->scheduleRebuild();
+    m_view->redraw(only2D);
+}
+
+tzUniqueIDGenerator::Shared tzMainWindow::getUniqueIDGenerator()
+{
+    return tzObject::GetUniqueIDGenerator();
+}
+
+void tzMainWindow::onSelectionChanged()
+{
+    for (tzHObject *object : m_selected)
+        object->setSelected(false);
+    m_selected = m_tree->selectedObjects();
+    for (tzHObject *object : m_selected)
+        object->setSelected(true);
+    for (const auto &plugin : m_plugins->plugins())
+        plugin.instance->selectionChanged(m_selected);
+    m_view->redraw();
+}
+
+void tzMainWindow::onEntityClicked(tzHObject *entity)
+{
+    m_tree->selectObject(entity);
+}
+
+void tzMainWindow::openFiles(const QStringList &paths)
+{
+    m_pendingFiles << paths;
+    if (!m_loader)
+        openNextFile();
+}
+
+bool tzMainWindow::confirmShift(const QString &path, TZVector3d &shift)
+{
+    if (m_options.autoShift) {
+        printToConsole(QStringLiteral("'%1': coordinates shifted by (%2; %3; %4)")
+                           .arg(path)
+                           .arg(shift.x, 0, 'f', 2)
+                           .arg(shift.y, 0, 'f', 2)
+                           .arg(shift.z, 0, 'f', 2));
+        return true;
+    }
+    // Asked from the loader's thread: the dialog runs on the GUI thread, the loader waits.
+    bool accepted = false;
+    TZVector3d chosen = shift;
+    QMetaObject::invokeMethod(
+        this,
+        [this, path, &chosen, &accepted] {
+            QDialog dialog(this);
+            dialog.setWindowTitle(tr("Global shift"));
+            auto *form = new QFormLayout(&dialog);
+            form->addRow(new QLabel(tr("The coordinates of '%1' are too large to be shown "
+                                       "precisely.\nThey will be shifted by:")
+                                        .arg(QFileInfo(path).fileName())));
+            QDoubleSpinBox *boxes[3];
+            const char *labels[3] = {"X", "Y", "Z"};
+            for (int d = 0; d < 3; ++d) {
+                boxes[d] = new QDoubleSpinBox(&dialog);
+                boxes[d]->setRange(-1e9, 1e9);
+                boxes[d]->setDecimals(2);
+                boxes[d]->setValue(chosen[d]);
+                form->addRow(QString::fromLatin1(labels[d]), boxes[d]);
+            }
+            auto *buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel);
+            form->addRow(buttons);
+            connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
+            connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
+            accepted = dialog.exec() == QDialog::Accepted;
+            for (int d = 0; d < 3; ++d)
+                chosen[d] = boxes[d]->value();
+        },
+        Qt::BlockingQueuedConnection);
+    shift = chosen;
+    return accepted;
+}
+
+void tzMainWindow::openNextFile()
+{
+    if (m_loader || m_pendingFiles.isEmpty())
+        return;
+    const QString path = m_pendingFiles.takeFirst();
+    QSettings settings;
+    settings.beginGroup(QStringLiteral("LoadFile"));
+    settings.setValue(QStringLiteral("currentPath"), QFileInfo(path).absolutePath());
+    settings.endGroup();
+
+    m_loader = new tzCloudLoader(
+        path, [this](const QString &p, TZVector3d &shift) { return confirmShift(p, shift); });
+    m_progress = new QProgressDialog(tr("Opening %1").arg(QFileInfo(path).fileName()), tr("Cancel"),
+                                     0, 100, this);
+    m_progress->setObjectName(QStringLiteral("loadProgress"));
+    m_progress->setWindowModality(Qt::WindowModal);
+    m_progress->setMinimumDuration(300);
+    m_progress->setAutoClose(false);
+    m_progress->setAutoReset(false);
+    connect(m_progress, &QProgressDialog::canceled, m_loader, &tzCloudLoader::cancel,
+            Qt::DirectConnection);
+    connect(m_loader, &tzCloudLoader::progress, m_progress,
+            [this](int percent, const QString &stage) {
+                if (!m_progress)
+                    return;
+                m_progress->setValue(percent);
+                m_progress->setLabelText(
+                    QStringLiteral("%1 %2...").arg(stage, QFileInfo(m_loader->path()).fileName()));
+            });
+    const auto finish = [this, path](tzPointCloud *cloud, const QString &error, bool cancelled) {
+        if (cloud) {
+            printToConsole(QStringLiteral("'%1': %2 points").arg(path).arg(cloud->size()));
+            addToDatabase(cloud, true);
+        } else if (cancelled) {
+            printToConsole(QStringLiteral("'%1': opening cancelled").arg(path),
+                           WRN_CONSOLE_MESSAGE);
+        } else {
+            printToConsole(error, ERR_CONSOLE_MESSAGE);
+        }
+        m_progress->deleteLater();
+        m_progress = nullptr;
+        m_loader->deleteLater();
+        m_loader = nullptr;
+        emit fileOpened(path, cloud);
+        openNextFile();
+    };
+    connect(m_loader, &tzCloudLoader::loaded, this,
+            [finish](tzPointCloud *cloud) { finish(cloud, QString(), false); });
+    connect(m_loader, &tzCloudLoader::failed, this,
+            [finish](const QString &error) { finish(nullptr, error, false); });
+    connect(m_loader, &tzCloudLoader::cancelled, this,
+            [finish] { finish(nullptr, QString(), true); });
+    m_loader->start();
+}
+
+bool tzMainWindow::loadScene(const QString &path)
+{
+    QString error;
+    std::unique_ptr<tzHObject> scene(tzSceneFile::load(path, error));
+    if (!scene) {
+        printToConsole(error, ERR_CONSOLE_MESSAGE);
+        return false;
+    }
+    while (scene->getChildrenNumber() > 0) {
+        tzHObject *child = scene->getChild(0);
+        scene->detachChild(child);
+        m_root->addChild(child);
+        child->setDisplay_recursive(m_view);
+    }
+    m_tree->rebuild();
+    m_view->zoomGlobal();
+    printToConsole(QStringLiteral("Scene '%1' loaded").arg(path));
+    return true;
+}
+
+bool tzMainWindow::saveScene(const QString &path)
+{
+    QString error;
+    if (!tzSceneFile::save(m_root.get(), path, error)) {
+        printToConsole(error, ERR_CONSOLE_MESSAGE);
+        return false;
+    }
+    printToConsole(QStringLiteral("Scene saved to '%1'").arg(path));
+    return true;
+}
+
+void tzMainWindow::closeEvent(QCloseEvent *event)
+{
+    if (m_loader)
+        m_loader->cancel();
+    event->accept();
+}

@@ -1,0 +1,104 @@
+#pragma once
+
+#include "TZVector3.h"
+#include "tzApplicationInterface.h"
+
+#include <QMainWindow>
+#include <QPointer>
+
+#include <memory>
+#include <vector>
+
+class QMdiArea;
+class QMdiSubWindow;
+class QMenu;
+class QProgressDialog;
+class QToolBar;
+class tzCloudLoader;
+class tzConsole;
+class tzDBTree;
+class tzGLWindow;
+class tzPluginManager;
+class tzPointCloud;
+
+//! The viewer's main window and its application interface: one 3D view in an MDI area, the
+//! database tree, the console, file opening and the plug-ins.
+class tzMainWindow : public QMainWindow, public tzApplicationInterface
+{
+    Q_OBJECT
+
+public:
+    struct Options
+    {
+        //! Take the suggested global shift without asking (headless and scripted runs).
+        bool autoShift = false;
+        //! Load the plug-ins found in the search paths.
+        bool loadPlugins = true;
+    };
+
+    explicit tzMainWindow(const Options &options);
+    ~tzMainWindow() override;
+
+    // tzApplicationInterface
+    tzGLWindow *activeView() override;
+    QMainWindow *mainWindow() override { return this; }
+    tzHObject *databaseRoot() override { return m_root.get(); }
+    tzPickingHub *pickingHub() override { return m_hub; }
+    const tzHObject::Container &selectedObjects() const override { return m_selected; }
+    void attachOverlayDialog(tzOverlayDialog *dialog, Qt::Corner corner) override;
+    void detachOverlayDialog(tzOverlayDialog *dialog) override;
+    void printToConsole(const QString &text, int level = STD_CONSOLE_MESSAGE) override;
+    void addToDatabase(tzHObject *object, bool updateZoom = false, bool autoExpandDBTree = true,
+                       bool checkDimensions = false, bool autoRedraw = true) override;
+    void removeFromDatabase(tzHObject *object, bool autoDelete = true) override;
+    void refreshAllViews(bool only2D = false) override;
+    tzUniqueIDGenerator::Shared getUniqueIDGenerator() override;
+
+    //! Opens point cloud files (one after the other, each on a worker thread).
+    void openFiles(const QStringList &paths);
+    //! True while a file is being opened.
+    bool isLoading() const { return m_loader != nullptr; }
+    bool loadScene(const QString &path);
+    bool saveScene(const QString &path);
+    void loadPlugins(const QStringList &folders);
+
+    tzConsole *console() const { return m_console; }
+    tzDBTree *dbTree() const { return m_tree; }
+    tzPluginManager *pluginManager() const { return m_plugins; }
+    QToolBar *pluginToolBar() const { return m_pluginToolBar; }
+    QMenu *pluginMenu() const { return m_pluginMenu; }
+
+signals:
+    //! A cloud file finished opening (or failed: cloud is null).
+    void fileOpened(const QString &path, tzPointCloud *cloud);
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
+    void closeEvent(QCloseEvent *event) override;
+
+private slots:
+    void onSelectionChanged();
+    void onEntityClicked(tzHObject *entity);
+    void openNextFile();
+
+private:
+    void createMenus();
+    void placeOverlays();
+    bool confirmShift(const QString &path, TZVector3d &shift);
+
+    Options m_options;
+    std::unique_ptr<tzHObject> m_root;
+    tzPickingHub *m_hub = nullptr;
+    QMdiArea *m_mdi = nullptr;
+    tzGLWindow *m_view = nullptr;
+    tzDBTree *m_tree = nullptr;
+    tzConsole *m_console = nullptr;
+    tzPluginManager *m_plugins = nullptr;
+    QToolBar *m_pluginToolBar = nullptr;
+    QMenu *m_pluginMenu = nullptr;
+    tzHObject::Container m_selected;
+    std::vector<std::pair<QPointer<tzOverlayDialog>, Qt::Corner>> m_overlays;
+    QStringList m_pendingFiles;
+    tzCloudLoader *m_loader = nullptr;
+    QProgressDialog *m_progress = nullptr;
+};

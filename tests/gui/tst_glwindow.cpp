@@ -1,0 +1,266 @@
+// The 3D view on a real OpenGL context (under Xvfb): pixels of drawn frames, clicks that pick.
+
+#include "tzGLWindow.h"
+#include "tzPointCloud.h"
+#include "tzSphere.h"
+
+#include <QSignalSpy>
+#include <QtTest>
+
+namespace {
+
+constexpr int SIZE = 240;
+
+// A square patch of points, side metres wide, spacing apart, at height z, all of one colour.
+tzPointCloud *makePatch(float x0, float y0, float side, float spacing, float z, tzRgb colour)
+{
+    auto *cloud = new tzPointCloud(QStringLiteral("patch"));
+    std::vector<tzRgb> colours;
+    for (float x = x0; x <= x0 + side; x += spacing) {
+        for (float y = y0; y <= y0 + side; y += spacing) {
+            cloud->addPoint({x, y, z});
+            colours.push_back(colour);
+        }
+    }
+    cloud->setColors(std::move(colours));
+    return cloud;
+}
+
+// A top view, orthographic, 0.1 m per pixel, centred on (cx, cy).
+void lookDown(tzGLWindow &view, double cx, double cy, bool perspective = false)
+{
+    tzViewportParameters p = view.getViewportParameters();
+    p.perspectiveView = perspective;
+    p.pixelSize = 0.1;
+    p.zoom = 1;
+    p.fov_deg = 30.f;
+    p.pivotPoint = {cx, cy, 0};
+    p.cameraCenter = {cx, cy, 50};
+    view.setViewportParameters(p);
+    view.setCustomView({0, 0, -1}, {0, 1, 0});
+}
+
+QImage frame(tzGLWindow &view)
+{
+    view.update();
+    QSignalSpy drawn(&view, &tzGLWindow::frameDrawn);
+    drawn.wait(2000);
+    return view.grabFramebuffer();
+}
+
+bool isColour(const QImage &image, int x, int y, QColor expected, int tolerance = 10)
+{
+    const QColor c = image.pixelColor(x, y);
+    return std::abs(c.red() - expected.red()) <= tolerance
+        && std::abs(c.green() - expected.green()) <= tolerance
+        && std::abs(c.blue() - expected.blue()) <= tolerance;
+}
+
+int countColour(const QImage &image, QColor expected)
+{
+    int count = 0;
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x)
+            count += isColour(image, x, y, expected) ? 1 : 0;
+    }
+    return count;
+}
+
+} // namespace
+
+class TestGLWindow : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+    void cloudAppearsWhereTheCameraSays_data();
+    void cloudAppearsWhereTheCameraSays();
+    void pointSizeChangeShows();
+    void clickPicksTheFrontPointOnly();
+    void clickInDefaultModeSelects();
+    void sphereIsFoundByTheSelectionPass();
+    void viewDatabaseIsDrawnAndMessagesAreTimed();
+
+private:
+    std::unique_ptr<tzHObject> m_root;
+    std::unique_ptr<tzGLWindow> m_view;
+};
+
+void TestGLWindow::init()
+{
+    m_root = std::make_unique<tzHObject>(QStringLiteral("root"));
+    m_view = std::make_unique<tzGLWindow>();
+    m_view->resize(SIZE, SIZE);
+    m_view->setSceneDB(m_root.get());
+    m_view->show();
+    QVERIFY(QTest::qWaitForWindowExposed(m_view.get()));
+    QVERIFY2(m_view->functions(), "no OpenGL 2.1 functions on this display");
+}
+
+void TestGLWindow::cleanup()
+{
+    m_view.reset();
+    m_root.reset();
+}
+
+void TestGLWindow::cloudAppearsWhereTheCameraSays_data()
+{
+    QTest::addColumn<bool>("perspective");
+    QTest::newRow("orthographic") << false;
+    QTest::newRow("perspective") << true;
+}
+
+void TestGLWindow::cloudAppearsWhereTheCameraSays()
+{
+    QFETCH(bool, perspective);
+    // A red patch right of and above the centre of the view.
+    m_root->addChild(makePatch(2.f, 2.f, 3.f, 0.02f, 0.f, {255, 0, 0}));
+    m_view->setPointSize(2);
+    lookDown(*m_view, 0, 0, perspective);
+    const QImage image = frame(*m_view);
+    double x, y, depth;
+    QVERIFY(m_view->camera().project({3.5, 3.5, 0}, x, y, depth));
+    QVERIFY(x > SIZE / 2 && y < SIZE / 2); // right and up on the screen
+    QVERIFY2(isColour(image, int(x), int(y), Qt::red),
+             qPrintable(image.pixelColor(int(x), int(y)).name()));
+    // The opposite quarter shows the background.
+    QVERIFY(!isColour(image, SIZE - int(x), SIZE - int(y), Qt::red));
+    QVERIFY(!isColour(image, SIZE / 4, SIZE * 3 / 4, Qt::red));
+}
+
+void TestGLWindow::pointSizeChangeShows()
+{
+    auto *cloud = new tzPointCloud(QStringLiteral("one point"));
+    cloud->addPoint({0, 0, 0});
+    cloud->setColors({{0, 255, 0}});
+    m_root->addChild(cloud);
+    lookDown(*m_view, 0.03, 0.03);
+    m_view->setPointSize(1);
+    const int small = countColour(frame(*m_view), Qt::green);
+    m_view->setPointSize(6);
+    const int large = countColour(frame(*m_view), Qt::green);
+    QVERIFY2(small >= 1 && small <= 4, qPrintable(QString::number(small)));
+    QVERIFY2(large >= 30 && large <= 40, qPrintable(QString::number(large)));
+    // A cloud's own point size overrides the view's.
+    cloud->setPointSize(3);
+    const int own = countColour(frame(*m_view), Qt::green);
+    QVERIFY2(own >= 8 && own <= 10, qPrintable(QString::number(own)));
+}
+
+void TestGLWindow::clickPicksTheFrontPointOnly()
+{
+    auto *cloud = new tzPointCloud(QStringLiteral("two layers"));
+    cloud->addPoint({1, 1, 0}); // ground, hidden from above by the next one
+    cloud->addPoint({1, 1, 4}); // canopy
+    cloud->addPoint({-2, -2, 0});
+    cloud->setColors({{0, 0, 255}, {255, 0, 0}, {0, 255, 0}});
+    m_root->addChild(cloud);
+    lookDown(*m_view, 0, 0);
+    m_view->setPointSize(3);
+    const QImage image = frame(*m_view);
+    double x, y, depth;
+    QVERIFY(m_view->camera().project({1, 1, 4}, x, y, depth));
+    QVERIFY(isColour(image, int(x), int(y), Qt::red)); // what is seen is what is picked
+    m_view->setPickingMode(tzGLWindow::POINT_PICKING);
+    QSignalSpy picked(m_view.get(), &tzGLWindow::itemPicked);
+    // A click two pixels off still finds the point.
+    QTest::mouseClick(m_view.get(), Qt::LeftButton, Qt::NoModifier, QPoint(int(x) + 2, int(y)));
+    QCOMPARE(picked.size(), 1);
+    QCOMPARE(picked.at(0).at(0).value<tzHObject *>(), static_cast<tzHObject *>(cloud));
+    QCOMPARE(picked.at(0).at(1).toUInt(), 1u);
+    QCOMPARE(picked.at(0).at(2).toInt(), int(x) + 2);
+    QCOMPARE(picked.at(0).at(4).value<TZVector3>(), TZVector3(1, 1, 4));
+    // Far from every point: nothing.
+    QTest::mouseClick(m_view.get(), Qt::LeftButton, Qt::NoModifier, QPoint(5, 5));
+    QCOMPARE(picked.size(), 1);
+    // A drag is not a click.
+    QTest::mousePress(m_view.get(), Qt::LeftButton, Qt::NoModifier, QPoint(int(x), int(y)));
+    QTest::mouseMove(m_view.get(), QPoint(int(x) + 30, int(y) + 30));
+    QTest::mouseRelease(m_view.get(), Qt::LeftButton, Qt::NoModifier,
+                        QPoint(int(x) + 30, int(y) + 30));
+    QCOMPARE(picked.size(), 1);
+    // No picking at all in mode 0.
+    m_view->setPickingMode(tzGLWindow::NO_PICKING);
+    lookDown(*m_view, 0, 0);
+    QTest::mouseClick(m_view.get(), Qt::LeftButton, Qt::NoModifier, QPoint(int(x), int(y)));
+    QCOMPARE(picked.size(), 1);
+}
+
+void TestGLWindow::clickInDefaultModeSelects()
+{
+    auto *cloud = makePatch(-1.f, -1.f, 2.f, 0.05f, 0.f, {200, 200, 200});
+    m_root->addChild(cloud);
+    lookDown(*m_view, 0, 0);
+    frame(*m_view);
+    QCOMPARE(m_view->getPickingMode(), int(tzGLWindow::DEFAULT_PICKING));
+    QSignalSpy selected(m_view.get(), &tzGLWindow::entitySelectionChanged);
+    QSignalSpy picked(m_view.get(), &tzGLWindow::itemPicked);
+    QTest::mouseClick(m_view.get(), Qt::LeftButton, Qt::NoModifier, QPoint(SIZE / 2, SIZE / 2));
+    QCOMPARE(selected.size(), 1);
+    QCOMPARE(selected.at(0).at(0).value<tzHObject *>(), static_cast<tzHObject *>(cloud));
+    QCOMPARE(picked.size(), 0);
+    QTest::mouseClick(m_view.get(), Qt::LeftButton, Qt::NoModifier, QPoint(5, 5));
+    QCOMPARE(selected.size(), 2);
+    QCOMPARE(selected.at(1).at(0).value<tzHObject *>(), static_cast<tzHObject *>(nullptr));
+}
+
+void TestGLWindow::sphereIsFoundByTheSelectionPass()
+{
+    // A cloud far below, and a sphere between it and the eye.
+    m_root->addChild(makePatch(-3.f, -3.f, 6.f, 0.05f, -10.f, {90, 90, 90}));
+    auto *sphere = new tzSphere(1.f, QStringLiteral("marker"), 16);
+    std::array<float, 16> m {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 2, 0, 0, 1}; // at (2, 0, 0)
+    sphere->setTransformation(m);
+    sphere->setColor(Qt::yellow);
+    m_root->addChild(sphere);
+    lookDown(*m_view, 0, 0);
+    const QImage image = frame(*m_view);
+    double x, y, depth;
+    QVERIFY(m_view->camera().project({2, 0, 0}, x, y, depth));
+    QVERIFY(isColour(image, int(x), int(y), Qt::yellow, 40));
+    TZVector3 P;
+    QCOMPARE(m_view->pickEntity(int(x), int(y), &P), static_cast<tzHObject *>(sphere));
+    QVERIFY(std::abs(P.z - 1.f) < 0.05f); // the top of the sphere
+    // Beside the sphere the selection pass finds nothing (clouds are not in it).
+    QCOMPARE(m_view->pickEntity(SIZE / 2 - 40, SIZE / 2, nullptr),
+             static_cast<tzHObject *>(nullptr));
+    // In a point-and-label mode the nearer sphere wins over the cloud below it.
+    m_view->setPickingMode(tzGLWindow::POINT_OR_TRIANGLE_OR_LABEL_PICKING);
+    QSignalSpy picked(m_view.get(), &tzGLWindow::itemPicked);
+    QTest::mouseClick(m_view.get(), Qt::LeftButton, Qt::NoModifier, QPoint(int(x), int(y)));
+    QCOMPARE(picked.size(), 1);
+    QCOMPARE(picked.at(0).at(0).value<tzHObject *>(), static_cast<tzHObject *>(sphere));
+}
+
+void TestGLWindow::viewDatabaseIsDrawnAndMessagesAreTimed()
+{
+    tzPointCloud *own = makePatch(-0.5f, -0.5f, 1.f, 0.02f, 0.f, {0, 255, 255});
+    m_view->addToViewDatabase(own, false); // the view owns it
+    lookDown(*m_view, 0, 0);
+    m_view->setPointSize(2);
+    QVERIFY(isColour(frame(*m_view), SIZE / 2, SIZE / 2, Qt::cyan));
+    m_view->removeFromViewDatabase(own);
+    QVERIFY(!isColour(frame(*m_view), SIZE / 2, SIZE / 2, Qt::cyan));
+    delete own;
+
+    m_view->showViewMessage(QStringLiteral("first"), tzGLWindow::UPPER_CENTER_MESSAGE, false, 3600);
+    m_view->showViewMessage(QStringLiteral("second"), tzGLWindow::UPPER_CENTER_MESSAGE, true, 3600);
+    QCOMPARE(m_view->viewMessages(tzGLWindow::UPPER_CENTER_MESSAGE),
+             (QStringList {"first", "second"}));
+    m_view->showViewMessage(QStringLiteral("third"), tzGLWindow::UPPER_CENTER_MESSAGE, false, 3600);
+    QCOMPARE(m_view->viewMessages(tzGLWindow::UPPER_CENTER_MESSAGE), QStringList {"third"});
+    m_view->showViewMessage(QString(), tzGLWindow::UPPER_CENTER_MESSAGE, false, 3600);
+    QVERIFY(m_view->viewMessages(tzGLWindow::UPPER_CENTER_MESSAGE).isEmpty());
+    m_view->showViewMessage(QStringLiteral("brief"), tzGLWindow::LOWER_LEFT_MESSAGE, false, 0);
+    QVERIFY(m_view->viewMessages(tzGLWindow::LOWER_LEFT_MESSAGE).isEmpty()); // already expired
+    // A message is drawn: white text appears at the top of the frame.
+    m_view->showViewMessage(QStringLiteral("MESSAGE"), tzGLWindow::UPPER_CENTER_MESSAGE, false,
+                            3600);
+    const QImage top = frame(*m_view).copy(0, 0, SIZE, 30);
+    QVERIFY(countColour(top, Qt::white) > 10);
+}
+
+QTEST_MAIN(TestGLWindow)
+#include "tst_glwindow.moc"
