@@ -1,0 +1,254 @@
+// The viewer application: plug-ins, selection, overlay dialogs, opening files, quitting.
+
+#include "tzConsole.h"
+#include "tzDBTree.h"
+#include "tzGLWindow.h"
+#include "tzMainWindow.h"
+#include "tzOverlayDialog.h"
+#include "tzPluginManager.h"
+#include "tzPointCloud.h"
+
+#include <QAction>
+#include <QMenu>
+#include <QProgressDialog>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QToolBar>
+#include <QtTest>
+
+namespace {
+
+tzMainWindow::Options headless()
+{
+    tzMainWindow::Options options;
+    options.autoShift = true;
+    options.loadPlugins = false; // each test chooses its plug-in folders
+    return options;
+}
+
+bool consoleHas(const tzMainWindow &window, const QString &part)
+{
+    for (const QString &line : window.console()->lines()) {
+        if (line.contains(part))
+            return true;
+    }
+    return false;
+}
+
+QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &bytes)
+{
+    const QString path = dir.filePath(name);
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
+        return QString();
+    return path;
+}
+
+QByteArray asciiPly(int points, double offset)
+{
+    QByteArray text = "ply\nformat ascii 1.0\nelement vertex " + QByteArray::number(points)
+        + "\nproperty double x\nproperty double y\nproperty double z\nend_header\n";
+    for (int i = 0; i < points; ++i)
+        text += QByteArray::number(offset + i * 0.5, 'f', 3) + " " + QByteArray::number(offset + i % 3, 'f', 3)
+            + " 12.5\n";
+    return text;
+}
+
+tzPointCloud *openAndWait(tzMainWindow &window, const QString &path)
+{
+    QSignalSpy opened(&window, &tzMainWindow::fileOpened);
+    window.openFiles({path});
+    if (!opened.wait(10000))
+        return nullptr;
+    return opened.at(0).at(1).value<tzPointCloud *>();
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(tzPointCloud *)
+
+class TestTessaro : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void pluginActionFollowsTheSelection();
+    void overlayDialogStaysInItsCorner();
+    void brokenPluginIsReportedWithItsPath();
+    void openingAFileAddsItAndRemembersTheFolder();
+    void badFileIsReportedAndAddsNothing();
+    void cancelledOpeningLeavesNothing();
+    void quittingDuringALoadIsClean();
+    void clickOnACloudSelectsIt();
+
+private:
+    QTemporaryDir m_settings;
+};
+
+void TestTessaro::initTestCase()
+{
+    qRegisterMetaType<tzPointCloud *>();
+    // Nothing reads or writes the user's real settings.
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settings.path());
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.path());
+    QCoreApplication::setOrganizationName(QStringLiteral("Tessaro"));
+    QCoreApplication::setApplicationName(QStringLiteral("Tessaro"));
+}
+
+void TestTessaro::pluginActionFollowsTheSelection()
+{
+    tzMainWindow window(headless());
+    window.show();
+    window.loadPlugins({QStringLiteral(TEST_PLUGIN_DIR)});
+    QCOMPARE(window.pluginManager()->plugins().size(), 1);
+    const QList<QAction *> actions = window.pluginToolBar()->actions();
+    QCOMPARE(actions.size(), 1);
+    QAction *action = actions.first();
+    QCOMPARE(action->text(), QStringLiteral("Test action"));
+    QVERIFY(window.pluginMenu()->actions().contains(action));
+    QVERIFY(!action->isEnabled()); // nothing selected yet
+
+    auto *cloud = new tzPointCloud(QStringLiteral("cloud"));
+    cloud->addPoint({0, 0, 0});
+    window.addToDatabase(cloud);
+    window.dbTree()->selectObject(cloud);
+    QVERIFY(cloud->isSelected());
+    QCOMPARE(window.selectedObjects(), tzHObject::Container{cloud});
+    QVERIFY(action->isEnabled());
+    QVERIFY(consoleHas(window, QStringLiteral("[TestPlugin] selection: 1")));
+
+    // Removing the object takes it out of the selection, and the plug-in is told.
+    window.removeFromDatabase(cloud);
+    QTRY_VERIFY(window.selectedObjects().empty());
+    QTRY_VERIFY(!action->isEnabled());
+
+    // The plug-in is stopped before it goes.
+    window.pluginManager()->unloadAll();
+    QVERIFY(consoleHas(window, QStringLiteral("[TestPlugin] stopped")));
+    QVERIFY(window.pluginToolBar()->actions().isEmpty());
+}
+
+void TestTessaro::overlayDialogStaysInItsCorner()
+{
+    tzMainWindow window(headless());
+    window.resize(900, 700);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    window.loadPlugins({QStringLiteral(TEST_PLUGIN_DIR)});
+    auto *cloud = new tzPointCloud(QStringLiteral("cloud"));
+    cloud->addPoint({0, 0, 0});
+    window.addToDatabase(cloud);
+    window.dbTree()->selectObject(cloud);
+    window.pluginToolBar()->actions().first()->trigger();
+    auto *dialog = window.findChild<tzOverlayDialog *>(QStringLiteral("testOverlay"));
+    QVERIFY(dialog);
+    QVERIFY(dialog->isVisible());
+    tzGLWindow *view = window.activeView();
+    const auto topRightOfView = [view] { return view->mapToGlobal(QPoint(view->width(), 0)); };
+    const auto check = [&] {
+        const QRect frame = dialog->frameGeometry();
+        return std::abs(frame.right() + 1 - topRightOfView().x()) <= 10
+            && std::abs(frame.top() - topRightOfView().y()) <= 10;
+    };
+    QTRY_VERIFY2(check(), qPrintable(QStringLiteral("dialog at %1,%2, view corner at %3,%4")
+                                         .arg(dialog->frameGeometry().right())
+                                         .arg(dialog->frameGeometry().top())
+                                         .arg(topRightOfView().x())
+                                         .arg(topRightOfView().y())));
+    window.resize(1100, 750); // the view grows: the dialog follows its corner
+    QTRY_VERIFY(check());
+    window.pluginManager()->unloadAll();
+}
+
+void TestTessaro::brokenPluginIsReportedWithItsPath()
+{
+    QTemporaryDir dir;
+    const QString broken = writeFile(dir, QStringLiteral("libbroken.so"), "not a library at all");
+    QVERIFY(!broken.isEmpty());
+    tzMainWindow window(headless());
+    window.loadPlugins({dir.path(), QStringLiteral(TEST_PLUGIN_DIR)});
+    QVERIFY(consoleHas(window, QStringLiteral("[Plugin] Failed to load '%1': ").arg(QFileInfo(broken).canonicalFilePath())));
+    QCOMPARE(window.pluginManager()->plugins().size(), 1); // the good one still loads
+}
+
+void TestTessaro::openingAFileAddsItAndRemembersTheFolder()
+{
+    QTemporaryDir dir;
+    // National-grid coordinates: the cloud gets a global shift.
+    const QString path = writeFile(dir, QStringLiteral("survey.ply"), asciiPly(50, 650000.0));
+    tzMainWindow window(headless());
+    window.show();
+    tzPointCloud *cloud = openAndWait(window, path);
+    QVERIFY(cloud);
+    QCOMPARE(cloud->size(), 50u);
+    QCOMPARE(cloud->getName(), QStringLiteral("survey"));
+    QCOMPARE(window.databaseRoot()->getChildrenNumber(), 1u);
+    QVERIFY(cloud->getGlobalShift().x != 0);
+    QVERIFY(cloud->getOctree()); // indexed while loading
+    QVERIFY(window.dbTree()->itemOf(cloud));
+    QSettings settings;
+    QCOMPARE(settings.value(QStringLiteral("LoadFile/currentPath")).toString(), QFileInfo(path).absolutePath());
+}
+
+void TestTessaro::badFileIsReportedAndAddsNothing()
+{
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, QStringLiteral("broken.ply"), "ply\nformat ascii 1.0\nelement vertex 5\nproperty float x\n");
+    tzMainWindow window(headless());
+    QVERIFY(!openAndWait(window, path));
+    QCOMPARE(window.databaseRoot()->getChildrenNumber(), 0u);
+    QVERIFY(consoleHas(window, QStringLiteral("[ERROR] '%1'").arg(path))
+            || consoleHas(window, QStringLiteral("[ERROR] 'broken.ply'")));
+}
+
+void TestTessaro::cancelledOpeningLeavesNothing()
+{
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, QStringLiteral("big.ply"), asciiPly(200000, 0.0));
+    tzMainWindow window(headless());
+    QSignalSpy opened(&window, &tzMainWindow::fileOpened);
+    window.openFiles({path});
+    auto *progress = window.findChild<QProgressDialog *>(QStringLiteral("loadProgress"));
+    QVERIFY(progress);
+    emit progress->canceled(); // what its Cancel button does
+    QVERIFY(opened.wait(10000));
+    QCOMPARE(opened.at(0).at(1).value<tzPointCloud *>(), static_cast<tzPointCloud *>(nullptr));
+    QCOMPARE(window.databaseRoot()->getChildrenNumber(), 0u);
+    QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));
+    QVERIFY(!window.isLoading());
+}
+
+void TestTessaro::quittingDuringALoadIsClean()
+{
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, QStringLiteral("big.ply"), asciiPly(200000, 0.0));
+    auto *window = new tzMainWindow(headless());
+    window->show();
+    window->loadPlugins({QStringLiteral(TEST_PLUGIN_DIR)});
+    window->openFiles({path});
+    QVERIFY(window->isLoading());
+    delete window; // cancels and waits for the load, stops the plug-in: no crash, no hang
+}
+
+void TestTessaro::clickOnACloudSelectsIt()
+{
+    tzMainWindow window(headless());
+    window.resize(800, 600);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    auto *cloud = new tzPointCloud(QStringLiteral("patch"));
+    for (int i = -20; i <= 20; ++i) {
+        for (int j = -20; j <= 20; ++j)
+            cloud->addPoint({i * 0.05f, j * 0.05f, 0.f});
+    }
+    window.addToDatabase(cloud, true);
+    tzGLWindow *view = window.activeView();
+    QTest::mouseClick(view, Qt::LeftButton, Qt::NoModifier, view->rect().center());
+    QTRY_COMPARE(window.selectedObjects(), tzHObject::Container{cloud});
+    QVERIFY(cloud->isSelected());
+}
+
+QTEST_MAIN(TestTessaro)
+#include "tst_tessaro.moc"
