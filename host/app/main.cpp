@@ -1,6 +1,6 @@
 // tessaro: the point-cloud viewer.
 //
-//   tessaro [--auto-shift] [--screenshot <png>] [files...]
+//   tessaro [--auto-shift] [--oblique] [--screenshot <png>] [files...]
 //
 // Opens the clouds given (PLY, LAS, XYZ) and loads the plug-ins found in plugins/ beside the
 // executable and in the folders of TESSARO_PLUGIN_PATH.
@@ -38,6 +38,9 @@ int main(int argc, char **argv)
                        "of the window to <png> and quit."),
         QStringLiteral("png"));
     parser.addOption(screenshot);
+    QCommandLineOption oblique(QStringLiteral("oblique"),
+                               QStringLiteral("Show the clouds in an oblique view once open."));
+    parser.addOption(oblique);
     parser.addPositionalArgument(QStringLiteral("files"), QStringLiteral("Point clouds to open."),
                                  QStringLiteral("[files...]"));
     parser.process(app);
@@ -46,6 +49,12 @@ int main(int argc, char **argv)
     options.autoShift = parser.isSet(autoShift);
     tzMainWindow window(options);
     window.show();
+    if (parser.isSet(oblique)) {
+        QObject::connect(&window, &tzMainWindow::fileOpened, &window, [&window] {
+            if (!window.isLoading())
+                window.activeView()->setObliqueView();
+        });
+    }
     const QString shotPath = parser.value(screenshot);
     if (!shotPath.isEmpty()) {
         // After the last file, wait for a frame of the view, then take the picture.

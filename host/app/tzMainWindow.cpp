@@ -131,6 +131,8 @@ void tzMainWindow::createMenus()
 
     QMenu *display = menuBar()->addMenu(tr("&Display"));
     display->addAction(tr("&Zoom on everything"), this, [this] { m_view->zoomGlobal(); });
+    display->addAction(tr("&Top view"), this, [this] { m_view->setTopView(); });
+    display->addAction(tr("&Oblique view"), this, [this] { m_view->setObliqueView(); });
     QAction *perspective = display->addAction(tr("&Perspective"));
     perspective->setCheckable(true);
     connect(perspective, &QAction::toggled, this,

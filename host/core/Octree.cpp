@@ -27,6 +27,17 @@ inline uint32_t spreadBits3(uint32_t v)
     return v;
 }
 
+// The inverse of spreadBits3: every third bit, packed.
+inline uint32_t compactBits3(uint32_t v)
+{
+    v &= 0x09249249u;
+    v = (v | (v >> 2)) & 0x030c30c3u;
+    v = (v | (v >> 4)) & 0x0300f00fu;
+    v = (v | (v >> 8)) & 0x030000ffu;
+    v = (v | (v >> 16)) & 0x000003ffu;
+    return v;
+}
+
 inline uint32_t morton3(uint32_t x, uint32_t y, uint32_t z)
 {
     return spreadBits3(x) | (spreadBits3(y) << 1) | (spreadBits3(z) << 2);
@@ -54,6 +65,8 @@ template<typename Fn> void runParallel(unsigned threads, Fn &&fn)
 
 struct SphereShape
 {
+    // A small sphere fills most of its bounding box: no finer test of the leaves is worth it.
+    static constexpr bool boxIsTight = true;
     double c[3];
     double r2;
     double bmin[3];
@@ -97,6 +110,7 @@ struct CylinderShape
     double tmax;
     double bmin[3];
     double bmax[3];
+    bool boxIsTight; // along an axis the cylinder fills its bounding box
 
     explicit CylinderShape(const Octree::CylindricalNeighbourhood &p)
     {
@@ -116,6 +130,8 @@ struct CylinderShape
             bmin[d] = std::min(a, b) - e;
             bmax[d] = std::max(a, b) + e;
         }
+        const int zeros = (dir[0] == 0) + (dir[1] == 0) + (dir[2] == 0);
+        boxIsTight = zeros >= 2;
     }
     bool intersects(const double mn[3], const double mx[3]) const
     {
@@ -173,6 +189,8 @@ void Octree::clear()
     m_directory = {};
     m_grid[0] = m_grid[1] = m_grid[2] = 0;
     m_cubeSize = 0;
+    for (int d = 0; d < 3; ++d)
+        m_min[d] = m_max[d] = 0;
     m_coarseLevel = 0;
     m_leafRel = 0;
 }
@@ -234,6 +252,7 @@ int Octree::build(const ProgressCallback &progress)
                 mx = std::max(mx, double(tmax[t][d]));
             }
             m_min[d] = mn;
+            m_max[d] = mx;
             axisExtent[d] = mx - mn;
             extent = std::max(extent, mx - mn);
         }
@@ -489,8 +508,19 @@ void Octree::scanLeaves(const Shape &shape, const uint32_t cell[3], uint32_t lo,
             const uint32_t v = code & mask[d];
             inside &= v >= low[d] && v <= high[d];
         }
-        if (inside)
-            scanPoints(shape, i, i + 1, out);
+        if (!inside)
+            continue;
+        // The leaf's own box against the shape: an oblique cylinder's bounding box holds many
+        // leaves that the cylinder itself misses.
+        if (!shape.boxIsTight) {
+            const uint32_t leafCell[3] = {(cell[0] << m_leafRel) | compactBits3(code),
+                                          (cell[1] << m_leafRel) | compactBits3(code >> 1),
+                                          (cell[2] << m_leafRel) | compactBits3(code >> 2)};
+            const Box box = cellBox(level, leafCell);
+            if (!shape.intersects(box.min, box.max))
+                continue;
+        }
+        scanPoints(shape, i, i + 1, out);
     }
 }
 

@@ -80,6 +80,12 @@ public:
     double cubeSize() const { return m_cubeSize; }
     //! Lower corner of the cube (the cloud's bounding-box minimum).
     TZVector3d cubeMin() const { return {m_min[0], m_min[1], m_min[2]}; }
+    //! The bounding box of the points indexed (empty octree: a zero box).
+    void getBoundingBox(TZVector3d &min, TZVector3d &max) const
+    {
+        min = {m_min[0], m_min[1], m_min[2]};
+        max = {m_max[0], m_max[1], m_max[2]};
+    }
     double cellSize(unsigned char level) const;
     //! Bytes held by the octree itself (not counting the cloud's points).
     std::size_t memoryUsed() const;
@@ -121,6 +127,7 @@ private:
 
     const PointCloud *m_cloud = nullptr;
     double m_min[3] = {0, 0, 0};
+    double m_max[3] = {0, 0, 0}; // the cloud's bounding box is [m_min, m_max]
     double m_cubeSize = 0;
     unsigned m_coarseLevel = 0; // level of the dense directory
     unsigned m_leafRel = 0; // leaf level, counted from the coarse level (0..SUFFIX_LEVELS)

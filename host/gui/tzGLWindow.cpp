@@ -49,6 +49,9 @@ tzGLWindow::tzGLWindow(QWidget *parent)
 
 tzGLWindow::~tzGLWindow()
 {
+    // The context outlives this part of the object (QOpenGLWidget destroys it): release now and
+    // stop listening, or its last signal would reach a half-destroyed view.
+    disconnect(m_contextGoing);
     releaseGL();
 }
 
@@ -225,9 +228,7 @@ void tzGLWindow::updateSceneBounds()
         TZVector3 a, b;
         TZVector3d lo, hi;
         if (octree && octree->pointCount() == cloud->size()) {
-            lo = octree->cubeMin();
-            const double s = octree->cubeSize();
-            hi = lo + TZVector3d(s, s, s);
+            octree->getBoundingBox(lo, hi);
         } else if (cloud->getBoundingBox(a, b)) {
             lo = TZVector3d(a.x, a.y, a.z);
             hi = TZVector3d(b.x, b.y, b.z);
@@ -275,6 +276,18 @@ void tzGLWindow::zoomGlobal()
     update();
 }
 
+void tzGLWindow::setTopView()
+{
+    m_camera.setCustomView({0, 0, -1}, {0, 1, 0});
+    zoomGlobal();
+}
+
+void tzGLWindow::setObliqueView()
+{
+    m_camera.setCustomView({0.55, 0.65, -0.52}, {0, 0, 1});
+    zoomGlobal();
+}
+
 tzDrawContext tzGLWindow::makeContext(int flags)
 {
     tzDrawContext context;
@@ -300,8 +313,8 @@ void tzGLWindow::initializeGL()
         m_gl->initializeOpenGLFunctions();
     m_buffers = std::make_unique<tzCloudBuffers>();
     // The buffers belong to this context: free them while it still exists.
-    connect(QOpenGLWidget::context(), &QOpenGLContext::aboutToBeDestroyed, this,
-            &tzGLWindow::releaseGL, Qt::DirectConnection);
+    m_contextGoing = connect(QOpenGLWidget::context(), &QOpenGLContext::aboutToBeDestroyed, this,
+                             &tzGLWindow::releaseGL, Qt::DirectConnection);
 }
 
 void tzGLWindow::resizeGL(int w, int h)

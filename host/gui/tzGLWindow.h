@@ -96,6 +96,11 @@ public:
     void setZNearCoef(double coef);
     //! Frames every visible cloud.
     void zoomGlobal();
+    //! Looks straight down, north up, and frames everything.
+    void setTopView();
+    //! Looks north-east and down from the south-west, as a surveyor walking up to the site,
+    //! and frames everything.
+    void setObliqueView();
     void setPointSize(float size);
     float getPointSize() const { return m_pointSize; }
 
@@ -161,6 +166,7 @@ private:
     bool m_cameraSet = false; // false until a camera is set or fitted
     QOpenGLFunctions_2_1 *m_gl = nullptr;
     std::unique_ptr<tzCloudBuffers> m_buffers;
+    QMetaObject::Connection m_contextGoing;
     int m_pickingMode = DEFAULT_PICKING;
     float m_pointSize = 1.f;
     std::vector<Message> m_messages;

@@ -54,15 +54,13 @@ bool tzPointPicker::pick(const tzCamera &camera, const std::vector<tzGenericPoin
             octree = cloud->computeOctree();
         if (!octree)
             continue;
-        const TZVector3d cubeMin = octree->cubeMin();
-        const double cube = octree->cubeSize();
-        const TZVector3d cubeMax = cubeMin + TZVector3d(cube, cube, cube);
+        TZVector3d boxMin, boxMax; // the cloud's bounding box
+        octree->getBoundingBox(boxMin, boxMax);
         // The box grown by the farthest reach that could matter: the reach at its farthest corner.
         double farthest = 0;
         for (int k = 0; k < 8; ++k) {
-            const TZVector3d corner((k & 1) ? cubeMax.x : cubeMin.x,
-                                    (k & 2) ? cubeMax.y : cubeMin.y,
-                                    (k & 4) ? cubeMax.z : cubeMin.z);
+            const TZVector3d corner((k & 1) ? boxMax.x : boxMin.x, (k & 2) ? boxMax.y : boxMin.y,
+                                    (k & 4) ? boxMax.z : boxMin.z);
             farthest = std::max(farthest, (corner - origin).norm());
         }
         const double far = reachAt(farthest);
@@ -70,7 +68,7 @@ bool tzPointPicker::pick(const tzCamera &camera, const std::vector<tzGenericPoin
         double t1
             = found ? result.distance : std::numeric_limits<double>::max(); // only nearer wins
         const TZVector3d grow(far, far, far);
-        if (!clipToBox(origin, dir, cubeMin - grow, cubeMax + grow, t0, t1))
+        if (!clipToBox(origin, dir, boxMin - grow, boxMax + grow, t0, t1))
             continue;
 
         // Front to back in short segments: the first segment that holds a point holds the

@@ -50,8 +50,8 @@ QByteArray asciiPly(int points, double offset)
     QByteArray text = "ply\nformat ascii 1.0\nelement vertex " + QByteArray::number(points)
         + "\nproperty double x\nproperty double y\nproperty double z\nend_header\n";
     for (int i = 0; i < points; ++i)
-        text += QByteArray::number(offset + i * 0.5, 'f', 3) + " " + QByteArray::number(offset + i % 3, 'f', 3)
-            + " 12.5\n";
+        text += QByteArray::number(offset + i * 0.5, 'f', 3) + " "
+            + QByteArray::number(offset + i % 3, 'f', 3) + " 12.5\n";
     return text;
 }
 
@@ -115,7 +115,7 @@ void TestTessaro::pluginActionFollowsTheSelection()
     window.addToDatabase(cloud);
     window.dbTree()->selectObject(cloud);
     QVERIFY(cloud->isSelected());
-    QCOMPARE(window.selectedObjects(), tzHObject::Container{cloud});
+    QCOMPARE(window.selectedObjects(), tzHObject::Container {cloud});
     QVERIFY(action->isEnabled());
     QVERIFY(consoleHas(window, QStringLiteral("[TestPlugin] selection: 1")));
 
@@ -152,11 +152,12 @@ void TestTessaro::overlayDialogStaysInItsCorner()
         return std::abs(frame.right() + 1 - topRightOfView().x()) <= 10
             && std::abs(frame.top() - topRightOfView().y()) <= 10;
     };
-    QTRY_VERIFY2(check(), qPrintable(QStringLiteral("dialog at %1,%2, view corner at %3,%4")
-                                         .arg(dialog->frameGeometry().right())
-                                         .arg(dialog->frameGeometry().top())
-                                         .arg(topRightOfView().x())
-                                         .arg(topRightOfView().y())));
+    QTRY_VERIFY2(check(),
+                 qPrintable(QStringLiteral("dialog at %1,%2, view corner at %3,%4")
+                                .arg(dialog->frameGeometry().right())
+                                .arg(dialog->frameGeometry().top())
+                                .arg(topRightOfView().x())
+                                .arg(topRightOfView().y())));
     window.resize(1100, 750); // the view grows: the dialog follows its corner
     QTRY_VERIFY(check());
     window.pluginManager()->unloadAll();
@@ -169,7 +170,9 @@ void TestTessaro::brokenPluginIsReportedWithItsPath()
     QVERIFY(!broken.isEmpty());
     tzMainWindow window(headless());
     window.loadPlugins({dir.path(), QStringLiteral(TEST_PLUGIN_DIR)});
-    QVERIFY(consoleHas(window, QStringLiteral("[Plugin] Failed to load '%1': ").arg(QFileInfo(broken).canonicalFilePath())));
+    QVERIFY(consoleHas(window,
+                       QStringLiteral("[Plugin] Failed to load '%1': ")
+                           .arg(QFileInfo(broken).canonicalFilePath())));
     QCOMPARE(window.pluginManager()->plugins().size(), 1); // the good one still loads
 }
 
@@ -189,13 +192,15 @@ void TestTessaro::openingAFileAddsItAndRemembersTheFolder()
     QVERIFY(cloud->getOctree()); // indexed while loading
     QVERIFY(window.dbTree()->itemOf(cloud));
     QSettings settings;
-    QCOMPARE(settings.value(QStringLiteral("LoadFile/currentPath")).toString(), QFileInfo(path).absolutePath());
+    QCOMPARE(settings.value(QStringLiteral("LoadFile/currentPath")).toString(),
+             QFileInfo(path).absolutePath());
 }
 
 void TestTessaro::badFileIsReportedAndAddsNothing()
 {
     QTemporaryDir dir;
-    const QString path = writeFile(dir, QStringLiteral("broken.ply"), "ply\nformat ascii 1.0\nelement vertex 5\nproperty float x\n");
+    const QString path = writeFile(dir, QStringLiteral("broken.ply"),
+                                   "ply\nformat ascii 1.0\nelement vertex 5\nproperty float x\n");
     tzMainWindow window(headless());
     QVERIFY(!openAndWait(window, path));
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 0u);
@@ -246,7 +251,7 @@ void TestTessaro::clickOnACloudSelectsIt()
     window.addToDatabase(cloud, true);
     tzGLWindow *view = window.activeView();
     QTest::mouseClick(view, Qt::LeftButton, Qt::NoModifier, view->rect().center());
-    QTRY_COMPARE(window.selectedObjects(), tzHObject::Container{cloud});
+    QTRY_COMPARE(window.selectedObjects(), tzHObject::Container {cloud});
     QVERIFY(cloud->isSelected());
 }
 
