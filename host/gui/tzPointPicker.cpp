@@ -38,11 +38,13 @@ bool tzPointPicker::pick(const tzCamera &camera, const std::vector<tzGenericPoin
     camera.ray(x, y, origin, dir);
     const bool perspective = camera.params.perspectiveView;
     const double tol2 = tolerancePx * tolerancePx;
-    // How far from the ray a point may lie at ray distance t and still be within the tolerance:
-    // twice the plain figure, for rays far from the view axis; the pixel test then decides.
+    // How far from the ray a point may lie at ray distance t and still be within the tolerance.
+    // A point at depth d that projects tol pixels from the pixel lies tol d / f from the ray's
+    // point at that depth, so at most that far from the ray, and d <= t; a tenth more covers the
+    // rounding of the float cloud. The pixel test then decides.
     const double orthoReach = tolerancePx * camera.pixelSizeAt(0);
     const auto reachAt = [&](double t) {
-        return perspective ? 2.0 * tolerancePx * t / camera.focal() : orthoReach;
+        return perspective ? 1.1 * tolerancePx * t / camera.focal() : orthoReach;
     };
 
     bool found = false;
@@ -76,7 +78,7 @@ bool tzPointPicker::pick(const tzCamera &camera, const std::vector<tzGenericPoin
         const double leafCell = octree->cellSize(octree->leafLevel());
         TZLib::Octree::CylindricalNeighbourhood query;
         for (double a = t0; a <= t1;) {
-            const double segment = std::max(4 * leafCell, 8 * reachAt(a));
+            const double segment = std::max(4 * leafCell, 4 * reachAt(a));
             const double b = std::min(t1, a + segment);
             const double reach = reachAt(b);
             const TZVector3d centre = origin + dir * (0.5 * (a + b));

@@ -122,9 +122,12 @@ void TestPointPicker::pickMatchesBruteForce_data()
 {
     QTest::addColumn<bool>("perspective");
     QTest::addColumn<double>("tolerance");
-    QTest::newRow("orthographic, oblique") << false << 3.0;
-    QTest::newRow("perspective, oblique") << true << 3.0;
-    QTest::newRow("perspective, wide tolerance") << true << 8.0;
+    QTest::addColumn<double>("eyeHeight");
+    QTest::newRow("orthographic, oblique") << false << 3.0 << 18.0;
+    QTest::newRow("perspective, oblique") << true << 3.0 << 18.0;
+    QTest::newRow("perspective, wide tolerance") << true << 8.0 << 18.0;
+    // Rays far from the view axis and nearly level with the ground: the hardest for pruning.
+    QTest::newRow("perspective, grazing") << true << 3.0 << 4.0;
 }
 
 void TestPointPicker::pickMatchesBruteForce()
