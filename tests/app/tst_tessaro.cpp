@@ -82,6 +82,7 @@ private slots:
     void cancelledOpeningLeavesNothing();
     void quittingDuringALoadIsClean();
     void clickOnACloudSelectsIt();
+    void sceneSavedAndLoadedBack();
 
 private:
     QTemporaryDir m_settings;
@@ -253,6 +254,28 @@ void TestTessaro::clickOnACloudSelectsIt()
     QTest::mouseClick(view, Qt::LeftButton, Qt::NoModifier, view->rect().center());
     QTRY_COMPARE(window.selectedObjects(), tzHObject::Container {cloud});
     QVERIFY(cloud->isSelected());
+}
+
+void TestTessaro::sceneSavedAndLoadedBack()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("work.tzs"));
+    {
+        tzMainWindow window(headless());
+        auto *cloud = new tzPointCloud(QStringLiteral("kept"));
+        cloud->addPoint({1, 2, 3});
+        window.addToDatabase(cloud);
+        QVERIFY(window.saveScene(path));
+        QVERIFY(!window.saveScene(dir.filePath(QStringLiteral("missing/folder/work.tzs"))));
+        QVERIFY(consoleHas(window, QStringLiteral("[ERROR]")));
+    }
+    tzMainWindow window(headless());
+    QVERIFY(window.loadScene(path));
+    QCOMPARE(window.databaseRoot()->getChildrenNumber(), 1u);
+    QCOMPARE(window.databaseRoot()->getChild(0)->getName(), QStringLiteral("kept"));
+    QVERIFY(window.dbTree()->itemOf(window.databaseRoot()->getChild(0)));
+    QVERIFY(!window.loadScene(dir.filePath(QStringLiteral("nothing.tzs"))));
+    QCOMPARE(window.databaseRoot()->getChildrenNumber(), 1u); // a failed load adds nothing
 }
 
 QTEST_MAIN(TestTessaro)
