@@ -1,6 +1,6 @@
 // tessaro: the point-cloud viewer.
 //
-//   tessaro [--auto-shift] [--oblique] [--screenshot <png>] [files...]
+//   tessaro [--auto-shift] [--oblique] [--action <name>] [--screenshot <png>] [files...]
 //
 // Opens the clouds given (PLY, LAS, XYZ) and loads the plug-ins found in plugins/ beside the
 // executable and in the folders of TESSARO_PLUGIN_PATH.
@@ -9,10 +9,14 @@
 #include "tzMainWindow.h"
 #include "tzPointCloud.h"
 
+#include <QAction>
 #include <QApplication>
 #include <QCommandLineParser>
+#include <QPixmap>
+#include <QScreen>
 #include <QSurfaceFormat>
 #include <QTimer>
+#include <QToolBar>
 
 #include <memory>
 
@@ -41,6 +45,11 @@ int main(int argc, char **argv)
     QCommandLineOption oblique(QStringLiteral("oblique"),
                                QStringLiteral("Show the clouds in an oblique view once open."));
     parser.addOption(oblique);
+    QCommandLineOption action(QStringLiteral("action"),
+                              QStringLiteral("Once the files are open, run the plug-in action of "
+                                             "this name (as its button does)."),
+                              QStringLiteral("name"));
+    parser.addOption(action);
     parser.addPositionalArgument(QStringLiteral("files"), QStringLiteral("Point clouds to open."),
                                  QStringLiteral("[files...]"));
     parser.process(app);
@@ -55,6 +64,26 @@ int main(int argc, char **argv)
                 window.activeView()->setObliqueView();
         });
     }
+    const QString actionName = parser.value(action);
+    if (!actionName.isEmpty()) {
+        const auto runAction = [&window, actionName] {
+            for (QAction *a : window.pluginToolBar()->actions()) {
+                if (a->text() == actionName) {
+                    a->setEnabled(true);
+                    a->trigger();
+                    return;
+                }
+            }
+            window.printToConsole(QStringLiteral("No plug-in action named '%1'").arg(actionName),
+                                  2);
+        };
+        QObject::connect(&window, &tzMainWindow::fileOpened, &window, [&window, runAction] {
+            if (!window.isLoading())
+                runAction();
+        });
+        if (parser.positionalArguments().isEmpty())
+            QTimer::singleShot(0, &window, runAction);
+    }
     const QString shotPath = parser.value(screenshot);
     if (!shotPath.isEmpty()) {
         // After the last file, wait for a frame of the view, then take the picture.
@@ -66,7 +95,11 @@ int main(int argc, char **argv)
                     return;
                 *taken = true;
                 QTimer::singleShot(200, &window, [&window, shotPath] {
-                    const bool saved = window.grab().save(shotPath);
+                    // The screen, not the window alone: overlay dialogs are windows of their own.
+                    const QRect frame = window.frameGeometry();
+                    const QPixmap shot = QGuiApplication::primaryScreen()->grabWindow(
+                        0, frame.x(), frame.y(), frame.width(), frame.height());
+                    const bool saved = shot.save(shotPath);
                     window.printToConsole(
                         saved ? QStringLiteral("Screenshot written to '%1'").arg(shotPath)
                               : QStringLiteral("Could not write the screenshot '%1'").arg(shotPath),

@@ -140,7 +140,7 @@ void tzMainWindow::createMenus()
     display->addAction(tr("&Larger points"), this,
                        [this] { m_view->setPointSize(m_view->getPointSize() + 1); });
     display->addAction(tr("&Smaller points"), this,
-                       [this] { m_view->setPointSize(m_view->getPointSize() - 1); });
+                       [this] { m_view->setPointSize(std::max(1.f, m_view->getPointSize() - 1)); });
 
     m_pluginMenu = menuBar()->addMenu(tr("&Plugins"));
     m_pluginToolBar = addToolBar(tr("Plugins"));
@@ -183,6 +183,9 @@ void tzMainWindow::attachOverlayDialog(tzOverlayDialog *dialog, Qt::Corner corne
     }
     m_overlays.emplace_back(dialog, corner);
     dialog->installEventFilter(this);
+    // An overlay belongs to the view it floats over (a running dialog keeps its own).
+    if (!dialog->isProcessing())
+        dialog->linkToView(activeView());
     placeOverlays();
 }
 

@@ -55,6 +55,9 @@ int tzPluginManager::loadAll(const QStringList &folders)
 bool tzPluginManager::load(const QString &path)
 {
     auto *loader = new QPluginLoader(path, this);
+    // The library stays mapped until the process ends: objects of its classes (an overlay dialog
+    // parented to the main window) may outlive the plug-in object itself.
+    loader->setLoadHints(QLibrary::PreventUnloadHint);
     QObject *object = loader->instance();
     if (!object) {
         m_app->printToConsole(

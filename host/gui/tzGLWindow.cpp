@@ -113,7 +113,7 @@ void tzGLWindow::displayText(const QString &text, int x, int y, int align, float
 }
 
 void tzGLWindow::showViewMessage(const QString &message, MessagePosition position, bool append,
-                                 int delaySec, MessageType type)
+                                 int delaySec, int type)
 {
     if (!append) {
         m_messages.erase(std::remove_if(m_messages.begin(), m_messages.end(),
@@ -205,7 +205,7 @@ void tzGLWindow::setZNearCoef(double coef)
 
 void tzGLWindow::setPointSize(float size)
 {
-    m_pointSize = std::max(1.f, std::min(size, 16.f));
+    m_pointSize = std::max(0.f, std::min(size, 16.f));
     update();
 }
 
@@ -301,7 +301,7 @@ tzDrawContext tzGLWindow::makeContext(int flags)
     context.viewportParams = &m_camera.params;
     context.pixelSize = m_camera.pixelSize();
     context.labelFont = font();
-    context.pointSize = m_pointSize;
+    context.pointSize = std::max(1.f, m_pointSize);
     context.perspective = m_camera.params.perspectiveView;
     return context;
 }

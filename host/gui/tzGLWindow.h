@@ -71,7 +71,7 @@ public:
     //! Shows a message in one of the view's areas for delaySec seconds. Without append the
     //! area's messages of the same type are replaced; an empty text just clears them.
     void showViewMessage(const QString &message, MessagePosition position, bool append = false,
-                         int delaySec = 2, MessageType type = CUSTOM_MESSAGE);
+                         int delaySec = 2, int type = CUSTOM_MESSAGE);
     QStringList viewMessages(MessagePosition position) const;
 
     void setPickingMode(int mode) { m_pickingMode = mode; }
@@ -101,6 +101,7 @@ public:
     //! Looks north-east and down from the south-west, as a surveyor walking up to the site,
     //! and frames everything.
     void setObliqueView();
+    //! The point size of clouds without one of their own; 0 is kept (and drawn as 1).
     void setPointSize(float size);
     float getPointSize() const { return m_pointSize; }
 
@@ -142,7 +143,7 @@ private:
     {
         QString text;
         MessagePosition position;
-        MessageType type;
+        int type;
         qint64 expiresMs;
     };
     struct QueuedText

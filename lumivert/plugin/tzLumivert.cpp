@@ -1,0 +1,657 @@
+#include "tzLumivert.h"
+
+#include "qLumivertDlg.h"
+#include "tzAboutDlg.h"
+#include "tzApplicationInterface.h"
+#include "tzCViseeTool.h"
+#include "tzCommunicationHandler.h"
+#include "tzGLWindow.h"
+#include "tzLineationTool.h"
+#include "tzLumivertInfo.h"
+#include "tzMeasurementTags.h"
+#include "tzPickingHub.h"
+#include "tzPointCloud.h"
+#include "tzSettings.h"
+
+#include <QAction>
+#include <QEvent>
+#include <QKeyEvent>
+#include <QMainWindow>
+#include <QMouseEvent>
+#include <QtDebug>
+
+namespace {
+
+const char *const IMAGES = ":/TZ/plugin/qLumivert/images/";
+// The view's message type of the plug-in's messages, and how long they stay (seconds).
+constexpr int MESSAGE_TYPE = 6;
+constexpr int MESSAGE_DELAY = 3600;
+
+QIcon image(const char *file)
+{
+    return QIcon(QLatin1String(IMAGES) + QLatin1String(file));
+}
+
+} // namespace
+
+tzLumivert::tzLumivert(QObject *parent)
+    : QObject(parent)
+    , tzStdPluginInterface(QString()) // no info file is read: every value comes from the overrides
+    , m_lineationTool(new tzLineationTool)
+    , m_viseeTool(new tzCViseeTool(this))
+    , m_comm(new tzCommunicationHandler(this))
+{
+}
+
+tzLumivert::~tzLumivert()
+{
+    delete m_lineationTool;
+    delete m_viseeTool;
+    delete m_dialog;
+    delete m_optionsDialog;
+    delete m_comm;
+}
+
+QString tzLumivert::getName() const
+{
+    return QStringLiteral("Lumivert");
+}
+
+QString tzLumivert::getDescription() const
+{
+    return QStringLiteral("Plugin 'Lumivert' for transferring mesures");
+}
+
+QIcon tzLumivert::getIcon() const
+{
+    return image("icon.png");
+}
+
+void tzLumivert::stop()
+{
+    stopMeasuring();
+    // The viewer's main window owns the dialog from here on.
+    m_dialog = nullptr;
+}
+
+QString tzLumivert::activeToolName() const
+{
+    if (!m_activeTool)
+        return QString();
+    return m_activeTool == m_viseeTool ? QStringLiteral("sight") : QStringLiteral("lineation");
+}
+
+QList<QAction *> tzLumivert::listActions()
+{
+    if (!m_action) {
+        m_action = new QAction(getName(), this);
+        m_action->setToolTip(getDescription());
+        m_action->setIcon(getIcon());
+        connect(m_action, &QAction::triggered, this, &tzLumivert::doAction);
+    }
+    return {m_action};
+}
+
+void tzLumivert::selectionChanged(const tzHObject::Container &selectedEntities)
+{
+    if (m_action) {
+        tzHObject *root = m_app ? m_app->databaseRoot() : nullptr;
+        m_action->setEnabled(root && root->getChildrenNumber() > 0);
+    }
+    if (m_dialog && m_optionsDialog && m_activeTool)
+        m_activeTool->selectionChanged(selectedEntities);
+}
+
+void tzLumivert::doAction()
+{
+    m_lineationTool->setupTool(m_app);
+    m_viseeTool->setupTool(m_app);
+    m_comm->setAppInterface(m_app);
+
+    tzGLWindow *view = m_app ? m_app->activeView() : nullptr;
+    if (!view) {
+        printToConsole(QStringLiteral("[tzLumivert] Could not find valid 3D window."),
+                       tzApplicationInterface::ERR_CONSOLE_MESSAGE);
+        return;
+    }
+
+    if (!m_dialog) {
+        m_dialog = new qLumivertDlg(m_app->mainWindow());
+        connect(m_dialog->pointPropertiesButton, &QToolButton::clicked, this,
+                &tzLumivert::setTakeSimplePoint);
+        connect(m_dialog->pointPropertiesPointButton, &QToolButton::clicked, this,
+                &tzLumivert::setTakeLowestPoint);
+        connect(m_dialog->pointPointDistanceButton, &QToolButton::clicked, this,
+                &tzLumivert::setLineation);
+        connect(m_dialog->optionCameraButton, &QToolButton::clicked, this,
+                &tzLumivert::onCameraVisuel);
+        connect(m_dialog->normalCameraButton, &QToolButton::clicked, this,
+                &tzLumivert::onCameraDirection);
+        connect(m_dialog->aboutLabelButton, &QToolButton::clicked, this, &tzLumivert::onAbout);
+        connect(m_dialog->closeButton, &QToolButton::clicked, this, &tzLumivert::onClose);
+        for (QToolButton *button :
+             {m_dialog->pointPropertiesButton, m_dialog->pointPropertiesPointButton,
+              m_dialog->pointPointDistanceButton, m_dialog->optionCameraButton,
+              m_dialog->normalCameraButton, m_dialog->aboutLabelButton, m_dialog->closeButton}) {
+            button->setStyleSheet(m_styleNormal);
+            button->setCheckable(true);
+        }
+        view->setZNearCoef(0.001);
+    }
+    if (!m_optionsDialog) {
+        m_optionsDialog = new tzAboutDlg(m_app->mainWindow());
+        connect(m_dialog->aboutLabelButton, &QToolButton::clicked, this, &tzLumivert::onAbout,
+                Qt::UniqueConnection);
+        connect(m_optionsDialog->setInteriorButton, &QPushButton::clicked, this,
+                &tzLumivert::oncloseAbout);
+        m_dialog->aboutLabelButton->setStyleSheet(m_styleNormal);
+        m_optionsDialog->VERSION->setText(QStringLiteral("1.2.0"));
+        m_optionsDialog->COMPANY->setText(QStringLiteral("Lumivert"));
+    }
+
+    readSettings();
+    fillOptionsForm();
+    // The photo lists beside the clouds and their frustums join the run with the photos.
+
+    connect(view, &tzGLWindow::cameraPosChanged, this, &tzLumivert::onCameraPosChanged,
+            Qt::UniqueConnection);
+    selectionChanged(m_app->selectedObjects());
+    startMeasuring();
+}
+
+void tzLumivert::readSettings()
+{
+    // Each value is read with no default, and an "unset" reading writes the member back instead.
+    // The unset markers differ from value to value and are kept exactly so: they are how the
+    // companion's side reads and writes the same store.
+    auto settings = openLumivertSettings();
+    const auto key = [](const char *name) { return QString::fromLatin1(name); };
+
+    if (settings->value(key("accuaryLowestPoint")).toFloat() == 0.f)
+        settings->setValue(key("accuaryLowestPoint"), m_accuaryLowestPoint);
+    else
+        m_accuaryLowestPoint = settings->value(key("accuaryLowestPoint")).toFloat();
+
+    if (settings->value(key("accuaryMovePoint")).toFloat() == 0.f)
+        settings->setValue(key("accuaryMovePoint"), m_accuaryMovePoint);
+    else
+        m_accuaryMovePoint = settings->value(key("accuaryMovePoint")).toFloat();
+
+    if (settings->value(key("pointSizeCloud")).toUInt() == 1)
+        settings->setValue(key("pointSizeCloud"), m_pointSizeCloud);
+    else
+        m_pointSizeCloud = settings->value(key("pointSizeCloud")).toUInt(); // missing: 0
+
+    if (!settings->value(key("displayIn2D")).toBool())
+        settings->setValue(key("displayIn2D"), m_displayIn2D);
+    else
+        m_displayIn2D = true;
+
+    if (settings->value(key("accuaryZLabel")).toUInt() == 2)
+        settings->setValue(key("accuaryZLabel"), m_accuaryZLabel);
+    else
+        m_accuaryZLabel = int(settings->value(key("accuaryZLabel")).toUInt()); // missing: 0
+
+    // Deliberately the other way round: a stored size is never taken here; only the options
+    // form changes the member.
+    if (settings->value(key("sizeSpheres")).toFloat() == 0.f)
+        settings->setValue(key("sizeSpheres"), m_sizeSpheres);
+}
+
+void tzLumivert::fillOptionsForm()
+{
+    if (!m_optionsDialog)
+        return;
+    m_optionsDialog->ValueAccuaryLowestPoint->setValue(m_accuaryLowestPoint);
+    m_optionsDialog->ValueAccuaryMovePoint->setValue(m_accuaryMovePoint);
+    m_optionsDialog->ValuePointSizeCloud->setValue(int(m_pointSizeCloud));
+    m_optionsDialog->ValueDisplayIn2D->setChecked(m_displayIn2D);
+    m_optionsDialog->ValueAccuaryZLabel->setValue(m_accuaryZLabel);
+    m_optionsDialog->ValueSizeBoulePhoto->setValue(double(m_sizeSpheres));
+}
+
+bool tzLumivert::startMeasuring()
+{
+    tzGLWindow *view = m_app ? m_app->activeView() : nullptr;
+    if (!view) {
+        printToConsole(
+            QStringLiteral("Error: tzLumivert could not find the Tessaro window. Abort!"),
+            tzApplicationInterface::ERR_CONSOLE_MESSAGE);
+        return false;
+    }
+    m_glWindow = view;
+    m_app->mainWindow()->installEventFilter(this);
+    view->installEventFilter(this);
+    view->setPointSize(float(m_pointSizeCloud));
+    view->redraw();
+    if (m_dialog) {
+        m_app->attachOverlayDialog(m_dialog, Qt::TopRightCorner);
+        m_dialog->start();
+        if (m_comm->connectToServer())
+            m_dialog->EtatConnection->setIcon(image("ConnecteOn.png"));
+    }
+    if (m_activeTool)
+        m_activeTool->toolActivated();
+    return true;
+}
+
+void tzLumivert::stopMeasuring()
+{
+    tzGLWindow *view = m_app ? m_app->activeView() : nullptr;
+    if (view) {
+        m_app->mainWindow()->removeEventFilter(this);
+        view->removeEventFilter(this);
+        resetModes();
+        releaseHub();
+    }
+    if (m_dialog) {
+        m_dialog->EtatConnection->setIcon(image("ConnecteOff.png"));
+        m_dialog->stop(false);
+        m_app->detachOverlayDialog(m_dialog);
+    }
+    if (m_optionsDialog) {
+        m_optionsDialog->stop(false);
+        m_app->detachOverlayDialog(m_optionsDialog);
+    }
+    if (m_activeTool) {
+        m_activeTool->cancel();
+        m_activeTool->toolDeactivated();
+        m_activeTool = nullptr;
+    }
+    if (view)
+        view->redraw();
+}
+
+void tzLumivert::releaseHub()
+{
+    if (m_app && m_app->pickingHub())
+        m_app->pickingHub()->removeListener(this);
+    m_listening = false;
+}
+
+void tzLumivert::showMessage(const QString &text)
+{
+    if (tzGLWindow *view = m_app ? m_app->activeView() : nullptr)
+        view->showViewMessage(text, tzGLWindow::UPPER_CENTER_MESSAGE, false, MESSAGE_DELAY,
+                              MESSAGE_TYPE);
+}
+
+void tzLumivert::redraw()
+{
+    if (tzGLWindow *view = m_app ? m_app->activeView() : nullptr)
+        view->redraw();
+}
+
+void tzLumivert::passSelectionToTool()
+{
+    if (m_activeTool && m_app)
+        m_activeTool->selectionChanged(m_app->selectedObjects());
+}
+
+void tzLumivert::resetModes()
+{
+    if (m_activeTool)
+        m_activeTool->toolDeactivated();
+    if (m_dialog) {
+        // The camera buttons keep their state.
+        for (QToolButton *button :
+             {m_dialog->pointPropertiesButton, m_dialog->pointPointDistanceButton,
+              m_dialog->pointPropertiesPointButton, m_dialog->closeButton}) {
+            button->setChecked(false);
+            button->setStyleSheet(m_styleNormal);
+        }
+    }
+    showMessage(QString());
+    m_activeTool = nullptr;
+    if (m_listening || !m_app)
+        return;
+    tzPickingHub *hub = m_app->pickingHub();
+    if (!hub) {
+        printToConsole(
+            QStringLiteral(
+                "[tzLumivert] Could not retrieve valid picking hub. Measurement aborted."),
+            tzApplicationInterface::ERR_CONSOLE_MESSAGE);
+    } else if (hub->addListener(this, true, true, tzGLWindow::POINT_OR_TRIANGLE_OR_LABEL_PICKING)) {
+        m_listening = true;
+    } else {
+        printToConsole(
+            QStringLiteral("Another tool is already using the picking mechanism. Stop it first"),
+            tzApplicationInterface::ERR_CONSOLE_MESSAGE);
+    }
+}
+
+void tzLumivert::setTakeSimplePoint()
+{
+    if (!m_dialog)
+        return;
+    QToolButton *button = m_dialog->pointPropertiesButton;
+    if (!button->isChecked()) {
+        resetModes();
+        releaseHub();
+    } else {
+        resetModes();
+        m_activeTool = m_viseeTool;
+        m_activeTool->toolActivated();
+        m_viseeTool->setMode(tzCViseeTool::SIMPLE_POINT);
+        openLumivertSettings()->setValue(QStringLiteral("SimplePoint"), true);
+        showMessage(QStringLiteral("Creer une visee sur la souris"));
+        passSelectionToTool();
+        button->setChecked(true);
+        button->setStyleSheet(m_styleActive);
+    }
+    redraw();
+}
+
+void tzLumivert::setTakeLowestPoint()
+{
+    if (!m_dialog)
+        return;
+    QToolButton *button = m_dialog->pointPropertiesPointButton;
+    if (!button->isChecked()) {
+        resetModes();
+        releaseHub();
+    } else {
+        resetModes();
+        m_activeTool = m_viseeTool;
+        m_activeTool->toolActivated();
+        m_viseeTool->setLowestPointSearch();
+        openLumivertSettings()->setValue(QStringLiteral("SimplePoint"), false);
+        showMessage(QStringLiteral("Creer une visee sur le label"));
+        passSelectionToTool();
+        button->setChecked(true);
+        button->setStyleSheet(m_styleActive);
+    }
+    redraw();
+}
+
+void tzLumivert::setLineation()
+{
+    if (!m_dialog)
+        return;
+    QToolButton *button = m_dialog->pointPointDistanceButton;
+    if (!button->isChecked()) {
+        resetModes();
+        releaseHub();
+    } else {
+        resetModes();
+        m_activeTool = m_lineationTool;
+        m_activeTool->toolActivated();
+        showMessage(QStringLiteral("Permet de mesurer la distance entre deux points"));
+        passSelectionToTool();
+        button->setChecked(true);
+        button->setStyleSheet(m_styleActive);
+    }
+    redraw();
+}
+
+void tzLumivert::setPhotoFrustumsVisible(bool visible)
+{
+    if (!m_app || !m_app->databaseRoot())
+        return;
+    tzHObject::Container objects;
+    m_app->databaseRoot()->filterChildren(objects, true, TZ_TYPES::CUSTOM_H_OBJECT);
+    for (tzHObject *object : objects) {
+        if (object->getMetaData(QStringLiteral("tzLumivertType")).toString()
+            == QLatin1String("imageFrustum"))
+            object->setVisible(visible);
+    }
+}
+
+void tzLumivert::onCameraVisuel()
+{
+    if (!m_dialog)
+        return;
+    QToolButton *button = m_dialog->optionCameraButton;
+    if (!button->isChecked()) {
+        button->setStyleSheet(m_styleNormal);
+        button->setIcon(image("cameraOn.png"));
+        setPhotoFrustumsVisible(true);
+    } else {
+        button->setStyleSheet(m_styleActive);
+        button->setIcon(image("cameraOff.png"));
+        setPhotoFrustumsVisible(false);
+    }
+    redraw();
+}
+
+void tzLumivert::onCameraDirection()
+{
+    if (!m_dialog)
+        return;
+    QToolButton *button = m_dialog->normalCameraButton;
+    if (!button->isChecked()) {
+        m_cameraDirection = false;
+        button->setStyleSheet(m_styleNormal);
+        button->setIcon(image("cameraAngleOff.png"));
+    } else {
+        m_cameraDirection = true;
+        button->setStyleSheet(m_styleActive);
+        button->setIcon(image("cameraAngleOn.png"));
+    }
+    redraw();
+}
+
+void tzLumivert::onClose()
+{
+    if (m_activeTool)
+        m_activeTool->cancel();
+    m_comm->disconnectFromServer();
+    if (m_dialog) {
+        for (QToolButton *button :
+             {m_dialog->pointPropertiesButton, m_dialog->pointPropertiesPointButton,
+              m_dialog->pointPointDistanceButton}) {
+            button->setChecked(false);
+            button->setStyleSheet(m_styleNormal);
+        }
+        QToolButton *photos = m_dialog->optionCameraButton;
+        photos->setStyleSheet(m_styleNormal);
+        photos->setIcon(image("cameraOn.png"));
+        setPhotoFrustumsVisible(false);
+        photos->setChecked(false);
+        QToolButton *directions = m_dialog->normalCameraButton;
+        directions->setStyleSheet(m_styleNormal);
+        directions->setIcon(image("cameraAngleOff.png"));
+        directions->setChecked(false);
+    }
+    m_cameraDirection = false;
+    stopMeasuring();
+}
+
+void tzLumivert::onAccept()
+{
+    if (m_activeTool)
+        m_activeTool->accept();
+}
+
+void tzLumivert::onSave() { }
+
+void tzLumivert::onUndo()
+{
+    // Deliberately the further hook, not the tool's undo.
+    if (m_activeTool)
+        m_activeTool->notify();
+}
+
+void tzLumivert::onAbout()
+{
+    if (!m_optionsDialog || !m_app)
+        return;
+    m_app->attachOverlayDialog(m_optionsDialog, Qt::TopRightCorner);
+    m_optionsDialog->start();
+    m_optionsDialog->raise();
+}
+
+void tzLumivert::oncloseAbout()
+{
+    if (!m_optionsDialog)
+        return;
+    m_pointSizeCloud = quint32(m_optionsDialog->ValuePointSizeCloud->value());
+    m_accuaryMovePoint = m_optionsDialog->ValueAccuaryMovePoint->value();
+    m_accuaryLowestPoint = m_optionsDialog->ValueAccuaryLowestPoint->value();
+    m_displayIn2D = m_optionsDialog->ValueDisplayIn2D->isChecked();
+    m_accuaryZLabel = m_optionsDialog->ValueAccuaryZLabel->value();
+    m_sizeSpheres = float(m_optionsDialog->ValueSizeBoulePhoto->value());
+    if (tzGLWindow *view = m_app ? m_app->activeView() : nullptr) {
+        view->setPointSize(float(m_pointSizeCloud));
+        view->redraw();
+    }
+    auto settings = openLumivertSettings();
+    settings->setValue(QStringLiteral("pointSizeCloud"), m_pointSizeCloud);
+    settings->setValue(QStringLiteral("accuaryMovePoint"), m_accuaryMovePoint);
+    settings->setValue(QStringLiteral("accuaryLowestPoint"), m_accuaryLowestPoint);
+    settings->setValue(QStringLiteral("displayIn2D"), m_displayIn2D);
+    settings->setValue(QStringLiteral("accuaryZLabel"), m_accuaryZLabel);
+    settings->setValue(QStringLiteral("sizeSpheres"), m_sizeSpheres);
+    m_optionsDialog->stop(true);
+}
+
+void tzLumivert::showHelp()
+{
+    tzLumivertInfo help(m_app ? m_app->mainWindow() : nullptr);
+    help.exec();
+}
+
+void tzLumivert::hideAllPointClouds(tzHObject *object)
+{
+    if (!object)
+        return;
+    if (object->isKindOf(TZ_TYPES::POINT_CLOUD) && object->isVisible()) {
+        object->setVisible(false);
+        return;
+    }
+    for (unsigned i = 0; i < object->getChildrenNumber(); ++i)
+        hideAllPointClouds(object->getChild(i));
+}
+
+void tzLumivert::toggleLabels(bool checked)
+{
+    if (m_app)
+        recurseLabels(m_app->databaseRoot(), checked);
+    tzLineationTool::showLabels = checked;
+    redraw();
+}
+
+void tzLumivert::recurseLabels(tzHObject *object, bool show)
+{
+    if (!object)
+        return;
+    if (hasPointPairTag(object))
+        object->showNameIn3D(show);
+    for (unsigned i = 0; i < object->getChildrenNumber(); ++i)
+        recurseLabels(object->getChild(i), show);
+}
+
+void tzLumivert::onCameraPosChanged(const TZVector3d &centre)
+{
+    // Leaving a photo's viewpoint when the camera moves away arrives with the photos: until
+    // then no photo can be looked through.
+    Q_UNUSED(centre)
+}
+
+void tzLumivert::onItemPicked(const tzPickingListener::PickedItem &pi)
+{
+    pointPicked(pi.entity, pi.itemIndex, pi.clickPoint.x(), pi.clickPoint.y(), pi.P3D);
+}
+
+tzHObject *tzLumivert::measurementGroup()
+{
+    if (m_activeTool == m_viseeTool) {
+        if (tzHObject *container = m_viseeTool->sightContainer(m_app))
+            return container;
+    }
+    tzHObject *root = m_app->databaseRoot();
+    const QString name = QStringLiteral("mesures");
+    // The root's children, and after each child not so named its own children; no deeper.
+    for (unsigned i = 0; i < root->getChildrenNumber(); ++i) {
+        tzHObject *child = root->getChild(i);
+        if (child->getName() == name)
+            return child;
+        for (unsigned j = 0; j < child->getChildrenNumber(); ++j) {
+            if (child->getChild(j)->getName() == name)
+                return child->getChild(j);
+        }
+    }
+    auto *group = new tzHObject(name);
+    root->addChild(group, DP_PARENT_OF_OTHER, -1);
+    m_app->addToDatabase(group);
+    return group;
+}
+
+void tzLumivert::pointPicked(tzHObject *entity, unsigned itemIdx, int x, int y, const TZVector3 &P)
+{
+    Q_UNUSED(x)
+    Q_UNUSED(y)
+    if (!entity || !m_app || !m_app->databaseRoot())
+        return;
+    tzHObject *group = measurementGroup();
+    m_glWindow = m_app->activeView();
+    group->setVisible(true);
+    if (m_activeTool)
+        m_activeTool->pointPicked(group, itemIdx, entity, P);
+    if (entity->isKindOf(TZ_TYPES::POINT_CLOUD)) {
+        auto *cloud = dynamic_cast<tzPointCloud *>(entity);
+        if (cloud) {
+            if (m_activeTool)
+                m_activeTool->pointPicked(group, itemIdx, cloud, P);
+            cloud->showColors(true);
+            cloud->showSF(false);
+        }
+    }
+    if (m_isZpress && m_dialog) {
+        // Z armed one lowest-point sight: simple-point mode comes back by itself.
+        m_dialog->pointPropertiesButton->setChecked(true);
+        setTakeSimplePoint();
+        m_isZpress = false;
+        qDebug("isZpress");
+        m_app->refreshAllViews();
+        redraw();
+    }
+}
+
+bool tzLumivert::eventFilter(QObject *obj, QEvent *event)
+{
+    if (m_app)
+        m_glWindow = m_app->activeView();
+    switch (event->type()) {
+    case QEvent::KeyPress: {
+        auto *key = static_cast<QKeyEvent *>(event);
+        if (!key->isAutoRepeat())
+            m_heldKeys.insert(key->key());
+        if (key->modifiers() == Qt::ControlModifier && m_listening) {
+            qDebug(" CTRL press ");
+            if (m_dialog)
+                m_dialog->SimpleAjoutZButton->setChecked(true);
+        } else if (key->key() == Qt::Key_Z) {
+            qDebug(" Z press ");
+            if (m_dialog) {
+                m_dialog->pointPropertiesPointButton->setChecked(true);
+                setTakeLowestPoint();
+            }
+            m_isZpress = true;
+        } else {
+            qDebug(" other press ");
+        }
+        break;
+    }
+    case QEvent::KeyRelease: {
+        auto *key = static_cast<QKeyEvent *>(event);
+        if (!key->isAutoRepeat())
+            m_heldKeys.remove(key->key());
+        break;
+    }
+    case QEvent::MouseMove:
+        if (m_activeTool == m_viseeTool)
+            m_viseeTool->onMouseMove(static_cast<QMouseEvent *>(event), m_glWindow);
+        break;
+    case QEvent::MouseButtonDblClick:
+        if (static_cast<QMouseEvent *>(event)->button() == Qt::RightButton) {
+            resetModes();
+            redraw();
+            releaseHub();
+        }
+        break;
+    default:
+        break;
+    }
+    return QObject::eventFilter(obj, event);
+}

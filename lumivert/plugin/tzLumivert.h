@@ -1,0 +1,128 @@
+#pragma once
+
+#include "TZVector3.h"
+#include "tzPickingListener.h"
+#include "tzStdPluginInterface.h"
+
+#include <QObject>
+#include <QSet>
+#include <QString>
+
+class QAction;
+class tzAboutDlg;
+class tzCViseeTool;
+class tzCommunicationHandler;
+class tzGLWindow;
+class tzLineationTool;
+class tzTool;
+class qLumivertDlg;
+
+//! The plug-in's one long-lived object. The viewer makes it through the library's entry and asks
+//! it for its action; from then on it owns the measuring run: it starts with the action
+//! (doAction) and ends with the tool bar's close button (onClose). Between the two it routes the
+//! picks of the picking hub to the active tool, switches tools from the tool bar's buttons,
+//! reacts to keys in the 3D view and holds the link with the companion. GUI thread only.
+class tzLumivert : public QObject, public tzStdPluginInterface, public tzPickingListener
+{
+    Q_OBJECT
+    Q_INTERFACES(tzStdPluginInterface)
+    Q_PLUGIN_METADATA(IID "tzcorp.tessaro.plugin.tzLumivert")
+
+    // Read-only views of the settings mirrors and the run's state, for scripts and tests.
+    Q_PROPERTY(double accuaryLowestPoint READ accuaryLowestPoint)
+    Q_PROPERTY(double accuaryMovePoint READ accuaryMovePoint)
+    Q_PROPERTY(uint pointSizeCloud READ pointSizeCloud)
+    Q_PROPERTY(bool displayIn2D READ displayIn2D)
+    Q_PROPERTY(int accuaryZLabel READ accuaryZLabel)
+    Q_PROPERTY(float sizeSpheres READ sizeSpheres)
+    Q_PROPERTY(bool listening READ isListening)
+    Q_PROPERTY(bool zPressed READ isZPressed)
+    Q_PROPERTY(bool cameraDirection READ cameraDirection)
+    Q_PROPERTY(QString activeTool READ activeToolName)
+
+public:
+    explicit tzLumivert(QObject *parent = nullptr);
+    ~tzLumivert() override;
+
+    // tzStdPluginInterface
+    QString getName() const override;
+    QString getDescription() const override;
+    QIcon getIcon() const override;
+    void stop() override;
+    QList<QAction *> listActions() override;
+    void selectionChanged(const tzHObject::Container &selectedEntities) override;
+
+    double accuaryLowestPoint() const { return m_accuaryLowestPoint; }
+    double accuaryMovePoint() const { return m_accuaryMovePoint; }
+    unsigned pointSizeCloud() const { return m_pointSizeCloud; }
+    bool displayIn2D() const { return m_displayIn2D; }
+    int accuaryZLabel() const { return m_accuaryZLabel; }
+    float sizeSpheres() const { return m_sizeSpheres; }
+    bool isListening() const { return m_listening; }
+    bool isZPressed() const { return m_isZpress; }
+    bool cameraDirection() const { return m_cameraDirection; }
+    QString activeToolName() const;
+    qLumivertDlg *dialog() const { return m_dialog; }
+    tzCommunicationHandler *link() const { return m_comm; }
+    //! Whether a key is held down in the viewer now (the event filter keeps the set).
+    bool isKeyHeld(int key) const { return m_heldKeys.contains(key); }
+
+public slots:
+    void doAction();
+    bool startMeasuring();
+    void stopMeasuring();
+    void onCameraPosChanged(const TZVector3d &centre);
+    void onItemPicked(const tzPickingListener::PickedItem &pi) override;
+    void pointPicked(tzHObject *entity, unsigned itemIdx, int x, int y, const TZVector3 &P);
+    void onClose();
+    void onAccept();
+    void onSave();
+    void onUndo();
+    void onAbout();
+    void oncloseAbout();
+    void setLineation();
+    void setTakeLowestPoint();
+    void setTakeSimplePoint();
+    void onCameraVisuel();
+    void onCameraDirection();
+    void hideAllPointClouds(tzHObject *object);
+    void toggleLabels(bool checked);
+    void recurseLabels(tzHObject *object, bool show);
+    void showHelp();
+
+protected:
+    bool eventFilter(QObject *obj, QEvent *event) override;
+
+private:
+    void readSettings();
+    void fillOptionsForm();
+    void resetModes();
+    void releaseHub();
+    void showMessage(const QString &text);
+    void redraw();
+    void passSelectionToTool();
+    void setPhotoFrustumsVisible(bool visible);
+    tzHObject *measurementGroup();
+
+    QAction *m_action = nullptr;
+    bool m_listening = false;
+    qLumivertDlg *m_dialog = nullptr;
+    tzAboutDlg *m_optionsDialog = nullptr;
+    tzTool *m_activeTool = nullptr;
+    tzLineationTool *m_lineationTool;
+    tzCViseeTool *m_viseeTool;
+    tzCommunicationHandler *m_comm;
+    tzGLWindow *m_glWindow = nullptr;
+    QString m_styleNormal = QStringLiteral("border:1px solid #A9A9A9;");
+    QString m_styleActive = QStringLiteral("border:1px solid #ff0000;");
+    double m_accuaryLowestPoint = 0.1;
+    double m_accuaryMovePoint = 0.1;
+    quint32 m_pointSizeCloud = 1;
+    int m_reserved = 4; // kept as declared; nothing reads it
+    bool m_displayIn2D = false;
+    int m_accuaryZLabel = 2;
+    float m_sizeSpheres = 0.8f;
+    bool m_isZpress = false;
+    bool m_cameraDirection = false;
+    QSet<int> m_heldKeys;
+};

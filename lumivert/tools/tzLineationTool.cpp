@@ -1,0 +1,3 @@
+#include "tzLineationTool.h"
+
+bool tzLineationTool::showLabels = false;

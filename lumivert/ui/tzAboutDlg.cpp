@@ -1,0 +1,7 @@
+#include "tzAboutDlg.h"
+
+tzAboutDlg::tzAboutDlg(QWidget *parent)
+    : tzOverlayDialog(parent, Qt::Dialog)
+{
+    setupUi(this);
+}
