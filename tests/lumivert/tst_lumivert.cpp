@@ -1,0 +1,490 @@
+// The plug-in loaded by the real viewer: its description, its action, a measuring run, the mode
+// buttons and the picking hub, keys and picks, and the settings it reads and writes.
+
+#include "tzConsole.h"
+#include "tzDBTree.h"
+#include "tzGLWindow.h"
+#include "tzMainWindow.h"
+#include "tzOverlayDialog.h"
+#include "tzPickingHub.h"
+#include "tzPickingListener.h"
+#include "tzPluginManager.h"
+#include "tzPointCloud.h"
+#include "tzStdPluginInterface.h"
+
+#include <QAction>
+#include <QCheckBox>
+#include <QDoubleSpinBox>
+#include <QLabel>
+#include <QPluginLoader>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QSettings>
+#include <QSpinBox>
+#include <QTemporaryDir>
+#include <QTextEdit>
+#include <QToolBar>
+#include <QToolButton>
+#include <QtTest>
+
+#include <memory>
+
+namespace {
+
+const QString STYLE_NORMAL = QStringLiteral("border:1px solid #A9A9A9;");
+const QString STYLE_ACTIVE = QStringLiteral("border:1px solid #ff0000;");
+
+// The plug-in's settings store, as the plug-in opens it (redirected to a test folder).
+std::unique_ptr<QSettings> store()
+{
+    return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
+                                       QStringLiteral("LumiVert"), QStringLiteral("LinkServer"));
+}
+
+bool sameImage(const QIcon &icon, const QString &resource)
+{
+    return icon.pixmap(32, 31).toImage().convertToFormat(QImage::Format_ARGB32)
+        == QPixmap(resource).toImage().convertToFormat(QImage::Format_ARGB32);
+}
+
+// A viewer with the plug-in loaded and a small cloud in its scene.
+struct Viewer
+{
+    tzMainWindow window;
+    QObject *plugin = nullptr;
+    tzStdPluginInterface *std = nullptr;
+    tzPointCloud *cloud = nullptr;
+
+    Viewer()
+        : window(options())
+    {
+        window.resize(1000, 700);
+        window.show();
+        window.loadPlugins({QFileInfo(QStringLiteral(LUMIVERT_PLUGIN)).absolutePath()});
+        if (window.pluginManager()->plugins().size() == 1) {
+            plugin = window.pluginManager()->plugins().first().loader->instance();
+            std = window.pluginManager()->plugins().first().instance;
+        }
+        cloud = new tzPointCloud(QStringLiteral("Site - Cloud"));
+        for (int i = -10; i <= 10; ++i) {
+            for (int j = -10; j <= 10; ++j)
+                cloud->addPoint({i * 0.1f, j * 0.1f, 0.f});
+        }
+        window.addToDatabase(cloud, true);
+    }
+    ~Viewer() { window.pluginManager()->unloadAll(); }
+
+    static tzMainWindow::Options options()
+    {
+        tzMainWindow::Options o;
+        o.autoShift = true;
+        o.loadPlugins = false;
+        return o;
+    }
+    QAction *action() const { return window.pluginToolBar()->actions().value(0); }
+    template<typename T = QToolButton>
+    T *button(const char *name) const
+    {
+        return window.findChild<T *>(QLatin1String(name));
+    }
+    tzOverlayDialog *toolBar() const { return window.findChild<tzOverlayDialog *>(QStringLiteral("LumivertDlg")); }
+    tzOverlayDialog *optionsForm() const { return window.findChild<tzOverlayDialog *>(QStringLiteral("AboutDlg")); }
+    QVariant state(const char *name) const { return plugin->property(name); }
+    bool consoleHas(const QString &text) const
+    {
+        for (const QString &line : window.console()->lines()) {
+            if (line.contains(text))
+                return true;
+        }
+        return false;
+    }
+    void start()
+    {
+        action()->setEnabled(true);
+        action()->trigger();
+    }
+    void click(const char *name) { QTest::mouseClick(button(name), Qt::LeftButton); }
+    QStringList messages() { return window.activeView()->viewMessages(tzGLWindow::UPPER_CENTER_MESSAGE); }
+};
+
+struct OtherTool : tzPickingListener
+{
+    void onItemPicked(const PickedItem &) override {}
+};
+
+} // namespace
+
+class TestLumivert : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void describesItselfWithoutReadingItsInfoFile();
+    void actionFollowsTheScene();
+    void runShowsTheToolBarInTheTopRightCorner();
+    void modeButtonsSwitchToolsAndTheHub();
+    void cameraButtonsKeepTheirStateAcrossModes();
+    void hubHeldByAnotherToolIsReported();
+    void rightDoubleClickEndsListeningOnly();
+    void zKeyMakesOneLowestPointPick();
+    void picksGoToTheMesuresGroup();
+    void settingsFirstRun();
+    void settingsStoredValues();
+    void optionsFormRoundTrip();
+    void helpWindowShowsThePage();
+    void quittingDuringARunIsClean();
+
+private:
+    QTemporaryDir m_settings;
+};
+
+void TestLumivert::initTestCase()
+{
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settings.path());
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.path());
+    QCoreApplication::setOrganizationName(QStringLiteral("Tessaro"));
+    QCoreApplication::setApplicationName(QStringLiteral("Tessaro"));
+}
+
+void TestLumivert::init()
+{
+    store()->clear();
+}
+
+void TestLumivert::describesItselfWithoutReadingItsInfoFile()
+{
+    QPluginLoader loader(QStringLiteral(LUMIVERT_PLUGIN));
+    const QJsonObject meta = loader.metaData();
+    QCOMPARE(meta.value(QStringLiteral("IID")).toString(), QStringLiteral("tzcorp.tessaro.plugin.tzLumivert"));
+    QCOMPARE(meta.value(QStringLiteral("className")).toString(), QStringLiteral("tzLumivert"));
+    QVERIFY(meta.value(QStringLiteral("MetaData")).toObject().isEmpty());
+    // The Qt version as moc records it: major and minor.
+    QCOMPARE(meta.value(QStringLiteral("version")).toInt(), QT_VERSION & 0xffff00);
+
+    Viewer viewer;
+    QVERIFY(viewer.plugin);
+    QVERIFY(viewer.plugin->inherits("tzLumivert"));
+    QVERIFY(viewer.plugin->qt_metacast("tzPickingListener"));
+    QVERIFY(viewer.plugin->qt_metacast("orv.rd.Tessaro.tzStdPluginInterface/1.4"));
+    QCOMPARE(viewer.std->getType(), TZ_STD_PLUGIN);
+    QCOMPARE(viewer.std->getName(), QStringLiteral("Lumivert"));
+    QCOMPARE(viewer.std->getDescription(), QStringLiteral("Plugin 'Lumivert' for transferring mesures"));
+    QVERIFY(!viewer.std->getIcon().isNull());
+    // The info file ships in the resources, and is never read.
+    QVERIFY(!viewer.std->isCore());
+    QVERIFY(viewer.std->getAuthors().isEmpty());
+    QVERIFY(viewer.std->getMaintainers().isEmpty());
+    QVERIFY(viewer.std->getReferences().isEmpty());
+    QFile info(QStringLiteral(":/TZ/plugin/qLumivert/info.json"));
+    QVERIFY(info.open(QIODevice::ReadOnly));
+    const QByteArray text = info.readAll();
+    QVERIFY(text.contains("\r\n"));
+    QVERIFY(text.contains("\"name\": \"QLumivert (Standard Plugin)\""));
+    QVERIFY(text.contains("\t\t},\r\n\t],")); // the two trailing commas of the maintainers
+    // The same object while it lives, a fresh one once it is gone.
+    QCOMPARE(loader.instance(), viewer.plugin);
+}
+
+void TestLumivert::actionFollowsTheScene()
+{
+    tzMainWindow window(Viewer::options());
+    window.loadPlugins({QFileInfo(QStringLiteral(LUMIVERT_PLUGIN)).absolutePath()});
+    QAction *action = window.pluginToolBar()->actions().value(0);
+    QVERIFY(action);
+    QCOMPARE(action->text(), QStringLiteral("Lumivert"));
+    QCOMPARE(action->toolTip(), QStringLiteral("Plugin 'Lumivert' for transferring mesures"));
+    QVERIFY(!action->isEnabled()); // empty scene
+    auto *cloud = new tzPointCloud(QStringLiteral("c"));
+    cloud->addPoint({0, 0, 0});
+    window.addToDatabase(cloud);
+    window.dbTree()->selectObject(cloud);
+    QVERIFY(action->isEnabled());
+    window.pluginManager()->unloadAll();
+}
+
+void TestLumivert::runShowsTheToolBarInTheTopRightCorner()
+{
+    Viewer viewer;
+    viewer.start();
+    tzOverlayDialog *bar = viewer.toolBar();
+    QVERIFY(bar);
+    QVERIFY(bar->isVisible());
+    QCOMPARE(bar->size(), QSize(269, 75));
+    QCOMPARE(bar->windowTitle(), QStringLiteral("Points"));
+    tzGLWindow *view = viewer.window.activeView();
+    const QPoint corner = view->mapToGlobal(QPoint(view->width(), 0));
+    QTRY_VERIFY(std::abs(bar->frameGeometry().right() + 1 - corner.x()) <= 10
+                && std::abs(bar->frameGeometry().top() - corner.y()) <= 10);
+    QVERIFY(sameImage(viewer.button("EtatConnection")->icon(), ":/TZ/plugin/qLumivert/images/ConnecteOff.png"));
+    QCOMPARE(viewer.button("pointPropertiesButton")->styleSheet(), STYLE_NORMAL);
+    QVERIFY(viewer.button("closeButton")->isCheckable());
+    QCOMPARE(view->camera().params.zNearCoef, 0.001);
+
+    viewer.click("closeButton");
+    QVERIFY(!bar->isVisible());
+    QCOMPARE(viewer.state("listening").toBool(), false);
+    QCOMPARE(viewer.window.pickingHub()->listenerCount(), std::size_t(0));
+    // A second run reuses the same tool bar.
+    viewer.start();
+    QCOMPARE(viewer.toolBar(), bar);
+    QVERIFY(bar->isVisible());
+}
+
+void TestLumivert::modeButtonsSwitchToolsAndTheHub()
+{
+    Viewer viewer;
+    viewer.start();
+    tzPickingHub *hub = viewer.window.pickingHub();
+    struct Row
+    {
+        const char *button;
+        const char *message;
+        const char *tool;
+        QVariant simplePoint;
+    };
+    const Row rows[] = {
+        {"pointPropertiesButton", "Creer une visee sur la souris", "sight", true},
+        {"pointPropertiesPointButton", "Creer une visee sur le label", "sight", false},
+        {"pointPointDistanceButton", "Permet de mesurer la distance entre deux points", "lineation", QVariant()},
+    };
+    for (const Row &row : rows) {
+        store()->remove(QStringLiteral("SimplePoint"));
+        viewer.click(row.button);
+        QToolButton *button = viewer.button(row.button);
+        QVERIFY2(button->isChecked(), row.button);
+        QCOMPARE(button->styleSheet(), STYLE_ACTIVE);
+        QCOMPARE(viewer.state("activeTool").toString(), QString::fromLatin1(row.tool));
+        QCOMPARE(viewer.messages(), QStringList{QString::fromLatin1(row.message)});
+        QVERIFY(hub->isLocked());
+        QCOMPARE(viewer.window.activeView()->getPickingMode(), 6);
+        if (row.simplePoint.isValid())
+            QCOMPARE(store()->value(QStringLiteral("SimplePoint")).toBool(), row.simplePoint.toBool());
+        else
+            QVERIFY(!store()->contains(QStringLiteral("SimplePoint")));
+        // Only one mode button is on.
+        int active = 0;
+        for (const char *other : {"pointPropertiesButton", "pointPropertiesPointButton", "pointPointDistanceButton"})
+            active += viewer.button(other)->styleSheet() == STYLE_ACTIVE ? 1 : 0;
+        QCOMPARE(active, 1);
+        // Clicked again: the mode goes and the hub is released.
+        viewer.click(row.button);
+        QVERIFY(!button->isChecked());
+        QCOMPARE(button->styleSheet(), STYLE_NORMAL);
+        QCOMPARE(viewer.state("activeTool").toString(), QString());
+        QCOMPARE(hub->listenerCount(), std::size_t(0));
+        QCOMPARE(viewer.state("listening").toBool(), false);
+        QCOMPARE(viewer.window.activeView()->getPickingMode(), int(tzPickingHub::DEFAULT_PICKING_MODE));
+    }
+}
+
+void TestLumivert::cameraButtonsKeepTheirStateAcrossModes()
+{
+    Viewer viewer;
+    viewer.start();
+    viewer.click("optionCameraButton");
+    viewer.click("normalCameraButton");
+    QCOMPARE(viewer.button("optionCameraButton")->styleSheet(), STYLE_ACTIVE);
+    QVERIFY(sameImage(viewer.button("optionCameraButton")->icon(), ":/TZ/plugin/qLumivert/images/cameraOff.png"));
+    QVERIFY(viewer.state("cameraDirection").toBool());
+    QVERIFY(sameImage(viewer.button("normalCameraButton")->icon(), ":/TZ/plugin/qLumivert/images/cameraAngleOn.png"));
+    viewer.click("pointPropertiesButton"); // a mode reset leaves the camera buttons alone
+    QVERIFY(viewer.button("optionCameraButton")->isChecked());
+    QVERIFY(viewer.button("normalCameraButton")->isChecked());
+    viewer.click("normalCameraButton");
+    QVERIFY(!viewer.state("cameraDirection").toBool());
+    QCOMPARE(viewer.button("normalCameraButton")->styleSheet(), STYLE_NORMAL);
+    // Closing puts both back.
+    viewer.click("normalCameraButton");
+    viewer.click("closeButton");
+    QVERIFY(!viewer.button("optionCameraButton")->isChecked());
+    QVERIFY(!viewer.button("normalCameraButton")->isChecked());
+    QVERIFY(!viewer.state("cameraDirection").toBool());
+    QVERIFY(sameImage(viewer.button("optionCameraButton")->icon(), ":/TZ/plugin/qLumivert/images/cameraOn.png"));
+}
+
+void TestLumivert::hubHeldByAnotherToolIsReported()
+{
+    Viewer viewer;
+    OtherTool other;
+    QVERIFY(viewer.window.pickingHub()->addListener(&other, true, true, 6));
+    viewer.start();
+    viewer.click("pointPropertiesButton");
+    QVERIFY(viewer.consoleHas(QStringLiteral("[ERROR] Another tool is already using the picking mechanism. Stop it first")));
+    QCOMPARE(viewer.state("listening").toBool(), false);
+    // The buttons still switch.
+    QCOMPARE(viewer.button("pointPropertiesButton")->styleSheet(), STYLE_ACTIVE);
+    QCOMPARE(viewer.state("activeTool").toString(), QStringLiteral("sight"));
+    viewer.window.pickingHub()->removeListener(&other);
+}
+
+void TestLumivert::rightDoubleClickEndsListeningOnly()
+{
+    Viewer viewer;
+    viewer.start();
+    viewer.click("pointPropertiesButton");
+    QVERIFY(viewer.state("listening").toBool());
+    tzGLWindow *view = viewer.window.activeView();
+    QTest::mouseDClick(view, Qt::RightButton, Qt::NoModifier, view->rect().center());
+    QCOMPARE(viewer.state("listening").toBool(), false);
+    QCOMPARE(viewer.window.pickingHub()->listenerCount(), std::size_t(0));
+    QVERIFY(!viewer.button("pointPropertiesButton")->isChecked());
+    QVERIFY(viewer.toolBar()->isVisible());
+}
+
+void TestLumivert::zKeyMakesOneLowestPointPick()
+{
+    Viewer viewer;
+    viewer.start();
+    viewer.click("pointPropertiesButton");
+    tzGLWindow *view = viewer.window.activeView();
+    QTest::keyClick(view, Qt::Key_Z);
+    QVERIFY(viewer.button("pointPropertiesPointButton")->isChecked());
+    QVERIFY(viewer.state("zPressed").toBool());
+    QCOMPARE(store()->value(QStringLiteral("SimplePoint")).toBool(), false);
+    // The first pick after Z is a lowest-point one; simple-point mode then comes back.
+    const TZVector3 P = viewer.cloud->point(5);
+    QVERIFY(QMetaObject::invokeMethod(viewer.plugin, "pointPicked", Q_ARG(tzHObject *, viewer.cloud),
+                                      Q_ARG(unsigned, 5u), Q_ARG(int, 10), Q_ARG(int, 10), Q_ARG(TZVector3, P)));
+    QVERIFY(!viewer.state("zPressed").toBool());
+    QVERIFY(viewer.button("pointPropertiesButton")->isChecked());
+    QVERIFY(!viewer.button("pointPropertiesPointButton")->isChecked());
+    QCOMPARE(store()->value(QStringLiteral("SimplePoint")).toBool(), true);
+    // Ctrl alone, while listening, checks the indicator.
+    QTest::keyClick(view, Qt::Key_Control, Qt::ControlModifier);
+    QVERIFY(viewer.button<QRadioButton>("SimpleAjoutZButton")->isChecked());
+}
+
+void TestLumivert::picksGoToTheMesuresGroup()
+{
+    Viewer viewer;
+    viewer.start();
+    viewer.click("pointPropertiesButton");
+    tzHObject *root = viewer.window.databaseRoot();
+    QCOMPARE(root->getChildrenNumber(), 1u);
+    // A real click on the cloud, through the view and the hub.
+    tzGLWindow *view = viewer.window.activeView();
+    view->setTopView();
+    double x, y, depth;
+    QVERIFY(view->camera().project({0, 0, 0}, x, y, depth));
+    QTest::mouseClick(view, Qt::LeftButton, Qt::NoModifier, QPoint(int(x), int(y)));
+    QCOMPARE(root->getChildrenNumber(), 2u);
+    tzHObject *group = root->getChild(1);
+    QCOMPARE(group->getName(), QStringLiteral("mesures"));
+    QVERIFY(group->isVisible());
+    // A second pick finds the same group; so does a group one level down.
+    QTest::mouseClick(view, Qt::LeftButton, Qt::NoModifier, QPoint(int(x), int(y)));
+    QCOMPARE(root->getChildrenNumber(), 2u);
+}
+
+void TestLumivert::settingsFirstRun()
+{
+    Viewer viewer;
+    viewer.start();
+    auto s = store();
+    QCOMPARE(s->value(QStringLiteral("accuaryLowestPoint")).toDouble(), 0.1);
+    QCOMPARE(s->value(QStringLiteral("accuaryMovePoint")).toDouble(), 0.1);
+    QCOMPARE(s->value(QStringLiteral("sizeSpheres")).toFloat(), 0.8f);
+    QCOMPARE(s->value(QStringLiteral("displayIn2D")).toBool(), false);
+    QVERIFY(s->contains(QStringLiteral("displayIn2D")));
+    QVERIFY(!s->contains(QStringLiteral("pointSizeCloud")));
+    QVERIFY(!s->contains(QStringLiteral("accuaryZLabel")));
+    QCOMPARE(viewer.state("pointSizeCloud").toUInt(), 0u);
+    QCOMPARE(viewer.state("accuaryZLabel").toInt(), 0);
+    QCOMPARE(viewer.window.activeView()->getPointSize(), 0.f); // a missing size gives 0
+}
+
+void TestLumivert::settingsStoredValues()
+{
+    {
+        auto s = store();
+        s->setValue(QStringLiteral("pointSizeCloud"), 1u);
+        s->setValue(QStringLiteral("accuaryZLabel"), 2);
+        s->setValue(QStringLiteral("sizeSpheres"), 1.5f);
+        s->setValue(QStringLiteral("accuaryLowestPoint"), 0.123456789);
+        s->setValue(QStringLiteral("displayIn2D"), true);
+    }
+    Viewer viewer;
+    viewer.start();
+    auto s = store();
+    QCOMPARE(s->value(QStringLiteral("pointSizeCloud")).toUInt(), 1u); // the member's 1, written back
+    QCOMPARE(viewer.state("pointSizeCloud").toUInt(), 1u);
+    QCOMPARE(s->value(QStringLiteral("accuaryZLabel")).toInt(), 2);
+    QCOMPARE(viewer.state("accuaryZLabel").toInt(), 2);
+    QCOMPARE(s->value(QStringLiteral("sizeSpheres")).toFloat(), 1.5f); // left alone...
+    QCOMPARE(viewer.state("sizeSpheres").toFloat(), 0.8f); // ...and not taken
+    QCOMPARE(viewer.state("accuaryLowestPoint").toDouble(), double(0.123456789f)); // read as float
+    QVERIFY(viewer.state("displayIn2D").toBool());
+
+    // Other stored values replace the members, 0 included.
+    viewer.click("closeButton");
+    s->setValue(QStringLiteral("pointSizeCloud"), 5u);
+    s->setValue(QStringLiteral("accuaryZLabel"), 0);
+    viewer.start();
+    QCOMPARE(viewer.state("pointSizeCloud").toUInt(), 5u);
+    QCOMPARE(viewer.window.activeView()->getPointSize(), 5.f);
+    QCOMPARE(viewer.state("accuaryZLabel").toInt(), 0);
+}
+
+void TestLumivert::optionsFormRoundTrip()
+{
+    Viewer viewer; // first run: point size and decimals come back 0
+    viewer.start();
+    viewer.click("aboutLabelButton");
+    tzOverlayDialog *form = viewer.optionsForm();
+    QVERIFY(form);
+    QVERIFY(form->isVisible());
+    QCOMPARE(viewer.window.findChild<QLabel *>(QStringLiteral("VERSION"))->text(), QStringLiteral("1.2.0"));
+    QCOMPARE(viewer.window.findChild<QLabel *>(QStringLiteral("COMPANY"))->text(), QStringLiteral("Lumivert"));
+    auto *pointSize = viewer.window.findChild<QSpinBox *>(QStringLiteral("ValuePointSizeCloud"));
+    auto *decimals = viewer.window.findChild<QSpinBox *>(QStringLiteral("ValueAccuaryZLabel"));
+    auto *spheres = viewer.window.findChild<QDoubleSpinBox *>(QStringLiteral("ValueSizeBoulePhoto"));
+    auto *lowest = viewer.window.findChild<QDoubleSpinBox *>(QStringLiteral("ValueAccuaryLowestPoint"));
+    QCOMPARE(pointSize->value(), 1); // 0 shown as the minimum
+    QCOMPARE(decimals->value(), 1);
+    QCOMPARE(spheres->text(), QLocale().toString(0.8, 'f', 2));
+    QCOMPARE(lowest->text(), QLocale().toString(0.1, 'f', 2));
+    lowest->setValue(0.256); // two decimals: kept as 0.26
+    spheres->setValue(1.25);
+    pointSize->setValue(4);
+    QTest::mouseClick(viewer.window.findChild<QPushButton *>(QStringLiteral("setInteriorButton")), Qt::LeftButton);
+    QVERIFY(!form->isVisible());
+    auto s = store();
+    QCOMPARE(s->value(QStringLiteral("pointSizeCloud")).toUInt(), 4u);
+    QCOMPARE(s->value(QStringLiteral("accuaryZLabel")).toInt(), 1);
+    QCOMPARE(s->value(QStringLiteral("accuaryLowestPoint")).toDouble(), 0.26);
+    QCOMPARE(s->value(QStringLiteral("sizeSpheres")).toFloat(), 1.25f);
+    QCOMPARE(viewer.state("sizeSpheres").toFloat(), 1.25f); // only the form changes it
+    QCOMPARE(viewer.window.activeView()->getPointSize(), 4.f);
+}
+
+void TestLumivert::helpWindowShowsThePage()
+{
+    Viewer viewer;
+    QString text;
+    QSize size;
+    QTimer::singleShot(0, [&] {
+        QWidget *help = QApplication::activeModalWidget();
+        QVERIFY(help);
+        size = help->size();
+        text = help->findChild<QTextEdit *>()->toPlainText();
+        QTest::mouseClick(help->findChild<QPushButton *>(), Qt::LeftButton);
+    });
+    QVERIFY(QMetaObject::invokeMethod(viewer.plugin, "showHelp"));
+    QCOMPARE(size, QSize(800, 600));
+    QVERIFY(text.contains(QStringLiteral("Mensurix")));
+    QVERIFY(text.contains(QStringLiteral("images.json")));
+}
+
+void TestLumivert::quittingDuringARunIsClean()
+{
+    auto viewer = std::make_unique<Viewer>();
+    viewer->start();
+    viewer->click("pointPropertiesButton");
+    viewer->click("aboutLabelButton");
+    viewer.reset(); // the viewer stops and unloads the plug-in, then goes: no crash, no leak
+}
+
+QTEST_MAIN(TestLumivert)
+#include "tst_lumivert.moc"
