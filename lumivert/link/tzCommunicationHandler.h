@@ -17,6 +17,7 @@ public:
     {
     }
 
+    tzLumivert *plugin() const { return m_plugin; }
     void setAppInterface(tzApplicationInterface *app) { m_app = app; }
     //! True when connected.
     bool connectToServer() { return false; }

@@ -17,6 +17,7 @@ public:
     {
     }
 
+    tzLumivert *plugin() const { return m_plugin; }
     int mode() const { return m_mode; }
     void setMode(int mode) { m_mode = mode; }
     //! Sights placed next go on the lowest point below the pick.

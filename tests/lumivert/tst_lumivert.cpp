@@ -82,13 +82,18 @@ struct Viewer
         return o;
     }
     QAction *action() const { return window.pluginToolBar()->actions().value(0); }
-    template<typename T = QToolButton>
-    T *button(const char *name) const
+    template<typename T = QToolButton> T *button(const char *name) const
     {
         return window.findChild<T *>(QLatin1String(name));
     }
-    tzOverlayDialog *toolBar() const { return window.findChild<tzOverlayDialog *>(QStringLiteral("LumivertDlg")); }
-    tzOverlayDialog *optionsForm() const { return window.findChild<tzOverlayDialog *>(QStringLiteral("AboutDlg")); }
+    tzOverlayDialog *toolBar() const
+    {
+        return window.findChild<tzOverlayDialog *>(QStringLiteral("LumivertDlg"));
+    }
+    tzOverlayDialog *optionsForm() const
+    {
+        return window.findChild<tzOverlayDialog *>(QStringLiteral("AboutDlg"));
+    }
     QVariant state(const char *name) const { return plugin->property(name); }
     bool consoleHas(const QString &text) const
     {
@@ -104,12 +109,15 @@ struct Viewer
         action()->trigger();
     }
     void click(const char *name) { QTest::mouseClick(button(name), Qt::LeftButton); }
-    QStringList messages() { return window.activeView()->viewMessages(tzGLWindow::UPPER_CENTER_MESSAGE); }
+    QStringList messages()
+    {
+        return window.activeView()->viewMessages(tzGLWindow::UPPER_CENTER_MESSAGE);
+    }
 };
 
 struct OtherTool : tzPickingListener
 {
-    void onItemPicked(const PickedItem &) override {}
+    void onItemPicked(const PickedItem &) override { }
 };
 
 } // namespace
@@ -157,7 +165,8 @@ void TestLumivert::describesItselfWithoutReadingItsInfoFile()
 {
     QPluginLoader loader(QStringLiteral(LUMIVERT_PLUGIN));
     const QJsonObject meta = loader.metaData();
-    QCOMPARE(meta.value(QStringLiteral("IID")).toString(), QStringLiteral("tzcorp.tessaro.plugin.tzLumivert"));
+    QCOMPARE(meta.value(QStringLiteral("IID")).toString(),
+             QStringLiteral("tzcorp.tessaro.plugin.tzLumivert"));
     QCOMPARE(meta.value(QStringLiteral("className")).toString(), QStringLiteral("tzLumivert"));
     QVERIFY(meta.value(QStringLiteral("MetaData")).toObject().isEmpty());
     // The Qt version as moc records it: major and minor.
@@ -170,7 +179,8 @@ void TestLumivert::describesItselfWithoutReadingItsInfoFile()
     QVERIFY(viewer.plugin->qt_metacast("orv.rd.Tessaro.tzStdPluginInterface/1.4"));
     QCOMPARE(viewer.std->getType(), TZ_STD_PLUGIN);
     QCOMPARE(viewer.std->getName(), QStringLiteral("Lumivert"));
-    QCOMPARE(viewer.std->getDescription(), QStringLiteral("Plugin 'Lumivert' for transferring mesures"));
+    QCOMPARE(viewer.std->getDescription(),
+             QStringLiteral("Plugin 'Lumivert' for transferring mesures"));
     QVERIFY(!viewer.std->getIcon().isNull());
     // The info file ships in the resources, and is never read.
     QVERIFY(!viewer.std->isCore());
@@ -217,7 +227,8 @@ void TestLumivert::runShowsTheToolBarInTheTopRightCorner()
     const QPoint corner = view->mapToGlobal(QPoint(view->width(), 0));
     QTRY_VERIFY(std::abs(bar->frameGeometry().right() + 1 - corner.x()) <= 10
                 && std::abs(bar->frameGeometry().top() - corner.y()) <= 10);
-    QVERIFY(sameImage(viewer.button("EtatConnection")->icon(), ":/TZ/plugin/qLumivert/images/ConnecteOff.png"));
+    QVERIFY(sameImage(viewer.button("EtatConnection")->icon(),
+                      ":/TZ/plugin/qLumivert/images/ConnecteOff.png"));
     QCOMPARE(viewer.button("pointPropertiesButton")->styleSheet(), STYLE_NORMAL);
     QVERIFY(viewer.button("closeButton")->isCheckable());
     QCOMPARE(view->camera().params.zNearCoef, 0.001);
@@ -247,7 +258,8 @@ void TestLumivert::modeButtonsSwitchToolsAndTheHub()
     const Row rows[] = {
         {"pointPropertiesButton", "Creer une visee sur la souris", "sight", true},
         {"pointPropertiesPointButton", "Creer une visee sur le label", "sight", false},
-        {"pointPointDistanceButton", "Permet de mesurer la distance entre deux points", "lineation", QVariant()},
+        {"pointPointDistanceButton", "Permet de mesurer la distance entre deux points", "lineation",
+         QVariant()},
     };
     for (const Row &row : rows) {
         store()->remove(QStringLiteral("SimplePoint"));
@@ -256,16 +268,18 @@ void TestLumivert::modeButtonsSwitchToolsAndTheHub()
         QVERIFY2(button->isChecked(), row.button);
         QCOMPARE(button->styleSheet(), STYLE_ACTIVE);
         QCOMPARE(viewer.state("activeTool").toString(), QString::fromLatin1(row.tool));
-        QCOMPARE(viewer.messages(), QStringList{QString::fromLatin1(row.message)});
+        QCOMPARE(viewer.messages(), QStringList {QString::fromLatin1(row.message)});
         QVERIFY(hub->isLocked());
         QCOMPARE(viewer.window.activeView()->getPickingMode(), 6);
         if (row.simplePoint.isValid())
-            QCOMPARE(store()->value(QStringLiteral("SimplePoint")).toBool(), row.simplePoint.toBool());
+            QCOMPARE(store()->value(QStringLiteral("SimplePoint")).toBool(),
+                     row.simplePoint.toBool());
         else
             QVERIFY(!store()->contains(QStringLiteral("SimplePoint")));
         // Only one mode button is on.
         int active = 0;
-        for (const char *other : {"pointPropertiesButton", "pointPropertiesPointButton", "pointPointDistanceButton"})
+        for (const char *other :
+             {"pointPropertiesButton", "pointPropertiesPointButton", "pointPointDistanceButton"})
             active += viewer.button(other)->styleSheet() == STYLE_ACTIVE ? 1 : 0;
         QCOMPARE(active, 1);
         // Clicked again: the mode goes and the hub is released.
@@ -275,7 +289,8 @@ void TestLumivert::modeButtonsSwitchToolsAndTheHub()
         QCOMPARE(viewer.state("activeTool").toString(), QString());
         QCOMPARE(hub->listenerCount(), std::size_t(0));
         QCOMPARE(viewer.state("listening").toBool(), false);
-        QCOMPARE(viewer.window.activeView()->getPickingMode(), int(tzPickingHub::DEFAULT_PICKING_MODE));
+        QCOMPARE(viewer.window.activeView()->getPickingMode(),
+                 int(tzPickingHub::DEFAULT_PICKING_MODE));
     }
 }
 
@@ -286,9 +301,11 @@ void TestLumivert::cameraButtonsKeepTheirStateAcrossModes()
     viewer.click("optionCameraButton");
     viewer.click("normalCameraButton");
     QCOMPARE(viewer.button("optionCameraButton")->styleSheet(), STYLE_ACTIVE);
-    QVERIFY(sameImage(viewer.button("optionCameraButton")->icon(), ":/TZ/plugin/qLumivert/images/cameraOff.png"));
+    QVERIFY(sameImage(viewer.button("optionCameraButton")->icon(),
+                      ":/TZ/plugin/qLumivert/images/cameraOff.png"));
     QVERIFY(viewer.state("cameraDirection").toBool());
-    QVERIFY(sameImage(viewer.button("normalCameraButton")->icon(), ":/TZ/plugin/qLumivert/images/cameraAngleOn.png"));
+    QVERIFY(sameImage(viewer.button("normalCameraButton")->icon(),
+                      ":/TZ/plugin/qLumivert/images/cameraAngleOn.png"));
     viewer.click("pointPropertiesButton"); // a mode reset leaves the camera buttons alone
     QVERIFY(viewer.button("optionCameraButton")->isChecked());
     QVERIFY(viewer.button("normalCameraButton")->isChecked());
@@ -301,7 +318,8 @@ void TestLumivert::cameraButtonsKeepTheirStateAcrossModes()
     QVERIFY(!viewer.button("optionCameraButton")->isChecked());
     QVERIFY(!viewer.button("normalCameraButton")->isChecked());
     QVERIFY(!viewer.state("cameraDirection").toBool());
-    QVERIFY(sameImage(viewer.button("optionCameraButton")->icon(), ":/TZ/plugin/qLumivert/images/cameraOn.png"));
+    QVERIFY(sameImage(viewer.button("optionCameraButton")->icon(),
+                      ":/TZ/plugin/qLumivert/images/cameraOn.png"));
 }
 
 void TestLumivert::hubHeldByAnotherToolIsReported()
@@ -311,7 +329,8 @@ void TestLumivert::hubHeldByAnotherToolIsReported()
     QVERIFY(viewer.window.pickingHub()->addListener(&other, true, true, 6));
     viewer.start();
     viewer.click("pointPropertiesButton");
-    QVERIFY(viewer.consoleHas(QStringLiteral("[ERROR] Another tool is already using the picking mechanism. Stop it first")));
+    QVERIFY(viewer.consoleHas(QStringLiteral(
+        "[ERROR] Another tool is already using the picking mechanism. Stop it first")));
     QCOMPARE(viewer.state("listening").toBool(), false);
     // The buttons still switch.
     QCOMPARE(viewer.button("pointPropertiesButton")->styleSheet(), STYLE_ACTIVE);
@@ -345,8 +364,9 @@ void TestLumivert::zKeyMakesOneLowestPointPick()
     QCOMPARE(store()->value(QStringLiteral("SimplePoint")).toBool(), false);
     // The first pick after Z is a lowest-point one; simple-point mode then comes back.
     const TZVector3 P = viewer.cloud->point(5);
-    QVERIFY(QMetaObject::invokeMethod(viewer.plugin, "pointPicked", Q_ARG(tzHObject *, viewer.cloud),
-                                      Q_ARG(unsigned, 5u), Q_ARG(int, 10), Q_ARG(int, 10), Q_ARG(TZVector3, P)));
+    QVERIFY(QMetaObject::invokeMethod(viewer.plugin, "pointPicked",
+                                      Q_ARG(tzHObject *, viewer.cloud), Q_ARG(unsigned, 5u),
+                                      Q_ARG(int, 10), Q_ARG(int, 10), Q_ARG(TZVector3, P)));
     QVERIFY(!viewer.state("zPressed").toBool());
     QVERIFY(viewer.button("pointPropertiesButton")->isChecked());
     QVERIFY(!viewer.button("pointPropertiesPointButton")->isChecked());
@@ -408,7 +428,8 @@ void TestLumivert::settingsStoredValues()
     Viewer viewer;
     viewer.start();
     auto s = store();
-    QCOMPARE(s->value(QStringLiteral("pointSizeCloud")).toUInt(), 1u); // the member's 1, written back
+    QCOMPARE(s->value(QStringLiteral("pointSizeCloud")).toUInt(),
+             1u); // the member's 1, written back
     QCOMPARE(viewer.state("pointSizeCloud").toUInt(), 1u);
     QCOMPARE(s->value(QStringLiteral("accuaryZLabel")).toInt(), 2);
     QCOMPARE(viewer.state("accuaryZLabel").toInt(), 2);
@@ -435,12 +456,16 @@ void TestLumivert::optionsFormRoundTrip()
     tzOverlayDialog *form = viewer.optionsForm();
     QVERIFY(form);
     QVERIFY(form->isVisible());
-    QCOMPARE(viewer.window.findChild<QLabel *>(QStringLiteral("VERSION"))->text(), QStringLiteral("1.2.0"));
-    QCOMPARE(viewer.window.findChild<QLabel *>(QStringLiteral("COMPANY"))->text(), QStringLiteral("Lumivert"));
+    QCOMPARE(viewer.window.findChild<QLabel *>(QStringLiteral("VERSION"))->text(),
+             QStringLiteral("1.2.0"));
+    QCOMPARE(viewer.window.findChild<QLabel *>(QStringLiteral("COMPANY"))->text(),
+             QStringLiteral("Lumivert"));
     auto *pointSize = viewer.window.findChild<QSpinBox *>(QStringLiteral("ValuePointSizeCloud"));
     auto *decimals = viewer.window.findChild<QSpinBox *>(QStringLiteral("ValueAccuaryZLabel"));
-    auto *spheres = viewer.window.findChild<QDoubleSpinBox *>(QStringLiteral("ValueSizeBoulePhoto"));
-    auto *lowest = viewer.window.findChild<QDoubleSpinBox *>(QStringLiteral("ValueAccuaryLowestPoint"));
+    auto *spheres
+        = viewer.window.findChild<QDoubleSpinBox *>(QStringLiteral("ValueSizeBoulePhoto"));
+    auto *lowest
+        = viewer.window.findChild<QDoubleSpinBox *>(QStringLiteral("ValueAccuaryLowestPoint"));
     QCOMPARE(pointSize->value(), 1); // 0 shown as the minimum
     QCOMPARE(decimals->value(), 1);
     QCOMPARE(spheres->text(), QLocale().toString(0.8, 'f', 2));
@@ -448,7 +473,8 @@ void TestLumivert::optionsFormRoundTrip()
     lowest->setValue(0.256); // two decimals: kept as 0.26
     spheres->setValue(1.25);
     pointSize->setValue(4);
-    QTest::mouseClick(viewer.window.findChild<QPushButton *>(QStringLiteral("setInteriorButton")), Qt::LeftButton);
+    QTest::mouseClick(viewer.window.findChild<QPushButton *>(QStringLiteral("setInteriorButton")),
+                      Qt::LeftButton);
     QVERIFY(!form->isVisible());
     auto s = store();
     QCOMPARE(s->value(QStringLiteral("pointSizeCloud")).toUInt(), 4u);

@@ -29,18 +29,32 @@ void TestLumivertDialogs::toolBarForm_data()
     QTest::addColumn<QString>("icon");
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("tip");
-    QTest::newRow("simple sight") << "pointPropertiesButton" << QRect(3, 4, 32, 31) << "Cible.png" << "" << "Créer une visée";
-    QTest::newRow("lowest point") << "pointPropertiesPointButton" << QRect(41, 4, 32, 31) << "Zbas.png" << ""
+    QTest::newRow("simple sight") << "pointPropertiesButton" << QRect(3, 4, 32, 31) << "Cible.png"
+                                  << ""
+                                  << "Créer une visée";
+    QTest::newRow("lowest point") << "pointPropertiesPointButton" << QRect(41, 4, 32, 31)
+                                  << "Zbas.png"
+                                  << ""
                                   << "Créer une visée sur le points le plus bas";
-    QTest::newRow("distance") << "pointPointDistanceButton" << QRect(79, 4, 32, 31) << "smallPointDistance25.png"
-                              << "..." << "Distance entre 2 points";
-    QTest::newRow("photos") << "optionCameraButton" << QRect(117, 4, 32, 31) << "cameraOn.png" << "..."
+    QTest::newRow("distance") << "pointPointDistanceButton" << QRect(79, 4, 32, 31)
+                              << "smallPointDistance25.png"
+                              << "..."
+                              << "Distance entre 2 points";
+    QTest::newRow("photos") << "optionCameraButton" << QRect(117, 4, 32, 31) << "cameraOn.png"
+                            << "..."
                             << "Active/Desactive Photos";
-    QTest::newRow("directions") << "normalCameraButton" << QRect(155, 4, 32, 31) << "cameraAngleOff.png" << "..."
+    QTest::newRow("directions") << "normalCameraButton" << QRect(155, 4, 32, 31)
+                                << "cameraAngleOff.png"
+                                << "..."
                                 << "Active/Desactive directions photos";
-    QTest::newRow("options") << "aboutLabelButton" << QRect(193, 4, 32, 31) << "gearIcon.png" << "..." << "Option";
-    QTest::newRow("close") << "closeButton" << QRect(231, 4, 32, 31) << "smallCancel25.png" << "..." << "Fermer";
-    QTest::newRow("link") << "EtatConnection" << QRect(230, 40, 32, 31) << "ConnecteOff.png" << ""
+    QTest::newRow("options") << "aboutLabelButton" << QRect(193, 4, 32, 31) << "gearIcon.png"
+                             << "..."
+                             << "Option";
+    QTest::newRow("close") << "closeButton" << QRect(231, 4, 32, 31) << "smallCancel25.png"
+                           << "..."
+                           << "Fermer";
+    QTest::newRow("link") << "EtatConnection" << QRect(230, 40, 32, 31) << "ConnecteOff.png"
+                          << ""
                           << "Etat de la connexion avec Mensurix";
 }
 
@@ -60,7 +74,8 @@ void TestLumivertDialogs::toolBarForm()
     QCOMPARE(button->statusTip(), tip);
     QCOMPARE(button->iconSize(), QSize(32, 31));
     QCOMPARE(button->toolButtonStyle(), Qt::ToolButtonIconOnly); // "..." buttons show their icon
-    const QImage expected = QPixmap(QStringLiteral(":/TZ/plugin/qLumivert/images/") + icon).toImage();
+    const QImage expected
+        = QPixmap(QStringLiteral(":/TZ/plugin/qLumivert/images/") + icon).toImage();
     QVERIFY(!expected.isNull());
     QCOMPARE(expected.size(), QSize(32, 31));
     QCOMPARE(button->icon().pixmap(32, 31).toImage().convertToFormat(expected.format()), expected);
@@ -95,15 +110,20 @@ void TestLumivertDialogs::optionsForm()
     QCOMPARE(form.COMPANYNAME->text(), QStringLiteral("Nom de la société :"));
     QCOMPARE(form.TitreOption->text(), QStringLiteral("Option Paramétrable:"));
     QCOMPARE(form.formLayout->rowCount(), 6);
-    const char *labels[] = {"Précision du point le plus bas trouvé", "Précision du point indiqué par le label",
-                            "Definir la taille des points du cloud", "Toujours afficher les Labels",
-                            "Nombre de chiffres après la virgule dans le Label", "Taille des sphères de photo"};
+    const char *labels[] = {"Précision du point le plus bas trouvé",
+                            "Précision du point indiqué par le label",
+                            "Definir la taille des points du cloud",
+                            "Toujours afficher les Labels",
+                            "Nombre de chiffres après la virgule dans le Label",
+                            "Taille des sphères de photo"};
     for (int row = 0; row < 6; ++row) {
-        auto *label = qobject_cast<QLabel *>(form.formLayout->itemAt(row, QFormLayout::LabelRole)->widget());
+        auto *label = qobject_cast<QLabel *>(
+            form.formLayout->itemAt(row, QFormLayout::LabelRole)->widget());
         QVERIFY(label);
         QCOMPARE(label->text(), QString::fromUtf8(labels[row]));
     }
-    QCOMPARE(form.formLayout->itemAt(5, QFormLayout::FieldRole)->widget(), form.ValueSizeBoulePhoto);
+    QCOMPARE(form.formLayout->itemAt(5, QFormLayout::FieldRole)->widget(),
+             form.ValueSizeBoulePhoto);
     QCOMPARE(form.ValuePointSizeCloud->minimum(), 1);
     QCOMPARE(form.ValuePointSizeCloud->maximum(), 12);
     QCOMPARE(form.ValueAccuaryZLabel->minimum(), 1);
@@ -111,7 +131,8 @@ void TestLumivertDialogs::optionsForm()
     QCOMPARE(form.ValueAccuaryZLabel->value(), 2);
     QCOMPARE(form.ValueDisplayIn2D->text(), QStringLiteral("Oui"));
     // The double spin boxes keep the toolkit's defaults: two decimals, below 100.
-    for (QDoubleSpinBox *box : {form.ValueAccuaryLowestPoint, form.ValueAccuaryMovePoint, form.ValueSizeBoulePhoto}) {
+    for (QDoubleSpinBox *box :
+         {form.ValueAccuaryLowestPoint, form.ValueAccuaryMovePoint, form.ValueSizeBoulePhoto}) {
         QCOMPARE(box->decimals(), 2);
         QCOMPARE(box->maximum(), 99.99);
     }
@@ -129,7 +150,8 @@ void TestLumivertDialogs::helpWindow()
     QCOMPARE(help.minimumSize(), QSize(800, 600));
     QVERIFY(help.textView()->isReadOnly());
     const QString text = help.textView()->toPlainText();
-    for (const char *topic : {"Créer une visée", "point le plus bas", "Z", "Ctrl", "images.json", "Mensurix", "6601"})
+    for (const char *topic :
+         {"Créer une visée", "point le plus bas", "Z", "Ctrl", "images.json", "Mensurix", "6601"})
         QVERIFY2(text.contains(QString::fromUtf8(topic)), topic);
     auto *ok = help.findChild<QPushButton *>();
     QCOMPARE(ok->text(), QStringLiteral("Ok"));
@@ -143,7 +165,8 @@ void TestLumivertDialogs::helpWindowWithoutItsPage()
 {
     Q_CLEANUP_RESOURCE(qLumivert);
     tzLumivertInfo help;
-    QCOMPARE(help.textView()->toPlainText(), QStringLiteral("Error loading documentation file...."));
+    QCOMPARE(help.textView()->toPlainText(),
+             QStringLiteral("Error loading documentation file...."));
     QCOMPARE(help.size(), QSize(800, 600));
     Q_INIT_RESOURCE(qLumivert);
 }
