@@ -320,68 +320,55 @@ void tzLumivert::resetModes()
     }
 }
 
-void tzLumivert::setTakeSimplePoint()
+void tzLumivert::switchMode(QToolButton *button, tzTool *tool, const QString &message,
+                            const std::function<void()> &configure)
 {
-    if (!m_dialog)
-        return;
-    QToolButton *button = m_dialog->pointPropertiesButton;
+    // The click has already toggled the button: its state now says whether the mode goes on.
     if (!button->isChecked()) {
         resetModes();
         releaseHub();
     } else {
         resetModes();
-        m_activeTool = m_viseeTool;
+        m_activeTool = tool;
         m_activeTool->toolActivated();
-        m_viseeTool->setMode(tzCViseeTool::SIMPLE_POINT);
-        openLumivertSettings()->setValue(QStringLiteral("SimplePoint"), true);
-        showMessage(QStringLiteral("Creer une visee sur la souris"));
+        if (configure)
+            configure();
+        showMessage(message);
         passSelectionToTool();
         button->setChecked(true);
         button->setStyleSheet(m_styleActive);
     }
     redraw();
+}
+
+void tzLumivert::setTakeSimplePoint()
+{
+    if (!m_dialog)
+        return;
+    switchMode(m_dialog->pointPropertiesButton, m_viseeTool,
+               QStringLiteral("Creer une visee sur la souris"), [this] {
+                   m_viseeTool->setMode(tzCViseeTool::SIMPLE_POINT);
+                   openLumivertSettings()->setValue(QStringLiteral("SimplePoint"), true);
+               });
 }
 
 void tzLumivert::setTakeLowestPoint()
 {
     if (!m_dialog)
         return;
-    QToolButton *button = m_dialog->pointPropertiesPointButton;
-    if (!button->isChecked()) {
-        resetModes();
-        releaseHub();
-    } else {
-        resetModes();
-        m_activeTool = m_viseeTool;
-        m_activeTool->toolActivated();
-        m_viseeTool->setLowestPointSearch();
-        openLumivertSettings()->setValue(QStringLiteral("SimplePoint"), false);
-        showMessage(QStringLiteral("Creer une visee sur le label"));
-        passSelectionToTool();
-        button->setChecked(true);
-        button->setStyleSheet(m_styleActive);
-    }
-    redraw();
+    switchMode(m_dialog->pointPropertiesPointButton, m_viseeTool,
+               QStringLiteral("Creer une visee sur le label"), [this] {
+                   m_viseeTool->setLowestPointSearch();
+                   openLumivertSettings()->setValue(QStringLiteral("SimplePoint"), false);
+               });
 }
 
 void tzLumivert::setLineation()
 {
     if (!m_dialog)
         return;
-    QToolButton *button = m_dialog->pointPointDistanceButton;
-    if (!button->isChecked()) {
-        resetModes();
-        releaseHub();
-    } else {
-        resetModes();
-        m_activeTool = m_lineationTool;
-        m_activeTool->toolActivated();
-        showMessage(QStringLiteral("Permet de mesurer la distance entre deux points"));
-        passSelectionToTool();
-        button->setChecked(true);
-        button->setStyleSheet(m_styleActive);
-    }
-    redraw();
+    switchMode(m_dialog->pointPointDistanceButton, m_lineationTool,
+               QStringLiteral("Permet de mesurer la distance entre deux points"), {});
 }
 
 void tzLumivert::setPhotoFrustumsVisible(bool visible)

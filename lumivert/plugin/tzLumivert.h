@@ -8,7 +8,10 @@
 #include <QSet>
 #include <QString>
 
+#include <functional>
+
 class QAction;
+class QToolButton;
 class tzAboutDlg;
 class tzCViseeTool;
 class tzCommunicationHandler;
@@ -97,6 +100,8 @@ private:
     void readSettings();
     void fillOptionsForm();
     void resetModes();
+    void switchMode(QToolButton *button, tzTool *tool, const QString &message,
+                    const std::function<void()> &configure);
     void releaseHub();
     void showMessage(const QString &text);
     void redraw();
