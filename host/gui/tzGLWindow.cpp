@@ -217,58 +217,55 @@ std::vector<tzGenericPointCloud *> tzGLWindow::visibleClouds() const
     return clouds;
 }
 
-void tzGLWindow::updateSceneBounds()
+bool tzGLWindow::cloudBounds(const tzGenericPointCloud *cloud, TZVector3d &min, TZVector3d &max)
 {
-    bool any = false;
-    TZVector3d mn, mx;
-    for (tzGenericPointCloud *cloud : visibleClouds()) {
-        if (cloud->size() == 0)
-            continue;
+    // Scanning a large cloud takes milliseconds: once per content version is enough.
+    BoundsCache &cached = m_bounds[cloud->getUniqueID()];
+    if (cached.version != cloud->contentVersion() || !cached.valid) {
+        cached.version = cloud->contentVersion();
+        cached.valid = false;
         const TZLib::Octree *octree = cloud->getOctree();
         TZVector3 a, b;
-        TZVector3d lo, hi;
-        if (octree && octree->pointCount() == cloud->size()) {
-            octree->getBoundingBox(lo, hi);
+        if (octree && octree->pointCount() == cloud->size() && cloud->size() > 0) {
+            octree->getBoundingBox(cached.min, cached.max);
+            cached.valid = true;
         } else if (cloud->getBoundingBox(a, b)) {
-            lo = TZVector3d(a.x, a.y, a.z);
-            hi = TZVector3d(b.x, b.y, b.z);
-        } else {
-            continue;
+            cached.min = TZVector3d(a.x, a.y, a.z);
+            cached.max = TZVector3d(b.x, b.y, b.z);
+            cached.valid = true;
         }
+    }
+    min = cached.min;
+    max = cached.max;
+    return cached.valid;
+}
+
+bool tzGLWindow::updateSceneBounds(TZVector3d &min, TZVector3d &max)
+{
+    bool any = false;
+    for (tzGenericPointCloud *cloud : visibleClouds()) {
+        TZVector3d lo, hi;
+        if (!cloudBounds(cloud, lo, hi))
+            continue;
         if (!any) {
-            mn = lo;
-            mx = hi;
+            min = lo;
+            max = hi;
             any = true;
         }
         for (int d = 0; d < 3; ++d) {
-            mn[d] = std::min(mn[d], lo[d]);
-            mx[d] = std::max(mx[d], hi[d]);
+            min[d] = std::min(min[d], lo[d]);
+            max[d] = std::max(max[d], hi[d]);
         }
     }
     if (any)
-        m_camera.setSceneBounds(mn, mx);
+        m_camera.setSceneBounds(min, max);
+    return any;
 }
 
 void tzGLWindow::zoomGlobal()
 {
-    updateSceneBounds();
-    bool any = false;
     TZVector3d mn, mx;
-    for (tzGenericPointCloud *cloud : visibleClouds()) {
-        TZVector3 a, b;
-        if (!cloud->getBoundingBox(a, b))
-            continue;
-        if (!any) {
-            mn = TZVector3d(a.x, a.y, a.z);
-            mx = mn;
-            any = true;
-        }
-        for (int d = 0; d < 3; ++d) {
-            mn[d] = std::min(mn[d], double(a[d]));
-            mx[d] = std::max(mx[d], double(b[d]));
-        }
-    }
-    if (!any)
+    if (!updateSceneBounds(mn, mx))
         return;
     m_camera.fit(mn, mx);
     m_cameraSet = true;
@@ -338,7 +335,8 @@ void tzGLWindow::paintGL()
         return;
     if (!m_cameraSet && !visibleClouds().empty())
         zoomGlobal();
-    updateSceneBounds();
+    TZVector3d sceneMin, sceneMax;
+    updateSceneBounds(sceneMin, sceneMax);
 
     QOpenGLFunctions_2_1 *gl = m_gl;
     gl->glViewport(0, 0, m_camera.width, m_camera.height);

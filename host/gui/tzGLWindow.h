@@ -13,6 +13,7 @@
 #include <QTimer>
 
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 class QOpenGLFunctions_2_1;
@@ -158,7 +159,9 @@ private:
     void drawScene(tzDrawContext &context);
     void drawOverlayTexts();
     void onClick(const QPoint &pos);
-    void updateSceneBounds();
+    //! The bounds of the visible clouds (also given to the camera); false when there are none.
+    bool updateSceneBounds(TZVector3d &min, TZVector3d &max);
+    bool cloudBounds(const tzGenericPointCloud *cloud, TZVector3d &min, TZVector3d &max);
     void releaseGL();
 
     tzHObject *m_sceneRoot = nullptr;
@@ -172,6 +175,13 @@ private:
     float m_pointSize = 1.f;
     std::vector<Message> m_messages;
     std::vector<QueuedText> m_texts;
+    struct BoundsCache
+    {
+        quint64 version = 0;
+        bool valid = false;
+        TZVector3d min, max;
+    };
+    std::unordered_map<unsigned, BoundsCache> m_bounds; // by cloud unique ID
     QTimer m_messageTimer;
     QElapsedTimer m_clock;
     QPoint m_pressPos;
