@@ -53,6 +53,9 @@ struct tzDrawContext
     QColor pointsDefaultColor = QColor(255, 255, 255);
     float renderZoom = 1.f;
     float pointSize = 1.f;
+    //! While the camera moves, clouds draw at most about this many points each, evenly spread
+    //! through the cloud, so that the view follows the mouse (0: every point).
+    unsigned pointBudget = 0;
     bool perspective = false;
 
     bool is2D() const { return drawingFlags & TZ_DRAW_2D; }

@@ -78,21 +78,26 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
     }
     const float size = cloud.getPointSize() > 0 ? float(cloud.getPointSize()) : context.pointSize;
     gl->glPointSize(size);
+    // A moving view draws every stride-th point: a sample spread over the whole cloud (the points
+    // are in scan order), drawn from the same buffers.
+    const unsigned stride = context.pointBudget > 0 && entry.count > context.pointBudget
+        ? (entry.count + context.pointBudget - 1) / context.pointBudget
+        : 1;
     gl->glEnableClientState(GL_VERTEX_ARRAY);
     entry.points.bind();
-    gl->glVertexPointer(3, GL_FLOAT, 0, nullptr);
+    gl->glVertexPointer(3, GL_FLOAT, GLsizei(stride * sizeof(TZVector3)), nullptr);
     if (cloud.isTempColorEnabled()) {
         const QColor &c = cloud.getTempColor();
         gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
     } else if (entry.hasColors) {
         gl->glEnableClientState(GL_COLOR_ARRAY);
         entry.colors.bind();
-        gl->glColorPointer(3, GL_UNSIGNED_BYTE, 0, nullptr);
+        gl->glColorPointer(3, GL_UNSIGNED_BYTE, GLsizei(stride * sizeof(tzRgb)), nullptr);
     } else {
         const QColor &c = context.pointsDefaultColor;
         gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
     }
-    gl->glDrawArrays(GL_POINTS, 0, GLsizei(entry.count));
+    gl->glDrawArrays(GL_POINTS, 0, GLsizei((entry.count + stride - 1) / stride));
     gl->glDisableClientState(GL_COLOR_ARRAY);
     gl->glDisableClientState(GL_VERTEX_ARRAY);
     QOpenGLBuffer::release(QOpenGLBuffer::VertexBuffer);

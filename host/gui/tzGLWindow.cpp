@@ -43,6 +43,9 @@ tzGLWindow::tzGLWindow(QWidget *parent)
     setFocusPolicy(Qt::StrongFocus);
     setMinimumSize(64, 64);
     m_clock.start();
+    m_restTimer.setSingleShot(true);
+    m_restTimer.setInterval(200);
+    connect(&m_restTimer, &QTimer::timeout, this, &tzGLWindow::endInteraction);
     m_messageTimer.setSingleShot(true);
     connect(&m_messageTimer, &QTimer::timeout, this, [this] { update(); });
 }
@@ -102,8 +105,24 @@ void tzGLWindow::removeFromViewDatabase(tzHObject *object)
 void tzGLWindow::redraw(bool only2D, bool resetLOD)
 {
     Q_UNUSED(only2D)
-    Q_UNUSED(resetLOD)
+    if (resetLOD && m_interacting && m_pressButton == Qt::NoButton)
+        endInteraction();
     update(); // Qt merges the requests made before the next frame into one
+}
+
+void tzGLWindow::beginInteraction()
+{
+    m_interacting = true;
+    m_restTimer.stop();
+}
+
+void tzGLWindow::endInteraction()
+{
+    m_restTimer.stop();
+    if (!m_interacting)
+        return;
+    m_interacting = false;
+    update();
 }
 
 void tzGLWindow::displayText(const QString &text, int x, int y, int align, float bkgAlpha,
@@ -299,6 +318,7 @@ tzDrawContext tzGLWindow::makeContext(int flags)
     context.pixelSize = m_camera.pixelSize();
     context.labelFont = font();
     context.pointSize = std::max(1.f, m_pointSize);
+    context.pointBudget = m_interacting ? m_interactionBudget : 0;
     context.perspective = m_camera.params.perspectiveView;
     return context;
 }
@@ -570,6 +590,7 @@ void tzGLWindow::mouseMoveEvent(QMouseEvent *event)
         m_dragged = true;
     if (!m_dragged)
         return;
+    beginInteraction();
     if (event->buttons() & Qt::LeftButton) {
         const double length = std::hypot(double(delta.x()), double(delta.y()));
         if (length > 0)
@@ -586,6 +607,8 @@ void tzGLWindow::mouseReleaseEvent(QMouseEvent *event)
     if (event->button() == Qt::LeftButton && m_pressButton == Qt::LeftButton && !m_dragged)
         onClick(event->pos());
     m_pressButton = Qt::NoButton;
+    if (m_dragged)
+        m_restTimer.start();
     m_dragged = false;
 }
 
@@ -594,6 +617,8 @@ void tzGLWindow::wheelEvent(QWheelEvent *event)
     const double steps = event->angleDelta().y() / 120.0;
     if (steps == 0)
         return;
+    beginInteraction();
+    m_restTimer.start();
     m_camera.zoom(std::pow(1.2, steps));
     if (m_camera.params.perspectiveView)
         emit cameraPosChanged(m_camera.params.cameraCenter);

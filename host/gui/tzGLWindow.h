@@ -105,6 +105,12 @@ public:
     //! The point size of clouds without one of their own; 0 is kept (and drawn as 1).
     void setPointSize(float size);
     float getPointSize() const { return m_pointSize; }
+    //! How many points a cloud draws at most while the camera moves (0: all); every point is
+    //! drawn again once the camera rests.
+    void setInteractionPointBudget(unsigned points) { m_interactionBudget = points; }
+    unsigned interactionPointBudget() const { return m_interactionBudget; }
+    //! Whether the camera is being moved (frames are drawn light).
+    bool isInteracting() const { return m_interacting; }
 
     //! The front-most cloud point within tolerance of a pixel (window coordinates).
     bool pickPoint(int x, int y, tzGenericPointCloud *&cloud, unsigned &index, TZVector3 &P,
@@ -138,6 +144,10 @@ protected:
     void mouseMoveEvent(QMouseEvent *event) override;
     void mouseReleaseEvent(QMouseEvent *event) override;
     void wheelEvent(QWheelEvent *event) override;
+    //! Marks the camera as moving (frames are drawn light); a full frame follows endInteraction,
+    //! which a short rest of the mouse also brings.
+    void beginInteraction();
+    void endInteraction();
 
 private:
     struct Message
@@ -188,6 +198,9 @@ private:
     QPoint m_lastPos;
     Qt::MouseButton m_pressButton = Qt::NoButton;
     bool m_dragged = false;
+    bool m_interacting = false;
+    unsigned m_interactionBudget = 1000000;
+    QTimer m_restTimer;
     quint64 m_frames = 0;
 };
 

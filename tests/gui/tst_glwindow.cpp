@@ -82,6 +82,7 @@ private slots:
     void clickInDefaultModeSelects();
     void sphereIsFoundByTheSelectionPass();
     void viewDatabaseIsDrawnAndMessagesAreTimed();
+    void movingViewDrawsASampleThenEverything();
 
 private:
     std::unique_ptr<tzHObject> m_root;
@@ -260,6 +261,54 @@ void TestGLWindow::viewDatabaseIsDrawnAndMessagesAreTimed()
                             3600);
     const QImage top = frame(*m_view).copy(0, 0, SIZE, 30);
     QVERIFY(countColour(top, Qt::white) > 10);
+}
+
+void TestGLWindow::movingViewDrawsASampleThenEverything()
+{
+    // 900 points, one per pixel (0.1 m apart at 0.1 m per pixel), in rows as a scanner writes.
+    auto *cloud = new tzPointCloud(QStringLiteral("grid"));
+    std::vector<tzRgb> colours;
+    for (int j = 0; j < 30; ++j) {
+        for (int i = 0; i < 30; ++i) {
+            cloud->addPoint({(i - 15) * 0.3f, (j - 15) * 0.3f, 0.f});
+            colours.push_back({255, 0, 255});
+        }
+    }
+    cloud->setColors(std::move(colours));
+    m_root->addChild(cloud);
+    lookDown(*m_view, 0, 0);
+    m_view->setPointSize(1);
+    m_view->setInteractionPointBudget(100);
+    QCOMPARE(countColour(frame(*m_view), Qt::magenta), 900);
+
+    // A pan with the right button: while it moves, about a hundred points, spread over the grid.
+    const QPoint from(SIZE / 2, SIZE / 2);
+    QMouseEvent press(QEvent::MouseButtonPress, from, Qt::RightButton, Qt::RightButton,
+                      Qt::NoModifier);
+    QCoreApplication::sendEvent(m_view.get(), &press);
+    QMouseEvent move(QEvent::MouseMove, from + QPoint(6, 0), Qt::NoButton, Qt::RightButton,
+                     Qt::NoModifier);
+    QCoreApplication::sendEvent(m_view.get(), &move);
+    QVERIFY(m_view->isInteracting());
+    const QImage moving = frame(*m_view);
+    const int sample = countColour(moving, Qt::magenta);
+    QVERIFY2(sample >= 90 && sample <= 110, qPrintable(QString::number(sample)));
+    int rowsHit = 0; // the sample covers the whole grid, not its first rows
+    for (int y = 0; y < SIZE; ++y) {
+        for (int x = 0; x < SIZE; ++x) {
+            if (isColour(moving, x, y, Qt::magenta)) {
+                ++rowsHit;
+                break;
+            }
+        }
+    }
+    QVERIFY2(rowsHit >= 25, qPrintable(QString::number(rowsHit)));
+    QMouseEvent release(QEvent::MouseButtonRelease, from + QPoint(6, 0), Qt::RightButton,
+                        Qt::NoButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(m_view.get(), &release);
+    // Once the camera rests, every point again.
+    QTRY_VERIFY(!m_view->isInteracting());
+    QCOMPARE(countColour(frame(*m_view), Qt::magenta), 900);
 }
 
 QTEST_MAIN(TestGLWindow)
