@@ -139,6 +139,8 @@ struct CylinderShape
             if (mx[d] < bmin[d] || mn[d] > bmax[d])
                 return false;
         }
+        if (boxIsTight)
+            return true;
         // The box's bounding sphere against the axis segment: an oblique cylinder (a picking
         // ray) has a bounding box far larger than itself.
         double v[3];
