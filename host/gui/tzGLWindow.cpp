@@ -482,11 +482,9 @@ bool tzGLWindow::getClick3DPos(int x, int y, TZVector3d &P)
     return true;
 }
 
-tzHObject *tzGLWindow::pickEntity(int x, int y, TZVector3 *P)
+bool tzGLWindow::selectionPass(int x, int y, int flags, const QMatrix4x4 &projection,
+                               const QMatrix4x4 &modelView, GLuint &name, GLuint &depth)
 {
-    if (!m_gl || !isValid())
-        return nullptr;
-    makeCurrent();
     QOpenGLFunctions_2_1 *gl = m_gl;
     const int w = m_camera.width, h = m_camera.height;
     std::vector<GLuint> buffer(4096);
@@ -499,36 +497,62 @@ tzHObject *tzGLWindow::pickEntity(int x, int y, TZVector3 *P)
     QMatrix4x4 pickMatrix;
     pickMatrix.translate(float((w - 2 * cx) / size), float((h - 2 * cy) / size), 0);
     pickMatrix.scale(float(w / size), float(h / size), 1);
-    gl->glEnable(GL_DEPTH_TEST);
+    if (flags & TZ_DRAW_3D)
+        gl->glEnable(GL_DEPTH_TEST);
+    else
+        gl->glDisable(GL_DEPTH_TEST);
     gl->glMatrixMode(GL_PROJECTION);
-    gl->glLoadMatrixf((pickMatrix * m_camera.projection()).constData());
+    gl->glLoadMatrixf((pickMatrix * projection).constData());
     gl->glMatrixMode(GL_MODELVIEW);
-    gl->glLoadMatrixf(m_camera.modelView().constData());
-    tzDrawContext context = makeContext(TZ_DRAW_3D | TZ_ENTITY_PICKING);
+    gl->glLoadMatrixf(modelView.constData());
+    tzDrawContext context = makeContext(flags | TZ_ENTITY_PICKING);
     drawScene(context);
     const GLint hits = gl->glRenderMode(GL_RENDER);
-    doneCurrent();
     // Records: name count, min depth, max depth, names; the nearest hit's innermost name wins.
-    GLuint bestDepth = ~0u;
-    GLuint bestName = 0;
     bool found = false;
+    depth = ~0u;
     const GLuint *record = buffer.data();
     for (GLint i = 0; i < hits; ++i) {
         const GLuint names = record[0];
-        if (names > 0 && record[1] <= bestDepth) {
-            bestDepth = record[1];
-            bestName = record[2 + names];
+        if (names > 0 && record[1] <= depth) {
+            depth = record[1];
+            name = record[2 + names];
             found = true;
         }
         record += 3 + names;
     }
-    if (!found)
+    return found;
+}
+
+tzHObject *tzGLWindow::pickEntity(int x, int y, TZVector3 *P, bool *foreground)
+{
+    if (!m_gl || !isValid())
         return nullptr;
-    tzHObject *entity = m_sceneRoot ? m_sceneRoot->find(bestName) : nullptr;
+    makeCurrent();
+    // The 2D foreground (labels) lies over everything: a hit there wins.
+    QMatrix4x4 frame2D;
+    frame2D.ortho(-0.5f * m_camera.width, 0.5f * m_camera.width, -0.5f * m_camera.height,
+                  0.5f * m_camera.height, -1, 1);
+    GLuint name = 0, depth = 0;
+    const bool in2D
+        = selectionPass(x, y, TZ_DRAW_2D | TZ_DRAW_FOREGROUND, frame2D, QMatrix4x4(), name, depth);
+    const bool in3D = !in2D
+        && selectionPass(x, y, TZ_DRAW_3D, m_camera.projection(), m_camera.modelView(), name,
+                         depth);
+    doneCurrent();
+    if (foreground)
+        *foreground = in2D;
+    if (!in2D && !in3D)
+        return nullptr;
+    tzHObject *entity = m_sceneRoot ? m_sceneRoot->find(name) : nullptr;
     if (!entity)
-        entity = m_viewDB.find(bestName);
+        entity = m_viewDB.find(name);
     if (entity && P) {
-        const TZVector3d p = m_camera.unproject(x + 0.5, y + 0.5, double(bestDepth) / double(~0u));
+        TZVector3d p;
+        if (in3D)
+            p = m_camera.unproject(x + 0.5, y + 0.5, double(depth) / double(~0u));
+        else if (!getClick3DPos(x, y, p)) // a label: the point under it, if any
+            p = TZVector3d();
         *P = TZVector3(float(p.x), float(p.y), float(p.z));
     }
     return entity;
@@ -546,8 +570,10 @@ void tzGLWindow::onClick(const QPoint &pos)
         || m_pickingMode == FAST_PICKING || m_pickingMode == LABEL_PICKING
         || m_pickingMode == POINT_OR_TRIANGLE_OR_LABEL_PICKING;
     TZVector3 entityP;
-    tzHObject *entity = wantsEntities ? pickEntity(pos.x(), pos.y(), &entityP) : nullptr;
-    if (entity && onPoint) {
+    bool foreground = false;
+    tzHObject *entity
+        = wantsEntities ? pickEntity(pos.x(), pos.y(), &entityP, &foreground) : nullptr;
+    if (entity && onPoint && !foreground) {
         // The nearer of the two wins.
         double ex, ey, entityDepth, px, py, pointDepth;
         m_camera.project(TZVector3d(entityP.x, entityP.y, entityP.z), ex, ey, entityDepth);

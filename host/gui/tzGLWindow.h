@@ -7,10 +7,12 @@
 #include "tzHObject.h"
 
 #include <QElapsedTimer>
+#include <QMatrix4x4>
 #include <QMetaType>
 #include <QOpenGLWidget>
 #include <QPoint>
 #include <QTimer>
+#include <qopengl.h>
 
 #include <memory>
 #include <unordered_map>
@@ -117,8 +119,9 @@ public:
                    double tolerancePx = PICKING_TOLERANCE_PX);
     //! The 3D point under a pixel (the front-most cloud point there), false when there is none.
     bool getClick3DPos(int x, int y, TZVector3d &P);
-    //! The object drawn under a pixel by the entity-picking pass (not clouds), or null.
-    tzHObject *pickEntity(int x, int y, TZVector3 *P = nullptr);
+    //! The object drawn under a pixel by the entity-picking passes (not clouds), or null: first
+    //! the 2D foreground (labels; foreground set), then the 3D scene. P: the picked position.
+    tzHObject *pickEntity(int x, int y, TZVector3 *P = nullptr, bool *foreground = nullptr);
 
     //! Visible clouds of the scene and the view's list.
     std::vector<tzGenericPointCloud *> visibleClouds() const;
@@ -169,6 +172,9 @@ private:
     void drawScene(tzDrawContext &context);
     void drawOverlayTexts();
     void onClick(const QPoint &pos);
+    //! One GL selection pass around a pixel: the nearest hit's name and depth.
+    bool selectionPass(int x, int y, int flags, const QMatrix4x4 &projection,
+                       const QMatrix4x4 &modelView, GLuint &name, GLuint &depth);
     //! The bounds of the visible clouds (also given to the camera); false when there are none.
     bool updateSceneBounds(TZVector3d &min, TZVector3d &max);
     bool cloudBounds(const tzGenericPointCloud *cloud, TZVector3d &min, TZVector3d &max);

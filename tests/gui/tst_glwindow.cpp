@@ -1,8 +1,11 @@
 // The 3D view on a real OpenGL context (under Xvfb): pixels of drawn frames, clicks that pick.
 
+#include "tz2DViewportObject.h"
 #include "tzGLWindow.h"
 #include "tzPointCloud.h"
 #include "tzSphere.h"
+
+#include <QOpenGLFunctions_2_1>
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -10,6 +13,33 @@
 namespace {
 
 constexpr int SIZE = 240;
+
+// A label drawn in the 2D foreground: a square of side pixels centred on (x, y) of that frame
+// (origin at the view's centre, y up), pushing its ID in the picking pass.
+class Label : public tz2DViewportObject
+{
+public:
+    int x = 0, y = 0, side = 20;
+
+protected:
+    void drawMeOnly(tzDrawContext &context) override
+    {
+        QOpenGLFunctions_2_1 *gl = context.glFunctions;
+        if (!gl || !(context.drawingFlags & TZ_DRAW_2D))
+            return;
+        if (context.isPicking())
+            gl->glPushName(getUniqueID());
+        gl->glColor3ub(255, 128, 0);
+        gl->glBegin(GL_QUADS);
+        gl->glVertex2i(x - side / 2, y - side / 2);
+        gl->glVertex2i(x + side / 2, y - side / 2);
+        gl->glVertex2i(x + side / 2, y + side / 2);
+        gl->glVertex2i(x - side / 2, y + side / 2);
+        gl->glEnd();
+        if (context.isPicking())
+            gl->glPopName();
+    }
+};
 
 // A square patch of points, side metres wide, spacing apart, at height z, all of one colour.
 tzPointCloud *makePatch(float x0, float y0, float side, float spacing, float z, tzRgb colour)
@@ -83,6 +113,7 @@ private slots:
     void sphereIsFoundByTheSelectionPass();
     void viewDatabaseIsDrawnAndMessagesAreTimed();
     void movingViewDrawsASampleThenEverything();
+    void labelInTheForegroundWinsTheClick();
 
 private:
     std::unique_ptr<tzHObject> m_root;
@@ -309,6 +340,40 @@ void TestGLWindow::movingViewDrawsASampleThenEverything()
     // Once the camera rests, every point again.
     QTRY_VERIFY(!m_view->isInteracting());
     QCOMPARE(countColour(frame(*m_view), Qt::magenta), 900);
+}
+
+void TestGLWindow::labelInTheForegroundWinsTheClick()
+{
+    tzPointCloud *cloud = makePatch(-5.f, -5.f, 10.f, 0.05f, 0.f, {120, 120, 120});
+    m_root->addChild(cloud);
+    auto *label = new Label;
+    label->x = 40; // 40 pixels right of the centre, 30 up
+    label->y = 30;
+    m_root->addChild(label);
+    lookDown(*m_view, 0, 0);
+    m_view->setPointSize(2);
+    const QImage image = frame(*m_view);
+    const QPoint onLabel(SIZE / 2 + 40, SIZE / 2 - 30);
+    QVERIFY(isColour(image, onLabel.x(), onLabel.y(), QColor(255, 128, 0)));
+    bool foreground = false;
+    QCOMPARE(m_view->pickEntity(onLabel.x(), onLabel.y(), nullptr, &foreground),
+             static_cast<tzHObject *>(label));
+    QVERIFY(foreground);
+    // Over the label the label is picked, though the cloud lies under it; beside it, the cloud.
+    m_view->setPickingMode(tzGLWindow::POINT_OR_TRIANGLE_OR_LABEL_PICKING);
+    QSignalSpy picked(m_view.get(), &tzGLWindow::itemPicked);
+    QTest::mouseClick(m_view.get(), Qt::LeftButton, Qt::NoModifier, onLabel);
+    QCOMPARE(picked.size(), 1);
+    QTest::mouseClick(m_view.get(), Qt::LeftButton, Qt::NoModifier,
+                      QPoint(SIZE / 2 - 15, SIZE / 2));
+    QCOMPARE(picked.size(), 2);
+    QCOMPARE(picked.at(0).at(0).value<tzHObject *>(), static_cast<tzHObject *>(label));
+    QCOMPARE(picked.at(1).at(0).value<tzHObject *>(), static_cast<tzHObject *>(cloud));
+    // A mode without labels ignores it.
+    m_view->setPickingMode(tzGLWindow::POINT_PICKING);
+    QTest::mouseClick(m_view.get(), Qt::LeftButton, Qt::NoModifier, onLabel);
+    QCOMPARE(picked.size(), 3);
+    QCOMPARE(picked.at(2).at(0).value<tzHObject *>(), static_cast<tzHObject *>(cloud));
 }
 
 QTEST_MAIN(TestGLWindow)
