@@ -39,7 +39,13 @@ void tzCloudLoader::run()
         return !m_cancelled.load();
     };
     if (m_confirm) {
-        options.confirmShift = [this](TZVector3d &shift) { return m_confirm(m_path, shift); };
+        options.confirmShift = [this](TZVector3d &shift) {
+            // Refusing the shift is the user's cancel, not a failure of the file.
+            if (m_confirm(m_path, shift))
+                return true;
+            m_cancelled = true;
+            return false;
+        };
     }
     QString error;
     tzPointCloud *cloud = tzCloudFile::load(m_path, error, options);

@@ -9,6 +9,8 @@
 #include "tzPointCloud.h"
 
 #include <QAction>
+#include <QDialog>
+#include <QDoubleSpinBox>
 #include <QMenu>
 #include <QProgressDialog>
 #include <QSettings>
@@ -83,6 +85,7 @@ private slots:
     void quittingDuringALoadIsClean();
     void clickOnACloudSelectsIt();
     void sceneSavedAndLoadedBack();
+    void shiftIsAskedAndMayBeChangedOrRefused();
 
 private:
     QTemporaryDir m_settings;
@@ -276,6 +279,48 @@ void TestTessaro::sceneSavedAndLoadedBack()
     QVERIFY(window.dbTree()->itemOf(window.databaseRoot()->getChild(0)));
     QVERIFY(!window.loadScene(dir.filePath(QStringLiteral("nothing.tzs"))));
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 1u); // a failed load adds nothing
+}
+
+void TestTessaro::shiftIsAskedAndMayBeChangedOrRefused()
+{
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, QStringLiteral("grid.ply"), asciiPly(20, 650000.0));
+    tzMainWindow::Options asking = headless();
+    asking.autoShift = false;
+    tzMainWindow window(asking);
+    window.show();
+    // Answers the shift dialog when it comes up: X changed, then OK; or Cancel.
+    bool refuse = false;
+    bool seen = false;
+    QTimer answer;
+    answer.setInterval(20);
+    connect(&answer, &QTimer::timeout, [&] {
+        auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
+        if (!dialog || dialog->windowTitle() != QStringLiteral("Global shift"))
+            return;
+        seen = true;
+        const auto boxes = dialog->findChildren<QDoubleSpinBox *>();
+        QCOMPARE(boxes.size(), 3);
+        QCOMPARE(boxes[0]->value(), -650000.0); // the suggestion
+        boxes[0]->setValue(-649900.0);
+        if (refuse)
+            dialog->reject();
+        else
+            dialog->accept();
+    });
+    answer.start();
+    tzPointCloud *cloud = openAndWait(window, path);
+    QVERIFY(seen);
+    QVERIFY(cloud);
+    QCOMPARE(cloud->getGlobalShift().x, -649900.0);
+    QCOMPARE(double(cloud->point(0).x), 100.0); // 650000 - 649900
+
+    refuse = true;
+    seen = false;
+    QVERIFY(!openAndWait(window, path));
+    QVERIFY(seen);
+    QCOMPARE(window.databaseRoot()->getChildrenNumber(), 1u);
+    QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));
 }
 
 QTEST_MAIN(TestTessaro)
