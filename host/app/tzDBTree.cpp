@@ -81,11 +81,16 @@ void tzDBTree::rebuild()
         const unsigned id = (*it)->data(0, ID_ROLE).toUInt();
         if (expanded.contains(id))
             (*it)->setExpanded(true);
+        if (m_toExpand.contains(id)) {
+            for (QTreeWidgetItem *item = *it; item; item = item->parent())
+                item->setExpanded(true);
+        }
         if (selected.contains(id)) {
             (*it)->setSelected(true);
             selectedAfter.insert(id);
         }
     }
+    m_toExpand.clear();
     m_rebuilding = false;
     // An object that left the scene also leaves the selection.
     if (selectedAfter != selectedBefore)
@@ -112,11 +117,13 @@ tzHObject::Container tzDBTree::selectedObjects() const
     return objects;
 }
 
-QTreeWidgetItem *tzDBTree::itemOf(const tzHObject *object) const
+QTreeWidgetItem *tzDBTree::itemOf(const tzHObject *object)
 {
     if (!object)
         return nullptr;
-    for (QTreeWidgetItemIterator it(const_cast<tzDBTree *>(this)); *it; ++it) {
+    if (m_rebuildScheduled)
+        rebuild();
+    for (QTreeWidgetItemIterator it(this); *it; ++it) {
         if ((*it)->data(0, ID_ROLE).toUInt() == object->getUniqueID())
             return *it;
     }
@@ -125,14 +132,18 @@ QTreeWidgetItem *tzDBTree::itemOf(const tzHObject *object) const
 
 void tzDBTree::expandTo(const tzHObject *object)
 {
+    if (!object)
+        return;
+    if (m_rebuildScheduled) {
+        m_toExpand << object->getUniqueID();
+        return;
+    }
     for (QTreeWidgetItem *item = itemOf(object); item; item = item->parent())
         item->setExpanded(true);
 }
 
 void tzDBTree::selectObject(tzHObject *object)
 {
-    if (m_rebuildScheduled)
-        rebuild();
     QTreeWidgetItem *item = itemOf(object);
     m_rebuilding = true;
     clearSelection();

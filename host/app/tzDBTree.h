@@ -22,7 +22,9 @@ public:
     tzHObject::Container selectedObjects() const;
     //! Selects exactly this object (null: clears the selection).
     void selectObject(tzHObject *object);
-    QTreeWidgetItem *itemOf(const tzHObject *object) const;
+    //! The item of an object (a pending rebuild is done first), or null.
+    QTreeWidgetItem *itemOf(const tzHObject *object);
+    //! Opens the branches down to an object, now or after the pending rebuild.
     void expandTo(const tzHObject *object);
 
 signals:
@@ -36,4 +38,5 @@ private:
     tzHObject *m_root;
     bool m_rebuilding = false;
     bool m_rebuildScheduled = false;
+    QList<unsigned> m_toExpand; // unique IDs, expanded at the next rebuild
 };

@@ -251,7 +251,8 @@ void tzMainWindow::addToDatabase(tzHObject *object, bool updateZoom, bool autoEx
     if (!object->getParent() && !m_root->addChild(object))
         return;
     object->setDisplay_recursive(m_view);
-    m_tree->rebuild();
+    // Many objects added in a row (a companion's frames) make one rebuild of the tree.
+    m_tree->scheduleRebuild();
     if (autoExpandDBTree)
         m_tree->expandTo(object);
     if (updateZoom)
