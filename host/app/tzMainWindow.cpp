@@ -298,9 +298,16 @@ tzUniqueIDGenerator::Shared tzMainWindow::getUniqueIDGenerator()
 
 void tzMainWindow::onSelectionChanged()
 {
-    for (tzHObject *object : m_selected)
-        object->setSelected(false);
+    // The previous selection is looked up again by ID: an object may have left the scene
+    // (deleted by a plug-in) since it was selected.
+    for (unsigned id : m_selectedIDs) {
+        if (tzHObject *still = m_root->find(id))
+            still->setSelected(false);
+    }
     m_selected = m_tree->selectedObjects();
+    m_selectedIDs.clear();
+    for (const tzHObject *object : m_selected)
+        m_selectedIDs.push_back(object->getUniqueID());
     for (tzHObject *object : m_selected)
         object->setSelected(true);
     for (const auto &plugin : m_plugins->plugins())

@@ -97,6 +97,7 @@ private:
     QToolBar *m_pluginToolBar = nullptr;
     QMenu *m_pluginMenu = nullptr;
     tzHObject::Container m_selected;
+    std::vector<unsigned> m_selectedIDs; // the same, by unique ID, to unselect them safely
     std::vector<std::pair<QPointer<tzOverlayDialog>, Qt::Corner>> m_overlays;
     QStringList m_pendingFiles;
     tzCloudLoader *m_loader = nullptr;

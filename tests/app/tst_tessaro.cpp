@@ -86,6 +86,7 @@ private slots:
     void clickOnACloudSelectsIt();
     void sceneSavedAndLoadedBack();
     void shiftIsAskedAndMayBeChangedOrRefused();
+    void objectDeletedBehindTheTreeIsForgotten();
 
 private:
     QTemporaryDir m_settings;
@@ -321,6 +322,23 @@ void TestTessaro::shiftIsAskedAndMayBeChangedOrRefused()
     QVERIFY(seen);
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 1u);
     QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));
+}
+
+void TestTessaro::objectDeletedBehindTheTreeIsForgotten()
+{
+    tzMainWindow window(headless());
+    auto *doomed = new tzPointCloud(QStringLiteral("doomed"));
+    auto *kept = new tzPointCloud(QStringLiteral("kept"));
+    window.addToDatabase(doomed);
+    window.addToDatabase(kept);
+    window.dbTree()->selectObject(doomed);
+    QVERIFY(doomed->isSelected());
+    // A plug-in deletes it directly, without telling the application.
+    window.databaseRoot()->removeChild(doomed);
+    window.dbTree()->selectObject(kept); // must not touch the deleted object
+    QCOMPARE(window.selectedObjects(), tzHObject::Container {kept});
+    window.refreshAllViews();
+    QTRY_COMPARE(window.dbTree()->topLevelItem(0)->childCount(), 1);
 }
 
 QTEST_MAIN(TestTessaro)
