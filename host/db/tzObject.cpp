@@ -1,10 +1,16 @@
 #include "tzObject.h"
 
 namespace {
-tzUniqueIDGenerator::Shared &generator()
+// The process's generator. Objects are made on worker threads too (file readers), so the
+// pointer itself is read and replaced atomically.
+tzUniqueIDGenerator::Shared &slot()
 {
     static tzUniqueIDGenerator::Shared g = std::make_shared<tzUniqueIDGenerator>();
     return g;
+}
+tzUniqueIDGenerator::Shared generator()
+{
+    return std::atomic_load(&slot());
 }
 } // namespace
 
@@ -31,7 +37,7 @@ void tzObject::setMetaData(const QVariantMap &data, bool overwrite)
 void tzObject::SetUniqueIDGenerator(tzUniqueIDGenerator::Shared g)
 {
     if (g)
-        generator() = std::move(g);
+        std::atomic_store(&slot(), std::move(g));
 }
 
 tzUniqueIDGenerator::Shared tzObject::GetUniqueIDGenerator()

@@ -7,6 +7,7 @@
 #include <QVariant>
 #include <QVariantMap>
 
+#include <atomic>
 #include <memory>
 
 //! Hands out unique object IDs. The application owns one and installs it in every library (and
@@ -16,17 +17,19 @@ class QTZ_DB_LIB_API tzUniqueIDGenerator
 public:
     using Shared = std::shared_ptr<tzUniqueIDGenerator>;
     virtual ~tzUniqueIDGenerator() = default;
+    // Any thread: files are read into new objects on worker threads.
     virtual unsigned fetchOne() { return ++m_last; }
     virtual unsigned getLast() const { return m_last; }
     //! Makes sure later IDs stay above id.
     virtual void update(unsigned id)
     {
-        if (id > m_last)
-            m_last = id;
+        unsigned last = m_last.load();
+        while (id > last && !m_last.compare_exchange_weak(last, id)) {
+        }
     }
 
 private:
-    unsigned m_last = 0;
+    std::atomic<unsigned> m_last{0};
 };
 
 //! Base of every scene object: a name, a unique ID, an enabled flag and metadata.
