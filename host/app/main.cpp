@@ -2,8 +2,8 @@
 //
 //   tessaro [--auto-shift] [--oblique] [--action <name>] [--screenshot <png>] [files...]
 //
-// Opens the clouds given (PLY, LAS, XYZ) and loads the plug-ins found in plugins/ beside the
-// executable and in the folders of TESSARO_PLUGIN_PATH.
+// Opens the clouds (PLY, LAS, XYZ) and scenes (.tzs) given, and loads the plug-ins found in
+// plugins/ beside the executable and in the folders of TESSARO_PLUGIN_PATH.
 
 #include "tzGLWindow.h"
 #include "tzMainWindow.h"

@@ -1,8 +1,8 @@
 #include "tzMainWindow.h"
 
-#include "tzCloudLoader.h"
 #include "tzConsole.h"
 #include "tzDBTree.h"
+#include "tzFileLoader.h"
 #include "tzGLWindow.h"
 #include "tzLog.h"
 #include "tzOverlayDialog.h"
@@ -114,7 +114,7 @@ void tzMainWindow::createMenus()
         const QString path = QFileDialog::getOpenFileName(
             this, tr("Load scene"), QString(), tr("Tessaro scenes (*.tzs);;All files (*)"));
         if (!path.isEmpty())
-            loadScene(path);
+            openFiles({path});
     });
     file->addAction(tr("&Save scene..."), this, [this] {
         QString path = QFileDialog::getSaveFileName(this, tr("Save scene"), QString(),
@@ -381,7 +381,7 @@ void tzMainWindow::openNextFile()
     settings.setValue(QStringLiteral("currentPath"), QFileInfo(path).absolutePath());
     settings.endGroup();
 
-    m_loader = new tzCloudLoader(
+    m_loader = new tzFileLoader(
         path, [this](const QString &p, TZVector3d &shift) { return confirmShift(p, shift); });
     m_progress = new QProgressDialog(tr("Opening %1").arg(QFileInfo(path).fileName()), tr("Cancel"),
                                      0, 100, this);
@@ -390,9 +390,9 @@ void tzMainWindow::openNextFile()
     m_progress->setMinimumDuration(300);
     m_progress->setAutoClose(false);
     m_progress->setAutoReset(false);
-    connect(m_progress, &QProgressDialog::canceled, m_loader, &tzCloudLoader::cancel,
+    connect(m_progress, &QProgressDialog::canceled, m_loader, &tzFileLoader::cancel,
             Qt::DirectConnection);
-    connect(m_loader, &tzCloudLoader::progress, m_progress,
+    connect(m_loader, &tzFileLoader::progress, m_progress,
             [this](int percent, const QString &stage) {
                 if (!m_progress)
                     return;
@@ -400,10 +400,16 @@ void tzMainWindow::openNextFile()
                 m_progress->setLabelText(
                     QStringLiteral("%1 %2...").arg(stage, QFileInfo(m_loader->path()).fileName()));
             });
-    const auto finish = [this, path](tzPointCloud *cloud, const QString &error, bool cancelled) {
-        if (cloud) {
-            printToConsole(QStringLiteral("'%1': %2 points").arg(path).arg(cloud->size()));
-            addToDatabase(cloud, true);
+    const auto finish = [this, path](bool ok, const QString &error, bool cancelled) {
+        if (ok) {
+            std::unique_ptr<tzHObject> object(m_loader->takeResult());
+            if (tzFileLoader::isSceneFile(path)) {
+                adoptScene(std::move(object), path);
+            } else {
+                auto *cloud = static_cast<tzPointCloud *>(object.release());
+                printToConsole(QStringLiteral("'%1': %2 points").arg(path).arg(cloud->size()));
+                addToDatabase(cloud, true);
+            }
         } else if (cancelled) {
             printToConsole(QStringLiteral("'%1': opening cancelled").arg(path),
                            WRN_CONSOLE_MESSAGE);
@@ -414,15 +420,13 @@ void tzMainWindow::openNextFile()
         m_progress = nullptr;
         m_loader->deleteLater();
         m_loader = nullptr;
-        emit fileOpened(path, cloud);
+        emit fileOpened(path, ok);
         openNextFile();
     };
-    connect(m_loader, &tzCloudLoader::loaded, this,
-            [finish](tzPointCloud *cloud) { finish(cloud, QString(), false); });
-    connect(m_loader, &tzCloudLoader::failed, this,
-            [finish](const QString &error) { finish(nullptr, error, false); });
-    connect(m_loader, &tzCloudLoader::cancelled, this,
-            [finish] { finish(nullptr, QString(), true); });
+    connect(m_loader, &tzFileLoader::loaded, this, [finish] { finish(true, QString(), false); });
+    connect(m_loader, &tzFileLoader::failed, this,
+            [finish](const QString &error) { finish(false, error, false); });
+    connect(m_loader, &tzFileLoader::cancelled, this, [finish] { finish(false, QString(), true); });
     m_loader->start();
 }
 
@@ -434,6 +438,12 @@ bool tzMainWindow::loadScene(const QString &path)
         printToConsole(error, ERR_CONSOLE_MESSAGE);
         return false;
     }
+    adoptScene(std::move(scene), path);
+    return true;
+}
+
+void tzMainWindow::adoptScene(std::unique_ptr<tzHObject> scene, const QString &path)
+{
     while (scene->getChildrenNumber() > 0) {
         tzHObject *child = scene->getChild(0);
         scene->detachChild(child);
@@ -443,7 +453,6 @@ bool tzMainWindow::loadScene(const QString &path)
     m_tree->rebuild();
     m_view->zoomGlobal();
     printToConsole(QStringLiteral("Scene '%1' loaded").arg(path));
-    return true;
 }
 
 bool tzMainWindow::saveScene(const QString &path)

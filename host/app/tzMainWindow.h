@@ -14,7 +14,7 @@ class QMdiSubWindow;
 class QMenu;
 class QProgressDialog;
 class QToolBar;
-class tzCloudLoader;
+class tzFileLoader;
 class tzConsole;
 class tzDBTree;
 class tzGLWindow;
@@ -54,10 +54,12 @@ public:
     void refreshAllViews(bool only2D = false) override;
     tzUniqueIDGenerator::Shared getUniqueIDGenerator() override;
 
-    //! Opens point cloud files (one after the other, each on a worker thread).
+    //! Opens point cloud and scene (.tzs) files, one after the other, each on a worker thread.
+    //! The "LoadFile/currentPath" setting follows the last one.
     void openFiles(const QStringList &paths);
     //! True while a file is being opened.
     bool isLoading() const { return m_loader != nullptr; }
+    //! Reads a scene on this thread and adds its objects to the scene (scripts, tests).
     bool loadScene(const QString &path);
     bool saveScene(const QString &path);
     void loadPlugins(const QStringList &folders);
@@ -70,7 +72,7 @@ public:
 
 signals:
     //! A cloud file finished opening (or failed: cloud is null).
-    void fileOpened(const QString &path, tzPointCloud *cloud);
+    void fileOpened(const QString &path, bool ok);
 
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
@@ -85,6 +87,7 @@ private:
     void createMenus();
     void placeOverlays();
     bool confirmShift(const QString &path, TZVector3d &shift);
+    void adoptScene(std::unique_ptr<tzHObject> scene, const QString &path);
 
     Options m_options;
     std::unique_ptr<tzHObject> m_root;
@@ -100,6 +103,6 @@ private:
     std::vector<unsigned> m_selectedIDs; // the same, by unique ID, to unselect them safely
     std::vector<std::pair<QPointer<tzOverlayDialog>, Qt::Corner>> m_overlays;
     QStringList m_pendingFiles;
-    tzCloudLoader *m_loader = nullptr;
+    tzFileLoader *m_loader = nullptr;
     QProgressDialog *m_progress = nullptr;
 };

@@ -61,14 +61,13 @@ tzPointCloud *openAndWait(tzMainWindow &window, const QString &path)
 {
     QSignalSpy opened(&window, &tzMainWindow::fileOpened);
     window.openFiles({path});
-    if (!opened.wait(10000))
+    if (!opened.wait(10000) || !opened.at(0).at(1).toBool())
         return nullptr;
-    return opened.at(0).at(1).value<tzPointCloud *>();
+    tzHObject *root = window.databaseRoot();
+    return dynamic_cast<tzPointCloud *>(root->getChild(root->getChildrenNumber() - 1));
 }
 
 } // namespace
-
-Q_DECLARE_METATYPE(tzPointCloud *)
 
 class TestTessaro : public QObject
 {
@@ -94,7 +93,6 @@ private:
 
 void TestTessaro::initTestCase()
 {
-    qRegisterMetaType<tzPointCloud *>();
     // Nothing reads or writes the user's real settings.
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settings.path());
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.path());
@@ -224,7 +222,7 @@ void TestTessaro::cancelledOpeningLeavesNothing()
     QVERIFY(progress);
     emit progress->canceled(); // what its Cancel button does
     QVERIFY(opened.wait(10000));
-    QCOMPARE(opened.at(0).at(1).value<tzPointCloud *>(), static_cast<tzPointCloud *>(nullptr));
+    QCOMPARE(opened.at(0).at(1).toBool(), false);
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 0u);
     QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));
     QVERIFY(!window.isLoading());
@@ -280,6 +278,26 @@ void TestTessaro::sceneSavedAndLoadedBack()
     QVERIFY(window.dbTree()->itemOf(window.databaseRoot()->getChild(0)));
     QVERIFY(!window.loadScene(dir.filePath(QStringLiteral("nothing.tzs"))));
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 1u); // a failed load adds nothing
+
+    // Opened like any file: read on the loader's thread, its clouds indexed there.
+    tzMainWindow other(headless());
+    QSignalSpy opened(&other, &tzMainWindow::fileOpened);
+    other.openFiles({path});
+    QVERIFY(opened.wait(10000));
+    QVERIFY(opened.at(0).at(1).toBool());
+    auto *cloud = dynamic_cast<tzPointCloud *>(other.databaseRoot()->getChild(0));
+    QVERIFY(cloud);
+    QVERIFY(cloud->getOctree());
+    // A damaged scene file is reported with its path, and adds nothing.
+    QFile damaged(dir.filePath(QStringLiteral("damaged.tzs")));
+    QVERIFY(damaged.open(QIODevice::WriteOnly));
+    damaged.write("TZSF\x15\x00 and then nothing sensible");
+    damaged.close();
+    other.openFiles({damaged.fileName()});
+    QVERIFY(opened.wait(10000));
+    QCOMPARE(opened.at(1).at(1).toBool(), false);
+    QCOMPARE(other.databaseRoot()->getChildrenNumber(), 1u);
+    QVERIFY(consoleHas(other, QStringLiteral("[ERROR] %1").arg(damaged.fileName())));
 }
 
 void TestTessaro::shiftIsAskedAndMayBeChangedOrRefused()

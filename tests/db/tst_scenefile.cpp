@@ -136,6 +136,7 @@ private slots:
     void failedSaveKeepsThePreviousFile();
     void missingFileNamesThePath();
     void fuzzFindingsAreRefused();
+    void progressIsToldAndCanStopTheLoad();
 };
 
 void TestSceneFile::roundTripKeepsEverything()
@@ -328,6 +329,32 @@ void TestSceneFile::fuzzFindingsAreRefused()
         QVERIFY(!error.isEmpty());
     }
     tzLog::SetHandler(nullptr);
+}
+
+void TestSceneFile::progressIsToldAndCanStopTheLoad()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath("scene.tzs");
+    std::unique_ptr<tzHObject> scene(makeScene());
+    QString error;
+    QVERIFY(tzSceneFile::save(scene.get(), path, error));
+
+    QList<int> told;
+    std::unique_ptr<tzHObject> loaded(tzSceneFile::load(path, error, [&told](int percent) {
+        told << percent;
+        return true;
+    }));
+    QVERIFY2(loaded, qPrintable(error));
+    QCOMPARE(loaded->getChildrenNumber(), 5u);
+    QVERIFY(!told.isEmpty());
+    QCOMPARE(told.last(), 100);
+    QVERIFY(std::is_sorted(told.begin(), told.end()));
+
+    // Stopped halfway: no tree, an error naming the file.
+    std::unique_ptr<tzHObject> stopped(
+        tzSceneFile::load(path, error, [](int percent) { return percent < 50; }));
+    QVERIFY(!stopped);
+    QVERIFY(error.startsWith(path));
 }
 
 QTEST_GUILESS_MAIN(TestSceneFile)

@@ -1,0 +1,103 @@
+#include "tzFileLoader.h"
+
+#include "tzCloudFile.h"
+#include "tzPointCloud.h"
+#include "tzSceneFile.h"
+
+#include <QFileInfo>
+#include <QThread>
+
+#include <memory>
+
+tzFileLoader::tzFileLoader(const QString &path, ShiftConfirmation confirm, QObject *parent)
+    : QObject(parent)
+    , m_path(path)
+    , m_confirm(std::move(confirm))
+{
+}
+
+tzFileLoader::~tzFileLoader()
+{
+    if (m_thread) {
+        m_cancelled = true;
+        m_thread->wait();
+        delete m_thread;
+    }
+}
+
+void tzFileLoader::start()
+{
+    if (m_thread)
+        return;
+    m_thread = QThread::create([this] { run(); });
+    m_thread->start();
+}
+
+bool tzFileLoader::isSceneFile(const QString &path)
+{
+    return path.endsWith(QLatin1String(".tzs"), Qt::CaseInsensitive);
+}
+
+tzHObject *tzFileLoader::read(QString &error)
+{
+    // Reading is 80 % of the bar, the octrees the rest.
+    const auto readProgress = [this](int percent) {
+        emit progress(percent * 8 / 10, tr("Reading"));
+        return !m_cancelled.load();
+    };
+    if (isSceneFile(m_path))
+        return tzSceneFile::load(m_path, error, readProgress);
+    tzCloudFile::LoadOptions options;
+    options.progress = readProgress;
+    if (m_confirm) {
+        options.confirmShift = [this](TZVector3d &shift) {
+            // Refusing the shift is the user's cancel, not a failure of the file.
+            if (m_confirm(m_path, shift))
+                return true;
+            m_cancelled = true;
+            return false;
+        };
+    }
+    tzPointCloud *cloud = tzCloudFile::load(m_path, error, options);
+    if (cloud && cloud->getName().isEmpty())
+        cloud->setName(QFileInfo(m_path).completeBaseName());
+    return cloud;
+}
+
+bool tzFileLoader::index(tzHObject *object, QString &error)
+{
+    tzHObject::Container clouds;
+    if (object->isKindOf(TZ_TYPES::POINT_CLOUD))
+        clouds.push_back(object);
+    object->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
+    for (std::size_t i = 0; i < clouds.size() && !m_cancelled; ++i) {
+        auto *cloud = static_cast<tzGenericPointCloud *>(clouds[i]);
+        const int first = 80 + int(20 * i / clouds.size());
+        const int span = int(20 / clouds.size());
+        if (!cloud->computeOctree([this, first, span](int percent) {
+                emit progress(first + percent * span / 100, tr("Indexing"));
+            })
+            && cloud->size() > 0) {
+            error = QStringLiteral("'%1': not enough memory to index the points of '%2'")
+                        .arg(m_path, cloud->getName());
+            return false;
+        }
+    }
+    return !m_cancelled;
+}
+
+void tzFileLoader::run()
+{
+    QString error;
+    std::unique_ptr<tzHObject> object(read(error));
+    if (object && index(object.get(), error)) {
+        m_result = std::move(object);
+        emit progress(100, tr("Done"));
+        emit loaded();
+        return;
+    }
+    if (m_cancelled)
+        emit cancelled();
+    else
+        emit failed(error);
+}
