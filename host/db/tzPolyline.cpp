@@ -42,17 +42,18 @@ void tzPolyline::drawMeOnly(tzDrawContext &context)
     const unsigned n = size();
     if (!gl || n < 2 || !m_vertices)
         return;
-    const bool wanted = m_foreground ? (context.drawingFlags & TZ_DRAW_FOREGROUND)
-                                     : !(context.drawingFlags & TZ_DRAW_FOREGROUND);
-    if (!wanted || !context.is3D())
+    // A 2D polyline is drawn in the 2D pass (its vertices in pixels, origin at the view's
+    // centre), any other in the 3D pass; a foreground one over everything drawn before it.
+    if (m_mode2D ? !context.is2D() : !context.is3D())
         return;
     const QColor &c = isTempColorEnabled() ? getTempColor() : m_color;
     if (context.isPicking())
         gl->glPushName(getUniqueID());
-    if (m_width > 0) {
-        gl->glPushAttrib(GL_LINE_BIT);
+    gl->glPushAttrib(GL_LINE_BIT | GL_ENABLE_BIT);
+    if (m_width > 0)
         gl->glLineWidth(m_width);
-    }
+    if (m_foreground)
+        gl->glDisable(GL_DEPTH_TEST);
     gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
     gl->glBegin(isClosed() ? GL_LINE_LOOP : GL_LINE_STRIP);
     for (unsigned i = 0; i < n; ++i) {
@@ -61,8 +62,7 @@ void tzPolyline::drawMeOnly(tzDrawContext &context)
             gl->glVertex3f(p->x, p->y, p->z);
     }
     gl->glEnd();
-    if (m_width > 0)
-        gl->glPopAttrib();
+    gl->glPopAttrib();
     if (context.isPicking())
         gl->glPopName();
 }
@@ -75,8 +75,9 @@ bool tzPolyline::toFile_MeOnly(QIODevice &out) const
         && write<quint32>(out, size());
     for (unsigned i = 0; ok && i < size(); ++i)
         ok = write<quint32>(out, getPointGlobalIndex(i));
-    ok = ok && write<quint8>(out, isClosed()) && write(out, m_width) && write<quint8>(out, m_foreground)
-        && write<quint8>(out, m_mode2D) && write<quint32>(out, m_color.rgba());
+    ok = ok && write<quint8>(out, isClosed()) && write(out, m_width)
+        && write<quint8>(out, m_foreground) && write<quint8>(out, m_mode2D)
+        && write<quint32>(out, m_color.rgba());
     return ok || fail(WriteError);
 }
 

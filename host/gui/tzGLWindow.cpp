@@ -371,7 +371,8 @@ void tzGLWindow::paintGL()
     gl->glLoadMatrixf(m_camera.modelView().constData());
     m_texts.clear();
     m_buffers->beginFrame();
-    tzDrawContext context3D = makeContext(TZ_DRAW_3D);
+    // The 3D pass is a foreground pass: objects that draw markers and labels expect both bits.
+    tzDrawContext context3D = makeContext(TZ_DRAW_3D | TZ_DRAW_FOREGROUND);
     drawScene(context3D);
     m_buffers->endFrame();
 
@@ -537,8 +538,8 @@ tzHObject *tzGLWindow::pickEntity(int x, int y, TZVector3 *P, bool *foreground)
     const bool in2D
         = selectionPass(x, y, TZ_DRAW_2D | TZ_DRAW_FOREGROUND, frame2D, QMatrix4x4(), name, depth);
     const bool in3D = !in2D
-        && selectionPass(x, y, TZ_DRAW_3D, m_camera.projection(), m_camera.modelView(), name,
-                         depth);
+        && selectionPass(x, y, TZ_DRAW_3D | TZ_DRAW_FOREGROUND, m_camera.projection(),
+                         m_camera.modelView(), name, depth);
     doneCurrent();
     if (foreground)
         *foreground = in2D;

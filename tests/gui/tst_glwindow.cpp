@@ -3,6 +3,7 @@
 #include "tz2DViewportObject.h"
 #include "tzGLWindow.h"
 #include "tzPointCloud.h"
+#include "tzPolyline.h"
 #include "tzSphere.h"
 
 #include <QOpenGLFunctions_2_1>
@@ -96,6 +97,16 @@ int countColour(const QImage &image, QColor expected)
     return count;
 }
 
+// Records the flags of every pass it is drawn in.
+class FlagRecorder : public tzHObject
+{
+public:
+    QList<int> flags;
+
+protected:
+    void drawMeOnly(tzDrawContext &context) override { flags << context.drawingFlags; }
+};
+
 } // namespace
 
 class TestGLWindow : public QObject
@@ -114,6 +125,8 @@ private slots:
     void viewDatabaseIsDrawnAndMessagesAreTimed();
     void movingViewDrawsASampleThenEverything();
     void labelInTheForegroundWinsTheClick();
+    void passesCarryTheirFlags();
+    void foregroundLineShowsThroughTheCloud();
 
 private:
     std::unique_ptr<tzHObject> m_root;
@@ -374,6 +387,55 @@ void TestGLWindow::labelInTheForegroundWinsTheClick()
     QTest::mouseClick(m_view.get(), Qt::LeftButton, Qt::NoModifier, onLabel);
     QCOMPARE(picked.size(), 3);
     QCOMPARE(picked.at(2).at(0).value<tzHObject *>(), static_cast<tzHObject *>(cloud));
+}
+
+void TestGLWindow::passesCarryTheirFlags()
+{
+    auto *recorder = new FlagRecorder;
+    m_root->addChild(recorder);
+    frame(*m_view);
+    // Each frame (the grab draws one more): the 3D pass, then the 2D foreground pass.
+    QVERIFY(!recorder->flags.isEmpty() && recorder->flags.size() % 2 == 0);
+    for (int i = 0; i < recorder->flags.size(); i += 2) {
+        QCOMPARE(recorder->flags[i], TZ_DRAW_3D | TZ_DRAW_FOREGROUND);
+        QCOMPARE(recorder->flags[i + 1], TZ_DRAW_2D | TZ_DRAW_FOREGROUND);
+    }
+    recorder->flags.clear();
+    m_view->pickEntity(SIZE / 2, SIZE / 2);
+    QCOMPARE(recorder->flags,
+             (QList<int> {TZ_DRAW_2D | TZ_DRAW_FOREGROUND | TZ_ENTITY_PICKING,
+                          TZ_DRAW_3D | TZ_DRAW_FOREGROUND | TZ_ENTITY_PICKING}));
+}
+
+void TestGLWindow::foregroundLineShowsThroughTheCloud()
+{
+    // A dense grey patch at z = 0, and two lines below it: one plain, one in the foreground.
+    m_root->addChild(makePatch(-5.f, -5.f, 10.f, 0.05f, 0.f, {128, 128, 128}));
+    auto *vertices = new tzPointCloud(QStringLiteral("vertices"));
+    vertices->addPoint({-4, 2, -1});
+    vertices->addPoint({4, 2, -1});
+    vertices->addPoint({-4, -2, -1});
+    vertices->addPoint({4, -2, -1});
+    m_root->addChild(vertices);
+    vertices->setVisible(false);
+    auto *hidden = new tzPolyline(vertices);
+    hidden->addPointIndex(0);
+    hidden->addPointIndex(1);
+    hidden->setColor(Qt::green);
+    hidden->setWidth(3);
+    auto *shown = new tzPolyline(vertices);
+    shown->addPointIndex(2);
+    shown->addPointIndex(3);
+    shown->setColor(Qt::green);
+    shown->setWidth(3);
+    shown->setForeground(true);
+    m_root->addChild(hidden);
+    m_root->addChild(shown);
+    lookDown(*m_view, 0, 0);
+    m_view->setPointSize(4);
+    const QImage image = frame(*m_view);
+    QVERIFY(!isColour(image, SIZE / 2, SIZE / 2 - 20, Qt::green, 60)); // y = 2 m: under the cloud
+    QVERIFY(isColour(image, SIZE / 2, SIZE / 2 + 20, Qt::green, 60)); // y = -2 m: drawn over it
 }
 
 QTEST_MAIN(TestGLWindow)
