@@ -72,7 +72,10 @@ public:
     virtual void redraw(bool only2D = false, bool resetLOD = true) = 0;
     //! Marks the 3D layer as out of date (the next frame redraws it).
     virtual void deprecate3DLayer() = 0;
-    //! Draws text at a pixel position of the current frame (2D pass).
+    //! Draws text over the current frame. x, y: the anchor in pixels from the view's lower-left
+    //! corner, y up (as a projection of a 3D point gives it); align: Qt::Alignment flags saying
+    //! where the anchor lies on the text; bkgAlpha: opacity of a dark box behind it (0: none).
     virtual void displayText(const QString &text, int x, int y, int align, float bkgAlpha,
-                             const QColor &color, const QFont *font) = 0;
+                             const QColor &color, const QFont *font)
+        = 0;
 };

@@ -406,17 +406,19 @@ void tzGLWindow::drawOverlayTexts()
         painter.setFont(t.font);
         const QFontMetrics metrics(t.font);
         QRect box = metrics.boundingRect(t.text);
-        // align: bit 0 left/right/centre as Qt's flags; positions are the anchor.
+        // From the anchor (lower-left origin, y up) to the text's baseline in widget pixels.
         int x = t.x;
         if (t.align & Qt::AlignHCenter)
             x -= box.width() / 2;
         else if (t.align & Qt::AlignRight)
             x -= box.width();
-        int y = t.y;
+        int y = m_camera.height - t.y;
         if (t.align & Qt::AlignVCenter)
-            y += metrics.ascent() / 2;
+            y += (metrics.ascent() - metrics.descent()) / 2;
         else if (t.align & Qt::AlignTop)
             y += metrics.ascent();
+        else if (t.align & Qt::AlignBottom)
+            y -= metrics.descent();
         box.moveTo(x, y - metrics.ascent());
         if (t.bkgAlpha > 0) {
             QColor background(0, 0, 0);

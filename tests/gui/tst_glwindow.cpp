@@ -107,6 +107,18 @@ protected:
     void drawMeOnly(tzDrawContext &context) override { flags << context.drawingFlags; }
 };
 
+// Writes a text at a fixed anchor in the 2D pass.
+class Caption : public tzHObject
+{
+protected:
+    void drawMeOnly(tzDrawContext &context) override
+    {
+        if (context.is2D() && context.display)
+            context.display->displayText(QStringLiteral("WWW"), 20, 30,
+                                         Qt::AlignLeft | Qt::AlignBottom, 0.f, Qt::yellow, nullptr);
+    }
+};
+
 } // namespace
 
 class TestGLWindow : public QObject
@@ -127,6 +139,7 @@ private slots:
     void labelInTheForegroundWinsTheClick();
     void passesCarryTheirFlags();
     void foregroundLineShowsThroughTheCloud();
+    void textIsWrittenWhereTheObjectAsks();
 
 private:
     std::unique_ptr<tzHObject> m_root;
@@ -436,6 +449,17 @@ void TestGLWindow::foregroundLineShowsThroughTheCloud()
     const QImage image = frame(*m_view);
     QVERIFY(!isColour(image, SIZE / 2, SIZE / 2 - 20, Qt::green, 60)); // y = 2 m: under the cloud
     QVERIFY(isColour(image, SIZE / 2, SIZE / 2 + 20, Qt::green, 60)); // y = -2 m: drawn over it
+}
+
+void TestGLWindow::textIsWrittenWhereTheObjectAsks()
+{
+    m_root->addChild(new Caption);
+    const QImage image = frame(*m_view);
+    // Anchored 20 px from the left and 30 px from the bottom, the text sits just above that.
+    const QImage near = image.copy(18, SIZE - 30 - 20, 60, 22);
+    const QImage far = image.copy(0, 0, SIZE, SIZE / 2);
+    QVERIFY(countColour(near, Qt::yellow) > 5);
+    QCOMPARE(countColour(far, Qt::yellow), 0);
 }
 
 QTEST_MAIN(TestGLWindow)
