@@ -26,6 +26,7 @@
 #include <QMdiArea>
 #include <QMdiSubWindow>
 #include <QMenuBar>
+#include <QMoveEvent>
 #include <QProgressDialog>
 #include <QSettings>
 #include <QThread>
@@ -201,8 +202,18 @@ void tzMainWindow::detachOverlayDialog(tzOverlayDialog *dialog)
     }
 }
 
+void tzMainWindow::moveEvent(QMoveEvent *event)
+{
+    QMainWindow::moveEvent(event);
+    placeOverlays();
+}
+
 void tzMainWindow::placeOverlays()
 {
+    // Dialogs deleted by their owners leave the list.
+    m_overlays.erase(std::remove_if(m_overlays.begin(), m_overlays.end(),
+                                    [](const auto &overlay) { return overlay.first.isNull(); }),
+                     m_overlays.end());
     tzGLWindow *view = activeView();
     if (!view)
         return;

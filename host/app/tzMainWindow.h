@@ -77,6 +77,8 @@ signals:
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
     void closeEvent(QCloseEvent *event) override;
+    //! The view moves on the screen with the window: so do its overlays.
+    void moveEvent(QMoveEvent *event) override;
 
 private slots:
     void onSelectionChanged();

@@ -163,6 +163,8 @@ void TestTessaro::overlayDialogStaysInItsCorner()
                                 .arg(topRightOfView().y())));
     window.resize(1100, 750); // the view grows: the dialog follows its corner
     QTRY_VERIFY(check());
+    window.move(window.pos() + QPoint(60, 40)); // the window moves: so does the dialog
+    QTRY_VERIFY(check());
     window.pluginManager()->unloadAll();
 }
 
