@@ -43,12 +43,13 @@ inline uint32_t morton3(uint32_t x, uint32_t y, uint32_t z)
     return spreadBits3(x) | (spreadBits3(y) << 1) | (spreadBits3(z) << 2);
 }
 
-unsigned threadCount(unsigned n)
+unsigned threadCount(unsigned n, unsigned maxThreads)
 {
     if (n < PARALLEL_THRESHOLD)
         return 1;
     const unsigned hw = std::thread::hardware_concurrency();
-    return std::max(1u, std::min(hw == 0 ? 2u : hw, 8u));
+    const unsigned all = std::min(hw == 0 ? 2u : hw, 8u);
+    return std::max(1u, maxThreads == 0 ? all : std::min(maxThreads, all));
 }
 
 // Runs fn(t) for t in [0, threads) and waits; thread 0 is the caller.
@@ -208,7 +209,7 @@ std::size_t Octree::memoryUsed() const
         + sizeof(Leaf) * m_leaves.capacity();
 }
 
-int Octree::build(const ProgressCallback &progress)
+int Octree::build(const ProgressCallback &progress, unsigned maxThreads)
 {
     clear();
     const auto report = [&progress](int percent) {
@@ -221,7 +222,7 @@ int Octree::build(const ProgressCallback &progress)
     }
     const unsigned n = m_cloud->size();
     const TZVector3 *pts = m_cloud->data();
-    const unsigned threads = threadCount(n);
+    const unsigned threads = threadCount(n, maxThreads);
 
     try {
         // Bounding box.
@@ -289,29 +290,40 @@ int Octree::build(const ProgressCallback &progress)
         const double scale = std::ldexp(1.0, static_cast<int>(deepest)) / m_cubeSize;
         report(10);
 
-        // Pass 1: cell of every point, counted per coarse cell and thread.
-        std::vector<uint64_t> keys(n);
+        // The deepest cell of a point, in integer coordinates along each axis.
+        const auto quantise = [&](const TZVector3 &p, uint32_t q[3]) {
+            for (int d = 0; d < 3; ++d) {
+                const double v = (double(p[d]) - m_min[d]) * scale;
+                q[d] = v <= 0 ? 0u : std::min(maxCell[d], static_cast<uint32_t>(v));
+            }
+        };
+        const auto coarseOf = [this](const uint32_t q[3]) {
+            return coarseIndex(q[0] >> SUFFIX_LEVELS, q[1] >> SUFFIX_LEVELS, q[2] >> SUFFIX_LEVELS);
+        };
+        const auto range = [n, threads](unsigned t, unsigned &b, unsigned &e) {
+            b = unsigned(uint64_t(n) * t / threads);
+            e = unsigned(uint64_t(n) * (t + 1) / threads);
+        };
+
+        // Pass 1: points counted per coarse cell and thread. Nothing is stored per point: the
+        // cells are computed again in pass 2, which costs less than filling and reading back a
+        // fresh array of keys.
         std::vector<std::vector<uint32_t>> hist(threads, std::vector<uint32_t>(buckets, 0));
         runParallel(threads, [&](unsigned t) {
-            const unsigned b = unsigned(uint64_t(n) * t / threads);
-            const unsigned e = unsigned(uint64_t(n) * (t + 1) / threads);
+            unsigned b, e;
+            range(t, b, e);
             uint32_t *h = hist[t].data();
             for (unsigned i = b; i < e; ++i) {
                 uint32_t q[3];
-                for (int d = 0; d < 3; ++d) {
-                    const double v = (double(pts[i][d]) - m_min[d]) * scale;
-                    q[d] = v <= 0 ? 0u : std::min(maxCell[d], static_cast<uint32_t>(v));
-                }
-                const uint32_t coarse = coarseIndex(q[0] >> SUFFIX_LEVELS, q[1] >> SUFFIX_LEVELS,
-                                                    q[2] >> SUFFIX_LEVELS);
-                const uint32_t suffix = morton3(q[0], q[1], q[2]);
-                keys[i] = (uint64_t(coarse) << 32) | suffix;
-                ++h[coarse];
+                quantise(pts[i], q);
+                ++h[coarseOf(q)];
             }
         });
-        report(30);
+        report(25);
 
-        // Pass 2: stable scatter by coarse cell; each thread writes after the previous ones.
+        // Pass 2: stable scatter by coarse cell, each thread after the previous ones: the point
+        // indices go where they stay (the permutation), their Morton codes below the coarse cell
+        // beside them.
         std::vector<uint32_t> bucketStart(buckets + 1, 0);
         {
             uint32_t acc = 0;
@@ -325,21 +337,27 @@ int Octree::build(const ProgressCallback &progress)
             }
             bucketStart[buckets] = acc;
         }
-        std::vector<uint64_t> sorted(n);
+        m_perm.resize(n);
+        std::vector<uint32_t, BulkAllocator<uint32_t>> suffix(n);
         runParallel(threads, [&](unsigned t) {
-            const unsigned b = unsigned(uint64_t(n) * t / threads);
-            const unsigned e = unsigned(uint64_t(n) * (t + 1) / threads);
+            unsigned b, e;
+            range(t, b, e);
             uint32_t *offset = hist[t].data();
+            uint32_t *perm = m_perm.data();
+            uint32_t *codes = suffix.data();
             for (unsigned i = b; i < e; ++i) {
-                const uint64_t k = keys[i];
-                sorted[offset[k >> 32]++] = ((k & 0xffffffffu) << 32) | i;
+                uint32_t q[3];
+                quantise(pts[i], q);
+                const uint32_t at = offset[coarseOf(q)]++;
+                perm[at] = i;
+                codes[at] = morton3(q[0], q[1], q[2]);
             }
         });
-        keys = {};
         hist = {};
         report(50);
 
-        // Pass 3: sort each coarse cell by (suffix, index); threads take runs of equal weight.
+        // Pass 3: each coarse cell sorted by (code, index); threads take runs of cells of equal
+        // weight, and count the cells that start at each level below the coarse one.
         std::vector<uint32_t> split(threads + 1, buckets);
         split[0] = 0;
         for (unsigned t = 1; t < threads; ++t) {
@@ -348,20 +366,35 @@ int Octree::build(const ProgressCallback &progress)
                                 - bucketStart.begin());
             split[t] = std::max(split[t], split[t - 1]);
         }
-        // Counts of cells that start at each relative level, per thread.
         std::vector<std::vector<uint64_t>> newCells(threads,
                                                     std::vector<uint64_t>(SUFFIX_LEVELS + 1, 0));
         runParallel(threads, [&](unsigned t) {
             uint64_t *cells = newCells[t].data();
+            std::vector<uint64_t> pairs;
             for (uint32_t b = split[t]; b < split[t + 1]; ++b) {
-                uint64_t *first = sorted.data() + bucketStart[b];
-                uint64_t *last = sorted.data() + bucketStart[b + 1];
+                const uint32_t first = bucketStart[b];
+                const uint32_t last = bucketStart[b + 1];
                 if (first == last)
                     continue;
-                std::sort(first, last);
                 ++cells[0];
-                for (uint64_t *it = first + 1; it != last; ++it) {
-                    const uint32_t diff = uint32_t((it[0] ^ it[-1]) >> 32);
+                uint32_t *codes = suffix.data() + first;
+                uint32_t *perm = m_perm.data() + first;
+                const uint32_t count = last - first;
+                bool sorted = true;
+                for (uint32_t k = 1; k < count && sorted; ++k)
+                    sorted = codes[k - 1] <= codes[k]; // indices already rise within a cell
+                if (!sorted) {
+                    pairs.resize(count);
+                    for (uint32_t k = 0; k < count; ++k)
+                        pairs[k] = (uint64_t(codes[k]) << 32) | perm[k];
+                    std::sort(pairs.begin(), pairs.end());
+                    for (uint32_t k = 0; k < count; ++k) {
+                        codes[k] = uint32_t(pairs[k] >> 32);
+                        perm[k] = uint32_t(pairs[k]);
+                    }
+                }
+                for (uint32_t k = 1; k < count; ++k) {
+                    const uint32_t diff = codes[k] ^ codes[k - 1];
                     if (diff != 0) {
                         const unsigned highBit = 31u - unsigned(__builtin_clz(diff));
                         ++cells[SUFFIX_LEVELS - highBit / 3];
@@ -385,35 +418,37 @@ int Octree::build(const ProgressCallback &progress)
                 break;
         }
 
-        // Pass 4: permutation, leaf table and directory.
+        // Pass 4: leaf table and directory, each thread over its own cells; where its leaves
+        // start is known from the counts of pass 3.
         const unsigned leafShift = 3 * (SUFFIX_LEVELS - m_leafRel);
-        m_perm.resize(n);
-        m_directory.assign(buckets + 1, 0);
-        runParallel(threads, [&](unsigned t) {
-            const unsigned b = unsigned(uint64_t(n) * t / threads);
-            const unsigned e = unsigned(uint64_t(n) * (t + 1) / threads);
-            for (unsigned i = b; i < e; ++i)
-                m_perm[i] = uint32_t(sorted[i]);
-        });
-        uint64_t leafCount = 1;
-        for (unsigned k = 0; k <= m_leafRel; ++k) {
-            for (unsigned t = 0; t < threads; ++t)
-                leafCount += newCells[t][k];
+        std::vector<uint32_t> leafStart(threads + 1, 0);
+        for (unsigned t = 0; t < threads; ++t) {
+            uint64_t leaves = 0;
+            for (unsigned k = 0; k <= m_leafRel; ++k)
+                leaves += newCells[t][k];
+            leafStart[t + 1] = leafStart[t] + uint32_t(leaves);
         }
-        m_leaves.reserve(leafCount);
-        for (uint32_t b = 0; b < buckets; ++b) {
-            m_directory[b] = uint32_t(m_leaves.size());
-            uint32_t previous = 0;
-            for (uint32_t i = bucketStart[b]; i < bucketStart[b + 1]; ++i) {
-                const uint32_t code = uint32_t(sorted[i] >> 32) >> leafShift;
-                if (i == bucketStart[b] || code != previous) {
-                    m_leaves.push_back({code, i});
-                    previous = code;
+        m_leaves.resize(leafStart[threads] + 1);
+        m_directory.resize(buckets + 1);
+        runParallel(threads, [&](unsigned t) {
+            Leaf *leaves = m_leaves.data();
+            uint32_t at = leafStart[t];
+            for (uint32_t b = split[t]; b < split[t + 1]; ++b) {
+                m_directory[b] = at;
+                const uint32_t first = bucketStart[b];
+                const uint32_t last = bucketStart[b + 1];
+                uint32_t previous = 0;
+                for (uint32_t i = first; i < last; ++i) {
+                    const uint32_t code = suffix[i] >> leafShift;
+                    if (i == first || code != previous) {
+                        leaves[at++] = {code, i};
+                        previous = code;
+                    }
                 }
             }
-        }
-        m_directory[buckets] = uint32_t(m_leaves.size());
-        m_leaves.push_back({0, n});
+        });
+        m_directory[buckets] = leafStart[threads];
+        m_leaves[leafStart[threads]] = {0, n};
     } catch (const std::bad_alloc &) {
         clear();
         return -1;

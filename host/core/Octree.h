@@ -21,6 +21,7 @@
 //   speed, never the result. Results come in the octree's own order, which is stable.
 // - The cloud must not change while the octree is used; its owner drops the octree when it does.
 
+#include "BulkAllocator.h"
 #include "PointCloudTpl.h"
 #include "TZVector3.h"
 
@@ -66,8 +67,9 @@ public:
     explicit Octree(const PointCloud *cloud);
 
     //! Builds the octree over the cloud's current points; returns the number of points indexed,
-    //! or -1 when memory runs out (the octree is then empty).
-    int build(const ProgressCallback &progress = {});
+    //! or -1 when memory runs out (the octree is then empty). Large clouds are built on up to
+    //! maxThreads threads (0: one per core); the result is the same whatever the number.
+    int build(const ProgressCallback &progress = {}, unsigned maxThreads = 0);
     void clear();
 
     const PointCloud *associatedCloud() const { return m_cloud; }
@@ -131,15 +133,18 @@ private:
     double m_cubeSize = 0;
     unsigned m_coarseLevel = 0; // level of the dense directory
     unsigned m_leafRel = 0; // leaf level, counted from the coarse level (0..SUFFIX_LEVELS)
-    std::vector<uint32_t> m_perm; // point indices sorted by leaf cell, then index
+    std::vector<uint32_t, BulkAllocator<uint32_t>>
+        m_perm; // point indices sorted by leaf cell, then index
     struct Leaf
     {
         uint32_t code; // Morton code below its coarse cell; sorted within the cell
         uint32_t start; // first entry in m_perm
     };
-    std::vector<Leaf> m_leaves; // one more at the end, whose start is the point count
+    std::vector<Leaf, BulkAllocator<Leaf>>
+        m_leaves; // one more at the end, whose start is the point count
     uint32_t m_grid[3] = {0, 0, 0}; // coarse cells along each axis
-    std::vector<uint32_t> m_directory; // first leaf of each coarse cell; one more at the end
+    std::vector<uint32_t, BulkAllocator<uint32_t>>
+        m_directory; // first leaf of each coarse cell; one more at the end
 };
 
 } // namespace TZLib

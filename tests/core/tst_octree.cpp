@@ -217,18 +217,24 @@ void TestOctree::resultDoesNotDependOnLevel()
 
 void TestOctree::orderIsStable()
 {
+    // Large enough for the build to split the work between threads: one thread and several
+    // must give the same octree, down to the order of the results.
     PointCloud cloud;
-    makeUniform(cloud, 20000, 5, 1.f);
+    makeTerrain(cloud, 300000, 5);
     Octree a(&cloud), b(&cloud);
-    a.build();
-    b.build();
+    a.build({}, 1);
+    b.build({}, 3);
+    QCOMPARE(a.leafLevel(), b.leafLevel());
+    QCOMPARE(a.memoryUsed(), b.memoryUsed());
+    const TZVector3 c = cloud.point(123456);
     Octree::NeighboursSet first, second;
-    a.getPointsInSphericalNeighbourhood({0.5f, 0.5f, 0.5f}, 0.2f, first, 4);
-    b.getPointsInSphericalNeighbourhood({0.5f, 0.5f, 0.5f}, 0.2f, second, 4);
+    a.getPointsInSphericalNeighbourhood(c, 1.5f, first, 4);
+    b.getPointsInSphericalNeighbourhood(c, 1.5f, second, 4);
     QVERIFY(first.size() > 100);
     QCOMPARE(first.size(), second.size());
     for (std::size_t i = 0; i < first.size(); ++i)
         QCOMPARE(first[i].pointIndex, second[i].pointIndex);
+    QCOMPARE(sortedHits(first, cloud), bruteSphere(cloud, c, 1.5f));
 }
 
 void TestOctree::emptyCloud()
