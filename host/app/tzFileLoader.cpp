@@ -9,20 +9,54 @@
 
 #include <memory>
 
-tzFileLoader::tzFileLoader(const QString &path, ShiftConfirmation confirm, QObject *parent)
+tzFileLoader::tzFileLoader(const QString &path, bool askShift, QObject *parent)
     : QObject(parent)
     , m_path(path)
-    , m_confirm(std::move(confirm))
+    , m_askShift(askShift)
 {
+    qRegisterMetaType<TZVector3d>();
 }
 
 tzFileLoader::~tzFileLoader()
 {
     if (m_thread) {
-        m_cancelled = true;
+        cancel();
         m_thread->wait();
         delete m_thread;
     }
+}
+
+void tzFileLoader::cancel()
+{
+    m_cancelled = true;
+    std::lock_guard<std::mutex> lock(m_answerMutex);
+    m_answerReady.notify_all();
+}
+
+void tzFileLoader::answerShift(bool accepted, const TZVector3d &shift)
+{
+    std::lock_guard<std::mutex> lock(m_answerMutex);
+    m_answered = true;
+    m_shiftAccepted = accepted;
+    m_answeredShift = shift;
+    m_answerReady.notify_all();
+}
+
+bool tzFileLoader::askForShift(TZVector3d &shift)
+{
+    std::unique_lock<std::mutex> lock(m_answerMutex);
+    m_answered = false;
+    lock.unlock();
+    emit shiftRequested(m_path, shift);
+    lock.lock();
+    m_answerReady.wait(lock, [this] { return m_answered || m_cancelled; });
+    if (m_cancelled || !m_shiftAccepted) {
+        // Refusing the shift is the user's cancel, not a failure of the file.
+        m_cancelled = true;
+        return false;
+    }
+    shift = m_answeredShift;
+    return true;
 }
 
 void tzFileLoader::start()
@@ -49,15 +83,12 @@ tzHObject *tzFileLoader::read(QString &error)
         return tzSceneFile::load(m_path, error, readProgress);
     tzCloudFile::LoadOptions options;
     options.progress = readProgress;
-    if (m_confirm) {
-        options.confirmShift = [this](TZVector3d &shift) {
-            // Refusing the shift is the user's cancel, not a failure of the file.
-            if (m_confirm(m_path, shift))
-                return true;
-            m_cancelled = true;
-            return false;
-        };
-    }
+    options.confirmShift = [this](TZVector3d &shift) {
+        if (m_askShift)
+            return askForShift(shift);
+        emit shiftTaken(shift);
+        return true;
+    };
     tzPointCloud *cloud = tzCloudFile::load(m_path, error, options);
     if (cloud && cloud->getName().isEmpty())
         cloud->setName(QFileInfo(m_path).completeBaseName());

@@ -2,13 +2,15 @@
 
 #include "TZVector3.h"
 #include "tzHObject.h"
+#include "tzMetaTypes.h"
 
 #include <QObject>
 #include <QString>
 
 #include <atomic>
-#include <functional>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 
 class QThread;
 
@@ -17,22 +19,24 @@ class QThread;
 //! cancelled or failed load leaves nothing behind. One load per loader.
 //!
 //! A scene file is one whose name ends in ".tzs"; anything else is read as a cloud.
+//!
+//! A cloud whose coordinates need a global shift either takes the suggested one, or (askShift)
+//! emits shiftRequested and waits for answerShift(); cancel() ends the wait too, so a window
+//! that goes away while its question is still unanswered never leaves the loader waiting.
 class tzFileLoader : public QObject
 {
     Q_OBJECT
 
 public:
-    //! Asked (on the worker thread) when the file needs a global shift; may change it, and
-    //! returns false to cancel. Empty: the suggestion is taken.
-    using ShiftConfirmation = std::function<bool(const QString &path, TZVector3d &shift)>;
-
-    explicit tzFileLoader(const QString &path, ShiftConfirmation confirm = {},
-                          QObject *parent = nullptr);
+    explicit tzFileLoader(const QString &path, bool askShift = false, QObject *parent = nullptr);
     ~tzFileLoader() override;
 
     void start();
-    //! Asks the load to stop at its next progress step.
-    void cancel() { m_cancelled = true; }
+    //! Asks the load to stop at its next progress step (any thread).
+    void cancel();
+    //! The answer to shiftRequested (any thread): the shift to apply, or refused (the load is
+    //! then cancelled).
+    void answerShift(bool accepted, const TZVector3d &shift);
     const QString &path() const { return m_path; }
     static bool isSceneFile(const QString &path);
     //! The new cloud (a tzPointCloud) or the root of the scene read, once loaded; the caller
@@ -46,6 +50,11 @@ signals:
     void loaded();
     void failed(const QString &errorText);
     void cancelled();
+    //! The file needs a global shift; suggested is what the reader proposes. Emitted on the
+    //! worker thread, which waits for answerShift() or cancel().
+    void shiftRequested(const QString &path, const TZVector3d &suggested);
+    //! The suggested shift was applied without asking.
+    void shiftTaken(const TZVector3d &shift);
 
 private:
     void run();
@@ -53,10 +62,16 @@ private:
     //! Builds the octree of every cloud under object; false when memory ran out or the load was
     //! cancelled meanwhile.
     bool index(tzHObject *object, QString &error);
+    bool askForShift(TZVector3d &shift);
 
     QString m_path;
-    ShiftConfirmation m_confirm;
+    bool m_askShift = false;
     std::atomic<bool> m_cancelled {false};
+    std::mutex m_answerMutex;
+    std::condition_variable m_answerReady;
+    bool m_answered = false; // under m_answerMutex, with the two below
+    bool m_shiftAccepted = false;
+    TZVector3d m_answeredShift;
     QThread *m_thread = nullptr;
     std::unique_ptr<tzHObject> m_result;
 };

@@ -9,6 +9,7 @@
 #include "tzPickingHub.h"
 #include "tzPluginManager.h"
 #include "tzPointCloud.h"
+#include "tzProgressDialog.h"
 #include "tzSceneFile.h"
 #include "tzStdPluginInterface.h"
 
@@ -27,10 +28,11 @@
 #include <QMdiSubWindow>
 #include <QMenuBar>
 #include <QMoveEvent>
-#include <QProgressDialog>
 #include <QSettings>
 #include <QThread>
+
 #include <QToolBar>
+#include <array>
 
 namespace {
 // Distance between an overlay dialog and the edges of the view (pixels).
@@ -338,48 +340,47 @@ void tzMainWindow::openFiles(const QStringList &paths)
         openNextFile();
 }
 
-bool tzMainWindow::confirmShift(const QString &path, TZVector3d &shift)
+void tzMainWindow::askShift(const QString &path, const TZVector3d &suggested)
 {
-    if (m_options.autoShift) {
-        printToConsole(QStringLiteral("'%1': coordinates shifted by (%2; %3; %4)")
-                           .arg(path)
-                           .arg(shift.x, 0, 'f', 2)
-                           .arg(shift.y, 0, 'f', 2)
-                           .arg(shift.z, 0, 'f', 2));
-        return true;
+    // Asked without a nested event loop: the loader waits for the answer, and the window stays
+    // free to go away meanwhile (the loader is then cancelled, which ends its wait).
+    QPointer<tzFileLoader> loader = m_loader;
+    if (!loader)
+        return;
+    auto *dialog = new QDialog(this);
+    dialog->setObjectName(QStringLiteral("shiftDialog"));
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setWindowTitle(tr("Global shift"));
+    auto *form = new QFormLayout(dialog);
+    form->addRow(new QLabel(tr("The coordinates of '%1' are too large to be shown "
+                               "precisely.\nThey will be shifted by:")
+                                .arg(QFileInfo(path).fileName())));
+    std::array<QDoubleSpinBox *, 3> boxes;
+    const char *labels[3] = {"X", "Y", "Z"};
+    for (int d = 0; d < 3; ++d) {
+        boxes[d] = new QDoubleSpinBox(dialog);
+        boxes[d]->setRange(-1e9, 1e9);
+        boxes[d]->setDecimals(2);
+        boxes[d]->setValue(suggested[d]);
+        form->addRow(QString::fromLatin1(labels[d]), boxes[d]);
     }
-    // Asked from the loader's thread: the dialog runs on the GUI thread, the loader waits.
-    bool accepted = false;
-    TZVector3d chosen = shift;
-    QMetaObject::invokeMethod(
-        this,
-        [this, path, &chosen, &accepted] {
-            QDialog dialog(this);
-            dialog.setWindowTitle(tr("Global shift"));
-            auto *form = new QFormLayout(&dialog);
-            form->addRow(new QLabel(tr("The coordinates of '%1' are too large to be shown "
-                                       "precisely.\nThey will be shifted by:")
-                                        .arg(QFileInfo(path).fileName())));
-            QDoubleSpinBox *boxes[3];
-            const char *labels[3] = {"X", "Y", "Z"};
-            for (int d = 0; d < 3; ++d) {
-                boxes[d] = new QDoubleSpinBox(&dialog);
-                boxes[d]->setRange(-1e9, 1e9);
-                boxes[d]->setDecimals(2);
-                boxes[d]->setValue(chosen[d]);
-                form->addRow(QString::fromLatin1(labels[d]), boxes[d]);
-            }
-            auto *buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel);
-            form->addRow(buttons);
-            connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
-            connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
-            accepted = dialog.exec() == QDialog::Accepted;
-            for (int d = 0; d < 3; ++d)
-                chosen[d] = boxes[d]->value();
-        },
-        Qt::BlockingQueuedConnection);
-    shift = chosen;
-    return accepted;
+    auto *buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel);
+    form->addRow(buttons);
+    connect(buttons, &QDialogButtonBox::accepted, dialog, &QDialog::accept);
+    connect(buttons, &QDialogButtonBox::rejected, dialog, &QDialog::reject);
+    // The question is asked with nothing in front of it: the progress steps aside meanwhile.
+    if (m_progress)
+        m_progress->hold();
+    connect(dialog, &QDialog::finished, this, [this, loader, boxes](int result) {
+        if (m_progress)
+            m_progress->release();
+        if (loader) {
+            loader->answerShift(
+                result == QDialog::Accepted,
+                TZVector3d(boxes[0]->value(), boxes[1]->value(), boxes[2]->value()));
+        }
+    });
+    dialog->open();
 }
 
 void tzMainWindow::openNextFile()
@@ -387,33 +388,43 @@ void tzMainWindow::openNextFile()
     if (m_loader || m_pendingFiles.isEmpty())
         return;
     const QString path = m_pendingFiles.takeFirst();
+    const QString fileName = QFileInfo(path).fileName();
     QSettings settings;
     settings.beginGroup(QStringLiteral("LoadFile"));
     settings.setValue(QStringLiteral("currentPath"), QFileInfo(path).absolutePath());
     settings.endGroup();
 
-    m_loader = new tzFileLoader(
-        path, [this](const QString &p, TZVector3d &shift) { return confirmShift(p, shift); });
-    m_progress = new QProgressDialog(tr("Opening %1").arg(QFileInfo(path).fileName()), tr("Cancel"),
-                                     0, 100, this);
+    m_loader = new tzFileLoader(path, !m_options.autoShift);
+    if (m_options.autoShift) {
+        connect(m_loader, &tzFileLoader::shiftTaken, this, [this, path](const TZVector3d &shift) {
+            printToConsole(QStringLiteral("'%1': coordinates shifted by (%2; %3; %4)")
+                               .arg(path)
+                               .arg(shift.x, 0, 'f', 2)
+                               .arg(shift.y, 0, 'f', 2)
+                               .arg(shift.z, 0, 'f', 2));
+        });
+    } else {
+        connect(m_loader, &tzFileLoader::shiftRequested, this, &tzMainWindow::askShift);
+    }
+    m_progress
+        = new tzProgressDialog(tr("Opening %1").arg(fileName), m_options.progressDelay, this);
     m_progress->setObjectName(QStringLiteral("loadProgress"));
-    m_progress->setWindowModality(Qt::WindowModal);
-    m_progress->setMinimumDuration(300);
-    m_progress->setAutoClose(false);
-    m_progress->setAutoReset(false);
-    connect(m_progress, &QProgressDialog::canceled, m_loader, &tzFileLoader::cancel,
+    connect(m_progress, &tzProgressDialog::canceled, m_loader, &tzFileLoader::cancel,
             Qt::DirectConnection);
-    connect(m_loader, &tzFileLoader::progress, m_progress,
-            [this](int percent, const QString &stage) {
-                if (!m_progress)
-                    return;
-                m_progress->setValue(percent);
-                m_progress->setLabelText(
-                    QStringLiteral("%1 %2...").arg(stage, QFileInfo(m_loader->path()).fileName()));
+    tzProgressDialog *progress = m_progress;
+    connect(m_loader, &tzFileLoader::progress, progress,
+            [progress, fileName](int percent, const QString &stage) {
+                progress->setProgress(percent, QStringLiteral("%1 %2...").arg(stage, fileName));
             });
     const auto finish = [this, path](bool ok, const QString &error, bool cancelled) {
+        // Taken off the members first: nothing below may find a half-finished load.
+        tzFileLoader *loader = m_loader;
+        tzProgressDialog *progress = m_progress;
+        m_loader = nullptr;
+        m_progress = nullptr;
+        progress->hide();
         if (ok) {
-            std::unique_ptr<tzHObject> object(m_loader->takeResult());
+            std::unique_ptr<tzHObject> object(loader->takeResult());
             if (tzFileLoader::isSceneFile(path)) {
                 adoptScene(std::move(object), path);
             } else {
@@ -427,10 +438,9 @@ void tzMainWindow::openNextFile()
         } else {
             printToConsole(error, ERR_CONSOLE_MESSAGE);
         }
-        m_progress->deleteLater();
-        m_progress = nullptr;
-        m_loader->deleteLater();
-        m_loader = nullptr;
+        // Not deleted under the signal that called us.
+        loader->deleteLater();
+        progress->deleteLater();
         emit fileOpened(path, ok);
         openNextFile();
     };

@@ -12,7 +12,6 @@
 class QMdiArea;
 class QMdiSubWindow;
 class QMenu;
-class QProgressDialog;
 class QToolBar;
 class tzFileLoader;
 class tzConsole;
@@ -20,6 +19,7 @@ class tzDBTree;
 class tzGLWindow;
 class tzPluginManager;
 class tzPointCloud;
+class tzProgressDialog;
 
 //! The viewer's main window and its application interface: one 3D view in an MDI area, the
 //! database tree, the console, file opening and the plug-ins.
@@ -34,6 +34,8 @@ public:
         bool autoShift = false;
         //! Load the plug-ins found in the search paths.
         bool loadPlugins = true;
+        //! How long a load runs before its progress is shown (ms).
+        int progressDelay = 300;
     };
 
     explicit tzMainWindow(const Options &options);
@@ -88,7 +90,7 @@ private slots:
 private:
     void createMenus();
     void placeOverlays();
-    bool confirmShift(const QString &path, TZVector3d &shift);
+    void askShift(const QString &path, const TZVector3d &suggested);
     void adoptScene(std::unique_ptr<tzHObject> scene, const QString &path);
 
     Options m_options;
@@ -106,5 +108,5 @@ private:
     std::vector<std::pair<QPointer<tzOverlayDialog>, Qt::Corner>> m_overlays;
     QStringList m_pendingFiles;
     tzFileLoader *m_loader = nullptr;
-    QProgressDialog *m_progress = nullptr;
+    tzProgressDialog *m_progress = nullptr;
 };

@@ -5,6 +5,7 @@
 #include "tzCamera.h"
 #include "tzDrawContext.h"
 #include "tzHObject.h"
+#include "tzMetaTypes.h"
 
 #include <QElapsedTimer>
 #include <QMatrix4x4>
@@ -209,7 +210,3 @@ private:
     QTimer m_restTimer;
     quint64 m_frames = 0;
 };
-
-Q_DECLARE_METATYPE(tzHObject *)
-Q_DECLARE_METATYPE(TZVector3)
-Q_DECLARE_METATYPE(TZVector3d)

@@ -7,12 +7,12 @@
 #include "tzOverlayDialog.h"
 #include "tzPluginManager.h"
 #include "tzPointCloud.h"
+#include "tzProgressDialog.h"
 
 #include <QAction>
 #include <QDialog>
 #include <QDoubleSpinBox>
 #include <QMenu>
-#include <QProgressDialog>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -81,10 +81,12 @@ private slots:
     void openingAFileAddsItAndRemembersTheFolder();
     void badFileIsReportedAndAddsNothing();
     void cancelledOpeningLeavesNothing();
+    void progressShownDuringTheLoadEndsCleanly();
     void quittingDuringALoadIsClean();
     void clickOnACloudSelectsIt();
     void sceneSavedAndLoadedBack();
     void shiftIsAskedAndMayBeChangedOrRefused();
+    void closingWhileTheShiftIsAskedDoesNotHang();
     void objectDeletedBehindTheTreeIsForgotten();
 
 private:
@@ -220,14 +222,40 @@ void TestTessaro::cancelledOpeningLeavesNothing()
     tzMainWindow window(headless());
     QSignalSpy opened(&window, &tzMainWindow::fileOpened);
     window.openFiles({path});
-    auto *progress = window.findChild<QProgressDialog *>(QStringLiteral("loadProgress"));
+    auto *progress = window.findChild<tzProgressDialog *>(QStringLiteral("loadProgress"));
     QVERIFY(progress);
-    emit progress->canceled(); // what its Cancel button does
+    progress->reject(); // what its Cancel button and Escape do
     QVERIFY(opened.wait(10000));
     QCOMPARE(opened.at(0).at(1).toBool(), false);
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 0u);
     QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));
     QVERIFY(!window.isLoading());
+}
+
+void TestTessaro::progressShownDuringTheLoadEndsCleanly()
+{
+    // The progress is on screen from the start, so every update reaches a shown, modal dialog,
+    // and the last update and the result arrive back to back. Updating the dialog must not run
+    // an event loop that delivers the result inside the update.
+    QTemporaryDir dir;
+    const QString big = writeFile(dir, QStringLiteral("big.ply"), asciiPly(150000, 0.0));
+    const QString small = writeFile(dir, QStringLiteral("small.ply"), asciiPly(10, 0.0));
+    tzMainWindow::Options options = headless();
+    options.progressDelay = 0;
+    tzMainWindow window(options);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    QSignalSpy opened(&window, &tzMainWindow::fileOpened);
+    window.openFiles({big, small, small});
+    QTRY_VERIFY(
+        window.findChild<tzProgressDialog *>(QStringLiteral("loadProgress"))
+        && window.findChild<tzProgressDialog *>(QStringLiteral("loadProgress"))->isVisible());
+    QTRY_COMPARE_WITH_TIMEOUT(opened.count(), 3, 20000);
+    for (const auto &signal : opened)
+        QVERIFY(signal.at(1).toBool());
+    QCOMPARE(window.databaseRoot()->getChildrenNumber(), 3u);
+    QVERIFY(!window.isLoading());
+    QTRY_VERIFY(window.findChildren<tzProgressDialog *>().isEmpty());
 }
 
 void TestTessaro::quittingDuringALoadIsClean()
@@ -308,11 +336,13 @@ void TestTessaro::shiftIsAskedAndMayBeChangedOrRefused()
     const QString path = writeFile(dir, QStringLiteral("grid.ply"), asciiPly(20, 650000.0));
     tzMainWindow::Options asking = headless();
     asking.autoShift = false;
+    asking.progressDelay = 0; // the progress would be up when the question comes
     tzMainWindow window(asking);
     window.show();
     // Answers the shift dialog when it comes up: X changed, then OK; or Cancel.
     bool refuse = false;
     bool seen = false;
+    bool progressInFront = false;
     QTimer answer;
     answer.setInterval(20);
     connect(&answer, &QTimer::timeout, [&] {
@@ -320,6 +350,8 @@ void TestTessaro::shiftIsAskedAndMayBeChangedOrRefused()
         if (!dialog || dialog->windowTitle() != QStringLiteral("Global shift"))
             return;
         seen = true;
+        for (const auto *progress : window.findChildren<tzProgressDialog *>())
+            progressInFront |= progress->isVisible();
         const auto boxes = dialog->findChildren<QDoubleSpinBox *>();
         QCOMPARE(boxes.size(), 3);
         QCOMPARE(boxes[0]->value(), -650000.0); // the suggestion
@@ -332,6 +364,7 @@ void TestTessaro::shiftIsAskedAndMayBeChangedOrRefused()
     answer.start();
     tzPointCloud *cloud = openAndWait(window, path);
     QVERIFY(seen);
+    QVERIFY2(!progressInFront, "the progress dialog stood over the shift question");
     QVERIFY(cloud);
     QCOMPARE(cloud->getGlobalShift().x, -649900.0);
     QCOMPARE(double(cloud->point(0).x), 100.0); // 650000 - 649900
@@ -342,6 +375,24 @@ void TestTessaro::shiftIsAskedAndMayBeChangedOrRefused()
     QVERIFY(seen);
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 1u);
     QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));
+}
+
+void TestTessaro::closingWhileTheShiftIsAskedDoesNotHang()
+{
+    // The loader waits for the answer on its thread; a window that goes away with the question
+    // still open must end that wait, not wait for the loader forever.
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, QStringLiteral("grid.ply"), asciiPly(20, 650000.0));
+    tzMainWindow::Options asking = headless();
+    asking.autoShift = false;
+    auto *window = new tzMainWindow(asking);
+    window->show();
+    window->openFiles({path});
+    QTRY_VERIFY(window->findChild<QDialog *>(QStringLiteral("shiftDialog")));
+    QElapsedTimer clock;
+    clock.start();
+    delete window;
+    QVERIFY(clock.elapsed() < 2000);
 }
 
 void TestTessaro::objectDeletedBehindTheTreeIsForgotten()

@@ -1,0 +1,77 @@
+#include "tzProgressDialog.h"
+
+#include <QDialogButtonBox>
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+#include <algorithm>
+
+tzProgressDialog::tzProgressDialog(const QString &text, int delayMs, QWidget *parent)
+    : QDialog(parent)
+{
+    setWindowModality(Qt::WindowModal);
+    setWindowTitle(tr("Opening"));
+    m_label = new QLabel(text, this);
+    m_bar = new QProgressBar(this);
+    m_bar->setRange(0, 100);
+    m_bar->setValue(0);
+    auto *buttons = new QDialogButtonBox(QDialogButtonBox::Cancel, this);
+    connect(buttons, &QDialogButtonBox::rejected, this, &tzProgressDialog::reject);
+    auto *layout = new QVBoxLayout(this);
+    layout->addWidget(m_label);
+    layout->addWidget(m_bar);
+    layout->addWidget(buttons);
+    setMinimumWidth(360);
+
+    m_delay.setSingleShot(true);
+    connect(&m_delay, &QTimer::timeout, this, [this] {
+        m_due = true;
+        showIfDue();
+    });
+    m_delay.start(std::max(0, delayMs));
+}
+
+void tzProgressDialog::setProgress(int percent, const QString &text)
+{
+    m_bar->setValue(percent);
+    if (!text.isEmpty())
+        m_label->setText(text);
+}
+
+int tzProgressDialog::value() const
+{
+    return m_bar->value();
+}
+
+QString tzProgressDialog::labelText() const
+{
+    return m_label->text();
+}
+
+void tzProgressDialog::hold()
+{
+    ++m_holds;
+    hide();
+}
+
+void tzProgressDialog::release()
+{
+    if (m_holds > 0)
+        --m_holds;
+    showIfDue();
+}
+
+void tzProgressDialog::showIfDue()
+{
+    if (m_due && m_holds == 0 && !isVisible())
+        show();
+}
+
+void tzProgressDialog::reject()
+{
+    // Stays up until the work has stopped; its owner closes it then.
+    m_label->setText(tr("Cancelling..."));
+    emit canceled();
+}
