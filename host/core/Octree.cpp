@@ -64,6 +64,112 @@ template<typename Fn> void runParallel(unsigned threads, Fn &&fn)
         w.join();
 }
 
+// Sorts the entries of one coarse cell by (code, index) and counts the cells that start at each
+// level below it. Entries come in rising index order; large runs are split by octant, one level
+// at a time, with a stable counting scatter (a few passes over data in the first-level cache,
+// almost no unpredictable branches), and small runs are finished by insertion.
+class CellSorter
+{
+public:
+    //! cells[k] counts the cells of relative level k met so far (k = 0: the coarse cells).
+    explicit CellSorter(uint64_t *cells)
+        : m_cells(cells)
+    {
+    }
+
+    void sort(uint32_t *codes, uint32_t *perm, uint32_t count)
+    {
+        ++m_cells[0];
+        bool sorted = true;
+        for (uint32_t k = 1; k < count && sorted; ++k)
+            sorted = codes[k - 1] <= codes[k];
+        if (sorted)
+            countSorted(codes, count);
+        else
+            split(codes, perm, count, 0);
+    }
+
+private:
+    static constexpr uint32_t SMALL_RUN = 24;
+
+    // The codes of [codes, codes + count) share their first `depth` levels.
+    void split(uint32_t *codes, uint32_t *perm, uint32_t count, unsigned depth)
+    {
+        if (count <= SMALL_RUN) {
+            insertionSort(codes, perm, count);
+            countSorted(codes, count);
+            return;
+        }
+        if (depth == SUFFIX_LEVELS)
+            return; // one deepest cell: the indices are in order already
+        const unsigned shift = 3 * (SUFFIX_LEVELS - 1 - depth);
+        uint32_t counts[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+        for (uint32_t k = 0; k < count; ++k)
+            ++counts[(codes[k] >> shift) & 7u];
+        unsigned children = 0;
+        for (uint32_t c : counts)
+            children += c != 0;
+        m_cells[depth + 1] += children - 1;
+        if (children > 1) {
+            uint32_t at[8];
+            uint32_t acc = 0;
+            for (int c = 0; c < 8; ++c) {
+                at[c] = acc;
+                acc += counts[c];
+            }
+            if (m_codes.size() < count) {
+                m_codes.resize(count);
+                m_perm.resize(count);
+            }
+            for (uint32_t k = 0; k < count; ++k) {
+                const uint32_t to = at[(codes[k] >> shift) & 7u]++;
+                m_codes[to] = codes[k];
+                m_perm[to] = perm[k];
+            }
+            std::copy(m_codes.begin(), m_codes.begin() + count, codes);
+            std::copy(m_perm.begin(), m_perm.begin() + count, perm);
+        }
+        uint32_t first = 0;
+        for (uint32_t c : counts) {
+            if (c > 0)
+                split(codes + first, perm + first, c, depth + 1);
+            first += c;
+        }
+    }
+
+    static void insertionSort(uint32_t *codes, uint32_t *perm, uint32_t count)
+    {
+        for (uint32_t k = 1; k < count; ++k) {
+            const uint32_t code = codes[k];
+            const uint32_t index = perm[k];
+            uint32_t j = k;
+            // Indices rise within a run, so equal codes keep their order.
+            for (; j > 0 && codes[j - 1] > code; --j) {
+                codes[j] = codes[j - 1];
+                perm[j] = perm[j - 1];
+            }
+            codes[j] = code;
+            perm[j] = index;
+        }
+    }
+
+    // Counts the cells that start between neighbours of a sorted run.
+    void countSorted(const uint32_t *codes, uint32_t count)
+    {
+        for (uint32_t k = 1; k < count; ++k) {
+            const uint32_t diff = codes[k] ^ codes[k - 1];
+            if (diff != 0) {
+                const unsigned highBit = 31u - unsigned(__builtin_clz(diff));
+                ++m_cells[SUFFIX_LEVELS - highBit / 3];
+            }
+        }
+    }
+
+    uint64_t *m_cells;
+    std::vector<uint32_t> m_codes; // scatter space, reused from cell to cell
+    std::vector<uint32_t> m_perm;
+};
+
 struct SphereShape
 {
     // A small sphere fills most of its bounding box: no finer test of the leaves is worth it.
@@ -369,37 +475,12 @@ int Octree::build(const ProgressCallback &progress, unsigned maxThreads)
         std::vector<std::vector<uint64_t>> newCells(threads,
                                                     std::vector<uint64_t>(SUFFIX_LEVELS + 1, 0));
         runParallel(threads, [&](unsigned t) {
-            uint64_t *cells = newCells[t].data();
-            std::vector<uint64_t> pairs;
+            CellSorter sorter(newCells[t].data());
             for (uint32_t b = split[t]; b < split[t + 1]; ++b) {
                 const uint32_t first = bucketStart[b];
                 const uint32_t last = bucketStart[b + 1];
-                if (first == last)
-                    continue;
-                ++cells[0];
-                uint32_t *codes = suffix.data() + first;
-                uint32_t *perm = m_perm.data() + first;
-                const uint32_t count = last - first;
-                bool sorted = true;
-                for (uint32_t k = 1; k < count && sorted; ++k)
-                    sorted = codes[k - 1] <= codes[k]; // indices already rise within a cell
-                if (!sorted) {
-                    pairs.resize(count);
-                    for (uint32_t k = 0; k < count; ++k)
-                        pairs[k] = (uint64_t(codes[k]) << 32) | perm[k];
-                    std::sort(pairs.begin(), pairs.end());
-                    for (uint32_t k = 0; k < count; ++k) {
-                        codes[k] = uint32_t(pairs[k] >> 32);
-                        perm[k] = uint32_t(pairs[k]);
-                    }
-                }
-                for (uint32_t k = 1; k < count; ++k) {
-                    const uint32_t diff = codes[k] ^ codes[k - 1];
-                    if (diff != 0) {
-                        const unsigned highBit = 31u - unsigned(__builtin_clz(diff));
-                        ++cells[SUFFIX_LEVELS - highBit / 3];
-                    }
-                }
+                if (first != last)
+                    sorter.sort(suffix.data() + first, m_perm.data() + first, last - first);
             }
         });
         report(80);
