@@ -4,6 +4,7 @@
 #include "tzPointCloud.h"
 #include "tzPointPicker.h"
 
+#include <QKeyEvent>
 #include <QMouseEvent>
 #include <QOpenGLContext>
 #include <QOpenGLFunctions_2_1>
@@ -605,6 +606,16 @@ void tzGLWindow::mousePressEvent(QMouseEvent *event)
         if (m_camera.params.objectCenteredView && getClick3DPos(event->x(), event->y(), P))
             m_camera.params.pivotPoint = P;
     }
+    event->accept();
+}
+
+void tzGLWindow::keyPressEvent(QKeyEvent *event)
+{
+    event->accept();
+}
+
+void tzGLWindow::keyReleaseEvent(QKeyEvent *event)
+{
     event->accept();
 }
 

@@ -148,6 +148,10 @@ protected:
     void mouseMoveEvent(QMouseEvent *event) override;
     void mouseReleaseEvent(QMouseEvent *event) override;
     void wheelEvent(QWheelEvent *event) override;
+    //! Keys that reach the view end there: they would otherwise go on to the main window, and
+    //! whoever watches both (a plug-in's event filter) would see every press twice.
+    void keyPressEvent(QKeyEvent *event) override;
+    void keyReleaseEvent(QKeyEvent *event) override;
     //! Marks the camera as moving (frames are drawn light); a full frame follows endInteraction,
     //! which a short rest of the mouse also brings.
     void beginInteraction();
