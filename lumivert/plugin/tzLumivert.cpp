@@ -45,6 +45,8 @@ tzLumivert::tzLumivert(QObject *parent)
 
 tzLumivert::~tzLumivert()
 {
+    // The hub must not keep a listener that is gone.
+    releaseHub();
     delete m_lineationTool;
     delete m_viseeTool;
     delete m_dialog;
@@ -134,7 +136,8 @@ void tzLumivert::doAction()
               m_dialog->pointPointDistanceButton, m_dialog->optionCameraButton,
               m_dialog->normalCameraButton, m_dialog->aboutLabelButton, m_dialog->closeButton}) {
             button->setStyleSheet(m_styleNormal);
-            button->setCheckable(true);
+            // The options button only opens the form: checkable, it would stay pressed.
+            button->setCheckable(button != m_dialog->aboutLabelButton);
         }
         view->setZNearCoef(0.001);
     }
@@ -227,9 +230,9 @@ bool tzLumivert::startMeasuring()
     if (m_dialog) {
         m_app->attachOverlayDialog(m_dialog, Qt::TopRightCorner);
         m_dialog->start();
-        if (m_comm->connectToServer())
-            m_dialog->EtatConnection->setIcon(image("ConnecteOn.png"));
     }
+    if (m_comm->connectToServer() && m_dialog)
+        m_dialog->EtatConnection->setIcon(image("ConnecteOn.png"));
     if (m_activeTool)
         m_activeTool->toolActivated();
     return true;
@@ -237,6 +240,7 @@ bool tzLumivert::startMeasuring()
 
 void tzLumivert::stopMeasuring()
 {
+    m_heldKeys.clear(); // the filter no longer sees the releases
     tzGLWindow *view = m_app ? m_app->activeView() : nullptr;
     if (view) {
         m_app->mainWindow()->removeEventFilter(this);
@@ -247,11 +251,13 @@ void tzLumivert::stopMeasuring()
     if (m_dialog) {
         m_dialog->EtatConnection->setIcon(image("ConnecteOff.png"));
         m_dialog->stop(false);
-        m_app->detachOverlayDialog(m_dialog);
+        if (m_app)
+            m_app->detachOverlayDialog(m_dialog);
     }
     if (m_optionsDialog) {
         m_optionsDialog->stop(false);
-        m_app->detachOverlayDialog(m_optionsDialog);
+        if (m_app)
+            m_app->detachOverlayDialog(m_optionsDialog);
     }
     if (m_activeTool) {
         m_activeTool->cancel();
@@ -626,6 +632,11 @@ bool tzLumivert::eventFilter(QObject *obj, QEvent *event)
             m_heldKeys.remove(key->key());
         break;
     }
+    case QEvent::FocusOut:
+    case QEvent::WindowDeactivate:
+        // A key released while the viewer does not have the keyboard never reaches us.
+        m_heldKeys.clear();
+        break;
     case QEvent::MouseMove:
         if (m_activeTool == m_viseeTool)
             m_viseeTool->onMouseMove(static_cast<QMouseEvent *>(event), m_glWindow);

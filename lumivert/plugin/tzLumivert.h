@@ -29,7 +29,8 @@ class tzLumivert : public QObject, public tzStdPluginInterface, public tzPicking
 {
     Q_OBJECT
     Q_INTERFACES(tzStdPluginInterface)
-    Q_PLUGIN_METADATA(IID "tzcorp.tessaro.plugin.tzLumivert")
+    // The plug-in's metadata and entry are in tzLumivertEntry.cpp (IID
+    // "tzcorp.tessaro.plugin.tzLumivert", empty MetaData).
 
     // Read-only views of the settings mirrors and the run's state, for scripts and tests.
     Q_PROPERTY(double accuaryLowestPoint READ accuaryLowestPoint)
@@ -67,8 +68,10 @@ public:
     QString activeToolName() const;
     qLumivertDlg *dialog() const { return m_dialog; }
     tzCommunicationHandler *link() const { return m_comm; }
-    //! Whether a key is held down in the viewer now (the event filter keeps the set).
-    bool isKeyHeld(int key) const { return m_heldKeys.contains(key); }
+    //! Whether a key is held down in the viewer now. The event filter keeps the set of held keys;
+    //! it forgets them all when the viewer loses the keyboard (focus out, window deactivated)
+    //! and when the run stops, since the releases then go elsewhere.
+    Q_INVOKABLE bool isKeyHeld(int key) const { return m_heldKeys.contains(key); }
 
 public slots:
     void doAction();

@@ -120,6 +120,45 @@ struct OtherTool : tzPickingListener
     void onItemPicked(const PickedItem &) override { }
 };
 
+// Counts the debug lines that contain a text, while it lives.
+class DebugCounter
+{
+public:
+    explicit DebugCounter(const char *text)
+    {
+        s_text = text;
+        s_count = 0;
+        m_previous = qInstallMessageHandler(&DebugCounter::handle);
+    }
+    ~DebugCounter() { qInstallMessageHandler(m_previous); }
+    int count() const { return s_count; }
+
+private:
+    static void handle(QtMsgType, const QMessageLogContext &, const QString &message)
+    {
+        if (message.contains(QLatin1String(s_text)))
+            ++s_count;
+    }
+    static inline const char *s_text = nullptr;
+    static inline int s_count = 0;
+    QtMessageHandler m_previous;
+};
+
+bool keyHeld(QObject *plugin, int key)
+{
+    bool held = false;
+    QMetaObject::invokeMethod(plugin, "isKeyHeld", Q_RETURN_ARG(bool, held), Q_ARG(int, key));
+    return held;
+}
+
+tzPointCloud *cloudNamed(const char *name, bool visible)
+{
+    auto *cloud = new tzPointCloud(QLatin1String(name));
+    cloud->addPoint({0, 0, 0});
+    cloud->setVisible(visible);
+    return cloud;
+}
+
 } // namespace
 
 class TestLumivert : public QObject
@@ -137,12 +176,21 @@ private slots:
     void hubHeldByAnotherToolIsReported();
     void rightDoubleClickEndsListeningOnly();
     void zKeyMakesOneLowestPointPick();
+    void eachKeyPressIsSeenOnce();
+    void ctrlChecksTheIndicatorOnlyAloneWhileListening();
+    void heldKeysAreForgottenWhenTheKeyboardGoesElsewhere();
     void picksGoToTheMesuresGroup();
+    void mesuresGroupIsLookedForTwoLevelsDeep();
+    void hideAllPointCloudsStopsAtVisibleClouds();
+    void toggleLabelsReachesTaggedObjectsAtAnyDepth();
     void settingsFirstRun();
     void settingsStoredValues();
+    void settingsMarkersKeepTheMembers();
     void optionsFormRoundTrip();
     void helpWindowShowsThePage();
     void quittingDuringARunIsClean();
+    void toolBarOutlivesThePluginObject();
+    void destroyedPluginLeavesTheHubAndANewOneIsMade();
 
 private:
     QTemporaryDir m_settings;
@@ -168,6 +216,8 @@ void TestLumivert::describesItselfWithoutReadingItsInfoFile()
     QCOMPARE(meta.value(QStringLiteral("IID")).toString(),
              QStringLiteral("tzcorp.tessaro.plugin.tzLumivert"));
     QCOMPARE(meta.value(QStringLiteral("className")).toString(), QStringLiteral("tzLumivert"));
+    QVERIFY(meta.contains(QStringLiteral("MetaData")));
+    QVERIFY(meta.value(QStringLiteral("MetaData")).isObject());
     QVERIFY(meta.value(QStringLiteral("MetaData")).toObject().isEmpty());
     // The Qt version as moc records it: major and minor.
     QCOMPARE(meta.value(QStringLiteral("version")).toInt(), QT_VERSION & 0xffff00);
@@ -292,6 +342,14 @@ void TestLumivert::modeButtonsSwitchToolsAndTheHub()
         QCOMPARE(viewer.window.activeView()->getPickingMode(),
                  int(tzPickingHub::DEFAULT_PICKING_MODE));
     }
+    // Straight from one mode to another: the old button loses its check and its style.
+    viewer.click("pointPropertiesButton");
+    viewer.click("pointPointDistanceButton");
+    QVERIFY(!viewer.button("pointPropertiesButton")->isChecked());
+    QCOMPARE(viewer.button("pointPropertiesButton")->styleSheet(), STYLE_NORMAL);
+    QCOMPARE(viewer.button("pointPointDistanceButton")->styleSheet(), STYLE_ACTIVE);
+    QCOMPARE(viewer.state("activeTool").toString(), QStringLiteral("lineation"));
+    QVERIFY(viewer.state("listening").toBool());
 }
 
 void TestLumivert::cameraButtonsKeepTheirStateAcrossModes()
@@ -371,9 +429,70 @@ void TestLumivert::zKeyMakesOneLowestPointPick()
     QVERIFY(viewer.button("pointPropertiesButton")->isChecked());
     QVERIFY(!viewer.button("pointPropertiesPointButton")->isChecked());
     QCOMPARE(store()->value(QStringLiteral("SimplePoint")).toBool(), true);
-    // Ctrl alone, while listening, checks the indicator.
-    QTest::keyClick(view, Qt::Key_Control, Qt::ControlModifier);
-    QVERIFY(viewer.button<QRadioButton>("SimpleAjoutZButton")->isChecked());
+}
+
+void TestLumivert::eachKeyPressIsSeenOnce()
+{
+    // The filter watches the view and the main window: a key pressed in the view must not
+    // reach it a second time on its way up.
+    Viewer viewer;
+    viewer.start();
+    tzGLWindow *view = viewer.window.activeView();
+    DebugCounter zPresses(" Z press ");
+    QTest::keyClick(view, Qt::Key_Z);
+    QCOMPARE(zPresses.count(), 1);
+    DebugCounter otherPresses(" other press ");
+    QTest::keyClick(view, Qt::Key_A);
+    QCOMPARE(otherPresses.count(), 1);
+}
+
+void TestLumivert::ctrlChecksTheIndicatorOnlyAloneWhileListening()
+{
+    Viewer viewer;
+    viewer.start();
+    tzGLWindow *view = viewer.window.activeView();
+    auto *indicator = viewer.button<QRadioButton>("SimpleAjoutZButton");
+    // One press each, as the view receives it (QTest would press the modifiers first).
+    const auto press = [view](int key, Qt::KeyboardModifiers modifiers) {
+        QKeyEvent event(QEvent::KeyPress, key, modifiers);
+        QApplication::sendEvent(view, &event);
+    };
+    press(Qt::Key_Control, Qt::ControlModifier); // not listening yet
+    QVERIFY(!indicator->isChecked());
+    viewer.click("pointPropertiesButton");
+    press(Qt::Key_A, Qt::ControlModifier | Qt::ShiftModifier);
+    QVERIFY(!indicator->isChecked()); // not Ctrl alone
+    press(Qt::Key_Z, Qt::ControlModifier); // the Ctrl row, not the Z row
+    QVERIFY(indicator->isChecked());
+    QVERIFY(!viewer.state("zPressed").toBool());
+    QVERIFY(viewer.button("pointPropertiesButton")->isChecked());
+}
+
+void TestLumivert::heldKeysAreForgottenWhenTheKeyboardGoesElsewhere()
+{
+    // A release that happens while the viewer does not have the keyboard never comes: the
+    // key must not stay held for good (every later pick would read Z as held).
+    Viewer viewer;
+    viewer.start();
+    tzGLWindow *view = viewer.window.activeView();
+    QTest::keyPress(view, Qt::Key_Z);
+    QVERIFY(keyHeld(viewer.plugin, Qt::Key_Z));
+    QTest::keyRelease(view, Qt::Key_Z);
+    QVERIFY(!keyHeld(viewer.plugin, Qt::Key_Z));
+
+    QTest::keyPress(view, Qt::Key_Z);
+    QFocusEvent focusOut(QEvent::FocusOut, Qt::ActiveWindowFocusReason);
+    QApplication::sendEvent(view, &focusOut);
+    QVERIFY(!keyHeld(viewer.plugin, Qt::Key_Z));
+
+    QTest::keyPress(view, Qt::Key_Z);
+    QEvent deactivated(QEvent::WindowDeactivate);
+    QApplication::sendEvent(&viewer.window, &deactivated);
+    QVERIFY(!keyHeld(viewer.plugin, Qt::Key_Z));
+
+    QTest::keyPress(view, Qt::Key_Z);
+    viewer.click("closeButton"); // the run stops
+    QVERIFY(!keyHeld(viewer.plugin, Qt::Key_Z));
 }
 
 void TestLumivert::picksGoToTheMesuresGroup()
@@ -396,6 +515,93 @@ void TestLumivert::picksGoToTheMesuresGroup()
     // A second pick finds the same group; so does a group one level down.
     QTest::mouseClick(view, Qt::LeftButton, Qt::NoModifier, QPoint(int(x), int(y)));
     QCOMPARE(root->getChildrenNumber(), 2u);
+}
+
+void TestLumivert::mesuresGroupIsLookedForTwoLevelsDeep()
+{
+    Viewer viewer;
+    viewer.start();
+    viewer.click("pointPointDistanceButton"); // the plug-in's own lookup, not the sight tool's
+    tzHObject *root = viewer.window.databaseRoot();
+    auto *folder = new tzHObject(QStringLiteral("survey"));
+    auto *deeper = new tzHObject(QStringLiteral("mesures")); // three levels down: not seen
+    auto *inner = new tzHObject(QStringLiteral("inner"));
+    inner->addChild(deeper);
+    folder->addChild(inner);
+    viewer.window.addToDatabase(folder);
+    const auto pick = [&] {
+        QVERIFY(QMetaObject::invokeMethod(
+            viewer.plugin, "pointPicked", Q_ARG(tzHObject *, viewer.cloud), Q_ARG(unsigned, 0u),
+            Q_ARG(int, 1), Q_ARG(int, 1), Q_ARG(TZVector3, viewer.cloud->point(0))));
+    };
+    deeper->setVisible(false);
+    pick();
+    QCOMPARE(root->getChildrenNumber(), 3u); // cloud, survey, and a new "mesures"
+    QCOMPARE(root->getChild(2)->getName(), QStringLiteral("mesures"));
+    QVERIFY(!deeper->isVisible());
+    viewer.window.removeFromDatabase(root->getChild(2));
+
+    // Two levels down: found, switched on, nothing new made.
+    auto *second = new tzHObject(QStringLiteral("mesures"));
+    second->setVisible(false);
+    folder->addChild(second);
+    pick();
+    QCOMPARE(root->getChildrenNumber(), 2u);
+    QVERIFY(second->isVisible());
+}
+
+void TestLumivert::hideAllPointCloudsStopsAtVisibleClouds()
+{
+    Viewer viewer;
+    tzHObject *root = viewer.window.databaseRoot();
+    // A visible cloud is hidden and its children are not visited; a hidden cloud, like any
+    // other object, is walked through.
+    auto *group = new tzHObject(QStringLiteral("group"));
+    tzPointCloud *shown = cloudNamed("shown", true);
+    tzPointCloud *underShown = cloudNamed("underShown", true);
+    tzPointCloud *hidden = cloudNamed("hidden", false);
+    tzPointCloud *underHidden = cloudNamed("underHidden", true);
+    shown->addChild(underShown);
+    hidden->addChild(underHidden);
+    group->addChild(shown);
+    group->addChild(hidden);
+    viewer.window.addToDatabase(group);
+    QVERIFY(
+        QMetaObject::invokeMethod(viewer.plugin, "hideAllPointClouds", Q_ARG(tzHObject *, root)));
+    QVERIFY(!viewer.cloud->isVisible());
+    QVERIFY(!shown->isVisible());
+    QVERIFY(underShown->isVisible());
+    QVERIFY(!hidden->isVisible());
+    QVERIFY(!underHidden->isVisible());
+    QVERIFY(group->isVisible());
+}
+
+void TestLumivert::toggleLabelsReachesTaggedObjectsAtAnyDepth()
+{
+    Viewer viewer;
+    const auto tagged = [](const char *type) {
+        auto *object = new tzHObject(QLatin1String(type));
+        object->setMetaData(QStringLiteral("tzLumivertType"), QLatin1String(type));
+        return object;
+    };
+    tzHObject *pair = tagged("PointPair");
+    tzHObject *lineation = tagged("Lineation");
+    tzHObject *other = tagged("imageFrustum");
+    auto *plain = new tzHObject(QStringLiteral("plain"));
+    // A tagged object below an untagged one, and one below a tagged one.
+    plain->addChild(pair);
+    pair->addChild(lineation);
+    plain->addChild(other);
+    viewer.window.addToDatabase(plain);
+    QVERIFY(QMetaObject::invokeMethod(viewer.plugin, "toggleLabels", Q_ARG(bool, true)));
+    QVERIFY(pair->nameShownIn3D());
+    QVERIFY(lineation->nameShownIn3D());
+    QVERIFY(!other->nameShownIn3D());
+    QVERIFY(!plain->nameShownIn3D());
+    QVERIFY(QMetaObject::invokeMethod(viewer.plugin, "recurseLabels", Q_ARG(tzHObject *, plain),
+                                      Q_ARG(bool, false)));
+    QVERIFY(!pair->nameShownIn3D());
+    QVERIFY(!lineation->nameShownIn3D());
 }
 
 void TestLumivert::settingsFirstRun()
@@ -448,6 +654,28 @@ void TestLumivert::settingsStoredValues()
     QCOMPARE(viewer.state("accuaryZLabel").toInt(), 0);
 }
 
+void TestLumivert::settingsMarkersKeepTheMembers()
+{
+    // A stored 1 (point size) or 2 (decimals) reads as "unset": the members keep their values and
+    // are written back, even when they differ from the marker.
+    Viewer viewer;
+    viewer.start();
+    viewer.click("aboutLabelButton");
+    viewer.window.findChild<QSpinBox *>(QStringLiteral("ValuePointSizeCloud"))->setValue(4);
+    viewer.window.findChild<QSpinBox *>(QStringLiteral("ValueAccuaryZLabel"))->setValue(3);
+    QTest::mouseClick(viewer.window.findChild<QPushButton *>(QStringLiteral("setInteriorButton")),
+                      Qt::LeftButton);
+    viewer.click("closeButton");
+    store()->setValue(QStringLiteral("pointSizeCloud"), 1u);
+    store()->setValue(QStringLiteral("accuaryZLabel"), 2);
+    viewer.start();
+    QCOMPARE(viewer.state("pointSizeCloud").toUInt(), 4u);
+    QCOMPARE(viewer.state("accuaryZLabel").toInt(), 3);
+    QCOMPARE(store()->value(QStringLiteral("pointSizeCloud")).toUInt(), 4u);
+    QCOMPARE(store()->value(QStringLiteral("accuaryZLabel")).toInt(), 3);
+    QCOMPARE(viewer.window.activeView()->getPointSize(), 4.f);
+}
+
 void TestLumivert::optionsFormRoundTrip()
 {
     Viewer viewer; // first run: point size and decimals come back 0
@@ -470,13 +698,35 @@ void TestLumivert::optionsFormRoundTrip()
     QCOMPARE(decimals->value(), 1);
     QCOMPARE(spheres->text(), QLocale().toString(0.8, 'f', 2));
     QCOMPARE(lowest->text(), QLocale().toString(0.1, 'f', 2));
+    auto *move = viewer.window.findChild<QDoubleSpinBox *>(QStringLiteral("ValueAccuaryMovePoint"));
+    auto *in2D = viewer.window.findChild<QCheckBox *>(QStringLiteral("ValueDisplayIn2D"));
     lowest->setValue(0.256); // two decimals: kept as 0.26
     spheres->setValue(1.25);
     pointSize->setValue(4);
+    move->setValue(0.35);
+    in2D->setChecked(true);
+    // The options button opens the form and does not stay pressed.
+    QVERIFY(!viewer.button("aboutLabelButton")->isCheckable());
     QTest::mouseClick(viewer.window.findChild<QPushButton *>(QStringLiteral("setInteriorButton")),
                       Qt::LeftButton);
     QVERIFY(!form->isVisible());
+    QVERIFY(!viewer.button("aboutLabelButton")->isDown());
+    QVERIFY(!viewer.button("aboutLabelButton")->isChecked());
     auto s = store();
+    QCOMPARE(s->value(QStringLiteral("accuaryMovePoint")).toDouble(), 0.35);
+    QCOMPARE(s->value(QStringLiteral("displayIn2D")).toBool(), true);
+    QCOMPARE(viewer.state("accuaryMovePoint").toDouble(), 0.35);
+    QVERIFY(viewer.state("displayIn2D").toBool());
+    // The stored types show in the file's text: the sphere size as a float (a typed variant of
+    // type 135), the rest as plain numbers and a boolean.
+    s->sync();
+    QFile file(s->fileName());
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray text = file.readAll();
+    for (const char *line :
+         {"sizeSpheres=@Variant(\\0\\0\\0\\x87", "displayIn2D=true\n", "pointSizeCloud=4\n",
+          "accuaryZLabel=1\n", "accuaryMovePoint=0.35\n", "accuaryLowestPoint=0.26\n"})
+        QVERIFY2(text.contains(line), text.constData());
     QCOMPARE(s->value(QStringLiteral("pointSizeCloud")).toUInt(), 4u);
     QCOMPARE(s->value(QStringLiteral("accuaryZLabel")).toInt(), 1);
     QCOMPARE(s->value(QStringLiteral("accuaryLowestPoint")).toDouble(), 0.26);
@@ -510,6 +760,44 @@ void TestLumivert::quittingDuringARunIsClean()
     viewer->click("pointPropertiesButton");
     viewer->click("aboutLabelButton");
     viewer.reset(); // the viewer stops and unloads the plug-in, then goes: no crash, no leak
+}
+
+void TestLumivert::toolBarOutlivesThePluginObject()
+{
+    // The tool bar is the plug-in's class, handed to the main window at stop: the library
+    // must stay while it exists.
+    Viewer viewer;
+    viewer.start();
+    QPointer<tzOverlayDialog> bar = viewer.toolBar();
+    viewer.window.pluginManager()->unloadAll();
+    QVERIFY(bar);
+    QCOMPARE(bar->metaObject()->className(), "qLumivertDlg");
+    bar->show();
+    bar->hide();
+    delete bar.data();
+}
+
+void TestLumivert::destroyedPluginLeavesTheHubAndANewOneIsMade()
+{
+    tzMainWindow window(Viewer::options());
+    window.show();
+    window.addToDatabase(cloudNamed("c", true));
+    QPluginLoader loader(QStringLiteral(LUMIVERT_PLUGIN));
+    QPointer<QObject> first = loader.instance();
+    QVERIFY(first);
+    auto *plugin = qobject_cast<tzStdPluginInterface *>(first);
+    plugin->setAppInterface(&window);
+    QVERIFY(QMetaObject::invokeMethod(first, "doAction"));
+    QTest::mouseClick(window.findChild<QToolButton *>(QStringLiteral("pointPropertiesButton")),
+                      Qt::LeftButton);
+    QCOMPARE(window.pickingHub()->listenerCount(), std::size_t(1));
+    delete first.data(); // without stop: the object itself must leave the hub
+    QCOMPARE(window.pickingHub()->listenerCount(), std::size_t(0));
+    QObject *second = loader.instance();
+    QVERIFY(second);
+    QVERIFY(second->inherits("tzLumivert"));
+    QCOMPARE(second->property("listening").toBool(), false);
+    delete second;
 }
 
 QTEST_MAIN(TestLumivert)

@@ -1,5 +1,5 @@
-// The plug-in's forms as built: object names, geometry, texts and tips, and the help window
-// with and without its page.
+// The plug-in's forms as built: the tool bar's pictures and window, the options fields, and the
+// help window with and without its page.
 
 #include "qLumivertDlg.h"
 #include "tzAboutDlg.h"
@@ -25,120 +25,64 @@ private slots:
 void TestLumivertDialogs::toolBarForm_data()
 {
     QTest::addColumn<QString>("name");
-    QTest::addColumn<QRect>("geometry");
     QTest::addColumn<QString>("icon");
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("tip");
-    QTest::newRow("simple sight") << "pointPropertiesButton" << QRect(3, 4, 32, 31) << "Cible.png"
-                                  << ""
-                                  << "Créer une visée";
-    QTest::newRow("lowest point") << "pointPropertiesPointButton" << QRect(41, 4, 32, 31)
-                                  << "Zbas.png"
-                                  << ""
-                                  << "Créer une visée sur le points le plus bas";
-    QTest::newRow("distance") << "pointPointDistanceButton" << QRect(79, 4, 32, 31)
-                              << "smallPointDistance25.png"
-                              << "..."
-                              << "Distance entre 2 points";
-    QTest::newRow("photos") << "optionCameraButton" << QRect(117, 4, 32, 31) << "cameraOn.png"
-                            << "..."
-                            << "Active/Desactive Photos";
-    QTest::newRow("directions") << "normalCameraButton" << QRect(155, 4, 32, 31)
-                                << "cameraAngleOff.png"
-                                << "..."
-                                << "Active/Desactive directions photos";
-    QTest::newRow("options") << "aboutLabelButton" << QRect(193, 4, 32, 31) << "gearIcon.png"
-                             << "..."
-                             << "Option";
-    QTest::newRow("close") << "closeButton" << QRect(231, 4, 32, 31) << "smallCancel25.png"
-                           << "..."
-                           << "Fermer";
-    QTest::newRow("link") << "EtatConnection" << QRect(230, 40, 32, 31) << "ConnecteOff.png"
-                          << ""
-                          << "Etat de la connexion avec Mensurix";
+    QTest::newRow("simple sight") << "pointPropertiesButton"
+                                  << "Cible.png";
+    QTest::newRow("lowest point") << "pointPropertiesPointButton"
+                                  << "Zbas.png";
+    QTest::newRow("distance") << "pointPointDistanceButton"
+                              << "smallPointDistance25.png";
+    QTest::newRow("photos") << "optionCameraButton"
+                            << "cameraOn.png";
+    QTest::newRow("directions") << "normalCameraButton"
+                                << "cameraAngleOff.png";
+    QTest::newRow("options") << "aboutLabelButton"
+                             << "gearIcon.png";
+    QTest::newRow("close") << "closeButton"
+                           << "smallCancel25.png";
+    QTest::newRow("link") << "EtatConnection"
+                          << "ConnecteOff.png";
 }
 
 void TestLumivertDialogs::toolBarForm()
 {
+    // Every button shows its picture from the resources (a renamed or missing icon would leave
+    // an empty or a text button).
     QFETCH(QString, name);
-    QFETCH(QRect, geometry);
     QFETCH(QString, icon);
-    QFETCH(QString, text);
-    QFETCH(QString, tip);
     qLumivertDlg dialog;
     auto *button = dialog.findChild<QToolButton *>(name);
     QVERIFY(button);
-    QCOMPARE(button->geometry(), geometry);
-    QCOMPARE(button->text(), text);
-    QCOMPARE(button->toolTip(), tip);
-    QCOMPARE(button->statusTip(), tip);
-    QCOMPARE(button->iconSize(), QSize(32, 31));
-    QCOMPARE(button->toolButtonStyle(), Qt::ToolButtonIconOnly); // "..." buttons show their icon
+    QCOMPARE(button->toolButtonStyle(), Qt::ToolButtonIconOnly);
     const QImage expected
         = QPixmap(QStringLiteral(":/TZ/plugin/qLumivert/images/") + icon).toImage();
     QVERIFY(!expected.isNull());
-    QCOMPARE(expected.size(), QSize(32, 31));
-    QCOMPARE(button->icon().pixmap(32, 31).toImage().convertToFormat(expected.format()), expected);
+    QCOMPARE(button->icon().pixmap(expected.size()).toImage().convertToFormat(expected.format()),
+             expected);
 }
 
 void TestLumivertDialogs::toolBarWindow()
 {
+    // An overlay over the view: a frameless tool window that follows the mouse.
     qLumivertDlg dialog;
-    QCOMPARE(dialog.objectName(), QStringLiteral("LumivertDlg"));
-    QCOMPARE(dialog.windowTitle(), QStringLiteral("Points"));
-    QCOMPARE(dialog.size(), QSize(269, 75));
     QVERIFY(dialog.windowFlags().testFlag(Qt::Tool));
     QVERIFY(dialog.windowFlags().testFlag(Qt::FramelessWindowHint));
     QVERIFY(dialog.testAttribute(Qt::WA_MouseTracking));
-    QCOMPARE(dialog.SimpleAjoutZButton->text(), QStringLiteral("Modifier Z precedent"));
-    QCOMPARE(dialog.SimpleAjoutZButton->geometry(), QRect(10, 40, 122, 17));
-    QVERIFY(dialog.pointPointDistanceButton->whatsThis().isEmpty());
     // The owner makes the buttons checkable; the form does not.
     QVERIFY(!dialog.pointPropertiesButton->isCheckable());
 }
 
 void TestLumivertDialogs::optionsForm()
 {
+    // The six fields in the order of the settings they edit, and an OK button that Enter in a
+    // field does not press by itself.
     tzAboutDlg form;
-    QCOMPARE(form.objectName(), QStringLiteral("AboutDlg"));
-    QCOMPARE(form.windowTitle(), QStringLiteral("Dialog"));
-    QCOMPARE(form.size(), QSize(273, 291));
-    QCOMPARE(form.Titre->text(), QStringLiteral("Interface Mensurix"));
-    QCOMPARE(form.Titre->font().pointSize(), 12);
-    QCOMPARE(int(form.Titre->alignment()), 132);
-    QCOMPARE(form.VERSION->text(), QStringLiteral("%d"));
-    QCOMPARE(form.COMPANYNAME->text(), QStringLiteral("Nom de la société :"));
-    QCOMPARE(form.TitreOption->text(), QStringLiteral("Option Paramétrable:"));
+    QWidget *fields[]
+        = {form.ValueAccuaryLowestPoint, form.ValueAccuaryMovePoint, form.ValuePointSizeCloud,
+           form.ValueDisplayIn2D,        form.ValueAccuaryZLabel,    form.ValueSizeBoulePhoto};
     QCOMPARE(form.formLayout->rowCount(), 6);
-    const char *labels[] = {"Précision du point le plus bas trouvé",
-                            "Précision du point indiqué par le label",
-                            "Definir la taille des points du cloud",
-                            "Toujours afficher les Labels",
-                            "Nombre de chiffres après la virgule dans le Label",
-                            "Taille des sphères de photo"};
-    for (int row = 0; row < 6; ++row) {
-        auto *label = qobject_cast<QLabel *>(
-            form.formLayout->itemAt(row, QFormLayout::LabelRole)->widget());
-        QVERIFY(label);
-        QCOMPARE(label->text(), QString::fromUtf8(labels[row]));
-    }
-    QCOMPARE(form.formLayout->itemAt(5, QFormLayout::FieldRole)->widget(),
-             form.ValueSizeBoulePhoto);
-    QCOMPARE(form.ValuePointSizeCloud->minimum(), 1);
-    QCOMPARE(form.ValuePointSizeCloud->maximum(), 12);
-    QCOMPARE(form.ValueAccuaryZLabel->minimum(), 1);
-    QCOMPARE(form.ValueAccuaryZLabel->maximum(), 10);
-    QCOMPARE(form.ValueAccuaryZLabel->value(), 2);
-    QCOMPARE(form.ValueDisplayIn2D->text(), QStringLiteral("Oui"));
-    // The double spin boxes keep the toolkit's defaults: two decimals, below 100.
-    for (QDoubleSpinBox *box :
-         {form.ValueAccuaryLowestPoint, form.ValueAccuaryMovePoint, form.ValueSizeBoulePhoto}) {
-        QCOMPARE(box->decimals(), 2);
-        QCOMPARE(box->maximum(), 99.99);
-    }
-    QCOMPARE(form.setInteriorButton->text(), QStringLiteral("OK"));
-    QVERIFY(form.setInteriorButton->isCheckable());
-    QVERIFY(!form.setInteriorButton->isChecked());
+    for (int row = 0; row < 6; ++row)
+        QCOMPARE(form.formLayout->itemAt(row, QFormLayout::FieldRole)->widget(), fields[row]);
     QVERIFY(!form.setInteriorButton->autoDefault());
     QVERIFY(!form.setInteriorButton->isDefault());
 }
@@ -146,8 +90,6 @@ void TestLumivertDialogs::optionsForm()
 void TestLumivertDialogs::helpWindow()
 {
     tzLumivertInfo help;
-    QCOMPARE(help.size(), QSize(800, 600));
-    QCOMPARE(help.minimumSize(), QSize(800, 600));
     QVERIFY(help.textView()->isReadOnly());
     const QString text = help.textView()->toPlainText();
     for (const char *topic :
@@ -167,7 +109,6 @@ void TestLumivertDialogs::helpWindowWithoutItsPage()
     tzLumivertInfo help;
     QCOMPARE(help.textView()->toPlainText(),
              QStringLiteral("Error loading documentation file...."));
-    QCOMPARE(help.size(), QSize(800, 600));
     Q_INIT_RESOURCE(qLumivert);
 }
 
