@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     const QByteArray bytes(reinterpret_cast<const char *>(data + 1), int(size - 1));
     QString error;
-    switch (data[0] % 4) {
+    switch (data[0] % 6) {
     case 0: {
         QBuffer buffer;
         buffer.setData(bytes);
@@ -38,8 +38,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     case 2:
         delete tzCloudFile::loadFromMemory(bytes, "las", "fuzz.las", error);
         break;
+    case 3:
+        delete tzCloudFile::loadFromMemory(bytes, "pcd", "fuzz.pcd", error);
+        break;
+    case 4:
+        delete tzCloudFile::loadFromMemory(bytes, "pts", "fuzz.pts", error);
+        break;
     default:
-        delete tzCloudFile::loadFromMemory(bytes, "xyz", "fuzz.xyz", error);
+        delete tzCloudFile::loadFromMemory(bytes, "csv", "fuzz.csv", error);
         break;
     }
     return 0;

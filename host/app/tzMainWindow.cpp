@@ -109,7 +109,8 @@ void tzMainWindow::createMenus()
         const QString folder = settings.value(QStringLiteral("currentPath")).toString();
         const QStringList paths = QFileDialog::getOpenFileNames(
             this, tr("Open point clouds"), folder,
-            tr("Point clouds (*.ply *.las *.xyz *.txt *.asc *.pts *.csv);;All files (*)"));
+            tr("Point clouds (*.ply *.las *.pcd *.xyz *.txt *.asc *.pts *.csv *.xyzrgb *.xyzn);;"
+               "All files (*)"));
         openFiles(paths);
     });
     open->setShortcut(QKeySequence::Open);

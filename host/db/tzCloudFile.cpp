@@ -1,4 +1,5 @@
 #include "tzCloudFile.h"
+#include "tzCloudFile_p.h"
 
 #include "tzPointCloud.h"
 
@@ -16,114 +17,7 @@ namespace tzCloudFile {
 
 namespace {
 
-//! Raised inside the readers; turned into the error text at the top. Never leaves this file.
-struct ReadFailure
-{
-    QString reason;
-};
-struct Cancelled
-{
-};
-
-[[noreturn]] void failWith(const QString &reason)
-{
-    throw ReadFailure{reason};
-}
-
-struct Bytes
-{
-    const uchar *data = nullptr;
-    size_t size = 0;
-};
-
-// Collects the points, deciding the global shift on the first one (or from a header box).
-class CloudBuilder
-{
-public:
-    explicit CloudBuilder(const LoadOptions &options)
-        : m_options(options)
-    {
-    }
-
-    void reserve(size_t n, bool colors)
-    {
-        try {
-            m_points.reserve(n);
-            if (colors)
-                m_colors.reserve(n);
-        } catch (const std::bad_alloc &) {
-            failWith(QStringLiteral("not enough memory for %1 points").arg(n));
-        }
-    }
-    void decideShift(const TZVector3d &reference)
-    {
-        m_shiftDecided = true;
-        if (!needsShift(reference))
-            return;
-        m_shift = suggestShift(reference);
-        if (m_options.confirmShift && !m_options.confirmShift(m_shift))
-            throw Cancelled{};
-    }
-    void add(double x, double y, double z)
-    {
-        if (!m_shiftDecided)
-            decideShift({x, y, z});
-        m_points.push_back({float(x + m_shift.x), float(y + m_shift.y), float(z + m_shift.z)});
-    }
-    void addColor(tzRgb c) { m_colors.push_back(c); }
-    void progress(size_t done, size_t total)
-    {
-        if (m_options.progress && total > 0 && !m_options.progress(int(done * 100 / total)))
-            throw Cancelled{};
-    }
-    size_t count() const { return m_points.size(); }
-
-    tzPointCloud *finish(const QString &name)
-    {
-        auto cloud = std::make_unique<tzPointCloud>(name);
-        const bool withColors = !m_colors.empty();
-        if (withColors && m_colors.size() != m_points.size())
-            failWith(QStringLiteral("colours for %1 of %2 points").arg(m_colors.size()).arg(m_points.size()));
-        cloud->setPoints(std::move(m_points));
-        if (withColors)
-            cloud->setColors(std::move(m_colors));
-        cloud->setGlobalShift(m_shift);
-        return cloud.release();
-    }
-
-private:
-    const LoadOptions &m_options;
-    std::vector<TZVector3> m_points;
-    std::vector<tzRgb> m_colors;
-    TZVector3d m_shift;
-    bool m_shiftDecided = false;
-};
-
-quint8 clampColor(double v)
-{
-    return quint8(std::lround(std::min(255.0, std::max(0.0, v))));
-}
-
-// ---------------------------------------------------------------- text helpers
-
-const char *skipBlanks(const char *p, const char *end)
-{
-    while (p < end && (*p == ' ' || *p == '\t' || *p == ',' || *p == ';' || *p == '\r'))
-        ++p;
-    return p;
-}
-
-// Reads a number at p; returns the position after it, or null when there is none.
-const char *parseNumber(const char *p, const char *end, double &value)
-{
-    p = skipBlanks(p, end);
-    if (p < end && *p == '+')
-        ++p;
-    const auto result = std::from_chars(p, end, value);
-    if (result.ec != std::errc() || result.ptr == p)
-        return nullptr;
-    return result.ptr;
-}
+using namespace detail;
 
 // ---------------------------------------------------------------- PLY
 
@@ -516,60 +410,6 @@ tzPointCloud *readLas(const Bytes &in, const QString &name, const LoadOptions &o
     return builder.finish(name);
 }
 
-// ---------------------------------------------------------------- XYZ
-
-tzPointCloud *readXyz(const Bytes &in, const QString &name, const LoadOptions &options)
-{
-    const char *p = reinterpret_cast<const char *>(in.data);
-    const char *end = p + in.size;
-    CloudBuilder builder(options);
-    // About 30 bytes a line: reserve once, without holding far more than needed.
-    builder.reserve(in.size / 24 + 1, false);
-    int columns = 0; // 3, or 6 with colours; decided by the first data line
-    size_t lineNumber = 0;
-    while (p < end) {
-        ++lineNumber;
-        const char *eol = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
-        const char *stop = eol ? eol : end;
-        const char *q = skipBlanks(p, stop);
-        const char *lineStart = p;
-        p = eol ? eol + 1 : end;
-        if (q == stop || *q == '#' || (stop - q >= 2 && q[0] == '/' && q[1] == '/'))
-            continue;
-        double v[6];
-        int found = 0;
-        for (; found < 6; ++found) {
-            const char *r = parseNumber(q, stop, v[found]);
-            if (!r)
-                break;
-            q = r;
-        }
-        if (columns == 0) {
-            if (found < 3) {
-                if (builder.count() == 0 && lineNumber == 1)
-                    continue; // a header line of column names
-                failWith(QStringLiteral("line %1: expected at least 3 numbers, got '%2'")
-                             .arg(lineNumber)
-                             .arg(QString::fromUtf8(lineStart, int(std::min<ptrdiff_t>(stop - lineStart, 80))).trimmed()));
-            }
-            columns = found >= 6 ? 6 : 3;
-        }
-        if (found < columns)
-            failWith(QStringLiteral("line %1: expected %2 numbers, got '%3'")
-                         .arg(lineNumber)
-                         .arg(columns)
-                         .arg(QString::fromUtf8(lineStart, int(std::min<ptrdiff_t>(stop - lineStart, 80))).trimmed()));
-        builder.add(v[0], v[1], v[2]);
-        if (columns == 6)
-            builder.addColor({clampColor(v[3]), clampColor(v[4]), clampColor(v[5])});
-        if ((lineNumber & 0xfffff) == 0)
-            builder.progress(size_t(p - reinterpret_cast<const char *>(in.data)), in.size);
-    }
-    if (builder.count() == 0)
-        failWith(QStringLiteral("no point in the file"));
-    return builder.finish(name);
-}
-
 tzPointCloud *readAny(const Bytes &bytes, const QString &format, const QString &name, QString &errorText,
                       const LoadOptions &options)
 {
@@ -578,8 +418,10 @@ tzPointCloud *readAny(const Bytes &bytes, const QString &format, const QString &
             return readPly(bytes, name, options);
         if (format == QLatin1String("las"))
             return readLas(bytes, name, options);
-        if (format == QLatin1String("xyz"))
-            return readXyz(bytes, name, options);
+        if (format == QLatin1String("pcd"))
+            return readPcd(bytes, name, options);
+        if (textKinds().contains(format))
+            return readText(bytes, name, format, options);
         errorText = QStringLiteral("'%1': unknown cloud format '%2'").arg(name, format);
     } catch (const ReadFailure &failure) {
         errorText = QStringLiteral("'%1': %2").arg(name, failure.reason);
@@ -592,6 +434,15 @@ tzPointCloud *readAny(const Bytes &bytes, const QString &format, const QString &
 }
 
 } // namespace
+
+const QStringList &textKinds()
+{
+    static const QStringList kinds {QStringLiteral("xyz"),    QStringLiteral("txt"),
+                                    QStringLiteral("asc"),    QStringLiteral("pts"),
+                                    QStringLiteral("csv"),    QStringLiteral("xyzrgb"),
+                                    QStringLiteral("xyzn")};
+    return kinds;
+}
 
 bool needsShift(const TZVector3d &p)
 {
@@ -625,8 +476,8 @@ tzPointCloud *load(const QString &path, QString &errorText, const LoadOptions &o
         format = QStringLiteral("ply");
     else if (suffix == QLatin1String("las"))
         format = QStringLiteral("las");
-    else if (QStringList{"xyz", "txt", "asc", "pts", "csv"}.contains(suffix))
-        format = QStringLiteral("xyz");
+    else if (suffix == QLatin1String("pcd") || textKinds().contains(suffix))
+        format = suffix;
     else {
         errorText = QStringLiteral("'%1': unknown cloud file extension '.%2'").arg(path, suffix);
         return nullptr;

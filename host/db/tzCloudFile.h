@@ -12,6 +12,7 @@
 #include "qtz_db_global.h"
 
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 
@@ -35,9 +36,13 @@ constexpr double MAX_UNSHIFTED_COORDINATE = 1.0e4;
 QTZ_DB_LIB_API bool needsShift(const TZVector3d &p);
 QTZ_DB_LIB_API TZVector3d suggestShift(const TZVector3d &p);
 
-//! Reads the file by its extension (.ply, .las, .xyz, .txt, .asc, .pts, .csv).
-QTZ_DB_LIB_API tzPointCloud *load(const QString &path, QString &errorText, const LoadOptions &options = {});
-//! Reads a file's bytes of the given format ("ply", "las" or "xyz"); name is used in messages.
+//! The extensions of the clouds in text files: xyz, txt, asc, pts, csv, xyzrgb, xyzn.
+QTZ_DB_LIB_API const QStringList &textKinds();
+//! Reads the file by its extension (.ply, .las, .pcd, or one of the text kinds).
+QTZ_DB_LIB_API tzPointCloud *load(const QString &path, QString &errorText,
+                                  const LoadOptions &options = {});
+//! Reads a file's bytes of the given format ("ply", "las", "pcd", or a text kind such as "xyz"
+//! or "pts"); name is used in messages.
 QTZ_DB_LIB_API tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format,
                                             const QString &name, QString &errorText,
                                             const LoadOptions &options = {});

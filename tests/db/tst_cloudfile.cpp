@@ -1,6 +1,9 @@
 #include "tzCloudFile.h"
 #include "tzPointCloud.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QtEndian>
 #include <QtTest>
@@ -17,8 +20,7 @@ QByteArray plyHeader(const char *format, int count, const char *props)
         + QByteArray::number(count) + "\n" + props + "end_header\n";
 }
 
-template<typename T>
-void append(QByteArray &out, T v, bool bigEndian = false)
+template<typename T> void append(QByteArray &out, T v, bool bigEndian = false)
 {
     if (bigEndian)
         v = qToBigEndian(v);
@@ -77,6 +79,8 @@ private slots:
     void shiftCanBeChangedOrRefused();
     void loadByExtensionNamesTheFile();
     void cancelLeavesNoCloud();
+    void filesWrittenByAnotherProgram_data();
+    void filesWrittenByAnotherProgram();
 };
 
 void TestCloudFile::goodFiles_data()
@@ -89,19 +93,23 @@ void TestCloudFile::goodFiles_data()
 
     QTest::newRow("ply ascii with colours")
         << "ply"
-        << plyHeader("ascii", 2, "property float x\nproperty float y\nproperty float z\nproperty uchar red\n"
-                                 "property uchar green\nproperty uchar blue\n")
+        << plyHeader("ascii", 2,
+                     "property float x\nproperty float y\nproperty float z\nproperty uchar red\n"
+                     "property uchar green\nproperty uchar blue\n")
             + "1 2 3 10 20 30\n4.5 5.5 -6.5 40 50 60\n"
         << TZVector3d(4.5, 5.5, -6.5) << true << 40;
     {
-        QByteArray b = plyHeader("binary_little_endian", 2, "property double x\nproperty double y\nproperty double z\n");
+        QByteArray b = plyHeader("binary_little_endian", 2,
+                                 "property double x\nproperty double y\nproperty double z\n");
         for (double v : {1.0, 2.0, 3.0, 650000.125, 6860000.5, 101.25})
             append(b, v);
-        QTest::newRow("ply binary LE doubles") << "ply" << b << TZVector3d(650000.125, 6860000.5, 101.25) << false << 0;
+        QTest::newRow("ply binary LE doubles")
+            << "ply" << b << TZVector3d(650000.125, 6860000.5, 101.25) << false << 0;
     }
     {
-        QByteArray b = plyHeader("binary_big_endian", 1, "property float x\nproperty float y\nproperty float z\n"
-                                                         "property uchar red\nproperty uchar green\nproperty uchar blue\n");
+        QByteArray b = plyHeader("binary_big_endian", 1,
+                                 "property float x\nproperty float y\nproperty float z\n"
+                                 "property uchar red\nproperty uchar green\nproperty uchar blue\n");
         for (float v : {7.f, 8.f, 9.f})
             append(b, v, true);
         b.append("\x01\x02\x03", 3);
@@ -110,26 +118,84 @@ void TestCloudFile::goodFiles_data()
     {
         // A face element before the vertices (fixed size) is skipped.
         QByteArray b = "ply\nformat binary_little_endian 1.0\nelement camera 1\nproperty int id\n"
-                       "element vertex 1\nproperty float x\nproperty float y\nproperty float z\nend_header\n";
+                       "element vertex 1\nproperty float x\nproperty float y\nproperty float "
+                       "z\nend_header\n";
         append(b, qint32(42));
         for (float v : {1.f, 1.f, 1.f})
             append(b, v);
-        QTest::newRow("ply element before vertices") << "ply" << b << TZVector3d(1, 1, 1) << false << 0;
+        QTest::newRow("ply element before vertices")
+            << "ply" << b << TZVector3d(1, 1, 1) << false << 0;
     }
-    QTest::newRow("las 1.2 format 0") << "las" << makeLas(2, 0, {{1000, 2000, 3000}, {1500, 2500, 3500}})
-                                      << TZVector3d(650001.5, 6860002.5, 3.5) << false << 0;
+    QTest::newRow("las 1.2 format 0")
+        << "las" << makeLas(2, 0, {{1000, 2000, 3000}, {1500, 2500, 3500}})
+        << TZVector3d(650001.5, 6860002.5, 3.5) << false << 0;
     QTest::newRow("las 1.2 format 3, 16-bit colours")
         << "las" << makeLas(2, 3, {{0, 0, 0}, {1, 1, 1}}, {{0, 0, 0}, {65535, 256, 0}})
         << TZVector3d(650000.001, 6860000.001, 0.001) << true << 255;
     QTest::newRow("las 1.3 format 2, 8-bit colours")
-        << "las" << makeLas(3, 2, {{0, 0, 0}}, {{200, 100, 50}}) << TZVector3d(650000, 6860000, 0) << true << 200;
+        << "las" << makeLas(3, 2, {{0, 0, 0}}, {{200, 100, 50}}) << TZVector3d(650000, 6860000, 0)
+        << true << 200;
     QTest::newRow("las 1.4 format 7") << "las" << makeLas(4, 7, {{5, 6, 7}}, {{512, 0, 0}})
                                       << TZVector3d(650000.005, 6860000.006, 0.007) << true << 2;
-    QTest::newRow("las 1.4 format 6") << "las" << makeLas(4, 6, {{5, 6, 7}}) << TZVector3d(650000.005, 6860000.006, 0.007)
-                                      << false << 0;
-    QTest::newRow("xyz with header and colours") << "xyz" << QByteArray("X Y Z R G B\n1,2,3,4,5,6\n\n# note\n7;8;9;10;11;12\n")
-                                                 << TZVector3d(7, 8, 9) << true << 10;
-    QTest::newRow("xyz plain") << "xyz" << QByteArray("1 2 3\r\n4 5 6\r\n") << TZVector3d(4, 5, 6) << false << 0;
+    QTest::newRow("las 1.4 format 6") << "las" << makeLas(4, 6, {{5, 6, 7}})
+                                      << TZVector3d(650000.005, 6860000.006, 0.007) << false << 0;
+    QTest::newRow("xyz with header and colours")
+        << "xyz" << QByteArray("X Y Z R G B\n1,2,3,4,5,6\n\n# note\n7;8;9;10;11;12\n")
+        << TZVector3d(7, 8, 9) << true << 10;
+    QTest::newRow("xyz plain") << "xyz" << QByteArray("1 2 3\r\n4 5 6\r\n") << TZVector3d(4, 5, 6)
+                               << false << 0;
+    QTest::newRow("xyz tabs") << "xyz" << QByteArray("1\t2\t3\n4\t5\t6\n") << TZVector3d(4, 5, 6)
+                              << false << 0;
+    // x y z intensity r g b after a count line: the colours are the last three columns.
+    QTest::newRow("pts with intensity and colours")
+        << "pts" << QByteArray("2\n1 2 3 -1200 10 20 30\n4 5 6 350 40 50 60\n")
+        << TZVector3d(4, 5, 6) << true << 40;
+    QTest::newRow("pts intensity only")
+        << "pts" << QByteArray("2\n1 2 3 0.5\n4 5 6 0.25\n") << TZVector3d(4, 5, 6) << false << 0;
+    QTest::newRow("colours as fractions")
+        << "xyz" << QByteArray("1 2 3 0.5 0.25 0.75\n4 5 6 1.0 0 0.2\n") << TZVector3d(4, 5, 6)
+        << true << 255;
+    QTest::newRow("colours as integers that stay below 2")
+        << "xyz" << QByteArray("1 2 3 1 0 0\n4 5 6 1 1 0\n") << TZVector3d(4, 5, 6) << true << 1;
+    QTest::newRow("xyzrgb: 0 and 1 are fractions")
+        << "xyzrgb" << QByteArray("1 2 3 1 0 0\n") << TZVector3d(1, 2, 3) << true << 255;
+    QTest::newRow("header says fractions") << "txt" << QByteArray("//X Y Z Rf Gf Bf\n1 2 3 1 0 0\n")
+                                           << TZVector3d(1, 2, 3) << true << 255;
+    QTest::newRow("csv header, columns by name")
+        << "csv" << QByteArray("id,blue,x,green,y,red,z\n1,30,1.5,20,2.5,10,3.5\n")
+        << TZVector3d(1.5, 2.5, 3.5) << true << 10;
+    QTest::newRow("semicolons, decimal commas, northing first, a text column")
+        << "csv"
+        << QByteArray("Point;Northing;Easting;Elevation;Code\n1;6862345,25;652345,5;123,75;TREE\n")
+        << TZVector3d(652345.5, 6862345.25, 123.75) << false << 0;
+    QTest::newRow("xyzn: normals are not colours")
+        << "xyzn" << QByteArray("1 2 3 0 0 1\n") << TZVector3d(1, 2, 3) << false << 0;
+    QTest::newRow("points without finite coordinates are skipped")
+        << "xyz" << QByteArray("1 2 3\n4 5 6\nnan nan nan\n") << TZVector3d(4, 5, 6) << false << 0;
+    QTest::newRow("pcd ascii, colour as float bits")
+        << "pcd"
+        << QByteArray("# .PCD v0.7\nVERSION 0.7\nFIELDS x y z rgb\nSIZE 4 4 4 4\nTYPE F F F "
+                      "F\nCOUNT 1 1 1 1\n"
+                      "WIDTH 2\nHEIGHT 1\nVIEWPOINT 0 0 0 1 0 0 0\nPOINTS 2\nDATA ascii\n"
+                      "1 2 3 9.25571649e-40\n4 5 6 2.34180515e-38\n")
+        << TZVector3d(4, 5, 6) << true << 255;
+    {
+        // Doubles, a padding field of 4 values, the colour as an unsigned integer, and an
+        // organised cloud's NaN point.
+        QByteArray b(
+            "VERSION .7\nFIELDS x y z _ rgb\nSIZE 8 8 8 1 4\nTYPE F F F U U\nCOUNT 1 1 1 4 1\n"
+            "WIDTH 1\nHEIGHT 2\nDATA binary\n");
+        for (double v : {650000.25, 6860000.5, 12.0})
+            append(b, v);
+        b.append("pad!", 4);
+        append(b, quint32(0x000a141e));
+        for (double v : {std::nan(""), 0.0, 0.0})
+            append(b, v);
+        b.append("pad!", 4);
+        append(b, quint32(0));
+        QTest::newRow("pcd binary, doubles, padding, a NaN point")
+            << "pcd" << b << TZVector3d(650000.25, 6860000.5, 12) << true << 10;
+    }
 }
 
 void TestCloudFile::goodFiles()
@@ -144,7 +210,8 @@ void TestCloudFile::goodFiles()
     QVERIFY2(cloud, qPrintable(error));
     const TZVector3d global = cloud->toGlobal3d(*cloud->getPoint(cloud->size() - 1));
     for (int d = 0; d < 3; ++d)
-        QVERIFY2(std::abs(global[d] - lastPoint[d]) < 1e-3, qPrintable(QString::number(global[d], 'f', 4)));
+        QVERIFY2(std::abs(global[d] - lastPoint[d]) < 1e-3,
+                 qPrintable(QString::number(global[d], 'f', 4)));
     QCOMPARE(cloud->hasColors(), colors);
     if (colors)
         QCOMPARE(int(cloud->getPointColor(cloud->size() - 1).r), lastRed);
@@ -159,22 +226,29 @@ void TestCloudFile::brokenFiles_data()
     QTest::newRow("ply: not ply") << "ply" << QByteArray("hello\n") << "not a PLY file";
     QTest::newRow("ply: middle endian") << "ply" << plyHeader("binary_middle_endian", 1, xyzProps)
                                         << "unrecognized PLY format 'binary_middle_endian'";
-    QTest::newRow("ply: no end_header") << "ply" << QByteArray("ply\nformat ascii 1.0\nelement vertex 1\n")
-                                        << "no 'end_header'";
-    QTest::newRow("ply: no z") << "ply" << plyHeader("ascii", 1, "property float x\nproperty float y\n") + "1 2\n"
+    QTest::newRow("ply: no end_header")
+        << "ply" << QByteArray("ply\nformat ascii 1.0\nelement vertex 1\n") << "no 'end_header'";
+    QTest::newRow("ply: no z") << "ply"
+                               << plyHeader("ascii", 1, "property float x\nproperty float y\n")
+            + "1 2\n"
                                << "lacks x, y or z";
-    QTest::newRow("ply: bad type") << "ply" << plyHeader("ascii", 1, "property quad x\n") << "unrecognized PLY property";
-    QTest::newRow("ply: truncated binary") << "ply" << plyHeader("binary_little_endian", 3, xyzProps) + QByteArray(20, '\0')
-                                           << "truncated: 3 vertices announced, data for 1";
-    QTest::newRow("ply: ascii too few values") << "ply" << plyHeader("ascii", 2, xyzProps) + "1 2 3\n4 5\n"
-                                               << "vertex 1: expected 3 numbers";
-    QTest::newRow("ply: list in vertices") << "ply"
-                                           << plyHeader("binary_little_endian", 1,
-                                                        "property float x\nproperty float y\nproperty float z\n"
-                                                        "property list uchar int idx\n")
-                                           << "list properties";
+    QTest::newRow("ply: bad type")
+        << "ply" << plyHeader("ascii", 1, "property quad x\n") << "unrecognized PLY property";
+    QTest::newRow("ply: truncated binary")
+        << "ply" << plyHeader("binary_little_endian", 3, xyzProps) + QByteArray(20, '\0')
+        << "truncated: 3 vertices announced, data for 1";
+    QTest::newRow("ply: ascii too few values")
+        << "ply" << plyHeader("ascii", 2, xyzProps) + "1 2 3\n4 5\n"
+        << "vertex 1: expected 3 numbers";
+    QTest::newRow("ply: list in vertices")
+        << "ply"
+        << plyHeader("binary_little_endian", 1,
+                     "property float x\nproperty float y\nproperty float z\n"
+                     "property list uchar int idx\n")
+        << "list properties";
     QTest::newRow("las: no signature") << "las" << QByteArray(300, 'x') << "no 'LASF' signature";
-    QTest::newRow("las: short header") << "las" << QByteArray("LASF") + QByteArray(50, '\0') << "header is truncated";
+    QTest::newRow("las: short header")
+        << "las" << QByteArray("LASF") + QByteArray(50, '\0') << "header is truncated";
     {
         QByteArray b = makeLas(2, 0, {{1, 2, 3}});
         b[104] = char(0x83);
@@ -185,16 +259,42 @@ void TestCloudFile::brokenFiles_data()
         b[104] = 4;
         QTest::newRow("las: format 4") << "las" << b << "point data format 4 is not supported";
     }
-    QTest::newRow("las: truncated points") << "las" << makeLas(2, 1, {{1, 2, 3}, {4, 5, 6}}).chopped(10)
-                                           << "truncated: 2 points announced, data for 1";
-    QTest::newRow("las: zero scale") << "las" << makeLas(2, 0, {{1, 2, 3}}, {}, 0.0) << "invalid scale";
+    QTest::newRow("las: truncated points")
+        << "las" << makeLas(2, 1, {{1, 2, 3}, {4, 5, 6}}).chopped(10)
+        << "truncated: 2 points announced, data for 1";
+    QTest::newRow("las: zero scale")
+        << "las" << makeLas(2, 0, {{1, 2, 3}}, {}, 0.0) << "invalid scale";
     QTest::newRow("las: version 2.0") << "las" << [] {
         QByteArray b = makeLas(2, 0, {{1, 2, 3}});
         b[24] = 2;
         return b;
     }() << "LAS version 2.2 is not supported";
-    QTest::newRow("xyz: letters in data") << "xyz" << QByteArray("1 2 3\n4 five 6\n") << "line 2: expected 3 numbers";
+    QTest::newRow("xyz: letters in data")
+        << "xyz" << QByteArray("1 2 3\n4 five 6\n") << "line 2: expected 3 numbers";
     QTest::newRow("xyz: empty") << "xyz" << QByteArray("") << "no point";
+    QTest::newRow("pts: a count and nothing else") << "pts" << QByteArray("12\n") << "no point";
+    QTest::newRow("xyz: no finite point")
+        << "xyz" << QByteArray("nan 1 2\n") << "no point with finite coordinates";
+    QTest::newRow("csv: words after the data started")
+        << "csv" << QByteArray("1,2,3\nx,y,z\n") << "line 2: expected 3 numbers, got 'x,y,z'";
+    const QByteArray pcdHead(
+        "FIELDS x y z\nSIZE 4 4 4\nTYPE F F F\nCOUNT 1 1 1\nWIDTH 3\nHEIGHT 1\nPOINTS 3\n");
+    QTest::newRow("pcd: compressed")
+        << "pcd" << pcdHead + "DATA binary_compressed\n" + QByteArray(40, '\0')
+        << "binary_compressed";
+    QTest::newRow("pcd: truncated binary")
+        << "pcd" << pcdHead + "DATA binary\n" + QByteArray(20, '\0')
+        << "3 points of 12 bytes announced, the data holds 20 bytes";
+    QTest::newRow("pcd: no data line") << "pcd" << pcdHead << "no DATA line";
+    QTest::newRow("pcd: no z") << "pcd"
+                               << QByteArray(
+                                      "FIELDS x y\nSIZE 4 4\nTYPE F F\nPOINTS 1\nDATA ascii\n1 2\n")
+                               << "without x, y and z";
+    QTest::newRow("pcd: sizes do not match")
+        << "pcd" << QByteArray("FIELDS x y z\nSIZE 4 4\nTYPE F F F\nPOINTS 1\nDATA ascii\n")
+        << "do not match";
+    QTest::newRow("pcd: fewer points than announced") << "pcd" << pcdHead + "DATA ascii\n1 2 3\n"
+                                                      << "3 points announced, 1 found";
 }
 
 void TestCloudFile::brokenFiles()
@@ -203,7 +303,8 @@ void TestCloudFile::brokenFiles()
     QFETCH(QByteArray, bytes);
     QFETCH(QString, message);
     QString error;
-    std::unique_ptr<tzPointCloud> cloud(tzCloudFile::loadFromMemory(bytes, format, "broken." + format, error));
+    std::unique_ptr<tzPointCloud> cloud(
+        tzCloudFile::loadFromMemory(bytes, format, "broken." + format, error));
     QVERIFY(!cloud);
     QVERIFY2(error.startsWith("'broken." + format + "': "), qPrintable(error));
     QVERIFY2(error.contains(message), qPrintable(error));
@@ -213,7 +314,8 @@ void TestCloudFile::largeCoordinatesGetAShift()
 {
     QString error;
     std::unique_ptr<tzPointCloud> cloud(tzCloudFile::loadFromMemory(
-        "650123.4561 6860456.7892 101.2503\n650124.0004 6860457.0001 101.0\n", "xyz", "grid.xyz", error));
+        "650123.4561 6860456.7892 101.2503\n650124.0004 6860457.0001 101.0\n", "xyz", "grid.xyz",
+        error));
     QVERIFY(cloud);
     QCOMPARE(cloud->getGlobalShift(), TZVector3d(-650100, -6860500, 0));
     // Local floats keep the millimetre.
@@ -255,7 +357,8 @@ void TestCloudFile::loadByExtensionNamesTheFile()
     QVERIFY2(cloud, qPrintable(error));
     QCOMPARE(cloud->getName(), QStringLiteral("site - Cloud"));
     QVERIFY(!tzCloudFile::load(dir.filePath("missing.ply"), error));
-    QVERIFY2(error.startsWith("'" + dir.filePath("missing.ply") + "': cannot open"), qPrintable(error));
+    QVERIFY2(error.startsWith("'" + dir.filePath("missing.ply") + "': cannot open"),
+             qPrintable(error));
     QVERIFY(!tzCloudFile::load(dir.filePath("cloud.e57"), error));
     QVERIFY(error.contains("unknown cloud file extension '.e57'"));
 }
@@ -269,10 +372,56 @@ void TestCloudFile::cancelLeavesNoCloud()
     int calls = 0;
     options.progress = [&calls](int) { return ++calls < 2; };
     QString error;
-    std::unique_ptr<tzPointCloud> cloud(tzCloudFile::loadFromMemory(bytes, "xyz", "big.xyz", error, options));
+    std::unique_ptr<tzPointCloud> cloud(
+        tzCloudFile::loadFromMemory(bytes, "xyz", "big.xyz", error, options));
     QVERIFY(!cloud);
     QCOMPARE(calls, 2);
     QVERIFY(error.contains("cancelled"));
+}
+
+void TestCloudFile::filesWrittenByAnotherProgram_data()
+{
+    // Written by another program's writers (tests/data/peer/make_peer_files.py); points.json
+    // holds what they were given.
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<bool>("colors");
+    QTest::newRow("pts") << "cloud.pts" << true;
+    QTest::newRow("xyzrgb") << "cloud.xyzrgb" << true;
+    QTest::newRow("xyz") << "cloud.xyz" << false;
+    QTest::newRow("pcd ascii") << "cloud_ascii.pcd" << true;
+    QTest::newRow("pcd binary") << "cloud_binary.pcd" << true;
+    QTest::newRow("ply binary") << "cloud_binary.ply" << true;
+}
+
+void TestCloudFile::filesWrittenByAnotherProgram()
+{
+    QFETCH(QString, file);
+    QFETCH(bool, colors);
+    const QString folder = QStringLiteral(TESSARO_TEST_DATA "/peer/");
+    QFile expectedFile(folder + QStringLiteral("points.json"));
+    QVERIFY(expectedFile.open(QIODevice::ReadOnly));
+    const QJsonObject expected = QJsonDocument::fromJson(expectedFile.readAll()).object();
+    const QJsonArray points = expected.value(QStringLiteral("points")).toArray();
+    const QJsonArray rgb = expected.value(QStringLiteral("colors")).toArray();
+    QString error;
+    std::unique_ptr<tzPointCloud> cloud(tzCloudFile::load(folder + file, error));
+    QVERIFY2(cloud, qPrintable(error));
+    QCOMPARE(int(cloud->size()), points.size());
+    QCOMPARE(cloud->hasColors(), colors);
+    // The values were chosen so that floats hold them exactly: the coordinates come back exact.
+    for (unsigned i = 0; i < cloud->size(); ++i) {
+        const TZVector3d global = cloud->toGlobal3d(*cloud->getPoint(i));
+        const QJsonArray p = points[int(i)].toArray();
+        for (int d = 0; d < 3; ++d)
+            QCOMPARE(global[d], p[d].toDouble());
+        if (colors) {
+            const QJsonArray c = rgb[int(i)].toArray();
+            const tzRgb got = cloud->getPointColor(i);
+            QCOMPARE(int(got.r), c[0].toInt());
+            QCOMPARE(int(got.g), c[1].toInt());
+            QCOMPARE(int(got.b), c[2].toInt());
+        }
+    }
 }
 
 QTEST_GUILESS_MAIN(TestCloudFile)

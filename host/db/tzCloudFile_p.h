@@ -1,0 +1,139 @@
+#pragma once
+
+// What the cloud file readers share: their failures, the view of a file's bytes, the builder of
+// the cloud, and the small text helpers. Private to the readers (tzCloudFile*.cpp).
+
+#include "tzCloudFile.h"
+#include "tzPointCloud.h"
+
+#include <QString>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <memory>
+#include <vector>
+
+namespace tzCloudFile {
+namespace detail {
+
+//! Raised inside the readers; turned into the error text at the top. Never leaves this file.
+struct ReadFailure
+{
+    QString reason;
+};
+struct Cancelled
+{
+};
+
+[[noreturn]] inline void failWith(const QString &reason)
+{
+    throw ReadFailure {reason};
+}
+
+struct Bytes
+{
+    const uchar *data = nullptr;
+    size_t size = 0;
+};
+
+// Collects the points, deciding the global shift on the first one (or from a header box).
+class CloudBuilder
+{
+public:
+    explicit CloudBuilder(const LoadOptions &options)
+        : m_options(options)
+    {
+    }
+
+    void reserve(size_t n, bool colors)
+    {
+        try {
+            m_points.reserve(n);
+            if (colors)
+                m_colors.reserve(n);
+        } catch (const std::bad_alloc &) {
+            failWith(QStringLiteral("not enough memory for %1 points").arg(n));
+        }
+    }
+    void decideShift(const TZVector3d &reference)
+    {
+        m_shiftDecided = true;
+        if (!needsShift(reference))
+            return;
+        m_shift = suggestShift(reference);
+        if (m_options.confirmShift && !m_options.confirmShift(m_shift))
+            throw Cancelled {};
+    }
+    void add(double x, double y, double z)
+    {
+        if (!m_shiftDecided)
+            decideShift({x, y, z});
+        m_points.push_back({float(x + m_shift.x), float(y + m_shift.y), float(z + m_shift.z)});
+    }
+    void addColor(tzRgb c) { m_colors.push_back(c); }
+    void progress(size_t done, size_t total)
+    {
+        if (m_options.progress && total > 0 && !m_options.progress(int(done * 100 / total)))
+            throw Cancelled {};
+    }
+    size_t count() const { return m_points.size(); }
+
+    tzPointCloud *finish(const QString &name)
+    {
+        auto cloud = std::make_unique<tzPointCloud>(name);
+        const bool withColors = !m_colors.empty();
+        if (withColors && m_colors.size() != m_points.size())
+            failWith(QStringLiteral("colours for %1 of %2 points")
+                         .arg(m_colors.size())
+                         .arg(m_points.size()));
+        cloud->setPoints(std::move(m_points));
+        if (withColors)
+            cloud->setColors(std::move(m_colors));
+        cloud->setGlobalShift(m_shift);
+        return cloud.release();
+    }
+
+private:
+    const LoadOptions &m_options;
+    std::vector<TZVector3> m_points;
+    std::vector<tzRgb> m_colors;
+    TZVector3d m_shift;
+    bool m_shiftDecided = false;
+};
+
+inline quint8 clampColor(double v)
+{
+    return quint8(std::lround(std::min(255.0, std::max(0.0, v))));
+}
+
+// ---------------------------------------------------------------- text helpers
+
+inline const char *skipBlanks(const char *p, const char *end)
+{
+    while (p < end && (*p == ' ' || *p == '\t' || *p == ',' || *p == ';' || *p == '\r'))
+        ++p;
+    return p;
+}
+
+// Reads a number at p; returns the position after it, or null when there is none.
+inline const char *parseNumber(const char *p, const char *end, double &value)
+{
+    p = skipBlanks(p, end);
+    if (p < end && *p == '+')
+        ++p;
+    const auto result = std::from_chars(p, end, value);
+    if (result.ec != std::errc() || result.ptr == p)
+        return nullptr;
+    return result.ptr;
+}
+
+//! The text layouts (tzCloudText.cpp); kind is the file's extension, which settles the columns
+//! of a file that does not name them ("pts", "xyzrgb", "xyzn", ...).
+tzPointCloud *readText(const Bytes &in, const QString &name, const QString &kind,
+                       const LoadOptions &options);
+//! PCD, ascii and binary (tzCloudPcd.cpp).
+tzPointCloud *readPcd(const Bytes &in, const QString &name, const LoadOptions &options);
+
+} // namespace detail
+} // namespace tzCloudFile
