@@ -203,7 +203,9 @@ tzPointCloud *readText(const Bytes &in, const QString &name, const QString &kind
             double value;
             if (n == 1 && number(token[0], false, value) && value >= 0
                 && value == std::floor(value)) {
-                expected = size_t(std::min(value, 1e9)) + 1; // the count line of a .pts
+                // The count line of a .pts. Trusted only as far as the file can hold that many
+                // points (a few bytes each): a false count must not reserve gigabytes.
+                expected = std::min(size_t(std::min(value, 4e9)) + 1, in.size / 6 + 1);
                 continue;
             }
             if (!number(token[0], false, value) || (n > 1 && !number(token[1], false, value))) {

@@ -150,6 +150,8 @@ void TestCloudFile::goodFiles_data()
     QTest::newRow("pts with intensity and colours")
         << "pts" << QByteArray("2\n1 2 3 -1200 10 20 30\n4 5 6 350 40 50 60\n")
         << TZVector3d(4, 5, 6) << true << 40;
+    QTest::newRow("pts: a count far beyond the points")
+        << "pts" << QByteArray("6520000000\n1 2 3 0 10 20 30\n") << TZVector3d(1, 2, 3) << true << 10;
     QTest::newRow("pts intensity only")
         << "pts" << QByteArray("2\n1 2 3 0.5\n4 5 6 0.25\n") << TZVector3d(4, 5, 6) << false << 0;
     QTest::newRow("colours as fractions")
