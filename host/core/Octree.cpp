@@ -293,9 +293,10 @@ Octree::Octree(const PointCloud *cloud)
 
 void Octree::clear()
 {
-    m_perm = {};
-    m_leaves = {};
-    m_directory = {};
+    // Swapped with empty arrays: assigning {} would empty them and keep their memory.
+    decltype(m_perm)().swap(m_perm);
+    decltype(m_leaves)().swap(m_leaves);
+    decltype(m_directory)().swap(m_directory);
     m_grid[0] = m_grid[1] = m_grid[2] = 0;
     m_cubeSize = 0;
     for (int d = 0; d < 3; ++d)
