@@ -1,29 +1,106 @@
 #pragma once
 
+#include "TZVector3.h"
+#include "tzSocket.h"
+
 #include <QObject>
+#include <QString>
+#include <QThread>
+
+#include <atomic>
+#include <functional>
+#include <mutex>
 
 class tzApplicationInterface;
+class tzCommunicationHandler;
 class tzLumivert;
 
-//! The TCP link with the companion application. The connection itself arrives with its own
-//! work; until then the link never connects, so the dialog shows the unconnected icon.
+//! The worker of the link: blocks in the receive call on the worker thread and hands what
+//! arrives to the GUI thread through the handler's one-slot inbox.
+class Reader : public QObject
+{
+    Q_OBJECT
+
+public slots:
+    void doWork(tzCommunicationHandler *handler);
+
+signals:
+    //! Something waits in the inbox (the text itself travels through the inbox, not here).
+    void resultReady(QString result);
+};
+
+//! The TCP link with the companion application on 127.0.0.1:6601.
+//!
+//! Threads: the reader loop runs on the link's worker thread; everything else (connect,
+//! disconnect, the senders, frame assembly and dispatch) on the GUI thread. The two meet only in
+//! the inbox, under one plain mutex: the reader puts a received chunk there once it is empty and
+//! wakes the GUI thread, which cuts the chunks into frames at each byte 0x04.
+//!
+//! Outbound messages are one line each, in the companion's own templates, which are not JSON
+//! (missing commas, double spaces and the "Port=" pair are part of them): see the senders.
 class tzCommunicationHandler : public QObject
 {
     Q_OBJECT
 
 public:
-    explicit tzCommunicationHandler(tzLumivert *plugin)
-        : m_plugin(plugin)
-    {
-    }
+    explicit tzCommunicationHandler(tzLumivert *plugin);
+    //! Shuts the socket down first, so that a reader blocked in recv lets the thread end.
+    ~tzCommunicationHandler() override;
 
     tzLumivert *plugin() const { return m_plugin; }
     void setAppInterface(tzApplicationInterface *app) { m_app = app; }
-    //! True when connected.
-    bool connectToServer() { return false; }
-    void disconnectFromServer() { }
+    tzApplicationInterface *appInterface() const { return m_app; }
+
+    //! Opens the link (a new socket each time); true when connected. Logs each step.
+    bool connectToServer();
+    //! Closes the socket; the reader loop then ends with its "recvfrom" line.
+    void disconnectFromServer();
+
+    //! "coordonnees": a new point, in the companion's coordinates.
+    void sendCoordinates(double x, double y, double z);
+    //! "pointMove": a sight moved. The new position comes first here, but is written in the "to"
+    //! fields; the old one (the last three) in the "from" fields.
+    void sendPointMove(double x, double y, double z, double oldX, double oldY, double oldZ);
+    //! "mouseCursor": up goes to xUp, yUp, zUp and point to xp, yp, zp.
+    void sendMouseCursor(const TZVector3d &up, const TZVector3d &point);
+
+    //! The three texts as sent, for a port value (public so that they can be checked to the
+    //! byte without a socket).
+    static QByteArray coordinatesText(double x, double y, double z, int port);
+    static QByteArray pointMoveText(double x, double y, double z, double oldX, double oldY,
+                                    double oldZ, int port);
+    static QByteArray mouseCursorText(const TZVector3d &up, const TZVector3d &point, int port);
+
+    //! The port value copied into the outbound texts: the "portTCP" setting read at connect
+    //! (0 before). It never changes the port connected to.
+    int portValue() const { return m_portValue; }
+    //! Receives every frame cut from the link, in order, on the GUI thread (tests and tools).
+    void setFrameObserver(std::function<void(const QString &)> observer)
+    {
+        m_frameObserver = std::move(observer);
+    }
+
+signals:
+    void operate(tzCommunicationHandler *handler);
+
+public slots:
+    void handleResults(const QString &result);
 
 private:
-    tzLumivert *m_plugin; // not owned
+    friend class Reader;
+    void send(const QByteArray &text);
+    void dispatch(const QString &frame);
+
+    QThread m_workerThread;
+    std::atomic<tzSocket::Handle> m_socket {tzSocket::INVALID}; // read by the reader too
+    std::atomic<bool> m_closing {false}; // being destroyed: nobody will empty the inbox again
+    std::mutex m_inboxMutex;
+    QString m_inbox; // under m_inboxMutex
+    QString m_pending; // GUI thread only: text after the last 0x04 seen
+    QString m_serverAddress = QStringLiteral("127.0.0.1");
+    int m_serverPort = 6601; // fixed: the settings never change it
+    int m_portValue = 0;
     tzApplicationInterface *m_app = nullptr;
+    tzLumivert *m_plugin; // not owned
+    std::function<void(const QString &)> m_frameObserver;
 };

@@ -1,0 +1,186 @@
+#include "tzCommunicationHandler.h"
+
+#include "tzSettings.h"
+
+#include <QtDebug>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+namespace {
+
+// One more byte than the largest read: the text read is always terminated.
+constexpr int READ_SIZE = 10000;
+// How long the reader waits before trying again: the GUI thread has not taken the previous
+// chunk yet, or the companion has closed the connection (recv gives 0 until the socket is
+// closed; waiting keeps a closed link from spinning a core).
+constexpr std::chrono::milliseconds RETRY_DELAY(10);
+
+} // namespace
+
+void Reader::doWork(tzCommunicationHandler *handler)
+{
+    char buffer[READ_SIZE + 1];
+    std::memset(buffer, 0, sizeof buffer);
+    int received = tzSocket::recv(handler->m_socket.load(), buffer, READ_SIZE);
+    while (received != -1) {
+        if (received > 0) {
+            // Up to the first zero byte: the rest of such a chunk is lost.
+            QString text = QString::fromLatin1(buffer);
+            while (!text.isEmpty() && !handler->m_closing) {
+                std::unique_lock<std::mutex> lock(handler->m_inboxMutex);
+                if (handler->m_inbox.isEmpty()) {
+                    handler->m_inbox = std::move(text);
+                    text.clear();
+                    emit resultReady(QString());
+                } else {
+                    lock.unlock();
+                    std::this_thread::sleep_for(RETRY_DELAY);
+                }
+            }
+        } else {
+            std::this_thread::sleep_for(RETRY_DELAY);
+        }
+        std::memset(buffer, 0, sizeof buffer);
+        received = tzSocket::recv(handler->m_socket.load(), buffer, READ_SIZE);
+    }
+    qDebug("recvfrom : %d", tzSocket::lastError());
+}
+
+tzCommunicationHandler::tzCommunicationHandler(tzLumivert *plugin)
+    : m_plugin(plugin)
+{
+    auto *reader = new Reader;
+    reader->moveToThread(&m_workerThread);
+    connect(&m_workerThread, &QThread::finished, reader, &QObject::deleteLater);
+    connect(this, &tzCommunicationHandler::operate, reader, &Reader::doWork);
+    connect(reader, &Reader::resultReady, this, &tzCommunicationHandler::handleResults);
+    m_workerThread.start(QThread::InheritPriority);
+}
+
+tzCommunicationHandler::~tzCommunicationHandler()
+{
+    // The reader loop ends only when its recv fails, and waits for an empty inbox before that:
+    // close the socket and release that wait before waiting for the thread.
+    m_closing = true;
+    tzSocket::close(m_socket.load());
+    m_workerThread.quit();
+    m_workerThread.wait();
+    tzSocket::cleanup();
+}
+
+bool tzCommunicationHandler::connectToServer()
+{
+    m_portValue = openLumivertSettings()->value(QStringLiteral("portTCP")).toInt();
+    qDebug("\nInitialising Winsock...");
+    if (!tzSocket::startup()) {
+        qDebug("Failed. Error Code : %d", tzSocket::lastError());
+        return false;
+    }
+    qDebug("Initialised.");
+    const tzSocket::Handle socket = tzSocket::create();
+    m_socket = socket;
+    if (socket == tzSocket::INVALID) {
+        qDebug("Could not create socket : %d", tzSocket::lastError());
+        tzSocket::cleanup();
+        return false;
+    }
+    qDebug("Socket created.");
+    if (!tzSocket::connectTo(socket, m_serverAddress.toLocal8Bit().constData(),
+                             quint16(m_serverPort))) {
+        qDebug("Could not connect : %d", tzSocket::lastError());
+        return false;
+    }
+    qDebug("Connected.");
+    emit operate(this);
+    return true;
+}
+
+void tzCommunicationHandler::disconnectFromServer()
+{
+    qDebug("disconnected...");
+    tzSocket::close(m_socket.load());
+    tzSocket::cleanup();
+}
+
+void tzCommunicationHandler::handleResults(const QString &result)
+{
+    Q_UNUSED(result)
+    std::lock_guard<std::mutex> lock(m_inboxMutex);
+    if (m_inbox.isEmpty())
+        return;
+    m_pending += m_inbox;
+    // Frames end at each 0x04; what follows the last one waits for the next chunk.
+    int start = 0;
+    for (int end = m_pending.indexOf(QChar(4)); end >= 0;
+         end = m_pending.indexOf(QChar(4), start)) {
+        const QString frame = m_pending.mid(start, end - start);
+        start = end + 1;
+        dispatch(frame);
+    }
+    m_pending.remove(0, start);
+    m_inbox.clear();
+}
+
+void tzCommunicationHandler::dispatch(const QString &frame)
+{
+    if (m_frameObserver)
+        m_frameObserver(frame);
+}
+
+// ------------------------------------------------------------------------------ outbound
+
+QByteArray tzCommunicationHandler::coordinatesText(double x, double y, double z, int port)
+{
+    // The companion's template, double space and all. QString::asprintf writes numbers in the
+    // C locale whatever the user's: a point, never a comma, and no exponent with %f.
+    return QString::asprintf("{ \"coordonnees\": { \"xp\": \"%.4lf\", \"yp\": \"%.4lf\", "
+                             "\"zp\": \"%.4lf\"  \"Port=\" \"%d\" } }\n",
+                             x, y, z, port)
+        .toLocal8Bit();
+}
+
+QByteArray tzCommunicationHandler::pointMoveText(double x, double y, double z, double oldX,
+                                                 double oldY, double oldZ, int port)
+{
+    return QString::asprintf("{ \"pointMove\": { \"xfrom\": \"%.4lf\", \"yfrom\": \"%.4lf\", "
+                             "\"zfrom\": \"%.4lf\" \"xto\": \"%.4lf\", \"yto\": \"%.4lf\", "
+                             "\"zto\": \"%.4lf\" \"Port=\" \"%d\" } }\n",
+                             oldX, oldY, oldZ, x, y, z, port)
+        .toLocal8Bit();
+}
+
+QByteArray tzCommunicationHandler::mouseCursorText(const TZVector3d &up, const TZVector3d &point,
+                                                   int port)
+{
+    return QString::asprintf("{ \"mouseCursor\": { \"xp\": \"%.4lf\", \"yp\": \"%.4lf\","
+                             "\"zp\": \"%.4lf\",\"xUp\": \"%.4lf\",\"yUp\": \"%.4lf\","
+                             "\"zUp\": \"%.4lf\" \"Port=\" \"%d\"} }\n",
+                             point.x, point.y, point.z, up.x, up.y, up.z, port)
+        .toLocal8Bit();
+}
+
+void tzCommunicationHandler::send(const QByteArray &text)
+{
+    // Up to the first zero byte, in one call; a partial send is not completed.
+    const int length = int(qstrnlen(text.constData(), uint(text.size())));
+    if (tzSocket::send(m_socket.load(), text.constData(), length) < 0)
+        qDebug("send() failed with error code : %d", tzSocket::lastError());
+}
+
+void tzCommunicationHandler::sendCoordinates(double x, double y, double z)
+{
+    send(coordinatesText(x, y, z, m_portValue));
+}
+
+void tzCommunicationHandler::sendPointMove(double x, double y, double z, double oldX, double oldY,
+                                           double oldZ)
+{
+    send(pointMoveText(x, y, z, oldX, oldY, oldZ, m_portValue));
+}
+
+void tzCommunicationHandler::sendMouseCursor(const TZVector3d &up, const TZVector3d &point)
+{
+    send(mouseCursorText(up, point, m_portValue));
+}

@@ -1,0 +1,348 @@
+// The link with the companion: the outbound texts to the byte, frames cut from a real socket,
+// connect failures, a companion that closes and comes back, and the stand-in end to end.
+
+#include "MensurixSim.h"
+#include "tzCommunicationHandler.h"
+
+#include <QProcess>
+#include <QSettings>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <clocale>
+#include <ctime>
+#include <memory>
+#include <mutex>
+
+namespace {
+
+// Every debug line, from any thread, while it lives.
+class Messages
+{
+public:
+    Messages()
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        s_lines.clear();
+        m_previous = qInstallMessageHandler(&Messages::handle);
+    }
+    ~Messages() { qInstallMessageHandler(m_previous); }
+    bool has(const QString &text) const
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        return s_lines.contains(text);
+    }
+    QStringList lines() const
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        return s_lines;
+    }
+
+private:
+    static void handle(QtMsgType, const QMessageLogContext &, const QString &text)
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        s_lines << text;
+    }
+    static inline std::mutex s_mutex;
+    static inline QStringList s_lines;
+    QtMessageHandler m_previous;
+};
+
+// The companion's side of the link, in the test.
+struct Companion
+{
+    QTcpServer server;
+    QPointer<QTcpSocket> client;
+
+    bool listen() { return server.listen(QHostAddress::LocalHost, 6601); }
+    bool accept()
+    {
+        if (!server.waitForNewConnection(5000))
+            return false;
+        client = server.nextPendingConnection();
+        return client;
+    }
+    // Written and given time to arrive alone, so that it is one read on the other side.
+    void send(const QByteArray &bytes)
+    {
+        client->write(bytes);
+        client->waitForBytesWritten(1000);
+        QTest::qWait(60);
+    }
+    QByteArray receiveLine()
+    {
+        QByteArray line;
+        for (int i = 0; i < 100 && !line.endsWith('\n'); ++i) {
+            if (client->bytesAvailable() || client->waitForReadyRead(50))
+                line += client->readAll();
+        }
+        return line;
+    }
+};
+
+double cpuSeconds()
+{
+    return double(std::clock()) / CLOCKS_PER_SEC;
+}
+
+} // namespace
+
+class TestLink : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void outboundTexts_data();
+    void outboundTexts();
+    void textsIgnoreTheUsersLocale();
+    void framesAreCutAtEachEndOfTransmission();
+    void connectWithNothingListening();
+    void portSettingOnlyFillsTheField();
+    void sendWithoutALinkFails();
+    void companionClosingThenComingBack();
+    void destroyingWhileConnectedDoesNotHang();
+    void standInEndToEnd();
+
+private:
+    QTemporaryDir m_settings;
+};
+
+void TestLink::initTestCase()
+{
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settings.path());
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.path());
+}
+
+void TestLink::init()
+{
+    QSettings(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("LumiVert"),
+              QStringLiteral("LinkServer"))
+        .clear();
+}
+
+void TestLink::outboundTexts_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::newRow("new point") << tzCommunicationHandler::coordinatesText(1.5, 2, -3, 6601)
+                               << QByteArray("{ \"coordonnees\": { \"xp\": \"1.5000\", \"yp\": "
+                                             "\"2.0000\", \"zp\": \"-3.0000\"  \"Port=\" \"6601\" "
+                                             "} }\n");
+    QTest::newRow("large and negative, no exponent")
+        << tzCommunicationHandler::coordinatesText(123456.78912, -6862345.123456, 1e9, 0)
+        << QByteArray("{ \"coordonnees\": { \"xp\": \"123456.7891\", \"yp\": \"-6862345.1235\", "
+                      "\"zp\": \"1000000000.0000\"  \"Port=\" \"0\" } }\n");
+    // The new position comes first in the call, and goes to the "to" fields.
+    QTest::newRow("point move")
+        << tzCommunicationHandler::pointMoveText(10, 20, 30, 1, 2, 3, 7000)
+        << QByteArray("{ \"pointMove\": { \"xfrom\": \"1.0000\", \"yfrom\": \"2.0000\", \"zfrom\": "
+                      "\"3.0000\" \"xto\": \"10.0000\", \"yto\": \"20.0000\", \"zto\": \"30.0000\" "
+                      "\"Port=\" \"7000\" } }\n");
+    QTest::newRow("mouse cursor")
+        << tzCommunicationHandler::mouseCursorText({0, 0, 1}, {652345.25, 6862345.5, 123.125}, 6601)
+        << QByteArray("{ \"mouseCursor\": { \"xp\": \"652345.2500\", \"yp\": \"6862345.5000\","
+                      "\"zp\": \"123.1250\",\"xUp\": \"0.0000\",\"yUp\": \"0.0000\",\"zUp\": "
+                      "\"1.0000\" \"Port=\" \"6601\"} }\n");
+}
+
+void TestLink::outboundTexts()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(QByteArray, expected);
+    QCOMPARE(text, expected);
+    // The stand-in's own reading of the templates agrees.
+    QCOMPARE(MensurixSim::templateFor(text, nullptr, nullptr), expected);
+}
+
+void TestLink::textsIgnoreTheUsersLocale()
+{
+    const QLocale previous;
+    QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+    const char *cLocale = std::setlocale(LC_ALL, nullptr);
+    const std::string saved = cLocale ? cLocale : "C";
+    std::setlocale(LC_ALL, "de_DE.UTF-8"); // where installed: a decimal comma for printf too
+    const QByteArray text = tzCommunicationHandler::coordinatesText(1.5, -2.25, 1234567.5, 6601);
+    std::setlocale(LC_ALL, saved.c_str());
+    QLocale::setDefault(previous);
+    QVERIFY2(text.contains("\"xp\": \"1.5000\", \"yp\": \"-2.2500\", \"zp\": \"1234567.5000\""),
+             text.constData());
+}
+
+void TestLink::framesAreCutAtEachEndOfTransmission()
+{
+    Companion companion;
+    QVERIFY(companion.listen());
+    tzCommunicationHandler link(nullptr);
+    QStringList frames;
+    link.setFrameObserver([&frames](const QString &frame) { frames << frame; });
+    QVERIFY(link.connectToServer());
+    QVERIFY(companion.accept());
+
+    companion.send("AB"); // a frame split across reads...
+    QCOMPARE(frames, QStringList());
+    companion.send("C\x04"
+                   "D"); // ...is dispatched once its end arrives; "D" waits
+    QTRY_COMPARE(frames, QStringList {"ABC"});
+    companion.send(QByteArray("E\x04\x04"
+                              "F\x04"
+                              "G",
+                              7)); // three frames, one of them empty
+    QTRY_COMPARE(frames, (QStringList {"ABC", "DE", "", "F"}));
+    companion.send(QByteArray("H\0IJ\x04", 5)); // a zero byte ends the chunk: "IJ\x04" is lost
+    companion.send("\x04");
+    QTRY_COMPARE(frames.size(), 5);
+    QCOMPARE(frames.last(), QStringLiteral("GH"));
+    link.disconnectFromServer();
+}
+
+void TestLink::connectWithNothingListening()
+{
+    Messages log;
+    tzCommunicationHandler link(nullptr);
+    QVERIFY(!link.connectToServer());
+    QVERIFY(log.has(QStringLiteral("\nInitialising Winsock...")));
+    QVERIFY(log.has(QStringLiteral("Socket created.")));
+    QVERIFY2(log.has(QStringLiteral("Could not connect : %1").arg(ECONNREFUSED)),
+             qPrintable(log.lines().join(QLatin1Char('|'))));
+    link.disconnectFromServer();
+}
+
+void TestLink::portSettingOnlyFillsTheField()
+{
+    QSettings(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("LumiVert"),
+              QStringLiteral("LinkServer"))
+        .setValue(QStringLiteral("portTCP"), 7000);
+    Companion companion; // on 6601 all the same
+    QVERIFY(companion.listen());
+    tzCommunicationHandler link(nullptr);
+    QCOMPARE(link.portValue(), 0);
+    QVERIFY(link.connectToServer());
+    QVERIFY(companion.accept());
+    QCOMPARE(link.portValue(), 7000);
+    link.sendCoordinates(1, 2, 3);
+    QCOMPARE(companion.receiveLine(), tzCommunicationHandler::coordinatesText(1, 2, 3, 7000));
+    link.sendPointMove(4, 5, 6, 1, 2, 3);
+    QCOMPARE(companion.receiveLine(),
+             tzCommunicationHandler::pointMoveText(4, 5, 6, 1, 2, 3, 7000));
+    link.disconnectFromServer();
+}
+
+void TestLink::sendWithoutALinkFails()
+{
+    Messages log;
+    tzCommunicationHandler link(nullptr);
+    link.sendMouseCursor({0, 0, 1}, {1, 2, 3});
+    QVERIFY2(log.has(QStringLiteral("send() failed with error code : %1").arg(EBADF)),
+             qPrintable(log.lines().join(QLatin1Char('|'))));
+}
+
+void TestLink::companionClosingThenComingBack()
+{
+    Messages log;
+    auto companion = std::make_unique<Companion>();
+    QVERIFY(companion->listen());
+    tzCommunicationHandler link(nullptr);
+    QStringList frames;
+    link.setFrameObserver([&frames](const QString &frame) { frames << frame; });
+    QVERIFY(link.connectToServer());
+    QVERIFY(companion->accept());
+    companion->send("one\x04");
+    QTRY_COMPARE(frames, QStringList {"one"});
+    companion.reset(); // the companion goes away: the reader reads nothing, without spinning
+    const double before = cpuSeconds();
+    QTest::qWait(500);
+    QVERIFY2(cpuSeconds() - before < 0.25,
+             qPrintable(QStringLiteral("%1 s of CPU in 0.5 s").arg(cpuSeconds() - before)));
+
+    // The run is closed and started again, with the companion back.
+    link.disconnectFromServer();
+    QTRY_VERIFY(log.has(QStringLiteral("recvfrom : %1").arg(EBADF)));
+    companion = std::make_unique<Companion>();
+    QVERIFY(companion->listen());
+    QVERIFY(link.connectToServer());
+    QVERIFY(companion->accept());
+    companion->send("two\x04");
+    QTRY_COMPARE(frames, (QStringList {"one", "two"}));
+    link.sendCoordinates(7, 8, 9);
+    QCOMPARE(companion->receiveLine(), tzCommunicationHandler::coordinatesText(7, 8, 9, 0));
+    link.disconnectFromServer();
+}
+
+void TestLink::destroyingWhileConnectedDoesNotHang()
+{
+    Companion companion;
+    QVERIFY(companion.listen());
+    auto link = std::make_unique<tzCommunicationHandler>(nullptr);
+    QVERIFY(link->connectToServer());
+    QVERIFY(companion.accept());
+    // Two chunks the GUI thread never takes: the reader waits for the inbox with the second.
+    companion.client->write("first\x04");
+    companion.client->waitForBytesWritten(1000);
+    QThread::msleep(100);
+    companion.client->write("second\x04");
+    companion.client->waitForBytesWritten(1000);
+    QThread::msleep(100);
+    QElapsedTimer clock;
+    clock.start();
+    link.reset();
+    QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+}
+
+void TestLink::standInEndToEnd()
+{
+    QTemporaryDir dir;
+    const QString script = dir.filePath(QStringLiteral("script.jsonl"));
+    const QString logPath = dir.filePath(QStringLiteral("sim.log"));
+    {
+        QFile file(script);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("# frames for the test\n"
+                   "{\"type\": \"delete\", \"ident\": \"a\"}\n"
+                   "!split 3\n"
+                   "{\"type\": \"mesure\", \"x\": 1.5}\n"
+                   "!split 0\n"
+                   "!raw pending\n");
+    }
+    QProcess sim;
+    sim.setProgram(QStringLiteral(MENSURIX_SIM));
+    sim.setArguments({QStringLiteral("--script"), script, QStringLiteral("--log"), logPath,
+                      QStringLiteral("--no-input")});
+    sim.start();
+    QVERIFY(sim.waitForStarted());
+    QTRY_VERIFY(QFile::exists(logPath) && QFile(logPath).size() > 0); // listening
+
+    tzCommunicationHandler link(nullptr);
+    QStringList frames;
+    link.setFrameObserver([&frames](const QString &frame) { frames << frame; });
+    QVERIFY(link.connectToServer());
+    QTRY_COMPARE(frames,
+                 (QStringList {"{\"type\": \"delete\", \"ident\": \"a\"}",
+                               "{\"type\": \"mesure\", \"x\": 1.5}"}));
+    link.sendCoordinates(652345.125, 6862345.5, 123.25);
+    link.sendPointMove(1, 2, 3, 4, 5, 6);
+    const auto logText = [&logPath] {
+        QFile file(logPath);
+        return file.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(file.readAll()) : QString();
+    };
+    QTRY_VERIFY(logText().count(QStringLiteral("template: exact")) == 2);
+    QVERIFY(logText().contains(
+        QStringLiteral("<- coordonnees x=652345.1250 y=6862345.5000 z=123.2500 port=0")));
+    QVERIFY(logText().contains(QStringLiteral(
+        "<- pointMove from (4.0000, 5.0000, 6.0000) to (1.0000, 2.0000, 3.0000) port=0")));
+    link.disconnectFromServer();
+    sim.kill();
+    sim.waitForFinished();
+
+    // The stand-in says so when a text is not the template to the byte.
+    QByteArray wrong = tzCommunicationHandler::coordinatesText(1, 2, 3, 0);
+    wrong.replace("\"  \"Port=\"", "\", \"Port=\"");
+    QVERIFY(MensurixSim::templateFor(wrong, nullptr, nullptr) != wrong);
+}
+
+QTEST_MAIN(TestLink)
+#include "tst_link.moc"
