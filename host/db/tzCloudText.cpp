@@ -76,8 +76,13 @@ int tokens(const Line &line, bool decimalComma, Line *out, int max)
 }
 
 // A whole token read as a number; false when it is not one.
-bool number(const Line &token, bool decimalComma, double &value)
+bool number(Line token, bool decimalComma, double &value)
 {
+    // Spreadsheet exports quote their fields: "652345.12"
+    if (token.end - token.begin >= 2 && token.begin[0] == '"' && token.end[-1] == '"') {
+        ++token.begin;
+        --token.end;
+    }
     const char *p = token.begin;
     if (p < token.end && *p == '+')
         ++p;

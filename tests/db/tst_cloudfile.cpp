@@ -170,6 +170,8 @@ void TestCloudFile::goodFiles_data()
         << "csv"
         << QByteArray("Point;Northing;Easting;Elevation;Code\n1;6862345,25;652345,5;123,75;TREE\n")
         << TZVector3d(652345.5, 6862345.25, 123.75) << false << 0;
+    QTest::newRow("quoted fields") << "csv" << QByteArray("\"x\",\"y\",\"z\"\n\"1.5\",\"2.5\",\"3.5\"\n")
+                                   << TZVector3d(1.5, 2.5, 3.5) << false << 0;
     QTest::newRow("xyzn: normals are not colours")
         << "xyzn" << QByteArray("1 2 3 0 0 1\n") << TZVector3d(1, 2, 3) << false << 0;
     QTest::newRow("points without finite coordinates are skipped")
