@@ -123,12 +123,6 @@ void tzCommunicationHandler::handleResults(const QString &result)
     m_inbox.clear();
 }
 
-void tzCommunicationHandler::dispatch(const QString &frame)
-{
-    if (m_frameObserver)
-        m_frameObserver(frame);
-}
-
 // ------------------------------------------------------------------------------ outbound
 
 QByteArray tzCommunicationHandler::coordinatesText(double x, double y, double z, int port)

@@ -9,10 +9,13 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <mutex>
 
+class QJsonObject;
 class tzApplicationInterface;
 class tzCommunicationHandler;
+class tzXComposite;
 class tzLumivert;
 
 //! The worker of the link: blocks in the receive call on the worker thread and hands what
@@ -80,6 +83,13 @@ public:
         m_frameObserver = std::move(observer);
     }
 
+    //! Turns one frame into changes of the scene: creates or updates sights, replaces symbols
+    //! and alignments, deletes by identifier, or sets the sight tool's reference point. Bad
+    //! frames (not JSON, empty, of an unknown type) are dropped without a word.
+    void dispatch(const QString &frame);
+    //! Removes the first object two levels below the scene root whose "ident" metadata is ident.
+    bool deleteByIdent(int ident);
+
 signals:
     void operate(tzCommunicationHandler *handler);
 
@@ -89,7 +99,11 @@ public slots:
 private:
     friend class Reader;
     void send(const QByteArray &text);
-    void dispatch(const QString &frame);
+    void setReferencePoint(const QString &type, int fromVisee);
+    void createOrUpdateSight(const QJsonObject &frame);
+    void replaceComposite(std::unique_ptr<tzXComposite> composite, const QJsonObject &frame,
+                          const char *nothingDeleted);
+    void refreshViews();
 
     QThread m_workerThread;
     std::atomic<tzSocket::Handle> m_socket {tzSocket::INVALID}; // read by the reader too

@@ -3,6 +3,7 @@
 #include "qLumivertDlg.h"
 #include "tzAboutDlg.h"
 #include "tzApplicationInterface.h"
+#include "tzCVisee.h"
 #include "tzCViseeTool.h"
 #include "tzCommunicationHandler.h"
 #include "tzGLWindow.h"
@@ -41,6 +42,9 @@ tzLumivert::tzLumivert(QObject *parent)
     , m_viseeTool(new tzCViseeTool(this))
     , m_comm(new tzCommunicationHandler(this))
 {
+    // Sights in scene files come back through the plug-in.
+    tzHObject::RegisterFactory(QLatin1String(tzCVisee::FACTORY_NAME),
+                               [] { return new tzCVisee; });
 }
 
 tzLumivert::~tzLumivert()

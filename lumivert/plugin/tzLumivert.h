@@ -68,6 +68,7 @@ public:
     QString activeToolName() const;
     qLumivertDlg *dialog() const { return m_dialog; }
     tzCommunicationHandler *link() const { return m_comm; }
+    tzCViseeTool *sightTool() const { return m_viseeTool; }
     //! Whether a key is held down in the viewer now. The event filter keeps the set of held keys;
     //! it forgets them all when the viewer loses the keyboard (focus out, window deactivated)
     //! and when the run stops, since the releases then go elsewhere.

@@ -28,6 +28,10 @@ public:
         Q_UNUSED(app)
         return nullptr;
     }
+    //! The point the companion measures from ("mesure" frames): the coordinates of the sight it
+    //! names, or the origin when it names none.
+    const TZVector3 &referencePoint() const { return m_referencePoint; }
+    void setReferencePoint(const TZVector3 &point) { m_referencePoint = point; }
     //! A mouse move over the view while this tool is active.
     void onMouseMove(QMouseEvent *event, tzGLWindow *view)
     {
@@ -38,4 +42,5 @@ public:
 private:
     tzLumivert *m_plugin; // not owned
     int m_mode = OFF;
+    TZVector3 m_referencePoint;
 };

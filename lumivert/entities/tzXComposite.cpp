@@ -1,0 +1,115 @@
+#include "tzXComposite.h"
+
+#include "tzDrawContext.h"
+#include "tzXShapes.h"
+
+#include <QJsonArray>
+#include <QOpenGLFunctions_2_1>
+#include <QtDebug>
+
+#include <memory>
+
+tzXComposite::tzXComposite()
+{
+    setEnabled(true);
+}
+
+tzXComposite::~tzXComposite()
+{
+    qDeleteAll(m_entities);
+}
+
+void tzXComposite::convertToView()
+{
+    for (tzXentity *entity : qAsConst(m_entities))
+        entity->convertToView();
+}
+
+void tzXComposite::convertFromView()
+{
+    for (tzXentity *entity : qAsConst(m_entities))
+        entity->convertFromView();
+}
+
+void tzXComposite::drawEntity(QOpenGLFunctions_2_1 *gl)
+{
+    for (tzXentity *entity : qAsConst(m_entities))
+        entity->drawEntity(gl);
+}
+
+void tzXComposite::drawMeOnly(tzDrawContext &context)
+{
+    QOpenGLFunctions_2_1 *gl = context.glFunctions;
+    if (!context.is3D() || !gl)
+        return;
+    if (context.isPicking()) {
+        if (context.drawingFlags & TZ_FAST_ENTITY_PICKING)
+            return;
+        gl->glPushName(getUniqueID());
+    }
+    // Over a photo's picture, whatever lies behind its plane.
+    const bool overPicture = pictureShown;
+    if (overPicture)
+        gl->glDisable(GL_DEPTH_TEST);
+    drawEntity(gl);
+    if (overPicture)
+        gl->glEnable(GL_DEPTH_TEST);
+    if (context.isPicking())
+        gl->glPopName();
+}
+
+bool tzXComposite::appendChild(const QString &kind, const QJsonObject &element, bool circles,
+                               bool arcs)
+{
+    std::unique_ptr<tzXentity> child;
+    if (kind == QLatin1String("XLine"))
+        child = std::make_unique<tzXLine>();
+    else if (kind == QLatin1String("XPolyline") || (arcs && kind == QLatin1String("XArc")))
+        child = std::make_unique<tzXPolyline>();
+    else if (circles && kind == QLatin1String("XCircle"))
+        child = std::make_unique<tzXCircle>();
+    if (!child)
+        return false;
+    child->readJson(element);
+    m_entities.append(child.release());
+    return true;
+}
+
+void tzXComposite::tag()
+{
+    setName(m_type);
+    QVariantMap tags;
+    tags.insert(QStringLiteral("tzLumivertType"), m_type);
+    tags.insert(QStringLiteral("ident"), qint32(m_ident));
+    setMetaData(tags, true);
+}
+
+bool tzXSymbole::readJson(const QJsonObject &frame)
+{
+    tzXentity::readJson(frame);
+    // One insert is expected; with several, the last one is the symbol.
+    QJsonObject insert;
+    for (const QJsonValue &element : frame.value(QLatin1String("entities")).toArray())
+        insert = element.toObject();
+    if (QString().append(insert.value(QLatin1String("type")).toString())
+        == QLatin1String("XInsert")) {
+        for (const QJsonValue &value : insert.value(QLatin1String("entities")).toArray()) {
+            const QJsonObject element = value.toObject();
+            appendChild(element.value(QLatin1String("type")).toString(), element, true, true);
+        }
+    }
+    tag();
+    return true;
+}
+
+bool tzXAlignement::readJson(const QJsonObject &frame)
+{
+    qDebug("! Alignement !");
+    tzXentity::readJson(frame);
+    for (const QJsonValue &value : frame.value(QLatin1String("entities")).toArray()) {
+        const QJsonObject element = value.toObject();
+        appendChild(element.value(QLatin1String("type")).toString(), element, false, false);
+    }
+    tag();
+    return true;
+}

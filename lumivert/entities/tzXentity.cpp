@@ -1,0 +1,93 @@
+#include "tzXentity.h"
+
+#include "tzApplicationInterface.h"
+#include "tzHObject.h"
+#include "tzPointCloud.h"
+
+double tzGlobalShift::scale = 1.0;
+TZVector3d tzGlobalShift::shift;
+bool tzXentity::pictureShown = false;
+
+namespace {
+
+const tzGenericPointCloud *firstCloud(const tzHObject *object)
+{
+    for (unsigned i = 0; i < object->getChildrenNumber(); ++i) {
+        const tzHObject *child = object->getChild(i);
+        if (child->isA(TZ_TYPES::POINT_CLOUD))
+            return static_cast<const tzGenericPointCloud *>(child);
+        if (const tzGenericPointCloud *cloud = firstCloud(child))
+            return cloud;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+bool tzGlobalShift::captureFrom(const tzHObject *root)
+{
+    const tzGenericPointCloud *cloud = root ? firstCloud(root) : nullptr;
+    if (!cloud)
+        return false;
+    scale = cloud->getGlobalScale();
+    shift = cloud->getGlobalShift();
+    return true;
+}
+
+bool tzXentity::readJson(const QJsonObject &frame)
+{
+    m_type.append(frame.value(QLatin1String("type")).toString());
+    m_ident = frame.value(QLatin1String("ident")).toInt();
+    m_red = frame.value(QLatin1String("Rcolor")).toInt();
+    m_green = frame.value(QLatin1String("Gcolor")).toInt();
+    m_blue = frame.value(QLatin1String("Bcolor")).toInt();
+    return true;
+}
+
+tzHObject *tzXentity::findGroup(tzApplicationInterface *app) const
+{
+    const tzHObject *root = app ? app->databaseRoot() : nullptr;
+    if (!root)
+        return nullptr;
+    for (unsigned i = 0; i < root->getChildrenNumber(); ++i) {
+        tzHObject *child = root->getChild(i);
+        if (child->getName() == m_type)
+            return child;
+        for (unsigned j = 0; j < child->getChildrenNumber(); ++j) {
+            if (child->getChild(j)->getName() == m_type)
+                return child->getChild(j);
+        }
+    }
+    return nullptr;
+}
+
+tzHObject *tzXentity::getOrCreateGroup(tzApplicationInterface *app) const
+{
+    if (tzHObject *group = findGroup(app))
+        return group;
+    if (!app)
+        return nullptr;
+    auto *group = new tzHObject(m_type);
+    app->addToDatabase(group, false, true, false, false);
+    return group;
+}
+
+tzXentity *tzXentity::findSameIdent(const tzHObject *group) const
+{
+    if (!group)
+        return nullptr;
+    for (unsigned i = 0; i < group->getChildrenNumber(); ++i) {
+        tzXentity *entity = fromNode(group->getChild(i));
+        if (entity && entity->m_ident == m_ident)
+            return entity;
+    }
+    return nullptr;
+}
+
+tzXentity *tzXentity::fromNode(tzHObject *node)
+{
+    // Only custom objects can be the companion's: the cheap test first.
+    if (!node || !node->isKindOf(TZ_TYPES::CUSTOM_H_OBJECT))
+        return nullptr;
+    return dynamic_cast<tzXentity *>(node);
+}

@@ -1,0 +1,339 @@
+#include "tzCVisee.h"
+
+#include "tzDrawContext.h"
+#include "tzPointCloud.h"
+#include "tzSerialization.h"
+#include "tzSphere.h"
+#include "tzViewportParameters.h"
+
+#include <QJsonObject>
+#include <QOpenGLFunctions_2_1>
+#include <QtDebug>
+
+#include <cmath>
+#include <memory>
+
+using namespace tzSerialization;
+
+const char *const tzCVisee::FACTORY_NAME = "tzCVisee";
+
+namespace {
+
+const QString CVISEE = QStringLiteral("CVisee");
+
+// The marker of every sight, made at the first draw and kept for the life of the process.
+tzSphere &pointMarker()
+{
+    static const std::unique_ptr<tzSphere> marker
+        = std::make_unique<tzSphere>(1.f, QStringLiteral("PointMarker"));
+    return *marker;
+}
+
+// Scene units per pixel where p lies.
+double pixelSizeAt(const tzDrawContext &context, const TZVector3d &p)
+{
+    const tzViewportParameters *params = context.viewportParams;
+    if (!params || !params->perspectiveView || context.glH <= 0)
+        return context.pixelSize;
+    const TZVector3d d = p - params->cameraCenter;
+    const double distance = std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z);
+    return 2.0 * distance * std::tan(params->fov_deg * M_PI / 360.0) / context.glH;
+}
+
+} // namespace
+
+tzCVisee::tzCVisee(const QString &name)
+{
+    Q_UNUSED(name)
+    clear(false);
+    m_coordX = m_coordY = m_coordZ = 0.0;
+    m_type = CVISEE;
+    m_number.clear();
+    setEnabled(true);
+}
+
+tzCVisee::~tzCVisee() = default;
+
+bool tzCVisee::readJson(const QJsonObject &frame)
+{
+    qDebug("! tzCVisee !");
+    tzXentity::readJson(frame);
+    const QJsonValue number = frame.value(QLatin1String("number"));
+    m_number = number.isDouble() ? number.toVariant().toString() : number.toString();
+    const QJsonObject coord = frame.value(QLatin1String("coord")).toObject();
+    m_coordX = jsonNumber(coord, "X");
+    m_coordY = jsonNumber(coord, "Y");
+    m_coordZ = jsonNumber(coord, "Z");
+    qDebug("tram: type %s, ident %ld , R: %d, G: %d, B: %d , %lf, %lf, %lf ",
+           qPrintable(m_type), long(m_ident), m_red, m_green, m_blue, m_coordX, m_coordY,
+           m_coordZ);
+    refreshNameAndMetaData();
+    return true;
+}
+
+void tzCVisee::refreshNameAndMetaData()
+{
+    m_type = CVISEE;
+    setName(m_number);
+    QVariantMap data;
+    data.insert(QStringLiteral("tzLumivertType"), m_type);
+    data.insert(QStringLiteral("ident"), qint32(m_ident));
+    data.insert(QStringLiteral("number"), m_number);
+    data.insert(QStringLiteral("Coord x"), m_coordX);
+    data.insert(QStringLiteral("Coord y"), m_coordY);
+    data.insert(QStringLiteral("Coord z"), m_coordZ);
+    setMetaData(data, true);
+}
+
+void tzCVisee::convertToView()
+{
+    const double s = tzGlobalShift::scale;
+    const TZVector3d &t = tzGlobalShift::shift;
+    m_coordX = m_coordX * s + t.x;
+    m_coordY = m_coordY * s + t.y;
+    m_coordZ = m_coordZ * s + t.z;
+}
+
+void tzCVisee::convertFromView()
+{
+    const double s = tzGlobalShift::scale;
+    const TZVector3d &t = tzGlobalShift::shift;
+    m_coordX = (m_coordX - t.x) / s;
+    m_coordY = (m_coordY - t.y) / s;
+    m_coordZ = (m_coordX - t.z) / s; // from the new x, as the companion's side does
+}
+
+bool tzCVisee::attachPoint(tzGenericPointCloud *cloud, unsigned index)
+{
+    if (!cloud || index >= cloud->size() || m_points.size() >= MAX_POINTS)
+        return false;
+    PickedPoint point;
+    point.cloud = cloud;
+    point.index = index;
+    m_points.push_back(point);
+    updateName();
+    cloud->addDependency(this, DP_NOTIFY_OTHER_ON_DELETE, true);
+    return true;
+}
+
+void tzCVisee::clear(bool ignoreDependencies)
+{
+    if (ignoreDependencies) {
+        m_points.clear();
+    } else {
+        while (!m_points.empty()) {
+            tzGenericPointCloud *cloud = m_points.back().cloud;
+            m_points.pop_back();
+            if (cloud)
+                cloud->removeDependencyWith(this);
+        }
+    }
+    m_lastScreenPos[0] = -1;
+    m_labelRect = QRect(0, 0, 0, 0);
+    setVisible(false);
+}
+
+void tzCVisee::updateName()
+{
+    const auto at = [this](unsigned i) {
+        const PickedPoint &p = m_points[i];
+        return p.cloud ? QStringLiteral("@") + p.cloud->getName() : QString();
+    };
+    switch (m_points.size()) {
+    case 0:
+        setName(QStringLiteral("Label"));
+        break;
+    case 1:
+        setName(QStringLiteral("Point #%1").arg(m_points[0].index));
+        break;
+    case 2:
+        if (m_points[0].cloud == m_points[1].cloud)
+            setName(QStringLiteral("Vector #%1 - #%2").arg(m_points[0].index).arg(m_points[1].index));
+        else
+            setName(QStringLiteral("Vector #%1%2 - #%3%4")
+                        .arg(m_points[0].index)
+                        .arg(at(0))
+                        .arg(m_points[1].index)
+                        .arg(at(1)));
+        break;
+    default:
+        if (m_points[0].cloud == m_points[1].cloud && m_points[1].cloud == m_points[2].cloud)
+            setName(QStringLiteral("Triplet #%1 - #%2 - #%3")
+                        .arg(m_points[0].index)
+                        .arg(m_points[1].index)
+                        .arg(m_points[2].index));
+        else
+            setName(QStringLiteral("Triplet #%1%2 - #%3%4 - #%5%6")
+                        .arg(m_points[0].index)
+                        .arg(at(0))
+                        .arg(m_points[1].index)
+                        .arg(at(1))
+                        .arg(m_points[2].index)
+                        .arg(at(2)));
+        break;
+    }
+}
+
+QString tzCVisee::getName() const
+{
+    QString name = m_name;
+    const size_t count = m_points.size();
+    if (count >= 1)
+        name.replace(QLatin1String("pi0"), QString::number(m_points[0].index));
+    if (count >= 2) {
+        name.replace(QLatin1String("pi1"), QString::number(m_points[1].index));
+        if (m_points[0].cloud)
+            name.replace(QLatin1String("ci0"), QString::number(m_points[0].cloud->getUniqueID()));
+        if (m_points[1].cloud)
+            name.replace(QLatin1String("ci1"), QString::number(m_points[1].cloud->getUniqueID()));
+    }
+    if (count >= 3) {
+        name.replace(QLatin1String("pi2"), QString::number(m_points[2].index));
+        if (m_points[2].cloud)
+            name.replace(QLatin1String("ci2"), QString::number(m_points[2].cloud->getUniqueID()));
+    }
+    return name;
+}
+
+void tzCVisee::forgetAllPoints()
+{
+    m_points.clear();
+    m_lastScreenPos[0] = m_lastScreenPos[1] = -1;
+    m_labelRect = QRect(0, 0, 0, 0);
+    setVisible(false);
+}
+
+void tzCVisee::onDeletionOf(const tzHObject *object)
+{
+    tzCustomHObject::onDeletionOf(object);
+    const auto gone = [object](const PickedPoint &p) {
+        return static_cast<const tzHObject *>(p.cloud) == object;
+    };
+    const auto lost = std::count_if(m_points.begin(), m_points.end(), gone);
+    if (lost == 0)
+        return;
+    if (size_t(lost) == m_points.size())
+        forgetAllPoints();
+    else
+        m_points.erase(std::remove_if(m_points.begin(), m_points.end(), gone), m_points.end());
+    updateName();
+}
+
+bool tzCVisee::move2D(int x, int y, int dx, int dy, int screenWidth, int screenHeight)
+{
+    Q_UNUSED(x)
+    Q_UNUSED(y)
+    m_screenPos[0] += float(dx) / float(screenWidth);
+    m_screenPos[1] += float(dy) / float(screenHeight);
+    return true;
+}
+
+void tzCVisee::drawEntity(QOpenGLFunctions_2_1 *gl)
+{
+    Q_UNUSED(gl) // a sight draws through drawMeOnly, which needs the whole context
+}
+
+void tzCVisee::drawMeOnly(tzDrawContext &context)
+{
+    QOpenGLFunctions_2_1 *gl = context.glFunctions;
+    if (!gl || (context.drawingFlags & 0x804) != TZ_DRAW_FOREGROUND || !context.is3D())
+        return;
+    const bool picking = context.isPicking();
+    if (picking)
+        gl->glPushName(getUniqueID());
+    tzSphere &marker = pointMarker();
+    marker.setTempColor(isSelected() && !picking ? QColor(Qt::red) : context.labelDefaultColor);
+    // The companion's coordinates brought into the cloud's frame.
+    const double s = tzGlobalShift::scale;
+    const TZVector3d &t = tzGlobalShift::shift;
+    const TZVector3d p(m_coordX * s + t.x, m_coordY * s + t.y, m_coordZ * s + t.z);
+    const float scale
+        = float(m_relMarkerScale * context.labelMarkerSize * pixelSizeAt(context, p));
+    gl->glMatrixMode(GL_MODELVIEW);
+    gl->glPushMatrix();
+    gl->glTranslatef(float(p.x), float(p.y), float(p.z));
+    gl->glScalef(scale, scale, scale);
+    // The marker is not in the scene: in a picking pass the sight's name must stay innermost.
+    tzDrawContext markerContext = context;
+    markerContext.drawingFlags &= ~(TZ_ENTITY_PICKING | TZ_FAST_ENTITY_PICKING);
+    marker.draw(markerContext);
+    gl->glPopMatrix();
+    if (picking)
+        gl->glPopName();
+}
+
+bool tzCVisee::toFile_MeOnly(QIODevice &out) const
+{
+    if (!tzCustomHObject::toFile_MeOnly(out))
+        return false;
+    bool ok = write<quint32>(out, quint32(m_points.size()));
+    for (const PickedPoint &p : m_points)
+        ok = ok && write<quint32>(out, p.index)
+            && write<quint32>(out, p.cloud ? p.cloud->getUniqueID() : 0u);
+    ok = ok && write(out, m_screenPos[0]) && write(out, m_screenPos[1])
+        && write<quint8>(out, m_fullBodyShown) && write<quint8>(out, m_shownIn2D)
+        && write<quint8>(out, m_pointLegendsShown);
+    return ok || fail(WriteError);
+}
+
+bool tzCVisee::fromFile_MeOnly(QIODevice &in, short dataVersion, LoadedIDMap &oldToNew)
+{
+    if (!tzCustomHObject::fromFile_MeOnly(in, dataVersion, oldToNew))
+        return false;
+    quint32 count = 0;
+    if (!read(in, count))
+        return fail(ReadError);
+    if (count > MAX_POINTS)
+        return fail(MemoryError);
+    m_points.clear();
+    m_loadedCloudIDs.clear();
+    for (quint32 i = 0; i < count; ++i) {
+        quint32 index = 0, cloudID = 0;
+        if (!read(in, index) || !read(in, cloudID))
+            return fail(ReadError);
+        PickedPoint p;
+        p.index = index;
+        m_points.push_back(p);
+        m_loadedCloudIDs.push_back(cloudID);
+    }
+    quint8 fullBody = 1;
+    if (!read(in, m_screenPos[0]) || !read(in, m_screenPos[1]) || !read(in, fullBody))
+        return fail(ReadError);
+    m_fullBodyShown = fullBody != 0;
+    if (dataVersion >= 21) {
+        quint8 shown = 1, legends = 0;
+        if (!read(in, shown) || !read(in, legends))
+            return fail(ReadError);
+        m_shownIn2D = shown != 0;
+        m_pointLegendsShown = legends != 0;
+    }
+    // What only the metadata keeps.
+    m_ident = getMetaData(QStringLiteral("ident")).toInt();
+    m_number = getMetaData(QStringLiteral("number")).toString();
+    m_coordX = getMetaData(QStringLiteral("Coord x")).toDouble();
+    m_coordY = getMetaData(QStringLiteral("Coord y")).toDouble();
+    m_coordZ = getMetaData(QStringLiteral("Coord z")).toDouble();
+    return true;
+}
+
+bool tzCVisee::resolveLoadedReferences(const LoadedIDMap &oldToNew)
+{
+    // A point whose cloud is not in the file is dropped: the sight keeps its other points.
+    std::vector<PickedPoint> points;
+    for (size_t i = 0; i < m_points.size() && i < m_loadedCloudIDs.size(); ++i) {
+        auto *cloud = dynamic_cast<tzGenericPointCloud *>(oldToNew.value(m_loadedCloudIDs[i]));
+        if (!cloud || m_points[i].index >= cloud->size()) {
+            qWarning("[tzCVisee] '%s': point #%u refers to a cloud that is not in the file; "
+                     "dropped",
+                     qPrintable(getName()), m_points[i].index);
+            continue;
+        }
+        PickedPoint p = m_points[i];
+        p.cloud = cloud;
+        points.push_back(p);
+        cloud->addDependency(this, DP_NOTIFY_OTHER_ON_DELETE, true);
+    }
+    m_points = std::move(points);
+    m_loadedCloudIDs.clear();
+    return true;
+}
