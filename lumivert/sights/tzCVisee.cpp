@@ -45,7 +45,8 @@ double pixelSizeAt(const tzDrawContext &context, const TZVector3d &p)
 tzCVisee::tzCVisee(const QString &name)
 {
     Q_UNUSED(name)
-    clear(false);
+    // A new sight has no points and is shown (clear() would hide it).
+    m_points.clear();
     m_coordX = m_coordY = m_coordZ = 0.0;
     m_type = CVISEE;
     m_number.clear();

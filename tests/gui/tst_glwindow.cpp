@@ -5,6 +5,7 @@
 #include "tzPointCloud.h"
 #include "tzPolyline.h"
 #include "tzSphere.h"
+#include "ViewHelpers.h"
 
 #include <QOpenGLFunctions_2_1>
 
@@ -58,45 +59,6 @@ tzPointCloud *makePatch(float x0, float y0, float side, float spacing, float z, 
 }
 
 // A top view, orthographic, 0.1 m per pixel, centred on (cx, cy).
-void lookDown(tzGLWindow &view, double cx, double cy, bool perspective = false)
-{
-    tzViewportParameters p = view.getViewportParameters();
-    p.perspectiveView = perspective;
-    p.pixelSize = 0.1;
-    p.zoom = 1;
-    p.fov_deg = 30.f;
-    p.pivotPoint = {cx, cy, 0};
-    p.cameraCenter = {cx, cy, 50};
-    view.setViewportParameters(p);
-    view.setCustomView({0, 0, -1}, {0, 1, 0});
-}
-
-QImage frame(tzGLWindow &view)
-{
-    view.update();
-    QSignalSpy drawn(&view, &tzGLWindow::frameDrawn);
-    drawn.wait(2000);
-    return view.grabFramebuffer();
-}
-
-bool isColour(const QImage &image, int x, int y, QColor expected, int tolerance = 10)
-{
-    const QColor c = image.pixelColor(x, y);
-    return std::abs(c.red() - expected.red()) <= tolerance
-        && std::abs(c.green() - expected.green()) <= tolerance
-        && std::abs(c.blue() - expected.blue()) <= tolerance;
-}
-
-int countColour(const QImage &image, QColor expected)
-{
-    int count = 0;
-    for (int y = 0; y < image.height(); ++y) {
-        for (int x = 0; x < image.width(); ++x)
-            count += isColour(image, x, y, expected) ? 1 : 0;
-    }
-    return count;
-}
-
 // Records the flags of every pass it is drawn in.
 class FlagRecorder : public tzHObject
 {

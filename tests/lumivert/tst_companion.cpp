@@ -1,0 +1,215 @@
+// The plug-in in the real viewer with the companion stand-in on the real socket: every kind of
+// frame reaching the scene and drawing where it should, and the companion going away and
+// coming back.
+
+#include "PluginViewer.h"
+#include "ViewHelpers.h"
+
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <memory>
+
+namespace {
+
+// The national grid of the data scripts, and the shift that brings it near the origin.
+const TZVector3d SHIFT(-651200.0, -6861400.0, -112.0);
+
+// The stand-in, listening, with a script and a log.
+class Sim
+{
+public:
+    explicit Sim(const QString &script)
+        : m_log(m_dir.filePath(QStringLiteral("sim.log")))
+    {
+        m_process.setProgram(QStringLiteral(MENSURIX_SIM));
+        m_process.setArguments({QStringLiteral("--script"), script, QStringLiteral("--log"),
+                                m_log, QStringLiteral("--no-input")});
+        m_process.start();
+    }
+    ~Sim()
+    {
+        m_process.kill();
+        m_process.waitForFinished();
+    }
+    bool listening() const { return QFileInfo(m_log).size() > 0; }
+    QString log() const
+    {
+        QFile file(m_log);
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    }
+    void kill()
+    {
+        m_process.kill();
+        m_process.waitForFinished();
+    }
+
+private:
+    QTemporaryDir m_dir;
+    QString m_log;
+    QProcess m_process;
+};
+
+QString writeScript(const QTemporaryDir &dir, const QByteArray &lines)
+{
+    const QString path = dir.filePath(QStringLiteral("script.jsonl"));
+    QFile file(path);
+    file.open(QIODevice::WriteOnly);
+    file.write(lines);
+    return path;
+}
+
+// The sights of the scene, as "number/ident" (what they keep in their metadata).
+QStringList sightsOf(tzHObject *root)
+{
+    tzHObject::Container all;
+    root->filterChildren(all, true, TZ_TYPES::LABEL_KIND);
+    QStringList sights;
+    for (const tzHObject *sight : all) {
+        if (sight->getMetaData(QStringLiteral("tzLumivertType")).toString() == "CVisee")
+            sights << sight->getMetaData(QStringLiteral("number")).toString() + QLatin1Char('/')
+                    + sight->getMetaData(QStringLiteral("ident")).toString();
+    }
+    return sights;
+}
+
+tzHObject *group(tzHObject *root, const char *name)
+{
+    for (unsigned i = 0; i < root->getChildrenNumber(); ++i) {
+        if (root->getChild(i)->getName() == QLatin1String(name))
+            return root->getChild(i);
+    }
+    return nullptr;
+}
+
+// Whether the colour is within a few pixels of where p projects.
+bool colourNear(const QImage &image, const tzGLWindow &view, const TZVector3d &p, QColor colour)
+{
+    double x = 0, y = 0, depth = 0;
+    if (!view.camera().project(p, x, y, depth))
+        return false;
+    for (int dy = -2; dy <= 2; ++dy) {
+        for (int dx = -2; dx <= 2; ++dx) {
+            const int px = int(x) + dx, py = int(y) + dy;
+            if (image.rect().contains(px, py) && isColour(image, px, py, colour, 40))
+                return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+class TestCompanion : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void everyFrameKindReachesTheScene();
+    void companionKilledAndRestarted();
+    void quittingWhileConnectedIsQuick();
+
+private:
+    QTemporaryDir m_settings;
+};
+
+void TestCompanion::initTestCase()
+{
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settings.path());
+    QCoreApplication::setOrganizationName(QStringLiteral("Tessaro"));
+    QCoreApplication::setApplicationName(QStringLiteral("Tessaro"));
+}
+
+void TestCompanion::everyFrameKindReachesTheScene()
+{
+    Viewer viewer;
+    viewer.cloud->setGlobalShift(SHIFT);
+    // Ground under the objects (it gives the view its depth range).
+    auto *ground = new tzPointCloud(QStringLiteral("ground"));
+    for (int i = 0; i <= 100; ++i) {
+        for (int j = 0; j <= 100; ++j)
+            ground->addPoint({i * 2.f, j * 2.f, 0.f});
+    }
+    ground->setColors(std::vector<tzRgb>(ground->size(), tzRgb {40, 40, 40}));
+    ground->setGlobalShift(SHIFT);
+    viewer.window.addToDatabase(ground);
+
+    Sim sim(QStringLiteral(LUMIVERT_DATA "/companion/every-frame.jsonl"));
+    QTRY_VERIFY(sim.listening());
+    viewer.start();
+    tzHObject *root = viewer.window.databaseRoot();
+    QTRY_COMPARE_WITH_TIMEOUT(sightsOf(root),
+                              QStringList({"1001b/1", "1010/10", "1004/4", "1005/5", "1006/6"}),
+                              10000);
+    tzHObject *symbols = group(root, "XSymbole");
+    tzHObject *alignments = group(root, "XAlignement");
+    QVERIFY(symbols && alignments);
+    QCOMPARE(symbols->getChildrenNumber(), 1u);
+    QCOMPARE(alignments->getChildrenNumber(), 1u);
+    QVERIFY(!group(root, "XLine") && !group(root, "XTexte"));
+
+    // Where they draw: a top view over the symbol, 0.1 unit per pixel.
+    tzGLWindow &view = *viewer.window.activeView();
+    lookDown(view, 75, 80);
+    const QImage image = frame(view);
+    if (qEnvironmentVariableIsSet("TZ_SAVE_FRAMES"))
+        image.save(QStringLiteral("/tmp/companion.png"));
+    const QColor magenta(255, 0, 255), red(255, 0, 0), yellow(255, 255, 0);
+    QVERIFY(colourNear(image, view, {75, 82, 4}, magenta)); // the circle, radius 2 now
+    QVERIFY(colourNear(image, view, {74, 80, 4}, red)); // its line
+    QVERIFY(!colourNear(image, view, {75, 83, 4}, magenta)); // the replaced circle is gone
+    QVERIFY(colourNear(image, view, {62, 61, 4.1}, yellow)); // sight 1001b's marker
+    QVERIFY(!colourNear(image, view, {110, 100, 2.9}, yellow)); // 1003, deleted
+}
+
+void TestCompanion::companionKilledAndRestarted()
+{
+    QTemporaryDir dir;
+    QByteArray lines;
+    for (int i = 0; i < 400; ++i) {
+        lines += QStringLiteral("{\"type\": \"CVisee\", \"ident\": %1, \"number\": \"%1\", "
+                                "\"coord\": {\"X\": %1, \"Y\": 0, \"Z\": 0}}\n!wait 5\n")
+                     .arg(i + 1)
+                     .toUtf8();
+    }
+    Viewer viewer;
+    tzHObject *root = viewer.window.databaseRoot();
+    {
+        Sim first(writeScript(dir, lines));
+        QTRY_VERIFY(first.listening());
+        viewer.start();
+        QTRY_VERIFY(sightsOf(root).size() > 20);
+        first.kill(); // mid-stream
+    }
+    QTest::qWait(200); // what was on its way still arrives
+
+    Sim second(writeScript(dir, "{\"type\": \"CVisee\", \"ident\": 9999, \"number\": \"again\"}\n"));
+    QTRY_VERIFY(second.listening());
+    viewer.click("closeButton");
+    QVERIFY(!viewer.toolBar()->isVisible());
+    viewer.start();
+    QTRY_VERIFY(second.log().contains(QStringLiteral("client connected")));
+    QTRY_COMPARE(sightsOf(root).last(), QStringLiteral("again/9999"));
+    viewer.click("closeButton");
+}
+
+void TestCompanion::quittingWhileConnectedIsQuick()
+{
+    QTemporaryDir dir;
+    Sim sim(writeScript(dir, "!wait 100000\n"));
+    QTRY_VERIFY(sim.listening());
+    auto viewer = std::make_unique<Viewer>();
+    viewer->start();
+    QTRY_VERIFY(sim.log().contains(QStringLiteral("client connected")));
+    QElapsedTimer clock;
+    clock.start();
+    viewer.reset();
+    QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+}
+
+QTEST_MAIN(TestCompanion)
+#include "tst_companion.moc"
