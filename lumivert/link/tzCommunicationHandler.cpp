@@ -21,14 +21,21 @@ constexpr std::chrono::milliseconds RETRY_DELAY(10);
 
 void Reader::doWork(tzCommunicationHandler *handler)
 {
+    // This loop reads the connection that was open when it was started, and ends as soon as
+    // that connection is no longer the handler's (disconnected, replaced, or the handler
+    // going): never a later socket that happens to get the same handle.
+    const tzSocket::Handle socket = handler->m_socket.load();
+    const auto current = [handler, socket] {
+        return handler->m_socket.load() == socket && !handler->m_closing;
+    };
     char buffer[READ_SIZE + 1];
     std::memset(buffer, 0, sizeof buffer);
-    int received = tzSocket::recv(handler->m_socket.load(), buffer, READ_SIZE);
-    while (received != -1) {
+    int received = current() ? tzSocket::recv(socket, buffer, READ_SIZE) : -1;
+    while (received != -1 && current()) {
         if (received > 0) {
             // Up to the first zero byte: the rest of such a chunk is lost.
             QString text = QString::fromLatin1(buffer);
-            while (!text.isEmpty() && !handler->m_closing) {
+            while (!text.isEmpty() && current()) {
                 std::unique_lock<std::mutex> lock(handler->m_inboxMutex);
                 if (handler->m_inbox.isEmpty()) {
                     handler->m_inbox = std::move(text);
@@ -43,9 +50,12 @@ void Reader::doWork(tzCommunicationHandler *handler)
             std::this_thread::sleep_for(RETRY_DELAY);
         }
         std::memset(buffer, 0, sizeof buffer);
-        received = tzSocket::recv(handler->m_socket.load(), buffer, READ_SIZE);
+        received = current() ? tzSocket::recv(socket, buffer, READ_SIZE) : -1;
     }
     qDebug("recvfrom : %d", tzSocket::lastError());
+    std::lock_guard<std::mutex> lock(handler->m_readerMutex);
+    handler->m_readerRunning = false;
+    handler->m_readerDone.notify_all();
 }
 
 tzCommunicationHandler::tzCommunicationHandler(tzLumivert *plugin)
@@ -61,13 +71,27 @@ tzCommunicationHandler::tzCommunicationHandler(tzLumivert *plugin)
 
 tzCommunicationHandler::~tzCommunicationHandler()
 {
-    // The reader loop ends only when its recv fails, and waits for an empty inbox before that:
-    // close the socket and release that wait before waiting for the thread.
+    // The reader loop may be blocked in recv, or waiting for the inbox that nobody will empty
+    // any more: end the connection (which releases both) before waiting for the thread.
     m_closing = true;
-    tzSocket::close(m_socket.load());
+    endConnection();
     m_workerThread.quit();
     m_workerThread.wait();
     tzSocket::cleanup();
+}
+
+void tzCommunicationHandler::endConnection()
+{
+    const tzSocket::Handle socket = m_socket.exchange(tzSocket::INVALID);
+    if (socket == tzSocket::INVALID)
+        return;
+    // Wake the reader, let its loop end, and only then give the handle back to the system.
+    tzSocket::shutdown(socket);
+    {
+        std::unique_lock<std::mutex> lock(m_readerMutex);
+        m_readerDone.wait_for(lock, std::chrono::seconds(2), [this] { return !m_readerRunning; });
+    }
+    tzSocket::close(socket);
 }
 
 bool tzCommunicationHandler::connectToServer()
@@ -79,6 +103,7 @@ bool tzCommunicationHandler::connectToServer()
         return false;
     }
     qDebug("Initialised.");
+    endConnection(); // a previous socket (a failed connect leaves one) is not kept
     const tzSocket::Handle socket = tzSocket::create();
     m_socket = socket;
     if (socket == tzSocket::INVALID) {
@@ -93,6 +118,10 @@ bool tzCommunicationHandler::connectToServer()
         return false;
     }
     qDebug("Connected.");
+    {
+        std::lock_guard<std::mutex> lock(m_readerMutex);
+        m_readerRunning = true;
+    }
     emit operate(this);
     return true;
 }
@@ -100,7 +129,7 @@ bool tzCommunicationHandler::connectToServer()
 void tzCommunicationHandler::disconnectFromServer()
 {
     qDebug("disconnected...");
-    tzSocket::close(m_socket.load());
+    endConnection();
     tzSocket::cleanup();
 }
 
@@ -110,8 +139,13 @@ void tzCommunicationHandler::handleResults(const QString &result)
     std::lock_guard<std::mutex> lock(m_inboxMutex);
     if (m_inbox.isEmpty())
         return;
-    m_pending += m_inbox;
-    // Frames end at each 0x04; what follows the last one waits for the next chunk.
+    feed(m_inbox);
+    m_inbox.clear();
+}
+
+void tzCommunicationHandler::feed(const QString &chunk)
+{
+    m_pending += chunk;
     int start = 0;
     for (int end = m_pending.indexOf(QChar(4)); end >= 0;
          end = m_pending.indexOf(QChar(4), start)) {
@@ -120,7 +154,6 @@ void tzCommunicationHandler::handleResults(const QString &result)
         dispatch(frame);
     }
     m_pending.remove(0, start);
-    m_inbox.clear();
 }
 
 // ------------------------------------------------------------------------------ outbound

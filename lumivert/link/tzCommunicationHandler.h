@@ -8,6 +8,7 @@
 #include <QThread>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -83,6 +84,9 @@ public:
         m_frameObserver = std::move(observer);
     }
 
+    //! Cuts frames at each byte 0x04 from what has arrived so far plus chunk, and dispatches
+    //! them in order; the text after the last 0x04 waits for the next chunk. GUI thread.
+    void feed(const QString &chunk);
     //! Turns one frame into changes of the scene: creates or updates sights, replaces symbols
     //! and alignments, deletes by identifier, or sets the sight tool's reference point. Bad
     //! frames (not JSON, empty, of an unknown type) are dropped without a word.
@@ -99,6 +103,8 @@ public slots:
 private:
     friend class Reader;
     void send(const QByteArray &text);
+    //! Shuts the socket down, waits for the reader loop to leave it, then closes it.
+    void endConnection();
     void setReferencePoint(const QString &type, int fromVisee);
     void createOrUpdateSight(const QJsonObject &frame);
     void replaceComposite(std::unique_ptr<tzXComposite> composite, const QJsonObject &frame,
@@ -108,6 +114,9 @@ private:
     QThread m_workerThread;
     std::atomic<tzSocket::Handle> m_socket {tzSocket::INVALID}; // read by the reader too
     std::atomic<bool> m_closing {false}; // being destroyed: nobody will empty the inbox again
+    std::mutex m_readerMutex;
+    std::condition_variable m_readerDone;
+    bool m_readerRunning = false; // under m_readerMutex: a reader loop owns the socket
     std::mutex m_inboxMutex;
     QString m_inbox; // under m_inboxMutex
     QString m_pending; // GUI thread only: text after the last 0x04 seen

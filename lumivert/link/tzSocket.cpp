@@ -35,6 +35,12 @@ int lastError()
     return WSAGetLastError();
 }
 
+void shutdown(Handle socket)
+{
+    if (socket != INVALID)
+        ::shutdown(SOCKET(socket), SD_BOTH);
+}
+
 void close(Handle socket)
 {
     ::closesocket(SOCKET(socket));
@@ -58,6 +64,12 @@ Handle create()
 int lastError()
 {
     return errno;
+}
+
+void shutdown(Handle socket)
+{
+    if (socket != INVALID)
+        ::shutdown(int(socket), SHUT_RDWR);
 }
 
 void close(Handle socket)

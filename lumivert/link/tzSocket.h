@@ -28,6 +28,9 @@ bool connectTo(Handle socket, const char *address, std::uint16_t port);
 int send(Handle socket, const char *data, int length);
 //! One blocking recv of at most length bytes; the bytes read, 0 when the peer has closed, or -1.
 int recv(Handle socket, char *buffer, int length);
+//! Ends both directions of the connection: a recv blocked on it in another thread returns 0.
+//! The handle stays open (and its number taken) until close.
+void shutdown(Handle socket);
 //! Closes the socket. A recv blocked on it in another thread returns at once (elsewhere than
 //! on Windows, closing alone would not wake it: the socket is shut down first), and any later
 //! call on the handle fails.
