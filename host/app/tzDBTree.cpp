@@ -4,8 +4,12 @@
 #include <QSet>
 #include <QTimer>
 
+#include <algorithm>
+
 namespace {
 constexpr int ID_ROLE = Qt::UserRole + 1;
+// Rebuilds follow each other at least this far apart (milliseconds).
+constexpr int REBUILD_SPACING = 300;
 }
 
 tzDBTree::tzDBTree(tzHObject *root, QWidget *parent)
@@ -15,6 +19,11 @@ tzDBTree::tzDBTree(tzHObject *root, QWidget *parent)
     setObjectName(QStringLiteral("dbTree"));
     setHeaderHidden(true);
     setSelectionMode(QAbstractItemView::ExtendedSelection);
+    // Rows of one height: the view does not measure each of thousands of items.
+    setUniformRowHeights(true);
+    m_rebuildTimer = new QTimer(this);
+    m_rebuildTimer->setSingleShot(true);
+    connect(m_rebuildTimer, &QTimer::timeout, this, &tzDBTree::rebuild);
     connect(this, &QTreeWidget::itemSelectionChanged, this, [this] {
         if (!m_rebuilding)
             emit objectSelectionChanged();
@@ -56,6 +65,7 @@ void tzDBTree::addItems(tzHObject *object, QTreeWidgetItem *parentItem)
 
 void tzDBTree::rebuild()
 {
+    m_rebuildTimer->stop();
     m_rebuildScheduled = false;
     m_rebuilding = true;
     QSet<unsigned> expanded, selected;
@@ -92,6 +102,7 @@ void tzDBTree::rebuild()
     }
     m_toExpand.clear();
     m_rebuilding = false;
+    m_sinceRebuild.start();
     // An object that left the scene also leaves the selection.
     if (selectedAfter != selectedBefore)
         emit objectSelectionChanged();
@@ -102,7 +113,8 @@ void tzDBTree::scheduleRebuild()
     if (m_rebuildScheduled)
         return;
     m_rebuildScheduled = true;
-    QTimer::singleShot(0, this, &tzDBTree::rebuild);
+    const qint64 since = m_sinceRebuild.isValid() ? m_sinceRebuild.elapsed() : REBUILD_SPACING;
+    m_rebuildTimer->start(int(std::max<qint64>(0, REBUILD_SPACING - since)));
 }
 
 tzHObject::Container tzDBTree::selectedObjects() const
@@ -135,7 +147,7 @@ void tzDBTree::expandTo(const tzHObject *object)
     if (!object)
         return;
     if (m_rebuildScheduled) {
-        m_toExpand << object->getUniqueID();
+        m_toExpand.insert(object->getUniqueID());
         return;
     }
     for (QTreeWidgetItem *item = itemOf(object); item; item = item->parent())

@@ -2,7 +2,11 @@
 
 #include "tzHObject.h"
 
+#include <QElapsedTimer>
+#include <QSet>
 #include <QTreeWidget>
+
+class QTimer;
 
 //! The database tree: every object of the scene with its name and a visibility check box.
 //! Items keep unique IDs, never pointers, so that an object deleted behind the tree's back is
@@ -16,7 +20,9 @@ public:
 
     //! Rebuilds the items from the scene, keeping expansion and selection.
     void rebuild();
-    //! Rebuilds at the next turn of the event loop (many requests make one rebuild).
+    //! Rebuilds soon: at the next turn of the event loop, or, right after a rebuild, a moment
+    //! later (many requests make one rebuild, and a stream of additions to a large scene
+    //! does not rebuild the tree at every turn).
     void scheduleRebuild();
     //! The selected objects, in tree order.
     tzHObject::Container selectedObjects() const;
@@ -38,5 +44,7 @@ private:
     tzHObject *m_root;
     bool m_rebuilding = false;
     bool m_rebuildScheduled = false;
-    QList<unsigned> m_toExpand; // unique IDs, expanded at the next rebuild
+    QSet<unsigned> m_toExpand; // unique IDs, expanded at the next rebuild
+    QTimer *m_rebuildTimer;
+    QElapsedTimer m_sinceRebuild;
 };

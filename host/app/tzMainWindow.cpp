@@ -295,7 +295,7 @@ void tzMainWindow::removeFromDatabase(tzHObject *object, bool autoDelete)
     } else if (autoDelete) {
         delete object;
     }
-    m_tree->rebuild();
+    m_tree->scheduleRebuild();
     m_view->redraw();
 }
 

@@ -6,6 +6,7 @@
 #include <QMap>
 
 #include <algorithm>
+#include <atomic>
 
 using namespace tzSerialization;
 
@@ -30,8 +31,20 @@ tzHObject::tzHObject(const QString &name)
 {
 }
 
+namespace {
+std::atomic<quint64> s_structureGeneration {0};
+}
+
+quint64 tzHObject::StructureGeneration()
+{
+    return s_structureGeneration.load(std::memory_order_relaxed);
+}
+
 tzHObject::~tzHObject()
 {
+    // An object that was never part of a tree changes no structure when it goes.
+    if (m_parent || !m_children.empty())
+        s_structureGeneration.fetch_add(1, std::memory_order_relaxed);
     m_isDeleting = true;
 
     // Owned children go first, in child order, so that deletion is deterministic.
@@ -93,6 +106,7 @@ bool tzHObject::addChild(tzHObject *child, int dependencyFlags, int insertIndex)
                            .arg(child->getName()));
         return false;
     }
+    s_structureGeneration.fetch_add(1, std::memory_order_relaxed);
     if (insertIndex < 0 || insertIndex >= int(m_children.size()))
         m_children.push_back(child);
     else
@@ -111,6 +125,7 @@ void tzHObject::detachChild(tzHObject *child)
     const int index = getChildIndex(child);
     if (index < 0)
         return;
+    s_structureGeneration.fetch_add(1, std::memory_order_relaxed);
     m_children.erase(m_children.begin() + index);
     if (child->m_parent == this)
         child->m_parent = nullptr;

@@ -46,6 +46,10 @@ public:
     //! Takes the child out of this object without deleting it.
     void detachChild(tzHObject *child);
     void detachAllChildren();
+    //! A number that changes whenever any object of the process gains or loses a child or is
+    //! deleted: code that keeps pointers into the scene between events checks it to know
+    //! that they still hold.
+    static quint64 StructureGeneration();
     //! Whether other is this object or one of its descendants.
     bool isAncestorOf(const tzHObject *other) const;
 

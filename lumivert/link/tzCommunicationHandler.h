@@ -1,6 +1,7 @@
 #pragma once
 
 #include "TZVector3.h"
+#include "tzSceneIndex.h"
 #include "tzSocket.h"
 
 #include <QObject>
@@ -126,4 +127,5 @@ private:
     tzApplicationInterface *m_app = nullptr;
     tzLumivert *m_plugin; // not owned
     std::function<void(const QString &)> m_frameObserver;
+    tzSceneIndex m_index; // GUI thread: the dispatch's lookups
 };

@@ -20,13 +20,6 @@ namespace {
 // Within this distance on each axis a new sight is the same as an existing one.
 constexpr double SAME_SIGHT = 0.0001;
 
-bool samePlace(const tzCVisee &a, const tzCVisee &b)
-{
-    const TZVector3d p = a.coordinates(), q = b.coordinates();
-    return std::abs(p.x - q.x) < SAME_SIGHT && std::abs(p.y - q.y) < SAME_SIGHT
-        && std::abs(p.z - q.z) < SAME_SIGHT;
-}
-
 } // namespace
 
 void tzCommunicationHandler::dispatch(const QString &frame)
@@ -62,21 +55,14 @@ void tzCommunicationHandler::dispatch(const QString &frame)
 bool tzCommunicationHandler::deleteByIdent(int ident)
 {
     tzHObject *root = m_app ? m_app->databaseRoot() : nullptr;
-    if (!root)
+    // The first object two levels below the root whose "ident" metadata is ident.
+    tzHObject *found = root ? m_index.levelTwo(root, ident) : nullptr;
+    if (!found)
         return false;
-    const QString key = QStringLiteral("ident");
-    for (unsigned i = 0; i < root->getChildrenNumber(); ++i) {
-        const tzHObject *child = root->getChild(i);
-        for (unsigned j = 0; j < child->getChildrenNumber(); ++j) {
-            tzHObject *candidate = child->getChild(j);
-            const QVariant value = candidate->getMetaData(key);
-            if (value.isValid() && value.toInt() == ident) {
-                m_app->removeFromDatabase(candidate, true);
-                return true;
-            }
-        }
-    }
-    return false;
+    m_index.objectRemoving(found, ident);
+    m_app->removeFromDatabase(found, true);
+    m_index.stamp();
+    return true;
 }
 
 void tzCommunicationHandler::setReferencePoint(const QString &type, int fromVisee)
@@ -113,26 +99,28 @@ void tzCommunicationHandler::createOrUpdateSight(const QJsonObject &frame)
     tzHObject *group = sight->getOrCreateGroup(m_app);
     if (!group || !sight->readJson(frame))
         return;
-    tzXentity *existing = sight->findSameIdent(group);
-    if (!existing) {
-        tzHObject::Container sights;
-        group->filterChildren(sights, true, TZ_TYPES::LABEL_KIND);
-        for (tzHObject *object : sights) {
-            auto *other = dynamic_cast<tzCVisee *>(object);
-            if (other && samePlace(*other, *sight)) {
-                existing = other;
-                break;
-            }
-        }
-    }
+    // The same ident among the group's children, else a sight of the group at the same place.
+    tzXentity *existing = m_index.sameIdent(group, sight->ident());
+    if (!existing)
+        existing = m_index.samePlace(group, sight->coordinates(), SAME_SIGHT);
     if (existing) {
+        auto *existingSight = dynamic_cast<tzCVisee *>(existing);
+        const int identBefore = existing->ident();
+        const TZVector3d placeBefore = existingSight ? existingSight->coordinates() : TZVector3d();
         existing->readJson(frame);
+        if (existingSight && existing->ident() == identBefore)
+            m_index.sightMoved(existingSight, placeBefore);
+        else
+            m_index.invalidate();
         refreshViews();
         return;
     }
     tzCVisee *added = sight.release();
     group->addChild(added, DP_PARENT_OF_OTHER, -1);
     m_app->addToDatabase(added, false, true, false, true);
+    m_index.sightAdded(group, added);
+    m_index.objectAdded(m_app->databaseRoot(), added, added->ident());
+    m_index.stamp();
     refreshViews();
 }
 
@@ -150,5 +138,7 @@ void tzCommunicationHandler::replaceComposite(std::unique_ptr<tzXComposite> comp
     tzXComposite *added = composite.release();
     group->addChild(added, DP_PARENT_OF_OTHER, -1);
     m_app->addToDatabase(added, false, true, false, true);
+    m_index.objectAdded(m_app->databaseRoot(), added, added->ident());
+    m_index.stamp();
     refreshViews();
 }

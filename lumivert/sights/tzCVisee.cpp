@@ -20,12 +20,14 @@ const char *const tzCVisee::FACTORY_NAME = "tzCVisee";
 namespace {
 
 const QString CVISEE = QStringLiteral("CVisee");
+// A marker a few pixels wide needs few facets, and thousands of sights draw one each.
+constexpr unsigned MARKER_PRECISION = 8;
 
 // The marker of every sight, made at the first draw and kept for the life of the process.
 tzSphere &pointMarker()
 {
     static const std::unique_ptr<tzSphere> marker
-        = std::make_unique<tzSphere>(1.f, QStringLiteral("PointMarker"));
+        = std::make_unique<tzSphere>(1.f, QStringLiteral("PointMarker"), MARKER_PRECISION);
     return *marker;
 }
 

@@ -117,6 +117,7 @@ private slots:
     void alignmentReplacement();
     void deleteAndMesure();
     void badFramesAreDroppedSilently();
+    void lookupsFollowChangesMadeElsewhere();
     void frameCapturesTheShiftOfTheFirstCloud();
 
 private:
@@ -596,6 +597,42 @@ void TestEntities::badFramesAreDroppedSilently()
     send(json(R"({"command":"create"})"));
     QCOMPARE(messages.lines(), QStringList({"type: XLine ", "type: Unknown ", "type:  create"}));
     QCOMPARE(m_app.databaseRoot()->getChildrenNumber(), 0u);
+}
+
+void TestEntities::lookupsFollowChangesMadeElsewhere()
+{
+    for (int i = 1; i <= 50; ++i)
+        send(sightFrame(i, QString::number(i), i, 0, 0));
+    send(symbolFrame(500, {}));
+    tzHObject *group = m_app.databaseRoot()->getChild(0);
+    QCOMPARE(group->getChildrenNumber(), 50u);
+    // The user deletes sight 7 and moves sight 8 into a group of its own.
+    m_app.removeFromDatabase(group->getChild(6), true);
+    tzHObject *sight8 = group->getChild(6);
+    group->detachChild(sight8);
+    auto *other = new tzHObject(QStringLiteral("other"));
+    m_app.databaseRoot()->addChild(other);
+    other->addChild(sight8);
+    send(sightFrame(7, "7 again", 7, 0, 0)); // a new sight
+    QCOMPARE(group->getChildrenNumber(), 49u);
+    QCOMPARE(objectsOf<tzCVisee>(m_app.databaseRoot()).size(), 50);
+    send(sightFrame(8, "8 again", 8, 0, 0)); // not in the group any more: a new one too
+    QCOMPARE(objectsOf<tzCVisee>(m_app.databaseRoot()).size(), 51);
+    // Two sights of ident 8: the first in the walk goes (the group comes first), then the other.
+    send(json(R"({"command":"delete","ident":8})"));
+    QCOMPARE(group->getChildrenNumber(), 49u);
+    QCOMPARE(other->getChildrenNumber(), 1u);
+    send(json(R"({"command":"delete","ident":8})"));
+    QCOMPARE(other->getChildrenNumber(), 0u);
+    // A symbol replaced after the scene changed behind the link's back.
+    delete m_app.databaseRoot()->getChild(1); // the "XSymbole" group and its symbol
+    send(symbolFrame(500, {}));
+    QCOMPARE(objectsOf<tzXSymbole>(m_app.databaseRoot()).size(), 1);
+    // A moved sight is found at its new place, and no longer at the old one.
+    send(sightFrame(20, "20", 100, 100, 100));
+    send(sightFrame(99, "99", 100.00005, 100, 100));
+    send(sightFrame(98, "98", 20, 0, 0));
+    QCOMPARE(objectsOf<tzCVisee>(m_app.databaseRoot()).size(), 50);
 }
 
 void TestEntities::frameCapturesTheShiftOfTheFirstCloud()
