@@ -24,6 +24,9 @@ tzDBTree::tzDBTree(tzHObject *root, QWidget *parent)
     m_rebuildTimer = new QTimer(this);
     m_rebuildTimer->setSingleShot(true);
     connect(m_rebuildTimer, &QTimer::timeout, this, &tzDBTree::rebuild);
+    m_refreshTimer = new QTimer(this);
+    m_refreshTimer->setSingleShot(true);
+    connect(m_refreshTimer, &QTimer::timeout, this, &tzDBTree::refresh);
     connect(this, &QTreeWidget::itemSelectionChanged, this, [this] {
         if (!m_rebuilding)
             emit objectSelectionChanged();
@@ -47,20 +50,101 @@ tzHObject *tzDBTree::objectOf(const QTreeWidgetItem *item) const
     return item && m_root ? m_root->find(item->data(0, ID_ROLE).toUInt()) : nullptr;
 }
 
+namespace {
+
+QString displayName(const tzHObject *object)
+{
+    return object->getName().isEmpty() ? QStringLiteral("(no name)") : object->getName();
+}
+
+} // namespace
+
+QTreeWidgetItem *tzDBTree::addItem(tzHObject *object, QTreeWidgetItem *parentItem)
+{
+    auto *item = new QTreeWidgetItem(parentItem);
+    item->setText(0, displayName(object));
+    item->setData(0, ID_ROLE, object->getUniqueID());
+    item->setFlags(Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsUserCheckable);
+    item->setCheckState(0, object->isVisible() ? Qt::Checked : Qt::Unchecked);
+    m_items.insert(object->getUniqueID(), item);
+    addItems(object, item);
+    return item;
+}
+
 void tzDBTree::addItems(tzHObject *object, QTreeWidgetItem *parentItem)
 {
     for (unsigned i = 0; i < object->getChildrenNumber(); ++i) {
-        tzHObject *child = object->getChild(i);
-        if (!child)
-            continue;
-        auto *item = new QTreeWidgetItem(parentItem);
-        item->setText(0,
-                      child->getName().isEmpty() ? QStringLiteral("(no name)") : child->getName());
-        item->setData(0, ID_ROLE, child->getUniqueID());
-        item->setFlags(Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsUserCheckable);
-        item->setCheckState(0, child->isVisible() ? Qt::Checked : Qt::Unchecked);
-        addItems(child, item);
+        if (tzHObject *child = object->getChild(i))
+            addItem(child, parentItem);
     }
+}
+
+void tzDBTree::objectAdded(tzHObject *object, bool expand)
+{
+    if (!object)
+        return;
+    QTreeWidgetItem *parentItem
+        = object->getParent() ? m_items.value(object->getParent()->getUniqueID()) : nullptr;
+    if (m_rebuildScheduled || !parentItem || m_items.contains(object->getUniqueID())) {
+        scheduleRebuild();
+        if (expand)
+            m_toExpand.insert(object->getUniqueID());
+        return;
+    }
+    // Where the object stands among its siblings; at the end, the usual case, costs nothing.
+    const tzHObject *parent = object->getParent();
+    const int index = parent->getChildIndex(object);
+    m_rebuilding = true;
+    QTreeWidgetItem *item = addItem(object, nullptr);
+    if (index >= 0 && index < parentItem->childCount())
+        parentItem->insertChild(index, item);
+    else
+        parentItem->addChild(item);
+    if (expand) {
+        for (QTreeWidgetItem *up = item->parent(); up; up = up->parent())
+            up->setExpanded(true);
+    }
+    m_rebuilding = false;
+}
+
+void tzDBTree::scheduleRefresh()
+{
+    if (m_rebuildScheduled || m_refreshTimer->isActive())
+        return;
+    const qint64 since = m_sinceRebuild.isValid() ? m_sinceRebuild.elapsed() : REBUILD_SPACING;
+    m_refreshTimer->start(int(std::max<qint64>(0, REBUILD_SPACING - since)));
+}
+
+void tzDBTree::refresh()
+{
+    if (m_rebuildScheduled || !m_root)
+        return;
+    // Names and check boxes follow the objects; a tree whose objects changed is rebuilt.
+    tzHObject::Container objects;
+    m_root->filterChildren(objects, true);
+    if (int(objects.size()) + 1 != m_items.size()) { // the root has an item too
+        rebuild();
+        return;
+    }
+    m_rebuilding = true;
+    bool stale = false;
+    for (const tzHObject *object : objects) {
+        QTreeWidgetItem *item = m_items.value(object->getUniqueID());
+        if (!item) {
+            stale = true;
+            break;
+        }
+        const QString name = displayName(object);
+        if (item->text(0) != name)
+            item->setText(0, name);
+        const Qt::CheckState state = object->isVisible() ? Qt::Checked : Qt::Unchecked;
+        if (item->checkState(0) != state)
+            item->setCheckState(0, state);
+    }
+    m_rebuilding = false;
+    m_sinceRebuild.start();
+    if (stale)
+        rebuild();
 }
 
 void tzDBTree::rebuild()
@@ -78,11 +162,13 @@ void tzDBTree::rebuild()
     }
     const QSet<unsigned> selectedBefore = selected;
     clear();
+    m_items.clear();
     if (m_root) {
         auto *top = new QTreeWidgetItem(this);
         top->setText(0, m_root->getName());
         top->setData(0, ID_ROLE, m_root->getUniqueID());
         top->setFlags(Qt::ItemIsEnabled);
+        m_items.insert(m_root->getUniqueID(), top);
         addItems(m_root, top);
         top->setExpanded(true);
     }
@@ -135,11 +221,7 @@ QTreeWidgetItem *tzDBTree::itemOf(const tzHObject *object)
         return nullptr;
     if (m_rebuildScheduled)
         rebuild();
-    for (QTreeWidgetItemIterator it(this); *it; ++it) {
-        if ((*it)->data(0, ID_ROLE).toUInt() == object->getUniqueID())
-            return *it;
-    }
-    return nullptr;
+    return m_items.value(object->getUniqueID());
 }
 
 void tzDBTree::expandTo(const tzHObject *object)

@@ -3,6 +3,7 @@
 #include "tzHObject.h"
 
 #include <QElapsedTimer>
+#include <QHash>
 #include <QSet>
 #include <QTreeWidget>
 
@@ -24,6 +25,12 @@ public:
     //! later (many requests make one rebuild, and a stream of additions to a large scene
     //! does not rebuild the tree at every turn).
     void scheduleRebuild();
+    //! An object was added to the scene: its items join the tree at once when its parent has
+    //! one (else the tree is rebuilt soon). expand: open the branches down to it.
+    void objectAdded(tzHObject *object, bool expand);
+    //! Names and check boxes follow the objects soon (a tree whose objects changed meanwhile is
+    //! rebuilt), at most one refresh in each rebuild spacing.
+    void scheduleRefresh();
     //! The selected objects, in tree order.
     tzHObject::Container selectedObjects() const;
     //! Selects exactly this object (null: clears the selection).
@@ -38,7 +45,9 @@ signals:
     void visibilityChanged(tzHObject *object);
 
 private:
+    QTreeWidgetItem *addItem(tzHObject *object, QTreeWidgetItem *parentItem);
     void addItems(tzHObject *object, QTreeWidgetItem *parentItem);
+    void refresh();
     tzHObject *objectOf(const QTreeWidgetItem *item) const;
 
     tzHObject *m_root;
@@ -46,5 +55,7 @@ private:
     bool m_rebuildScheduled = false;
     QSet<unsigned> m_toExpand; // unique IDs, expanded at the next rebuild
     QTimer *m_rebuildTimer;
+    QTimer *m_refreshTimer;
+    QHash<unsigned, QTreeWidgetItem *> m_items; // unique ID -> item, as the last rebuild made them
     QElapsedTimer m_sinceRebuild;
 };

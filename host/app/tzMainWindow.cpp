@@ -265,10 +265,8 @@ void tzMainWindow::addToDatabase(tzHObject *object, bool updateZoom, bool autoEx
     if (!object->getParent() && !m_root->addChild(object))
         return;
     object->setDisplay_recursive(m_view);
-    // Many objects added in a row (a companion's frames) make one rebuild of the tree.
-    m_tree->scheduleRebuild();
-    if (autoExpandDBTree)
-        m_tree->expandTo(object);
+    // Objects added in a row (a companion's frames) join the tree one by one.
+    m_tree->objectAdded(object, autoExpandDBTree);
     if (updateZoom)
         m_view->zoomGlobal();
     if (autoRedraw)
@@ -301,7 +299,7 @@ void tzMainWindow::removeFromDatabase(tzHObject *object, bool autoDelete)
 
 void tzMainWindow::refreshAllViews(bool only2D)
 {
-    m_tree->scheduleRebuild();
+    m_tree->scheduleRefresh();
     m_view->redraw(only2D);
 }
 

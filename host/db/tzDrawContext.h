@@ -30,6 +30,14 @@ enum tzDrawFlags : int {
     TZ_FAST_ENTITY_PICKING = 512,
 };
 
+//! Which objects a 3D pass draws: the view keeps the drawn clouds as a layer of their own and
+//! draws the other objects over it.
+enum tzDrawLayer : int {
+    TZ_LAYER_ALL = 0,
+    TZ_LAYER_CLOUDS = 1, // point clouds only
+    TZ_LAYER_OTHERS = 2, // everything but point clouds
+};
+
 //! Everything a drawable needs during one pass of the view: which pass, the GL functions, the
 //! view size and the display settings of labels and numbers.
 struct tzDrawContext
@@ -57,6 +65,7 @@ struct tzDrawContext
     //! through the cloud, so that the view follows the mouse (0: every point).
     unsigned pointBudget = 0;
     bool perspective = false;
+    int layer = TZ_LAYER_ALL;
 
     bool is2D() const { return drawingFlags & TZ_DRAW_2D; }
     bool is3D() const { return drawingFlags & TZ_DRAW_3D; }

@@ -1,5 +1,6 @@
 #include "tzHObject.h"
 
+#include "tzDrawContext.h"
 #include "tzLog.h"
 #include "tzSerialization.h"
 
@@ -230,7 +231,9 @@ void tzHObject::draw(tzDrawContext &context)
 {
     if (!isEnabled())
         return;
-    if (isVisible())
+    const bool layerShown = context.layer == TZ_LAYER_ALL
+        || (context.layer == TZ_LAYER_CLOUDS) == isKindOf(TZ_TYPES::POINT_CLOUD);
+    if (isVisible() && layerShown)
         drawMeOnly(context);
     for (tzHObject *child : m_children)
         child->draw(context);

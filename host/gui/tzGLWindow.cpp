@@ -8,6 +8,8 @@
 #include <QMouseEvent>
 #include <QOpenGLContext>
 #include <QOpenGLFunctions_2_1>
+#include <QDataStream>
+#include <QOpenGLFramebufferObject>
 #include <QPainter>
 #include <QWheelEvent>
 
@@ -77,9 +79,11 @@ void tzGLWindow::releaseGL()
     if (context() && isValid()) {
         makeCurrent();
         m_buffers->release();
+        m_cloudLayer.reset();
         doneCurrent();
     }
     m_buffers.reset();
+    m_cloudLayer.reset(); // its context is gone: its GL objects went with it
 }
 
 void tzGLWindow::setSceneDB(tzHObject *root)
@@ -360,22 +364,41 @@ void tzGLWindow::paintGL()
     updateSceneBounds(sceneMin, sceneMax);
 
     QOpenGLFunctions_2_1 *gl = m_gl;
-    gl->glViewport(0, 0, m_camera.width, m_camera.height);
-    gl->glClearColor(0.10f, 0.12f, 0.16f, 1.f);
-    gl->glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-
-    // 3D pass.
-    gl->glEnable(GL_DEPTH_TEST);
-    gl->glMatrixMode(GL_PROJECTION);
-    gl->glLoadMatrixf(m_camera.projection().constData());
-    gl->glMatrixMode(GL_MODELVIEW);
-    gl->glLoadMatrixf(m_camera.modelView().constData());
     m_texts.clear();
-    m_buffers->beginFrame();
     // The 3D pass is a foreground pass: objects that draw markers and labels expect both bits.
     tzDrawContext context3D = makeContext(TZ_DRAW_3D | TZ_DRAW_FOREGROUND);
-    drawScene(context3D);
-    m_buffers->endFrame();
+    const auto loadCamera = [this, gl] {
+        gl->glViewport(0, 0, m_camera.width, m_camera.height);
+        gl->glMatrixMode(GL_PROJECTION);
+        gl->glLoadMatrixf(m_camera.projection().constData());
+        gl->glMatrixMode(GL_MODELVIEW);
+        gl->glLoadMatrixf(m_camera.modelView().constData());
+    };
+    // The clouds are drawn into their own layer only when the camera or the clouds changed;
+    // other frames copy it and draw the other objects over it (with its depth).
+    const bool layered = QOpenGLFramebufferObject::hasOpenGLFramebufferObjects()
+        && QOpenGLFramebufferObject::hasOpenGLFramebufferBlit()
+        && QOpenGLWidget::format().samples() <= 1;
+    if (layered) {
+        drawCloudLayer(context3D);
+        QOpenGLFramebufferObject::blitFramebuffer(
+            nullptr, QRect(0, 0, m_camera.width, m_camera.height), m_cloudLayer.get(),
+            QRect(0, 0, m_camera.width, m_camera.height), GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT,
+            GL_NEAREST);
+        context3D.layer = TZ_LAYER_OTHERS;
+        gl->glEnable(GL_DEPTH_TEST);
+        loadCamera();
+        drawScene(context3D);
+    } else {
+        gl->glViewport(0, 0, m_camera.width, m_camera.height);
+        gl->glClearColor(0.10f, 0.12f, 0.16f, 1.f);
+        gl->glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        gl->glEnable(GL_DEPTH_TEST);
+        loadCamera();
+        m_buffers->beginFrame();
+        drawScene(context3D);
+        m_buffers->endFrame();
+    }
 
     // 2D foreground pass: origin at the centre of the view, y upwards, in pixels.
     gl->glDisable(GL_DEPTH_TEST);
@@ -391,6 +414,52 @@ void tzGLWindow::paintGL()
     drawOverlayTexts();
     ++m_frames;
     emit frameDrawn();
+}
+
+QByteArray tzGLWindow::cloudLayerKey(const tzDrawContext &context) const
+{
+    // Everything the drawn clouds depend on.
+    QByteArray key;
+    QDataStream out(&key, QIODevice::WriteOnly);
+    out << m_camera.width << m_camera.height << m_camera.projection() << m_camera.modelView()
+        << context.pointSize << context.pointBudget << context.pointsDefaultColor;
+    for (const tzGenericPointCloud *cloud : visibleClouds()) {
+        out << cloud->getUniqueID() << cloud->contentVersion() << cloud->size()
+            << cloud->getPointSize() << cloud->isTempColorEnabled() << cloud->getTempColor();
+    }
+    return key;
+}
+
+void tzGLWindow::drawCloudLayer(tzDrawContext &context)
+{
+    const QSize size(m_camera.width, m_camera.height);
+    if (!m_cloudLayer || m_cloudLayer->size() != size) {
+        m_cloudLayer = std::make_unique<QOpenGLFramebufferObject>(
+            size, QOpenGLFramebufferObject::CombinedDepthStencil);
+        m_layerDeprecated = true;
+    }
+    const QByteArray key = cloudLayerKey(context);
+    if (!m_layerDeprecated && key == m_layerKey)
+        return;
+    QOpenGLFunctions_2_1 *gl = m_gl;
+    m_cloudLayer->bind();
+    gl->glViewport(0, 0, m_camera.width, m_camera.height);
+    gl->glClearColor(0.10f, 0.12f, 0.16f, 1.f);
+    gl->glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+    gl->glEnable(GL_DEPTH_TEST);
+    gl->glMatrixMode(GL_PROJECTION);
+    gl->glLoadMatrixf(m_camera.projection().constData());
+    gl->glMatrixMode(GL_MODELVIEW);
+    gl->glLoadMatrixf(m_camera.modelView().constData());
+    tzDrawContext clouds = context;
+    clouds.layer = TZ_LAYER_CLOUDS;
+    m_buffers->beginFrame();
+    drawScene(clouds);
+    m_buffers->endFrame();
+    m_cloudLayer->release();
+    m_layerKey = key;
+    m_layerDeprecated = false;
+    ++m_layerDraws;
 }
 
 void tzGLWindow::drawOverlayTexts()

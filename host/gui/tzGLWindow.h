@@ -19,6 +19,7 @@
 #include <unordered_map>
 #include <vector>
 
+class QOpenGLFramebufferObject;
 class QOpenGLFunctions_2_1;
 class tzCloudBuffers;
 class tzGenericPointCloud;
@@ -68,7 +69,15 @@ public:
 
     // tzGenericGLDisplay
     void redraw(bool only2D = false, bool resetLOD = true) override;
-    void deprecate3DLayer() override { update(); }
+    //! The drawn clouds are kept between frames while the camera and the clouds stay the same;
+    //! this draws them again at the next frame (for a change the view cannot see).
+    void deprecate3DLayer() override
+    {
+        m_layerDeprecated = true;
+        update();
+    }
+    //! How many times the cloud layer was drawn (the other frames reused it).
+    quint64 cloudLayerDraws() const { return m_layerDraws; }
     void displayText(const QString &text, int x, int y, int align, float bkgAlpha,
                      const QColor &color, const QFont *font) override;
 
@@ -191,6 +200,13 @@ private:
     bool m_cameraSet = false; // false until a camera is set or fitted
     QOpenGLFunctions_2_1 *m_gl = nullptr;
     std::unique_ptr<tzCloudBuffers> m_buffers;
+    // The cloud layer: colour and depth of the clouds alone, and what they were drawn with.
+    std::unique_ptr<QOpenGLFramebufferObject> m_cloudLayer;
+    QByteArray m_layerKey;
+    bool m_layerDeprecated = true;
+    quint64 m_layerDraws = 0;
+    QByteArray cloudLayerKey(const tzDrawContext &context) const;
+    void drawCloudLayer(tzDrawContext &context);
     QMetaObject::Connection m_contextGoing;
     int m_pickingMode = DEFAULT_PICKING;
     float m_pointSize = 1.f;

@@ -6,7 +6,9 @@
 #include "tzSphere.h"
 #include "tzViewportParameters.h"
 
+#include <QHash>
 #include <QJsonObject>
+#include <QOpenGLContext>
 #include <QOpenGLFunctions_2_1>
 #include <QtDebug>
 
@@ -29,6 +31,36 @@ tzSphere &pointMarker()
     static const std::unique_ptr<tzSphere> marker
         = std::make_unique<tzSphere>(1.f, QStringLiteral("PointMarker"), MARKER_PRECISION);
     return *marker;
+}
+
+// The marker drawn in one colour, compiled once per GL context: thousands of sights call it at
+// every frame, which immediate-mode drawing of the sphere's facets could not afford.
+GLuint markerList(QOpenGLFunctions_2_1 *gl, QOpenGLContext *context, const tzDrawContext &draw,
+                  const QColor &colour)
+{
+    static QHash<QPair<QOpenGLContext *, QRgb>, GLuint> lists;
+    const auto key = qMakePair(context, colour.rgb());
+    const auto it = lists.constFind(key);
+    if (it != lists.constEnd())
+        return *it;
+    const GLuint list = gl->glGenLists(1);
+    if (list == 0)
+        return 0;
+    tzSphere &marker = pointMarker();
+    marker.setTempColor(colour);
+    tzDrawContext plain = draw;
+    plain.drawingFlags &= ~(TZ_ENTITY_PICKING | TZ_FAST_ENTITY_PICKING);
+    gl->glNewList(list, GL_COMPILE);
+    marker.draw(plain);
+    gl->glEndList();
+    lists.insert(key, list);
+    if (context) {
+        QObject::connect(context, &QOpenGLContext::aboutToBeDestroyed, [context] {
+            for (auto i = lists.begin(); i != lists.end();)
+                i = i.key().first == context ? lists.erase(i) : std::next(i);
+        });
+    }
+    return list;
 }
 
 // Scene units per pixel where p lies.
@@ -244,22 +276,28 @@ void tzCVisee::drawMeOnly(tzDrawContext &context)
     const bool picking = context.isPicking();
     if (picking)
         gl->glPushName(getUniqueID());
-    tzSphere &marker = pointMarker();
-    marker.setTempColor(isSelected() && !picking ? QColor(Qt::red) : context.labelDefaultColor);
+    const QColor colour
+        = isSelected() && !picking ? QColor(Qt::red) : context.labelDefaultColor;
     // The companion's coordinates brought into the cloud's frame.
     const double s = tzGlobalShift::scale;
     const TZVector3d &t = tzGlobalShift::shift;
     const TZVector3d p(m_coordX * s + t.x, m_coordY * s + t.y, m_coordZ * s + t.z);
     const float scale
         = float(m_relMarkerScale * context.labelMarkerSize * pixelSizeAt(context, p));
+    const GLuint list = markerList(gl, context.qGLContext, context, colour);
     gl->glMatrixMode(GL_MODELVIEW);
     gl->glPushMatrix();
     gl->glTranslatef(float(p.x), float(p.y), float(p.z));
     gl->glScalef(scale, scale, scale);
-    // The marker is not in the scene: in a picking pass the sight's name must stay innermost.
-    tzDrawContext markerContext = context;
-    markerContext.drawingFlags &= ~(TZ_ENTITY_PICKING | TZ_FAST_ENTITY_PICKING);
-    marker.draw(markerContext);
+    // The marker is not in the scene: in a picking pass the sight's name stays innermost.
+    if (list) {
+        gl->glCallList(list);
+    } else {
+        tzDrawContext markerContext = context;
+        markerContext.drawingFlags &= ~(TZ_ENTITY_PICKING | TZ_FAST_ENTITY_PICKING);
+        pointMarker().setTempColor(colour);
+        pointMarker().draw(markerContext);
+    }
     gl->glPopMatrix();
     if (picking)
         gl->glPopName();

@@ -58,7 +58,6 @@ tzPointCloud *makePatch(float x0, float y0, float side, float spacing, float z, 
     return cloud;
 }
 
-// A top view, orthographic, 0.1 m per pixel, centred on (cx, cy).
 // Records the flags of every pass it is drawn in.
 class FlagRecorder : public tzHObject
 {
@@ -102,6 +101,7 @@ private slots:
     void passesCarryTheirFlags();
     void foregroundLineShowsThroughTheCloud();
     void textIsWrittenWhereTheObjectAsks();
+    void cloudLayerIsKeptWhileOnlyOtherObjectsChange();
 
 private:
     std::unique_ptr<tzHObject> m_root;
@@ -422,6 +422,58 @@ void TestGLWindow::textIsWrittenWhereTheObjectAsks()
     const QImage far = image.copy(0, 0, SIZE, SIZE / 2);
     QVERIFY(countColour(near, Qt::yellow) > 5);
     QCOMPARE(countColour(far, Qt::yellow), 0);
+}
+
+namespace {
+
+tzSphere *sphereAt(float x, float y, float z, QColor colour)
+{
+    auto *sphere = new tzSphere(0.5f, QStringLiteral("ball"), 16);
+    sphere->setTransformation({1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, x, y, z, 1});
+    sphere->setColor(colour);
+    return sphere;
+}
+
+} // namespace
+
+void TestGLWindow::cloudLayerIsKeptWhileOnlyOtherObjectsChange()
+{
+    tzPointCloud *patch = makePatch(2.f, 2.f, 3.f, 0.02f, 0.f, {255, 0, 0});
+    m_root->addChild(patch);
+    m_root->addChild(sphereAt(3.5f, 3.5f, -1.f, Qt::green)); // under the patch
+    m_view->setPointSize(2);
+    lookDown(*m_view, 0, 0);
+    frame(*m_view);
+    const quint64 draws = m_view->cloudLayerDraws();
+
+    // Another object: the clouds are not drawn again, and still hide what lies behind them.
+    m_root->addChild(sphereAt(-3.f, -3.f, 0.f, Qt::blue));
+    QImage image = frame(*m_view);
+    QCOMPARE(m_view->cloudLayerDraws(), draws);
+    double x, y, depth;
+    QVERIFY(m_view->camera().project({3.5, 3.5, 0}, x, y, depth));
+    QVERIFY(isColour(image, int(x), int(y), Qt::red));
+    QVERIFY(m_view->camera().project({-3, -3, 0}, x, y, depth));
+    QVERIFY(isColour(image, int(x), int(y), Qt::blue, 60));
+
+    // A hidden cloud, a camera move, a point size, or the asking: drawn again.
+    patch->setVisible(false);
+    image = frame(*m_view);
+    QCOMPARE(m_view->cloudLayerDraws(), draws + 1);
+    QVERIFY(m_view->camera().project({3.5, 3.5, 0}, x, y, depth));
+    QVERIFY(isColour(image, int(x), int(y), Qt::green, 60));
+    patch->setVisible(true);
+    lookDown(*m_view, 0.5, 0);
+    frame(*m_view);
+    QCOMPARE(m_view->cloudLayerDraws(), draws + 2);
+    m_view->setPointSize(3);
+    frame(*m_view);
+    QCOMPARE(m_view->cloudLayerDraws(), draws + 3);
+    m_view->deprecate3DLayer();
+    frame(*m_view);
+    QCOMPARE(m_view->cloudLayerDraws(), draws + 4);
+    frame(*m_view);
+    QCOMPARE(m_view->cloudLayerDraws(), draws + 4);
 }
 
 QTEST_MAIN(TestGLWindow)
