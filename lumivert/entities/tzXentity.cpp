@@ -44,21 +44,25 @@ bool tzXentity::readJson(const QJsonObject &frame)
     return true;
 }
 
-tzHObject *tzXentity::findGroup(tzApplicationInterface *app) const
+tzHObject *findGroupTwoLevels(const tzHObject *root, const QString &name)
 {
-    const tzHObject *root = app ? app->databaseRoot() : nullptr;
     if (!root)
         return nullptr;
     for (unsigned i = 0; i < root->getChildrenNumber(); ++i) {
         tzHObject *child = root->getChild(i);
-        if (child->getName() == m_type)
+        if (child->getName() == name)
             return child;
         for (unsigned j = 0; j < child->getChildrenNumber(); ++j) {
-            if (child->getChild(j)->getName() == m_type)
+            if (child->getChild(j)->getName() == name)
                 return child->getChild(j);
         }
     }
     return nullptr;
+}
+
+tzHObject *tzXentity::findGroup(tzApplicationInterface *app) const
+{
+    return findGroupTwoLevels(app ? app->databaseRoot() : nullptr, m_type);
 }
 
 tzHObject *tzXentity::getOrCreateGroup(tzApplicationInterface *app) const

@@ -78,6 +78,10 @@ protected:
     int m_blue = 0;
 };
 
+//! The group named name: among root's children, and after each child not so named its own
+//! children, one level down only; the first match wins. Null if none.
+tzHObject *findGroupTwoLevels(const tzHObject *root, const QString &name);
+
 //! A member of a frame as a number, 0.0 when missing or not a number.
 inline double jsonNumber(const QJsonObject &object, const char *key)
 {

@@ -13,6 +13,7 @@
 #include "tzPickingHub.h"
 #include "tzPointCloud.h"
 #include "tzSettings.h"
+#include "tzXentity.h"
 
 #include <QAction>
 #include <QEvent>
@@ -558,16 +559,8 @@ tzHObject *tzLumivert::measurementGroup()
     }
     tzHObject *root = m_app->databaseRoot();
     const QString name = QStringLiteral("mesures");
-    // The root's children, and after each child not so named its own children; no deeper.
-    for (unsigned i = 0; i < root->getChildrenNumber(); ++i) {
-        tzHObject *child = root->getChild(i);
-        if (child->getName() == name)
-            return child;
-        for (unsigned j = 0; j < child->getChildrenNumber(); ++j) {
-            if (child->getChild(j)->getName() == name)
-                return child->getChild(j);
-        }
-    }
+    if (tzHObject *group = findGroupTwoLevels(root, name))
+        return group;
     auto *group = new tzHObject(name);
     root->addChild(group, DP_PARENT_OF_OTHER, -1);
     m_app->addToDatabase(group);
