@@ -23,7 +23,7 @@ namespace {
 
 const QString CVISEE = QStringLiteral("CVisee");
 // A marker a few pixels wide needs few facets, and thousands of sights draw one each.
-constexpr unsigned MARKER_PRECISION = 8;
+constexpr unsigned MARKER_PRECISION = 6;
 
 // The marker of every sight, made at the first draw and kept for the life of the process.
 tzSphere &pointMarker()
