@@ -379,8 +379,7 @@ void tzGLWindow::paintGL()
     const bool layered = QOpenGLFramebufferObject::hasOpenGLFramebufferObjects()
         && QOpenGLFramebufferObject::hasOpenGLFramebufferBlit()
         && QOpenGLWidget::format().samples() <= 1;
-    if (layered) {
-        drawCloudLayer(context3D);
+    if (layered && drawCloudLayer(context3D)) {
         QOpenGLFramebufferObject::blitFramebuffer(
             nullptr, QRect(0, 0, m_camera.width, m_camera.height), m_cloudLayer.get(),
             QRect(0, 0, m_camera.width, m_camera.height), GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT,
@@ -430,7 +429,7 @@ QByteArray tzGLWindow::cloudLayerKey(const tzDrawContext &context) const
     return key;
 }
 
-void tzGLWindow::drawCloudLayer(tzDrawContext &context)
+bool tzGLWindow::drawCloudLayer(tzDrawContext &context)
 {
     const QSize size(m_camera.width, m_camera.height);
     if (!m_cloudLayer || m_cloudLayer->size() != size) {
@@ -438,9 +437,14 @@ void tzGLWindow::drawCloudLayer(tzDrawContext &context)
             size, QOpenGLFramebufferObject::CombinedDepthStencil);
         m_layerDeprecated = true;
     }
+    if (!m_cloudLayer->isValid()) {
+        // No layer on this driver (or not at this size): the frame draws everything itself.
+        m_cloudLayer.reset();
+        return false;
+    }
     const QByteArray key = cloudLayerKey(context);
     if (!m_layerDeprecated && key == m_layerKey)
-        return;
+        return true;
     QOpenGLFunctions_2_1 *gl = m_gl;
     m_cloudLayer->bind();
     gl->glViewport(0, 0, m_camera.width, m_camera.height);
@@ -460,6 +464,7 @@ void tzGLWindow::drawCloudLayer(tzDrawContext &context)
     m_layerKey = key;
     m_layerDeprecated = false;
     ++m_layerDraws;
+    return true;
 }
 
 void tzGLWindow::drawOverlayTexts()

@@ -206,7 +206,8 @@ private:
     bool m_layerDeprecated = true;
     quint64 m_layerDraws = 0;
     QByteArray cloudLayerKey(const tzDrawContext &context) const;
-    void drawCloudLayer(tzDrawContext &context);
+    //! Draws the clouds into the layer if it is out of date; false when no layer can be made.
+    bool drawCloudLayer(tzDrawContext &context);
     QMetaObject::Connection m_contextGoing;
     int m_pickingMode = DEFAULT_PICKING;
     float m_pointSize = 1.f;
