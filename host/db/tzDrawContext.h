@@ -1,5 +1,6 @@
 #pragma once
 
+#include "TZVector3.h"
 #include "qtz_db_global.h"
 
 #include <QColor>
@@ -19,6 +20,18 @@ class QTZ_DB_LIB_API tzCloudRenderer
 public:
     virtual ~tzCloudRenderer() = default;
     virtual void drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &context) = 0;
+};
+
+//! Small spheres of one 3D pass (markers: a few pixels across, often thousands), which the view
+//! draws all at once at the end of the pass instead of one object at a time (implemented by the
+//! view).
+class QTZ_DB_LIB_API tzSphereBatch
+{
+public:
+    virtual ~tzSphereBatch() = default;
+    //! A sphere flat in one colour; centre and radius in the pass's coordinates (the view's
+    //! model-view, no transformation of the object's own).
+    virtual void addSphere(const TZVector3 &centre, float radius, const QColor &colour) = 0;
 };
 
 //! Flags of a draw pass (tzDrawContext::drawingFlags).
@@ -66,6 +79,9 @@ struct tzDrawContext
     unsigned pointBudget = 0;
     bool perspective = false;
     int layer = TZ_LAYER_ALL;
+    //! Where the pass's markers go, when the view can batch them (never in picking passes):
+    //! null means each object draws its own.
+    tzSphereBatch *spheres = nullptr;
 
     bool is2D() const { return drawingFlags & TZ_DRAW_2D; }
     bool is3D() const { return drawingFlags & TZ_DRAW_3D; }

@@ -3,6 +3,7 @@
 #include "tzCloudBuffers.h"
 #include "tzPointCloud.h"
 #include "tzPointPicker.h"
+#include "tzSphereSprites.h"
 
 #include <QKeyEvent>
 #include <QMouseEvent>
@@ -79,10 +80,13 @@ void tzGLWindow::releaseGL()
     if (context() && isValid()) {
         makeCurrent();
         m_buffers->release();
+        if (m_sprites)
+            m_sprites->release();
         m_cloudLayer.reset();
         doneCurrent();
     }
     m_buffers.reset();
+    m_sprites.reset();
     m_cloudLayer.reset(); // its context is gone: its GL objects went with it
 }
 
@@ -334,6 +338,9 @@ void tzGLWindow::initializeGL()
     if (m_gl)
         m_gl->initializeOpenGLFunctions();
     m_buffers = std::make_unique<tzCloudBuffers>();
+    m_sprites = std::make_unique<tzSphereSprites>();
+    if (!m_sprites->initialize())
+        m_sprites.reset();
     // The buffers belong to this context: free them while it still exists.
     m_contextGoing = connect(QOpenGLWidget::context(), &QOpenGLContext::aboutToBeDestroyed, this,
                              &tzGLWindow::releaseGL, Qt::DirectConnection);
@@ -367,6 +374,12 @@ void tzGLWindow::paintGL()
     m_texts.clear();
     // The 3D pass is a foreground pass: objects that draw markers and labels expect both bits.
     tzDrawContext context3D = makeContext(TZ_DRAW_3D | TZ_DRAW_FOREGROUND);
+    context3D.spheres = m_sprites.get();
+    const auto drawOthers = [this, gl](tzDrawContext &context) {
+        drawScene(context);
+        if (m_sprites)
+            m_sprites->flush(gl, m_camera.height);
+    };
     const auto loadCamera = [this, gl] {
         gl->glViewport(0, 0, m_camera.width, m_camera.height);
         gl->glMatrixMode(GL_PROJECTION);
@@ -387,7 +400,7 @@ void tzGLWindow::paintGL()
         context3D.layer = TZ_LAYER_OTHERS;
         gl->glEnable(GL_DEPTH_TEST);
         loadCamera();
-        drawScene(context3D);
+        drawOthers(context3D);
     } else {
         gl->glViewport(0, 0, m_camera.width, m_camera.height);
         gl->glClearColor(0.10f, 0.12f, 0.16f, 1.f);
@@ -395,7 +408,7 @@ void tzGLWindow::paintGL()
         gl->glEnable(GL_DEPTH_TEST);
         loadCamera();
         m_buffers->beginFrame();
-        drawScene(context3D);
+        drawOthers(context3D);
         m_buffers->endFrame();
     }
 
@@ -457,6 +470,7 @@ bool tzGLWindow::drawCloudLayer(tzDrawContext &context)
     gl->glLoadMatrixf(m_camera.modelView().constData());
     tzDrawContext clouds = context;
     clouds.layer = TZ_LAYER_CLOUDS;
+    clouds.spheres = nullptr;
     m_buffers->beginFrame();
     drawScene(clouds);
     m_buffers->endFrame();

@@ -22,6 +22,7 @@
 class QOpenGLFramebufferObject;
 class QOpenGLFunctions_2_1;
 class tzCloudBuffers;
+class tzSphereSprites;
 class tzGenericPointCloud;
 
 //! The 3D view: draws a scene tree and the view's own display list on an OpenGL 2.1
@@ -200,6 +201,7 @@ private:
     bool m_cameraSet = false; // false until a camera is set or fitted
     QOpenGLFunctions_2_1 *m_gl = nullptr;
     std::unique_ptr<tzCloudBuffers> m_buffers;
+    std::unique_ptr<tzSphereSprites> m_sprites; // null when this GL cannot batch markers
     // The cloud layer: colour and depth of the clouds alone, and what they were drawn with.
     std::unique_ptr<QOpenGLFramebufferObject> m_cloudLayer;
     QByteArray m_layerKey;

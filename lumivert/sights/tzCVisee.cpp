@@ -284,6 +284,10 @@ void tzCVisee::drawMeOnly(tzDrawContext &context)
     const TZVector3d p(m_coordX * s + t.x, m_coordY * s + t.y, m_coordZ * s + t.z);
     const float scale
         = float(m_relMarkerScale * context.labelMarkerSize * pixelSizeAt(context, p));
+    if (context.spheres && !picking) {
+        context.spheres->addSphere(TZVector3(float(p.x), float(p.y), float(p.z)), scale, colour);
+        return;
+    }
     const GLuint list = markerList(gl, context.qGLContext, context, colour);
     gl->glMatrixMode(GL_MODELVIEW);
     gl->glPushMatrix();

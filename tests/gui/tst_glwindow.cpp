@@ -80,6 +80,30 @@ protected:
     }
 };
 
+// Markers handed to the view's sphere batch when it has one (drawn by the object otherwise).
+class Markers : public tzHObject
+{
+public:
+    struct Marker
+    {
+        TZVector3 centre;
+        float radius;
+        QColor colour;
+    };
+    std::vector<Marker> markers;
+    int batched = 0;
+
+protected:
+    void drawMeOnly(tzDrawContext &context) override
+    {
+        if (!context.is3D() || !context.spheres)
+            return;
+        for (const Marker &m : markers)
+            context.spheres->addSphere(m.centre, m.radius, m.colour);
+        ++batched;
+    }
+};
+
 } // namespace
 
 class TestGLWindow : public QObject
@@ -102,6 +126,7 @@ private slots:
     void foregroundLineShowsThroughTheCloud();
     void textIsWrittenWhereTheObjectAsks();
     void cloudLayerIsKeptWhileOnlyOtherObjectsChange();
+    void batchedMarkersAreRoundAndHiddenByWhatIsNearer();
 
 private:
     std::unique_ptr<tzHObject> m_root;
@@ -474,6 +499,51 @@ void TestGLWindow::cloudLayerIsKeptWhileOnlyOtherObjectsChange()
     QCOMPARE(m_view->cloudLayerDraws(), draws + 4);
     frame(*m_view);
     QCOMPARE(m_view->cloudLayerDraws(), draws + 4);
+}
+
+void TestGLWindow::batchedMarkersAreRoundAndHiddenByWhatIsNearer()
+{
+    // A red patch at z = 0 right of x = 0.5, below y = 0; markers of radius 1 (10 px at 0.1 per pixel)
+    // left of it, and one under the patch.
+    m_root->addChild(makePatch(0.5f, -5.f, 5.f, 0.02f, 0.f, {255, 0, 0}));
+    auto *markers = new Markers;
+    markers->markers = {{{-3.f, 0.f, 0.f}, 1.f, Qt::yellow},
+                        {{-3.f, -3.5f, 1.f}, 0.5f, Qt::cyan},
+                        {{3.f, -2.5f, -2.f}, 1.f, Qt::green}};
+    m_root->addChild(markers);
+    m_view->setPointSize(2);
+    lookDown(*m_view, 0, 0);
+    QImage image = frame(*m_view);
+    QVERIFY2(markers->batched > 0, "the view gives no sphere batch on this OpenGL");
+
+    // Round: the centre and 8 px along the axes are in, the square's corner (7, 7) is out.
+    double x, y, depth;
+    QVERIFY(m_view->camera().project({-3, 0, 0}, x, y, depth));
+    const int cx = int(std::lround(x)), cy = int(std::lround(y));
+    for (const QPoint d : {QPoint(0, 0), QPoint(8, 0), QPoint(-8, 0), QPoint(0, 8), QPoint(0, -8)})
+        QVERIFY2(isColour(image, cx + d.x(), cy + d.y(), Qt::yellow), qPrintable(QString::number(d.x())));
+    QVERIFY(!isColour(image, cx + 8, cy + 8, Qt::yellow));
+    QVERIFY(!isColour(image, cx + 12, cy, Qt::yellow));
+    // Its area is that of a disc of 10 px, within the rasterising.
+    const int yellow = countColour(image, Qt::yellow);
+    QVERIFY2(yellow > 280 && yellow < 350, qPrintable(QString::number(yellow)));
+    QCOMPARE(countColour(image, Qt::cyan) > 60, true); // 5 px radius: about 79 px
+    // Below the patch: hidden.
+    QCOMPARE(countColour(image, Qt::green), 0);
+
+    // In perspective the radius follows the distance: the nearer marker looks larger.
+    lookDown(*m_view, 0, 0, true);
+    image = frame(*m_view);
+    const int nearYellow = countColour(image, Qt::yellow);
+    markers->markers[0].centre.z = -20.f;
+    image = frame(*m_view);
+    QVERIFY2(countColour(image, Qt::yellow) < nearYellow / 2,
+             qPrintable(QStringLiteral("%1 then %2").arg(nearYellow).arg(countColour(image, Qt::yellow))));
+
+    // The picking passes have no batch: the object draws there itself.
+    const int before = markers->batched;
+    m_view->pickEntity(cx, cy, nullptr);
+    QCOMPARE(markers->batched, before);
 }
 
 QTEST_MAIN(TestGLWindow)
