@@ -52,6 +52,8 @@ tzGLWindow::tzGLWindow(QWidget *parent)
     connect(&m_restTimer, &QTimer::timeout, this, &tzGLWindow::endInteraction);
     m_messageTimer.setSingleShot(true);
     connect(&m_messageTimer, &QTimer::timeout, this, [this] { update(); });
+    m_paceTimer.setSingleShot(true);
+    connect(&m_paceTimer, &QTimer::timeout, this, [this] { update(); });
 }
 
 tzGLWindow::~tzGLWindow()
@@ -116,7 +118,18 @@ void tzGLWindow::redraw(bool only2D, bool resetLOD)
     Q_UNUSED(only2D)
     if (resetLOD && m_interacting && m_pressButton == Qt::NoButton)
         endInteraction();
-    update(); // Qt merges the requests made before the next frame into one
+    // Qt merges the requests made before the next frame into one. Requests that come in a
+    // stream (objects arriving from another program, say) are also paced: a frame starts at
+    // least twice its predecessor's time after it, so that drawing never takes more than about
+    // half of the GUI thread away from what feeds it.
+    if (m_paceTimer.isActive())
+        return;
+    const qint64 wait = m_lastFrameStartNs + std::max(MIN_FRAME_SPACING_NS, 2 * m_lastFrameNs)
+        - m_clock.nsecsElapsed();
+    if (wait <= 0)
+        update();
+    else
+        m_paceTimer.start(int((wait + 999999) / 1000000));
 }
 
 void tzGLWindow::beginInteraction()
@@ -371,6 +384,7 @@ void tzGLWindow::paintGL()
     updateSceneBounds(sceneMin, sceneMax);
 
     QOpenGLFunctions_2_1 *gl = m_gl;
+    m_lastFrameStartNs = m_clock.nsecsElapsed();
     m_texts.clear();
     // The 3D pass is a foreground pass: objects that draw markers and labels expect both bits.
     tzDrawContext context3D = makeContext(TZ_DRAW_3D | TZ_DRAW_FOREGROUND);
@@ -424,6 +438,7 @@ void tzGLWindow::paintGL()
     drawScene(context2D);
 
     drawOverlayTexts();
+    m_lastFrameNs = m_clock.nsecsElapsed() - m_lastFrameStartNs;
     ++m_frames;
     emit frameDrawn();
 }

@@ -224,6 +224,11 @@ private:
     std::unordered_map<unsigned, BoundsCache> m_bounds; // by cloud unique ID
     QTimer m_messageTimer;
     QElapsedTimer m_clock;
+    // Pacing of the frames asked for by redraw().
+    static constexpr qint64 MIN_FRAME_SPACING_NS = 33000000;
+    QTimer m_paceTimer;
+    qint64 m_lastFrameStartNs = 0;
+    qint64 m_lastFrameNs = 0;
     QPoint m_pressPos;
     QPoint m_lastPos;
     Qt::MouseButton m_pressButton = Qt::NoButton;

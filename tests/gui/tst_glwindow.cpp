@@ -127,6 +127,7 @@ private slots:
     void textIsWrittenWhereTheObjectAsks();
     void cloudLayerIsKeptWhileOnlyOtherObjectsChange();
     void batchedMarkersAreRoundAndHiddenByWhatIsNearer();
+    void redrawRequestsInAStreamArePaced();
 
 private:
     std::unique_ptr<tzHObject> m_root;
@@ -544,6 +545,23 @@ void TestGLWindow::batchedMarkersAreRoundAndHiddenByWhatIsNearer()
     const int before = markers->batched;
     m_view->pickEntity(cx, cy, nullptr);
     QCOMPARE(markers->batched, before);
+}
+
+void TestGLWindow::redrawRequestsInAStreamArePaced()
+{
+    lookDown(*m_view, 0, 0);
+    frame(*m_view);
+    QSignalSpy drawn(m_view.get(), &tzGLWindow::frameDrawn);
+    QElapsedTimer clock;
+    clock.start();
+    // Half a second of requests every 2 ms, the events handled between them.
+    while (clock.elapsed() < 500) {
+        m_view->redraw();
+        QTest::qWait(2);
+    }
+    QTest::qWait(100);
+    // Each request was served (the last one too) but frames start 33 ms apart at the least.
+    QVERIFY2(drawn.size() >= 2 && drawn.size() <= 17, qPrintable(QString::number(drawn.size())));
 }
 
 QTEST_MAIN(TestGLWindow)
