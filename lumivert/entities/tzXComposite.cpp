@@ -21,20 +21,32 @@ tzXComposite::~tzXComposite()
 
 void tzXComposite::convertToView()
 {
+    m_drawingValid = false;
     for (tzXentity *entity : qAsConst(m_entities))
         entity->convertToView();
 }
 
 void tzXComposite::convertFromView()
 {
+    m_drawingValid = false;
     for (tzXentity *entity : qAsConst(m_entities))
         entity->convertFromView();
 }
 
+void tzXComposite::addTo(tzXLineBatch &batch) const
+{
+    for (const tzXentity *entity : m_entities)
+        entity->addTo(batch);
+}
+
 void tzXComposite::drawEntity(QOpenGLFunctions_2_1 *gl)
 {
-    for (tzXentity *entity : qAsConst(m_entities))
-        entity->drawEntity(gl);
+    if (!m_drawingValid) {
+        m_drawing.clear();
+        addTo(m_drawing);
+        m_drawingValid = true;
+    }
+    m_drawing.draw(gl);
 }
 
 void tzXComposite::drawMeOnly(tzDrawContext &context)
@@ -72,6 +84,7 @@ bool tzXComposite::appendChild(const QString &kind, const QJsonObject &element, 
         return false;
     child->readJson(element);
     m_entities.append(child.release());
+    m_drawingValid = false;
     return true;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tzCustomHObject.h"
+#include "tzXShapes.h"
 #include "tzXentity.h"
 
 #include <QList>
@@ -16,6 +17,7 @@ public:
     void convertToView() override;
     void convertFromView() override;
     void drawEntity(QOpenGLFunctions_2_1 *gl) override;
+    void addTo(tzXLineBatch &batch) const override;
     tzHObject *node() override { return this; }
 
     const QList<tzXentity *> &children() const { return m_entities; }
@@ -29,6 +31,11 @@ protected:
     void tag();
 
     QList<tzXentity *> m_entities;
+
+private:
+    // The children's lines, gathered at the first draw after a change.
+    tzXLineBatch m_drawing;
+    bool m_drawingValid = false;
 };
 
 //! "XSymbole": the insert of a block. The frame's "entities" hold the insert ("XInsert") whose own

@@ -28,22 +28,89 @@ TZVector3d point(const QJsonObject &object)
     return {jsonNumber(object, "X"), jsonNumber(object, "Y"), jsonNumber(object, "Z")};
 }
 
-// Colour and blending for one primitive; the colour-buffer group is restored by end().
-void begin(QOpenGLFunctions_2_1 *gl, const tzXentity &entity, GLenum mode)
+void drawAlone(const tzXentity &entity, QOpenGLFunctions_2_1 *gl)
 {
-    gl->glPushAttrib(GL_COLOR_BUFFER_BIT);
-    gl->glEnable(GL_BLEND);
-    gl->glColor3ub(GLubyte(entity.red()), GLubyte(entity.green()), GLubyte(entity.blue()));
-    gl->glBegin(mode);
-}
-
-void end(QOpenGLFunctions_2_1 *gl)
-{
-    gl->glEnd();
-    gl->glPopAttrib();
+    tzXLineBatch batch;
+    entity.addTo(batch);
+    batch.draw(gl);
 }
 
 } // namespace
+
+tzXLineBatch::Run &tzXLineBatch::startRun(unsigned mode, bool wide, const tzXentity &colour)
+{
+    m_runs.push_back({mode, int(m_xyz.size() / 3), 0, wide, (unsigned char)(colour.red()),
+                      (unsigned char)(colour.green()), (unsigned char)(colour.blue())});
+    return m_runs.back();
+}
+
+void tzXLineBatch::addVertex(const TZVector3d &v)
+{
+    m_xyz.push_back(float(v.x));
+    m_xyz.push_back(float(v.y));
+    m_xyz.push_back(float(v.z));
+}
+
+void tzXLineBatch::addSegments(const QVector<TZVector3d> &vertices, const tzXentity &colour)
+{
+    // Pairs only: an odd last vertex would pair with the next entity's first.
+    const int count = vertices.size() & ~1;
+    if (count == 0)
+        return;
+    const bool sameRun = !m_runs.empty() && m_runs.back().mode == GL_LINES
+        && m_runs.back().red == colour.red() && m_runs.back().green == colour.green()
+        && m_runs.back().blue == colour.blue();
+    Run &run = sameRun ? m_runs.back() : startRun(GL_LINES, false, colour);
+    for (int i = 0; i < count; ++i)
+        addVertex(vertices[i]);
+    run.count += count;
+}
+
+void tzXLineBatch::addLoop(const QVector<TZVector3d> &vertices, const tzXentity &colour)
+{
+    // Even an empty outline sets the width for what follows.
+    Run &run = startRun(GL_LINE_LOOP, true, colour);
+    for (const TZVector3d &v : vertices)
+        addVertex(v);
+    run.count = vertices.size();
+}
+
+void tzXLineBatch::addCircle(const TZVector3d &centre, double radius, const tzXentity &colour)
+{
+    Run &run = startRun(GL_LINE_LOOP, false, colour);
+    for (int i = 0; i < 360; ++i) {
+        const float angle = float(i * M_PI / 180.0);
+        addVertex({std::cos(angle) * radius + centre.x, std::sin(angle) * radius + centre.y,
+                   centre.z});
+    }
+    run.count = 360;
+}
+
+void tzXLineBatch::clear()
+{
+    m_xyz.clear();
+    m_runs.clear();
+}
+
+void tzXLineBatch::draw(QOpenGLFunctions_2_1 *gl) const
+{
+    if (m_runs.empty())
+        return;
+    gl->glPushAttrib(GL_COLOR_BUFFER_BIT);
+    gl->glPushClientAttrib(GL_CLIENT_VERTEX_ARRAY_BIT);
+    gl->glEnable(GL_BLEND);
+    gl->glEnableClientState(GL_VERTEX_ARRAY);
+    gl->glVertexPointer(3, GL_FLOAT, 0, m_xyz.data());
+    for (const Run &run : m_runs) {
+        if (run.wide)
+            gl->glLineWidth(3.f);
+        gl->glColor3ub(run.red, run.green, run.blue);
+        if (run.count > 0)
+            gl->glDrawArrays(run.mode, run.first, run.count);
+    }
+    gl->glPopClientAttrib();
+    gl->glPopAttrib();
+}
 
 void tzXLine::readVertices(const QJsonObject &frame, const char *trace)
 {
@@ -74,12 +141,14 @@ void tzXLine::convertFromView()
         v = fromView(v);
 }
 
+void tzXLine::addTo(tzXLineBatch &batch) const
+{
+    batch.addSegments(m_vertices, *this);
+}
+
 void tzXLine::drawEntity(QOpenGLFunctions_2_1 *gl)
 {
-    begin(gl, *this, GL_LINES);
-    for (const TZVector3d &v : m_vertices)
-        gl->glVertex3d(v.x, v.y, v.z);
-    end(gl);
+    drawAlone(*this, gl);
 }
 
 bool tzXPolyline::readJson(const QJsonObject &frame)
@@ -89,14 +158,9 @@ bool tzXPolyline::readJson(const QJsonObject &frame)
     return true;
 }
 
-void tzXPolyline::drawEntity(QOpenGLFunctions_2_1 *gl)
+void tzXPolyline::addTo(tzXLineBatch &batch) const
 {
-    // The width is not part of the saved group: later lines keep it.
-    gl->glLineWidth(3.f);
-    begin(gl, *this, GL_LINE_LOOP);
-    for (const TZVector3d &v : m_vertices)
-        gl->glVertex3d(v.x, v.y, v.z);
-    end(gl);
+    batch.addLoop(m_vertices, *this);
 }
 
 bool tzXCircle::readJson(const QJsonObject &frame)
@@ -121,13 +185,12 @@ void tzXCircle::convertFromView()
     m_radius /= tzGlobalShift::scale;
 }
 
+void tzXCircle::addTo(tzXLineBatch &batch) const
+{
+    batch.addCircle(m_center, m_radius, *this);
+}
+
 void tzXCircle::drawEntity(QOpenGLFunctions_2_1 *gl)
 {
-    begin(gl, *this, GL_LINE_LOOP);
-    for (int i = 0; i < 360; ++i) {
-        const float angle = float(i * M_PI / 180.0);
-        gl->glVertex3d(std::cos(angle) * m_radius + m_center.x,
-                       std::sin(angle) * m_radius + m_center.y, m_center.z);
-    }
-    end(gl);
+    drawAlone(*this, gl);
 }

@@ -8,6 +8,7 @@
 class QOpenGLFunctions_2_1;
 class tzApplicationInterface;
 class tzHObject;
+class tzXLineBatch;
 
 //! The scale and shift that turn the companion's coordinates into the scene's:
 //! scene = companion x scale + shift. One pair for the whole process, copied from the first cloud
@@ -44,6 +45,8 @@ public:
     virtual void convertFromView() = 0;
     //! Immediate-mode drawing in scene coordinates, inside the 3D pass.
     virtual void drawEntity(QOpenGLFunctions_2_1 *gl) = 0;
+    //! Adds what drawEntity draws to a batch of lines, for those entities made of lines.
+    virtual void addTo(tzXLineBatch &batch) const { Q_UNUSED(batch) }
     //! The group named after the kind: among the scene root's children, and after each child
     //! so named its own children, one level down only; the first match wins. Null if none.
     virtual tzHObject *findGroup(tzApplicationInterface *app) const;

@@ -110,6 +110,7 @@ class TestCompanion : public QObject
 private slots:
     void initTestCase();
     void everyFrameKindReachesTheScene();
+    void symbolLinesDrawWhereTheyAre();
     void companionKilledAndRestarted();
     void quittingWhileConnectedIsQuick();
 
@@ -164,6 +165,54 @@ void TestCompanion::everyFrameKindReachesTheScene()
     QVERIFY(!colourNear(image, view, {75, 83, 4}, magenta)); // the replaced circle is gone
     QVERIFY(colourNear(image, view, {62, 61, 4.1}, yellow)); // sight 1001b's marker
     QVERIFY(!colourNear(image, view, {110, 100, 2.9}, yellow)); // 1003, deleted
+}
+
+void TestCompanion::symbolLinesDrawWhereTheyAre()
+{
+    // Two lines of one colour, the first with an odd vertex that draws nothing, an alignment's
+    // outline and a circle: (x, y) in scene units, z 4 (companion 116).
+    const auto v = [](double x, double y) {
+        return QStringLiteral("{\"X\": %1, \"Y\": %2, \"Z\": 116}")
+            .arg(x - SHIFT.x, 0, 'f', 1)
+            .arg(y - SHIFT.y, 0, 'f', 1);
+    };
+    const QString red = QStringLiteral("\"Rcolor\": 255, \"Gcolor\": 0, \"Bcolor\": 0");
+    const QString symbol
+        = QStringLiteral("{\"type\": \"XSymbole\", \"ident\": 7, \"entities\": [{\"type\": "
+                         "\"XInsert\", \"entities\": ["
+                         "{\"type\": \"XLine\", %1, \"vertex\": [%2, %3, %4]}, "
+                         "{\"type\": \"XLine\", %1, \"vertex\": [%5, %6]}, "
+                         "{\"type\": \"XCircle\", \"Rcolor\": 0, \"Gcolor\": 255, "
+                         "\"Bcolor\": 0, \"center\": %7, \"radius\": 3}]}]}\n")
+              .arg(red, v(70, 70), v(80, 70), v(80, 80), v(60, 80), v(60, 90), v(75, 85));
+    const QString alignment
+        = QStringLiteral("{\"type\": \"XAlignement\", \"ident\": 8, \"entities\": ["
+                         "{\"type\": \"XPolyline\", \"Rcolor\": 0, \"Gcolor\": 0, "
+                         "\"Bcolor\": 255, \"vertex\": [%1, %2, %3]}]}\n")
+              .arg(v(85, 65), v(95, 65), v(95, 75));
+    QTemporaryDir dir;
+    Sim sim(writeScript(dir, (symbol + alignment).toUtf8()));
+    QTRY_VERIFY(sim.listening());
+    Viewer viewer;
+    viewer.cloud->setGlobalShift(SHIFT);
+    viewer.start();
+    tzHObject *root = viewer.window.databaseRoot();
+    QTRY_VERIFY(group(root, "XSymbole") && group(root, "XAlignement"));
+
+    tzGLWindow &view = *viewer.window.activeView();
+    lookDown(view, 78, 78);
+    const QImage image = frame(view);
+    const QColor r(255, 0, 0), g(0, 255, 0), b(0, 0, 255);
+    QVERIFY(colourNear(image, view, {75, 70, 4}, r));
+    QVERIFY(colourNear(image, view, {60, 85, 4}, r));
+    QVERIFY(!colourNear(image, view, {70, 80, 4}, r)); // the odd vertex joins nothing
+    QVERIFY(!colourNear(image, view, {80, 75, 4}, r));
+    QVERIFY(colourNear(image, view, {78, 85, 4}, g));
+    QVERIFY(colourNear(image, view, {75, 88, 4}, g));
+    QVERIFY(!colourNear(image, view, {75, 85, 4}, g));
+    QVERIFY(colourNear(image, view, {90, 70, 4}, b)); // the outline is closed
+    QVERIFY(colourNear(image, view, {95, 70, 4}, b));
+    viewer.click("closeButton");
 }
 
 void TestCompanion::companionKilledAndRestarted()
