@@ -5,11 +5,14 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <functional>
 
 namespace {
 constexpr int ID_ROLE = Qt::UserRole + 1;
 // Rebuilds follow each other at least this far apart (milliseconds).
 constexpr int REBUILD_SPACING = 300;
+// Added objects wait at most this long for their items (milliseconds).
+constexpr int ADD_DELAY = 200;
 }
 
 tzDBTree::tzDBTree(tzHObject *root, QWidget *parent)
@@ -27,6 +30,10 @@ tzDBTree::tzDBTree(tzHObject *root, QWidget *parent)
     m_refreshTimer = new QTimer(this);
     m_refreshTimer->setSingleShot(true);
     connect(m_refreshTimer, &QTimer::timeout, this, &tzDBTree::refresh);
+    m_addTimer = new QTimer(this);
+    m_addTimer->setSingleShot(true);
+    m_addTimer->setInterval(ADD_DELAY);
+    connect(m_addTimer, &QTimer::timeout, this, &tzDBTree::addPending);
     connect(this, &QTreeWidget::itemSelectionChanged, this, [this] {
         if (!m_rebuilding)
             emit objectSelectionChanged();
@@ -83,28 +90,68 @@ void tzDBTree::objectAdded(tzHObject *object, bool expand)
 {
     if (!object)
         return;
-    QTreeWidgetItem *parentItem
-        = object->getParent() ? m_items.value(object->getParent()->getUniqueID()) : nullptr;
-    if (m_rebuildScheduled || !parentItem || m_items.contains(object->getUniqueID())) {
+    if (expand)
+        m_toExpand.insert(object->getUniqueID());
+    if (m_rebuildScheduled)
+        return;
+    const bool parentKnown = object->getParent()
+        && (m_items.contains(object->getParent()->getUniqueID())
+            || m_pendingAdds.contains(object->getParent()->getUniqueID()));
+    if (!parentKnown || m_items.contains(object->getUniqueID())) {
         scheduleRebuild();
-        if (expand)
-            m_toExpand.insert(object->getUniqueID());
         return;
     }
-    // Where the object stands among its siblings; at the end, the usual case, costs nothing.
-    const tzHObject *parent = object->getParent();
-    const int index = parent->getChildIndex(object);
+    m_pendingAdds.insert(object->getUniqueID());
+    if (!m_addTimer->isActive())
+        m_addTimer->start();
+}
+
+void tzDBTree::addPending()
+{
+    m_addTimer->stop();
+    if (m_pendingAdds.isEmpty() || !m_root)
+        return;
+    // One walk of the scene, parents before children and siblings in order: each object's
+    // item goes where the object stands among its siblings. Objects gone meanwhile are not
+    // met; an added group brings the items of its children.
+    bool lost = false;
     m_rebuilding = true;
-    QTreeWidgetItem *item = addItem(object, nullptr);
-    if (index >= 0 && index < parentItem->childCount())
-        parentItem->insertChild(index, item);
-    else
-        parentItem->addChild(item);
-    if (expand) {
-        for (QTreeWidgetItem *up = item->parent(); up; up = up->parent())
-            up->setExpanded(true);
+    const std::function<void(tzHObject *, QTreeWidgetItem *)> walk
+        = [&](tzHObject *parent, QTreeWidgetItem *parentItem) {
+              for (unsigned i = 0; i < parent->getChildrenNumber() && !lost; ++i) {
+                  tzHObject *child = parent->getChild(i);
+                  if (!child)
+                      continue;
+                  QTreeWidgetItem *item = m_items.value(child->getUniqueID());
+                  if (!item && m_pendingAdds.contains(child->getUniqueID())) {
+                      if (!parentItem) {
+                          lost = true;
+                          return;
+                      }
+                      item = addItem(child, nullptr);
+                      if (int(i) < parentItem->childCount())
+                          parentItem->insertChild(int(i), item);
+                      else
+                          parentItem->addChild(item);
+                  }
+                  if (child->getChildrenNumber() > 0)
+                      walk(child, item);
+              }
+          };
+    walk(m_root, m_items.value(m_root->getUniqueID()));
+    m_pendingAdds.clear();
+    if (!lost) {
+        for (const unsigned id : qAsConst(m_toExpand)) {
+            for (QTreeWidgetItem *up = m_items.value(id); up; up = up->parent()) {
+                if (up != m_items.value(id))
+                    up->setExpanded(true);
+            }
+        }
+        m_toExpand.clear();
     }
     m_rebuilding = false;
+    if (lost)
+        scheduleRebuild();
 }
 
 void tzDBTree::scheduleRefresh()
@@ -118,6 +165,9 @@ void tzDBTree::scheduleRefresh()
 void tzDBTree::refresh()
 {
     if (m_rebuildScheduled || !m_root)
+        return;
+    addPending();
+    if (m_rebuildScheduled)
         return;
     // Names and check boxes follow the objects; a tree whose objects changed is rebuilt.
     tzHObject::Container objects;
@@ -150,6 +200,8 @@ void tzDBTree::refresh()
 void tzDBTree::rebuild()
 {
     m_rebuildTimer->stop();
+    m_addTimer->stop();
+    m_pendingAdds.clear(); // the rebuild makes their items
     m_rebuildScheduled = false;
     m_rebuilding = true;
     QSet<unsigned> expanded, selected;
@@ -221,6 +273,8 @@ QTreeWidgetItem *tzDBTree::itemOf(const tzHObject *object)
         return nullptr;
     if (m_rebuildScheduled)
         rebuild();
+    else
+        addPending();
     return m_items.value(object->getUniqueID());
 }
 
@@ -228,7 +282,7 @@ void tzDBTree::expandTo(const tzHObject *object)
 {
     if (!object)
         return;
-    if (m_rebuildScheduled) {
+    if (m_rebuildScheduled || m_pendingAdds.contains(object->getUniqueID())) {
         m_toExpand.insert(object->getUniqueID());
         return;
     }

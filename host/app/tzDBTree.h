@@ -25,8 +25,9 @@ public:
     //! later (many requests make one rebuild, and a stream of additions to a large scene
     //! does not rebuild the tree at every turn).
     void scheduleRebuild();
-    //! An object was added to the scene: its items join the tree at once when its parent has
-    //! one (else the tree is rebuilt soon). expand: open the branches down to it.
+    //! An object was added to the scene: its items join the tree within a moment (a stream of
+    //! additions repaints the tree a few times a second, not at each one), or the tree is
+    //! rebuilt soon when its parent has no item. expand: open the branches down to it.
     void objectAdded(tzHObject *object, bool expand);
     //! Names and check boxes follow the objects soon (a tree whose objects changed meanwhile is
     //! rebuilt), at most one refresh in each rebuild spacing.
@@ -48,6 +49,8 @@ private:
     QTreeWidgetItem *addItem(tzHObject *object, QTreeWidgetItem *parentItem);
     void addItems(tzHObject *object, QTreeWidgetItem *parentItem);
     void refresh();
+    //! Gives their items to the objects added since the last time.
+    void addPending();
     tzHObject *objectOf(const QTreeWidgetItem *item) const;
 
     tzHObject *m_root;
@@ -56,6 +59,8 @@ private:
     QSet<unsigned> m_toExpand; // unique IDs, expanded at the next rebuild
     QTimer *m_rebuildTimer;
     QTimer *m_refreshTimer;
+    QTimer *m_addTimer;
+    QSet<unsigned> m_pendingAdds; // unique IDs of objects added since the last addPending()
     QHash<unsigned, QTreeWidgetItem *> m_items; // unique ID -> item, as the last rebuild made them
     QElapsedTimer m_sinceRebuild;
 };

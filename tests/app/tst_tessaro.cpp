@@ -88,6 +88,7 @@ private slots:
     void shiftIsAskedAndMayBeChangedOrRefused();
     void closingWhileTheShiftIsAskedDoesNotHang();
     void objectDeletedBehindTheTreeIsForgotten();
+    void streamOfAdditionsJoinsTheTreeInOrder();
 
 private:
     QTemporaryDir m_settings;
@@ -410,6 +411,52 @@ void TestTessaro::objectDeletedBehindTheTreeIsForgotten()
     QCOMPARE(window.selectedObjects(), tzHObject::Container {kept});
     window.refreshAllViews();
     QTRY_COMPARE(window.dbTree()->topLevelItem(0)->childCount(), 1);
+}
+
+void TestTessaro::streamOfAdditionsJoinsTheTreeInOrder()
+{
+    tzMainWindow window(headless());
+    window.show();
+    const auto names = [](QTreeWidgetItem *item) {
+        QStringList list;
+        for (int i = 0; item && i < item->childCount(); ++i)
+            list << item->child(i)->text(0);
+        return list;
+    };
+    QTreeWidgetItem *top = window.dbTree()->topLevelItem(0);
+    auto *first = new tzHObject(QStringLiteral("first"));
+    window.addToDatabase(first);
+    QVERIFY(window.dbTree()->itemOf(first)); // asked for: there at once
+
+    // A group, then objects into it and beside it, one of them deleted before its item came,
+    // one inserted before an earlier one, the group itself with a child it already had.
+    auto *group = new tzHObject(QStringLiteral("group"));
+    group->addChild(new tzHObject(QStringLiteral("inner")));
+    window.addToDatabase(group, false, true);
+    for (int i = 0; i < 50; ++i) {
+        auto *object = new tzHObject(QStringLiteral("g%1").arg(i));
+        group->addChild(object);
+        window.addToDatabase(object);
+    }
+    auto *doomed = new tzHObject(QStringLiteral("doomed"));
+    window.addToDatabase(doomed);
+    window.databaseRoot()->removeChild(doomed); // behind the tree's back
+    auto *last = new tzHObject(QStringLiteral("last"));
+    window.addToDatabase(last);
+    auto *early = new tzHObject(QStringLiteral("early"));
+    group->addChild(early, DP_PARENT_OF_OTHER, 0);
+    window.addToDatabase(early);
+
+    QTRY_COMPARE(names(top), QStringList({"first", "group", "last"}));
+    QTreeWidgetItem *groupItem = top->child(1);
+    QCOMPARE(groupItem->childCount(), 52);
+    QCOMPARE(groupItem->child(0)->text(0), QStringLiteral("early"));
+    QCOMPARE(groupItem->child(1)->text(0), QStringLiteral("inner"));
+    QCOMPARE(groupItem->child(51)->text(0), QStringLiteral("g49"));
+    QVERIFY(top->isExpanded());
+    QCOMPARE(window.dbTree()->selectedObjects(), tzHObject::Container());
+    window.dbTree()->selectObject(group->getChild(10));
+    QCOMPARE(window.selectedObjects(), tzHObject::Container {group->getChild(10)});
 }
 
 QTEST_MAIN(TestTessaro)
