@@ -18,6 +18,10 @@ public:
     virtual void setVisible(bool state) { m_visible = state; }
     void toggleVisibility() { setVisible(!m_visible); }
 
+    //! An object that is not pickable is left out of the views' picking passes (a preview that
+    //! follows the cursor must not catch the click meant for what lies under it).
+    bool isPickable() const { return m_pickable; }
+    void setPickable(bool state) { m_pickable = state; }
     bool isSelected() const { return m_selected; }
     virtual void setSelected(bool state) { m_selected = state; }
 
@@ -46,6 +50,7 @@ public:
 
 protected:
     bool m_visible = true;
+    bool m_pickable = true;
     bool m_selected = false;
     bool m_tempColorShown = false;
     QColor m_tempColor = QColor(255, 255, 255);

@@ -233,7 +233,7 @@ void tzHObject::draw(tzDrawContext &context)
         return;
     const bool layerShown = context.layer == TZ_LAYER_ALL
         || (context.layer == TZ_LAYER_CLOUDS) == isKindOf(TZ_TYPES::POINT_CLOUD);
-    if (isVisible() && layerShown)
+    if (isVisible() && layerShown && (isPickable() || !(context.drawingFlags & TZ_ENTITY_PICKING)))
         drawMeOnly(context);
     for (tzHObject *child : m_children)
         child->draw(context);
