@@ -60,6 +60,22 @@ tzHObject *findGroupTwoLevels(const tzHObject *root, const QString &name)
     return nullptr;
 }
 
+tzHObject *measurementGroup(tzApplicationInterface *app, bool create)
+{
+    tzHObject *root = app ? app->databaseRoot() : nullptr;
+    if (!root)
+        return nullptr;
+    const QString name = QStringLiteral("mesures");
+    if (tzHObject *group = findGroupTwoLevels(root, name))
+        return group;
+    if (!create)
+        return nullptr;
+    auto *group = new tzHObject(name);
+    root->addChild(group, DP_PARENT_OF_OTHER, -1);
+    app->addToDatabase(group);
+    return group;
+}
+
 tzHObject *tzXentity::findGroup(tzApplicationInterface *app) const
 {
     return findGroupTwoLevels(app ? app->databaseRoot() : nullptr, m_type);

@@ -85,6 +85,11 @@ protected:
 //! children, one level down only; the first match wins. Null if none.
 tzHObject *findGroupTwoLevels(const tzHObject *root, const QString &name);
 
+//! The group of the measurements made in the viewer, "mesures", looked for as
+//! findGroupTwoLevels does; when there is none and create is set, a new one at the end of the
+//! root. Null without an application.
+tzHObject *measurementGroup(tzApplicationInterface *app, bool create);
+
 //! A member of a frame as a number, 0.0 when missing or not a number.
 inline double jsonNumber(const QJsonObject &object, const char *key)
 {

@@ -553,18 +553,9 @@ void tzLumivert::onItemPicked(const tzPickingListener::PickedItem &pi)
 
 tzHObject *tzLumivert::measurementGroup()
 {
-    if (m_activeTool == m_viseeTool) {
-        if (tzHObject *container = m_viseeTool->sightContainer(m_app))
-            return container;
-    }
-    tzHObject *root = m_app->databaseRoot();
-    const QString name = QStringLiteral("mesures");
-    if (tzHObject *group = findGroupTwoLevels(root, name))
-        return group;
-    auto *group = new tzHObject(name);
-    root->addChild(group, DP_PARENT_OF_OTHER, -1);
-    m_app->addToDatabase(group);
-    return group;
+    if (m_activeTool == m_viseeTool)
+        return m_viseeTool->sightContainer(m_app);
+    return ::measurementGroup(m_app, true);
 }
 
 void tzLumivert::pointPicked(tzHObject *entity, unsigned itemIdx, int x, int y, const TZVector3 &P)

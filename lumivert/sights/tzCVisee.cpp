@@ -230,6 +230,73 @@ QString tzCVisee::getName() const
     return name;
 }
 
+TZVector3 tzCVisee::pointOf(unsigned i) const
+{
+    const PickedPoint &p = m_points[i];
+    const TZVector3 *point = p.cloud ? p.cloud->getPoint(p.index) : nullptr;
+    return point ? *point : TZVector3(0, 0, 0);
+}
+
+QStringList tzCVisee::bodyLines(int precision) const
+{
+    const auto n = [precision](double v) { return QString::number(v, 'f', precision); };
+    QStringList lines;
+    switch (m_points.size()) {
+    case 1: {
+        const PickedPoint &p = m_points[0];
+        const TZVector3 P = pointOf(0);
+        const double s = p.cloud->getGlobalScale();
+        const TZVector3d t = p.cloud->getGlobalShift();
+        const bool shifted = s != 1.0 || t.x != 0 || t.y != 0 || t.z != 0;
+        lines << QStringLiteral("P#%0:").arg(p.index)
+                + (shifted ? QStringLiteral(" [shifted]") : QString())
+                + QStringLiteral(" (%1;%2;%3)").arg(n(P.x), n(P.y), n(P.z));
+        if (shifted)
+            lines << QStringLiteral("[original] (%1;%2;%3)")
+                         .arg(n(P.x / s - t.x), n(P.y / s - t.y), n(P.z / s - t.z));
+        if (const auto *cloud = dynamic_cast<const tzPointCloud *>(p.cloud)) {
+            if (cloud->hasColors() && p.index < cloud->size()) {
+                const tzRgb c = cloud->getPointColor(p.index);
+                lines << QStringLiteral("Color: (%1;%2;%3)").arg(c.r).arg(c.g).arg(c.b);
+            }
+        }
+        break;
+    }
+    case 2: {
+        const TZVector3 d = pointOf(1) - pointOf(0);
+        lines << QStringLiteral("%1 = %2").arg(QStringLiteral("Distance"), n(d.norm()));
+        lines << QStringLiteral("X: %1\t").arg(n(d.x)) + QStringLiteral("Y: %1\t").arg(n(d.y))
+                + QStringLiteral("Z: %1").arg(n(d.z));
+        lines << QStringLiteral("XY: %1\t").arg(n(std::hypot(d.x, d.y)))
+                + QStringLiteral("XZ: %1\t").arg(n(std::hypot(d.x, d.z)))
+                + QStringLiteral("ZY: %1").arg(n(std::hypot(d.z, d.y)));
+        break;
+    }
+    case 3: {
+        const TZVector3 A = pointOf(0), B = pointOf(1), C = pointOf(2);
+        const TZVector3 AB = B - A, BC = C - B, CA = A - C;
+        const TZVector3 N = AB.cross(C - A);
+        const auto angle = [](const TZVector3 &u, const TZVector3 &v) {
+            const double c = double(u.dot(v)) / (double(u.norm()) * double(v.norm()));
+            return std::acos(std::max(-1.0, std::min(1.0, c))) * 180.0 / M_PI;
+        };
+        lines << QStringLiteral("Area = %1").arg(n(0.5 * N.norm()));
+        lines << QStringLiteral("Angles: A=%1 - B=%2 - C=%3 deg.")
+                     .arg(n(angle(AB, C - A)), n(angle(BC, A - B)), n(angle(CA, B - C)));
+        lines << QStringLiteral("Edges: AB=%1 - BC=%2 - CA=%3")
+                     .arg(n(AB.norm()), n(BC.norm()), n(CA.norm()));
+        const float length = N.norm();
+        if (length > 0)
+            lines << QStringLiteral("Normal: (%1;%2;%3)")
+                         .arg(n(N.x / length), n(N.y / length), n(N.z / length));
+        break;
+    }
+    default:
+        break;
+    }
+    return lines;
+}
+
 void tzCVisee::forgetAllPoints()
 {
     m_points.clear();

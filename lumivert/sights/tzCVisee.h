@@ -56,6 +56,12 @@ public:
     //! Type "CVisee", the number as name, and the metadata of the companion's fields.
     void refreshNameAndMetaData();
 
+    //! What the console shows of a fixed pick, numbers with the given decimals: the point and
+    //! its original coordinates (one point), the differences (two), the triangle (three).
+    QStringList bodyLines(int precision) const;
+    //! The cloud point of a picked point, in the cloud's frame (origin when it is gone).
+    TZVector3 pointOf(unsigned i) const;
+
     //! The stored name with "pi0".."pi2" (point indices) and "ci0".."ci2" (cloud IDs) replaced.
     QString getName() const override;
     void onDeletionOf(const tzHObject *object) override;

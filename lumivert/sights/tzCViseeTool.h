@@ -2,45 +2,94 @@
 
 #include "tzTool.h"
 
-class QMouseEvent;
-class tzLumivert;
+#include <QPoint>
 
-//! The tool that places and moves sights. The sights themselves arrive with their own classes;
-//! until then the tool keeps its mode and takes picks and mouse moves without acting on them.
+class QMouseEvent;
+class tzCVisee;
+class tzLumivert;
+class tzMouseCircle;
+class tzPointCloud;
+class tzPolyline;
+
+//! The tool through which the surveyor places and moves sights with the mouse.
+//!
+//! While it is active a working sight follows the cursor as a preview; a pick fixes it into the
+//! sights' group, tells the companion ("coordonnees") and starts a new working sight. A pick near
+//! an existing sight selects it and the next pick moves it ("pointMove"). In lowest-point mode
+//! (or with Z held at the pick) a sight keeps the picked x and y and takes the height of the
+//! lowest cloud point in a vertical cylinder below the pick: the ground under vegetation.
 class tzCViseeTool : public tzTool
 {
 public:
     enum Mode { OFF = 0, LOWEST_POINT = 1, SIMPLE_POINT = 2 };
+    //! Cursor reports to the companion are at least this far apart (milliseconds).
+    static constexpr qint64 CURSOR_REPORT_SPACING_MS = 500;
 
-    explicit tzCViseeTool(tzLumivert *plugin)
-        : m_plugin(plugin)
-    {
-    }
+    explicit tzCViseeTool(tzLumivert *plugin);
+    ~tzCViseeTool() override;
+
+    void toolActivated() override;
+    void toolDeactivated() override;
+    using tzTool::pointPicked;
+    void pointPicked(tzHObject *insertionParent, unsigned pointIndex, tzPointCloud *cloud,
+                     const TZVector3 &P) override;
 
     tzLumivert *plugin() const { return m_plugin; }
     int mode() const { return m_mode; }
     void setMode(int mode) { m_mode = mode; }
     //! Sights placed next go on the lowest point below the pick.
     void setLowestPointSearch() { m_mode = LOWEST_POINT; }
-    //! The group that receives the sights (null: the plug-in's "mesures" group).
-    tzHObject *sightContainer(tzApplicationInterface *app) const
-    {
-        Q_UNUSED(app)
-        return nullptr;
-    }
+    //! The group of the sights placed by the tool, "mesures" (made when missing), null
+    //! without app.
+    tzHObject *sightContainer(tzApplicationInterface *app) const;
     //! The point the companion measures from ("mesure" frames): the coordinates of the sight it
     //! names, or the origin when it names none.
     const TZVector3 &referencePoint() const { return m_referencePoint; }
     void setReferencePoint(const TZVector3 &point) { m_referencePoint = point; }
-    //! A mouse move over the view while this tool is active.
-    void onMouseMove(QMouseEvent *event, tzGLWindow *view)
-    {
-        Q_UNUSED(event)
-        Q_UNUSED(view)
-    }
+    //! A mouse move over the view while this tool is active: the preview follows the cursor,
+    //! and the cursor's position goes to the companion at most every half second.
+    void onMouseMove(QMouseEvent *event, tzGLWindow *view);
+
+    //! The lowest point of cloud in the vertical cylinder of radius "accuaryLowestPoint" that
+    //! goes 20 units down from C; on equal heights the first met stays. False when the cylinder
+    //! is empty (lowest and index are then left as they were).
+    bool findLowestPoint(const TZVector3 &C, TZVector3 &lowest, int &index) const;
+
+    tzCVisee *workingSight() const { return m_workingSight; }
+    //! The sight selected by a pick near it, which the next pick moves (null: none).
+    tzCVisee *movingSight() const { return m_movingSight; }
+    //! Whether the cursor was near an existing sight at the last mouse move.
+    bool isNearSight() const { return m_nearFlag; }
+    tzMouseCircle *mouseCircle() const { return m_mouseCircle; }
+    tzPolyline *rubberBand() const { return m_rubberBand; }
+    const TZVector3 &lastPoint() const { return m_lastPoint; }
 
 private:
+    //! The mouse circle's radius in the cloud's units.
+    float searchRadius() const;
+    //! The sights of the group, in the group's order.
+    std::vector<tzCVisee *> sights() const;
+    void placeWorkingSight(tzPointCloud *cloud, unsigned index, const QPoint *screen,
+                           const TZVector3 *Q);
+    void fixWorkingSight();
+    void setWorkingSightCoordinates(const TZVector3 &P);
+    //! The sight's coordinates in the cloud's frame (S x coord + T).
+    static TZVector3d toLocal(const tzCVisee &sight);
+    void reportCursor(tzGLWindow *view, const TZVector3d &M);
+    void showRubberBand(const TZVector3 &to);
+    tzGLWindow *view() const;
+
     tzLumivert *m_plugin; // not owned
+    tzMouseCircle *m_mouseCircle = nullptr;
     int m_mode = OFF;
+    TZVector3 m_lastPoint;
+    tzCVisee *m_workingSight;
+    tzPolyline *m_rubberBand;
+    tzPointCloud *m_tipVertices; // child of the rubber band
+    tzPointCloud *m_cloud = nullptr; // the cloud of the last pick, not owned
+    tzGLWindow *m_shownIn = nullptr; // the view whose display list holds the preview
+    bool m_nearFlag = false;
+    tzCVisee *m_movingSight = nullptr; // checked against the group before use
+    qint64 m_lastReportMs;
     TZVector3 m_referencePoint;
 };

@@ -2,6 +2,7 @@
 // frame reaching the scene and drawing where it should, and the companion going away and
 // coming back.
 
+#include "CompanionSim.h"
 #include "PluginViewer.h"
 #include "ViewHelpers.h"
 
@@ -17,50 +18,6 @@ namespace {
 
 // The national grid of the data scripts, and the shift that brings it near the origin.
 const TZVector3d SHIFT(-651200.0, -6861400.0, -112.0);
-
-// The stand-in, listening, with a script and a log.
-class Sim
-{
-public:
-    explicit Sim(const QString &script)
-        : m_log(m_dir.filePath(QStringLiteral("sim.log")))
-    {
-        m_process.setProgram(QStringLiteral(MENSURIX_SIM));
-        m_process.setArguments({QStringLiteral("--script"), script, QStringLiteral("--log"),
-                                m_log, QStringLiteral("--no-input")});
-        m_process.start();
-    }
-    ~Sim()
-    {
-        m_process.kill();
-        m_process.waitForFinished();
-    }
-    bool listening() const { return QFileInfo(m_log).size() > 0; }
-    QString log() const
-    {
-        QFile file(m_log);
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-    }
-    void kill()
-    {
-        m_process.kill();
-        m_process.waitForFinished();
-    }
-
-private:
-    QTemporaryDir m_dir;
-    QString m_log;
-    QProcess m_process;
-};
-
-QString writeScript(const QTemporaryDir &dir, const QByteArray &lines)
-{
-    const QString path = dir.filePath(QStringLiteral("script.jsonl"));
-    QFile file(path);
-    file.open(QIODevice::WriteOnly);
-    file.write(lines);
-    return path;
-}
 
 // The sights of the scene, as "number/ident" (what they keep in their metadata).
 QStringList sightsOf(tzHObject *root)
