@@ -142,10 +142,9 @@ void tzDBTree::addPending()
     m_pendingAdds.clear();
     if (!lost) {
         for (const unsigned id : qAsConst(m_toExpand)) {
-            for (QTreeWidgetItem *up = m_items.value(id); up; up = up->parent()) {
-                if (up != m_items.value(id))
-                    up->setExpanded(true);
-            }
+            QTreeWidgetItem *item = m_items.value(id);
+            for (QTreeWidgetItem *up = item ? item->parent() : nullptr; up; up = up->parent())
+                up->setExpanded(true);
         }
         m_toExpand.clear();
     }

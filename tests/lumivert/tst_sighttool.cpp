@@ -108,6 +108,28 @@ struct Survey : Viewer
     }
 };
 
+// The stand-in waiting on the socket, and the survey in the viewer with a run started in one of
+// the sight modes (the button's name), seen from the top at 10 pixels a unit.
+struct Session
+{
+    QTemporaryDir dir;
+    Sim sim {writeScript(dir, "!wait 100000\n")};
+    Survey survey;
+
+    bool start(const char *modeButton)
+    {
+        if (!QTest::qWaitFor([this] { return sim.listening(); }, 5000))
+            return false;
+        survey.start();
+        if (!QTest::qWaitFor(
+                [this] { return sim.log().contains(QStringLiteral("client connected")); }, 5000))
+            return false;
+        survey.click(modeButton);
+        survey.topView();
+        return true;
+    }
+};
+
 } // namespace
 
 class TestSightTool : public QObject
@@ -140,14 +162,10 @@ void TestSightTool::init()
 
 void TestSightTool::simplePointPicksSendTheirCoordinates()
 {
-    QTemporaryDir dir;
-    Sim sim(writeScript(dir, "!wait 100000\n"));
-    QTRY_VERIFY(sim.listening());
-    Survey survey;
-    survey.start();
-    QTRY_VERIFY(sim.log().contains(QStringLiteral("client connected")));
-    survey.click("pointPropertiesButton");
-    survey.topView();
+    Session session;
+    QVERIFY(session.start("pointPropertiesButton"));
+    const Sim &sim = session.sim;
+    Survey &survey = session.survey;
 
     survey.pickAt({10, 12, groundZ(10)});
     survey.pickAt({30, 5, groundZ(30)});
@@ -158,7 +176,7 @@ void TestSightTool::simplePointPicksSendTheirCoordinates()
     QVERIFY(sent[1].endsWith(QStringLiteral("port=0"))); // no port in the settings
     QCOMPARE(survey.sightCount(), 2u);
     // The fixed sights are plain (not selected) and keep the companion's coordinates.
-    auto *sight = dynamic_cast<tzHObject *>(survey.mesures()->getChild(0));
+    const tzHObject *sight = survey.mesures()->getChild(0);
     QVERIFY(!sight->isSelected());
     QCOMPARE(sight->getMetaData(QStringLiteral("Coord x")).toDouble(), 651210.0);
     QVERIFY(survey.consoleHas(QStringLiteral("[Picked] Point #")));
@@ -171,13 +189,10 @@ void TestSightTool::simplePointPicksSendTheirCoordinates()
 
 void TestSightTool::previousHeightButton()
 {
-    QTemporaryDir dir;
-    Sim sim(writeScript(dir, "!wait 100000\n"));
-    QTRY_VERIFY(sim.listening());
-    Survey survey;
-    survey.start();
-    survey.click("pointPropertiesButton");
-    survey.topView();
+    Session session;
+    QVERIFY(session.start("pointPropertiesButton"));
+    const Sim &sim = session.sim;
+    Survey &survey = session.survey;
     auto *previous = survey.button<QAbstractButton>("SimpleAjoutZButton");
     // No sight yet: nothing is sent and the button stays checked.
     previous->setChecked(true);
