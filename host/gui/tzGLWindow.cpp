@@ -1,6 +1,7 @@
 #include "tzGLWindow.h"
 
 #include "tzCloudBuffers.h"
+#include "tzInteractor.h"
 #include "tzPointCloud.h"
 #include "tzPointPicker.h"
 #include "tzSphereSprites.h"
@@ -11,6 +12,7 @@
 #include <QOpenGLFunctions_2_1>
 #include <QDataStream>
 #include <QOpenGLFramebufferObject>
+#include <QResizeEvent>
 #include <QPainter>
 #include <QWheelEvent>
 
@@ -365,6 +367,13 @@ void tzGLWindow::resizeGL(int w, int h)
     m_camera.height = std::max(1, h);
 }
 
+void tzGLWindow::resizeEvent(QResizeEvent *event)
+{
+    m_camera.width = std::max(1, event->size().width());
+    m_camera.height = std::max(1, event->size().height());
+    QOpenGLWidget::resizeEvent(event);
+}
+
 void tzGLWindow::drawScene(tzDrawContext &context)
 {
     if (m_sceneRoot)
@@ -631,18 +640,40 @@ bool tzGLWindow::selectionPass(int x, int y, int flags, const QMatrix4x4 &projec
     return found;
 }
 
+bool tzGLWindow::foregroundPass(int x, int y, GLuint &name, GLuint &depth)
+{
+    QMatrix4x4 frame2D;
+    frame2D.ortho(-0.5f * m_camera.width, 0.5f * m_camera.width, -0.5f * m_camera.height,
+                  0.5f * m_camera.height, -1, 1);
+    return selectionPass(x, y, TZ_DRAW_2D | TZ_DRAW_FOREGROUND, frame2D, QMatrix4x4(), name,
+                         depth);
+}
+
+tzHObject *tzGLWindow::findObject(unsigned id)
+{
+    tzHObject *entity = m_sceneRoot ? m_sceneRoot->find(id) : nullptr;
+    return entity ? entity : m_viewDB.find(id);
+}
+
+tzHObject *tzGLWindow::pickForeground(int x, int y)
+{
+    if (!m_gl || !isValid())
+        return nullptr;
+    makeCurrent();
+    GLuint name = 0, depth = 0;
+    const bool found = foregroundPass(x, y, name, depth);
+    doneCurrent();
+    return found ? findObject(name) : nullptr;
+}
+
 tzHObject *tzGLWindow::pickEntity(int x, int y, TZVector3 *P, bool *foreground)
 {
     if (!m_gl || !isValid())
         return nullptr;
     makeCurrent();
     // The 2D foreground (labels) lies over everything: a hit there wins.
-    QMatrix4x4 frame2D;
-    frame2D.ortho(-0.5f * m_camera.width, 0.5f * m_camera.width, -0.5f * m_camera.height,
-                  0.5f * m_camera.height, -1, 1);
     GLuint name = 0, depth = 0;
-    const bool in2D
-        = selectionPass(x, y, TZ_DRAW_2D | TZ_DRAW_FOREGROUND, frame2D, QMatrix4x4(), name, depth);
+    const bool in2D = foregroundPass(x, y, name, depth);
     const bool in3D = !in2D
         && selectionPass(x, y, TZ_DRAW_3D | TZ_DRAW_FOREGROUND, m_camera.projection(),
                          m_camera.modelView(), name, depth);
@@ -651,9 +682,7 @@ tzHObject *tzGLWindow::pickEntity(int x, int y, TZVector3 *P, bool *foreground)
         *foreground = in2D;
     if (!in2D && !in3D)
         return nullptr;
-    tzHObject *entity = m_sceneRoot ? m_sceneRoot->find(name) : nullptr;
-    if (!entity)
-        entity = m_viewDB.find(name);
+    tzHObject *entity = findObject(name);
     if (entity && P) {
         TZVector3d p;
         if (in3D)
@@ -703,6 +732,16 @@ void tzGLWindow::mousePressEvent(QMouseEvent *event)
     m_pressPos = m_lastPos = event->pos();
     m_pressButton = event->button();
     m_dragged = false;
+    m_draggedBox = 0;
+    if (event->button() == Qt::LeftButton) {
+        tzHObject *box = pickForeground(event->x(), event->y());
+        if (dynamic_cast<tzInteractor *>(box)) {
+            m_draggedBox = box->getUniqueID();
+            m_boxPos = event->pos();
+            event->accept();
+            return;
+        }
+    }
     if (event->button() == Qt::LeftButton && !m_camera.params.perspectiveView) {
         // Rotations turn about the point under the cursor when there is one.
         TZVector3d P;
@@ -733,6 +772,15 @@ void tzGLWindow::mouseMoveEvent(QMouseEvent *event)
         m_dragged = true;
     if (!m_dragged)
         return;
+    if (m_draggedBox) {
+        // The box follows the mouse; the camera stays.
+        auto *box = dynamic_cast<tzInteractor *>(findObject(m_draggedBox));
+        const QPoint moved = event->pos() - m_boxPos;
+        m_boxPos = event->pos();
+        if (box && box->move2D(event->x(), event->y(), moved.x(), moved.y(), width(), height()))
+            update();
+        return;
+    }
     beginInteraction();
     if (event->buttons() & Qt::LeftButton) {
         const double length = std::hypot(double(delta.x()), double(delta.y()));
@@ -750,9 +798,10 @@ void tzGLWindow::mouseReleaseEvent(QMouseEvent *event)
     if (event->button() == Qt::LeftButton && m_pressButton == Qt::LeftButton && !m_dragged)
         onClick(event->pos());
     m_pressButton = Qt::NoButton;
-    if (m_dragged)
+    if (m_dragged && !m_draggedBox)
         m_restTimer.start();
     m_dragged = false;
+    m_draggedBox = 0;
 }
 
 void tzGLWindow::wheelEvent(QWheelEvent *event)

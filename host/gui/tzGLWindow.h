@@ -133,6 +133,8 @@ public:
     //! The object drawn under a pixel by the entity-picking passes (not clouds), or null: first
     //! the 2D foreground (labels; foreground set), then the 3D scene. P: the picked position.
     tzHObject *pickEntity(int x, int y, TZVector3 *P = nullptr, bool *foreground = nullptr);
+    //! The object of the 2D foreground (a label's box) under a pixel, or null.
+    tzHObject *pickForeground(int x, int y);
 
     //! Visible clouds of the scene and the view's list.
     std::vector<tzGenericPointCloud *> visibleClouds() const;
@@ -153,6 +155,9 @@ signals:
 protected:
     void initializeGL() override;
     void resizeGL(int w, int h) override;
+    //! Keeps the camera's size with the widget's at once (not at the next frame): what is
+    //! projected meanwhile lands where the next frame and the next click put it.
+    void resizeEvent(QResizeEvent *event) override;
     void paintGL() override;
     void mousePressEvent(QMouseEvent *event) override;
     void mouseMoveEvent(QMouseEvent *event) override;
@@ -188,6 +193,10 @@ private:
     void drawOverlayTexts();
     void onClick(const QPoint &pos);
     //! One GL selection pass around a pixel: the nearest hit's name and depth.
+    //! The selection pass of the 2D foreground at a pixel.
+    bool foregroundPass(int x, int y, GLuint &name, GLuint &depth);
+    //! An object of the scene or of the view's own list by its unique ID, or null.
+    tzHObject *findObject(unsigned id);
     bool selectionPass(int x, int y, int flags, const QMatrix4x4 &projection,
                        const QMatrix4x4 &modelView, GLuint &name, GLuint &depth);
     //! The bounds of the visible clouds (also given to the camera); false when there are none.
@@ -230,6 +239,10 @@ private:
     qint64 m_lastFrameStartNs = 0;
     qint64 m_lastFrameNs = 0;
     QPoint m_pressPos;
+    //! The foreground object (a draggable box) the left button went down on: the drag moves
+    //! it instead of the camera. 0: none.
+    unsigned m_draggedBox = 0;
+    QPoint m_boxPos; // where the mouse held the box last
     QPoint m_lastPos;
     Qt::MouseButton m_pressButton = Qt::NoButton;
     bool m_dragged = false;
