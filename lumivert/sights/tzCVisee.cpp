@@ -3,16 +3,20 @@
 #include "tzDrawContext.h"
 #include "tzPointCloud.h"
 #include "tzSerialization.h"
+#include "tzSettings.h"
 #include "tzSphere.h"
 #include "tzViewportParameters.h"
 
 #include <QHash>
+#include <QFontMetrics>
 #include <QJsonObject>
 #include <QOpenGLContext>
 #include <QOpenGLFunctions_2_1>
 #include <QtDebug>
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 #include <memory>
 
 using namespace tzSerialization;
@@ -168,7 +172,7 @@ void tzCVisee::clear(bool ignoreDependencies)
     setVisible(false);
 }
 
-void tzCVisee::updateName()
+QString tzCVisee::pointsName() const
 {
     const auto at = [this](unsigned i) {
         const PickedPoint &p = m_points[i];
@@ -176,37 +180,36 @@ void tzCVisee::updateName()
     };
     switch (m_points.size()) {
     case 0:
-        setName(QStringLiteral("Label"));
-        break;
+        return QStringLiteral("Label");
     case 1:
-        setName(QStringLiteral("Point #%1").arg(m_points[0].index));
-        break;
+        return QStringLiteral("Point #%1").arg(m_points[0].index);
     case 2:
         if (m_points[0].cloud == m_points[1].cloud)
-            setName(QStringLiteral("Vector #%1 - #%2").arg(m_points[0].index).arg(m_points[1].index));
-        else
-            setName(QStringLiteral("Vector #%1%2 - #%3%4")
-                        .arg(m_points[0].index)
-                        .arg(at(0))
-                        .arg(m_points[1].index)
-                        .arg(at(1)));
-        break;
+            return QStringLiteral("Vector #%1 - #%2").arg(m_points[0].index).arg(m_points[1].index);
+        return QStringLiteral("Vector #%1%2 - #%3%4")
+            .arg(m_points[0].index)
+            .arg(at(0))
+            .arg(m_points[1].index)
+            .arg(at(1));
     default:
         if (m_points[0].cloud == m_points[1].cloud && m_points[1].cloud == m_points[2].cloud)
-            setName(QStringLiteral("Triplet #%1 - #%2 - #%3")
-                        .arg(m_points[0].index)
-                        .arg(m_points[1].index)
-                        .arg(m_points[2].index));
-        else
-            setName(QStringLiteral("Triplet #%1%2 - #%3%4 - #%5%6")
-                        .arg(m_points[0].index)
-                        .arg(at(0))
-                        .arg(m_points[1].index)
-                        .arg(at(1))
-                        .arg(m_points[2].index)
-                        .arg(at(2)));
-        break;
+            return QStringLiteral("Triplet #%1 - #%2 - #%3")
+                .arg(m_points[0].index)
+                .arg(m_points[1].index)
+                .arg(m_points[2].index);
+        return QStringLiteral("Triplet #%1%2 - #%3%4 - #%5%6")
+            .arg(m_points[0].index)
+            .arg(at(0))
+            .arg(m_points[1].index)
+            .arg(at(1))
+            .arg(m_points[2].index)
+            .arg(at(2));
     }
+}
+
+void tzCVisee::updateName()
+{
+    setName(pointsName());
 }
 
 QString tzCVisee::getName() const
@@ -338,9 +341,16 @@ void tzCVisee::drawEntity(QOpenGLFunctions_2_1 *gl)
 void tzCVisee::drawMeOnly(tzDrawContext &context)
 {
     QOpenGLFunctions_2_1 *gl = context.glFunctions;
-    if (!gl || (context.drawingFlags & 0x804) != TZ_DRAW_FOREGROUND || !context.is3D())
+    if (!gl || (context.drawingFlags & 0x804) != TZ_DRAW_FOREGROUND)
         return;
+    if (!context.is3D()) {
+        if (context.is2D())
+            draw2D(context);
+        return;
+    }
     const bool picking = context.isPicking();
+    if (m_shownIn2D && !m_points.empty() && !picking)
+        projectPoints(gl);
     if (picking)
         gl->glPushName(getUniqueID());
     const QColor colour
@@ -372,6 +382,207 @@ void tzCVisee::drawMeOnly(tzDrawContext &context)
     gl->glPopMatrix();
     if (picking)
         gl->glPopName();
+}
+
+void tzCVisee::projectPoints(QOpenGLFunctions_2_1 *gl)
+{
+    GLdouble modelView[16], projection[16];
+    GLint viewport[4];
+    gl->glGetDoublev(GL_MODELVIEW_MATRIX, modelView);
+    gl->glGetDoublev(GL_PROJECTION_MATRIX, projection);
+    gl->glGetIntegerv(GL_VIEWPORT, viewport);
+    for (unsigned i = 0; i < m_points.size(); ++i) {
+        const TZVector3 P = pointOf(i);
+        double eye[4], clip[4];
+        for (int r = 0; r < 4; ++r)
+            eye[r] = modelView[r] * P.x + modelView[4 + r] * P.y + modelView[8 + r] * P.z
+                + modelView[12 + r];
+        for (int r = 0; r < 4; ++r)
+            clip[r] = projection[r] * eye[0] + projection[4 + r] * eye[1]
+                + projection[8 + r] * eye[2] + projection[12 + r] * eye[3];
+        PickedPoint &p = m_points[i];
+        if (clip[3] <= 0) { // behind the camera: nothing to draw towards
+            p.pos2D[0] = p.pos2D[1] = std::numeric_limits<double>::quiet_NaN();
+            continue;
+        }
+        p.pos2D[0] = viewport[0] + (clip[0] / clip[3] + 1) * 0.5 * viewport[2];
+        p.pos2D[1] = viewport[1] + (clip[1] / clip[3] + 1) * 0.5 * viewport[3];
+    }
+}
+
+QVector<QStringList> tzCVisee::boxRows(int precision) const
+{
+    const auto n = [precision](double v) { return QString::number(v, 'f', precision); };
+    QVector<QStringList> rows;
+    switch (m_points.size()) {
+    case 1: {
+        // The height as the viewer gives it for a shifted cloud (z / S - Tz), with the decimals
+        // the surveyor chose.
+        const auto settings = openLumivertSettings();
+        const int decimals = qBound(0, settings->value(QStringLiteral("accuaryZLabel")).toInt(), 12);
+        const bool simple = settings->value(QStringLiteral("SimplePoint")).toBool();
+        const tzGenericPointCloud *cloud = m_points[0].cloud;
+        const double z = cloud ? pointOf(0).z / cloud->getGlobalScale() - cloud->getGlobalShift().z
+                               : 0.0;
+        rows << QStringList {simple ? QStringLiteral("Z_Ombre") : QStringLiteral("Z_Point"),
+                             QString::number(z, 'f', decimals)};
+        break;
+    }
+    case 2: {
+        const TZVector3 d = pointOf(1) - pointOf(0);
+        const QString delta = QString(QChar(0x0394));
+        rows << QStringList {delta + QLatin1Char('X'), n(d.x), delta + QStringLiteral("XY"),
+                             n(std::hypot(d.x, d.y))};
+        rows << QStringList {delta + QLatin1Char('Y'), n(d.y), delta + QStringLiteral("XZ"),
+                             n(std::hypot(d.x, d.z))};
+        rows << QStringList {delta + QLatin1Char('Z'), n(d.z), delta + QStringLiteral("ZY"),
+                             n(std::hypot(d.z, d.y))};
+        break;
+    }
+    case 3: {
+        const TZVector3 A = pointOf(0), B = pointOf(1), C = pointOf(2);
+        const auto angle = [](const TZVector3 &u, const TZVector3 &v) {
+            const double c = double(u.dot(v)) / (double(u.norm()) * double(v.norm()));
+            return std::acos(std::max(-1.0, std::min(1.0, c))) * 180.0 / M_PI;
+        };
+        const double angles[3] = {angle(B - A, C - A), angle(C - B, A - B), angle(A - C, B - C)};
+        for (unsigned i = 0; i < 3; ++i) {
+            const QChar corner = QLatin1Char(char('A' + i));
+            rows << QStringList {QStringLiteral("index.") + corner,
+                                 QString::number(m_points[i].index),
+                                 QStringLiteral("angle.") + corner, n(angles[i])};
+        }
+        break;
+    }
+    default:
+        break;
+    }
+    return rows;
+}
+
+void tzCVisee::draw2D(tzDrawContext &context)
+{
+    if (!m_shownIn2D || m_points.empty() || context.glW <= 0 || context.glH <= 0)
+        return;
+    QOpenGLFunctions_2_1 *gl = context.glFunctions;
+    const int W = context.glW, H = context.glH;
+    // The 2D frame has its origin at the view's centre, y up; pos2D and texts use the lower-left
+    // corner; the box is placed from the upper-left corner (y down).
+    const double cx = W * 0.5, cy = H * 0.5;
+    const bool picking = context.isPicking();
+    const QColor colour = isSelected() && !picking ? QColor(Qt::red) : context.labelDefaultColor;
+
+    const QFont &font = context.labelFont;
+    QFont titleFont = font;
+    titleFont.setBold(true);
+    const QFontMetrics metrics(font), titleMetrics(titleFont);
+    const int margin = 5, gap = 2 * margin, rowH = metrics.height();
+    const QVector<QStringList> rows = m_fullBodyShown ? boxRows(context.dispNumberPrecision)
+                                                      : QVector<QStringList>();
+    // The companion's number once it has one, else what the points are.
+    const QString title = m_name.isEmpty() ? pointsName() : getName();
+    int widths[4] = {0, 0, 0, 0};
+    for (const QStringList &row : rows) {
+        for (int c = 0; c < row.size() && c < 4; ++c)
+            widths[c] = std::max(widths[c], metrics.horizontalAdvance(row[c]));
+    }
+    int tableW = 0;
+    for (int c = 0; c < 4; ++c)
+        tableW += widths[c] + (widths[c] > 0 && c > 0 ? gap : 0);
+    const int boxW = 2 * margin + std::max(tableW, titleMetrics.horizontalAdvance(title));
+    const int boxH = 2 * margin + titleMetrics.height()
+        + (rows.isEmpty() ? 0 : margin + rows.size() * rowH);
+    const int left = int(m_screenPos[0] * W), top = int(m_screenPos[1] * H);
+    m_labelRect = QRect(left, top, boxW, boxH);
+    m_lastScreenPos[0] = left;
+    m_lastScreenPos[1] = top;
+    const float x0 = float(left - cx), x1 = float(left + boxW - cx);
+    const float y0 = float(cy - top), y1 = float(cy - top - boxH);
+
+    if (picking) {
+        // The box is what a click or a drag takes hold of.
+        gl->glPushName(getUniqueID());
+        gl->glRectf(x0, y1, x1, y0);
+        gl->glPopName();
+        return;
+    }
+
+    const auto visible = [](const PickedPoint &p) { return std::isfinite(p.pos2D[0]); };
+    gl->glPushAttrib(GL_COLOR_BUFFER_BIT | GL_CURRENT_BIT | GL_LINE_BIT);
+    gl->glEnable(GL_BLEND);
+    gl->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+    gl->glLineWidth(1.f);
+    gl->glColor3ub(GLubyte(colour.red()), GLubyte(colour.green()), GLubyte(colour.blue()));
+    if (m_points.size() >= 2) {
+        gl->glBegin(m_points.size() == 2 ? GL_LINES : GL_LINE_LOOP);
+        for (const PickedPoint &p : m_points) {
+            if (visible(p))
+                gl->glVertex2d(p.pos2D[0] - cx, p.pos2D[1] - cy);
+        }
+        gl->glEnd();
+    } else if (m_fullBodyShown && visible(m_points[0])) {
+        // A leader from the box's nearest corner to the point.
+        const double px = m_points[0].pos2D[0] - cx, py = m_points[0].pos2D[1] - cy;
+        gl->glBegin(GL_LINES);
+        gl->glVertex2d(px, py);
+        gl->glVertex2d(std::abs(px - x0) < std::abs(px - x1) ? x0 : x1,
+                       std::abs(py - y0) < std::abs(py - y1) ? y0 : y1);
+        gl->glEnd();
+    }
+    if (m_fullBodyShown) {
+        // A half-transparent dark box, outlined in the label's colour: legible on any cloud.
+        gl->glColor4f(0.08f, 0.09f, 0.12f, 0.72f);
+        gl->glRectf(x0, y1, x1, y0);
+        gl->glColor3ub(GLubyte(colour.red()), GLubyte(colour.green()), GLubyte(colour.blue()));
+        gl->glBegin(GL_LINE_LOOP);
+        gl->glVertex2f(x0 + 0.5f, y0 - 0.5f);
+        gl->glVertex2f(x1 - 0.5f, y0 - 0.5f);
+        gl->glVertex2f(x1 - 0.5f, y1 + 0.5f);
+        gl->glVertex2f(x0 + 0.5f, y1 + 0.5f);
+        gl->glEnd();
+    }
+    gl->glPopAttrib();
+
+    tzGenericGLDisplay *display = context.display;
+    if (!display)
+        return;
+    if (m_pointLegendsShown) {
+        for (unsigned i = 0; i < m_points.size(); ++i) {
+            const PickedPoint &p = m_points[i];
+            if (!visible(p))
+                continue;
+            const QString legend = m_points.size() == 1 ? title
+                : m_points.size() == 2 ? QStringLiteral("P#%0").arg(p.index)
+                                       : QString(QLatin1Char(char('A' + i)));
+            const int shift = int(context.labelMarkerSize * m_relMarkerScale) + 2;
+            display->displayText(legend, int(p.pos2D[0]) + shift, int(p.pos2D[1]) + shift,
+                                 Qt::AlignLeft | Qt::AlignBottom, 0.55f, colour, &font);
+        }
+    }
+    if (!m_fullBodyShown)
+        return;
+    // Texts: anchors from the lower-left corner, at the top of each cell.
+    int y = top + margin;
+    display->displayText(title, left + margin, H - y, Qt::AlignLeft | Qt::AlignTop, 0.f, colour,
+                         &titleFont);
+    y += titleMetrics.height() + margin;
+    const QColor text(240, 240, 240);
+    for (const QStringList &row : rows) {
+        int x = left + margin;
+        for (int c = 0; c < row.size() && c < 4; ++c) {
+            if (c > 0)
+                x += gap;
+            // Labels left-aligned, numbers right-aligned in their column.
+            if (c % 2 == 0)
+                display->displayText(row[c], x, H - y, Qt::AlignLeft | Qt::AlignTop, 0.f,
+                                     QColor(200, 205, 215), &font);
+            else
+                display->displayText(row[c], x + widths[c], H - y,
+                                     Qt::AlignRight | Qt::AlignTop, 0.f, text, &font);
+            x += widths[c];
+        }
+        y += rowH;
+    }
 }
 
 bool tzCVisee::toFile_MeOnly(QIODevice &out) const

@@ -6,6 +6,7 @@
 
 #include <QPointF>
 #include <QRect>
+#include <QVector>
 
 class tzGenericPointCloud;
 
@@ -59,6 +60,11 @@ public:
     //! What the console shows of a fixed pick, numbers with the given decimals: the point and
     //! its original coordinates (one point), the differences (two), the triangle (three).
     QStringList bodyLines(int precision) const;
+    //! The rows of the box under its title, two (label, value) pairs at most each: one point,
+    //! its height ("Z_Ombre" in lowest-point mode, "Z_Point" otherwise, with the decimals of
+    //! "accuaryZLabel"); two, the differences; three, the corners' indices and angles. Numbers
+    //! other than the height take the given decimals.
+    QVector<QStringList> boxRows(int precision) const;
     //! The cloud point of a picked point, in the cloud's frame (origin when it is gone).
     TZVector3 pointOf(unsigned i) const;
 
@@ -103,8 +109,14 @@ protected:
     bool fromFile_MeOnly(QIODevice &in, short dataVersion, LoadedIDMap &oldToNew) override;
 
 private:
+    //! "Point #i", "Vector #i - #j", "Triplet #i - #j - #k" ("@cloud" after each index when
+    //! the clouds differ), "Label" without points.
+    QString pointsName() const;
     void updateName();
     void forgetAllPoints();
+    //! Leaves each point's projection for the 2D pass (GL window pixels, y up).
+    void projectPoints(QOpenGLFunctions_2_1 *gl);
+    void draw2D(tzDrawContext &context);
 
     QString m_number;
     double m_coordX = 0.0;

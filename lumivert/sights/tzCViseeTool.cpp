@@ -18,6 +18,7 @@
 #include <QMouseEvent>
 #include <QtDebug>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -32,6 +33,11 @@ tzCVisee *newWorkingSight()
     sight->setSelected(true);
     sight->setPickable(false);
     return sight;
+}
+
+TZVector3 narrowed(const TZVector3d &p)
+{
+    return TZVector3(float(p.x), float(p.y), float(p.z));
 }
 
 qint64 nowMs()
@@ -222,9 +228,6 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex,
         if (link)
             link->sendPointMove(to.x, to.y, to.z, from.x, from.y, from.z);
     };
-    const auto narrowed = [](const TZVector3d &p) {
-        return TZVector3(float(p.x), float(p.y), float(p.z));
-    };
 
     // A sight selected by the last pick may have been deleted since (by the companion).
     if (m_movingSight) {
@@ -286,6 +289,24 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex,
         if (m_movingSight)
             m_lastPoint = narrowed(toLocal(*m_movingSight));
     }
+    if (tzGLWindow *window = view())
+        window->redraw();
+}
+
+void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned itemIndex,
+                               tzHObject *entity, const TZVector3 &P)
+{
+    Q_UNUSED(insertionParent)
+    Q_UNUSED(itemIndex)
+    Q_UNUSED(P)
+    auto *picked = dynamic_cast<tzCVisee *>(entity);
+    if (!picked || (m_mode != LOWEST_POINT && m_mode != SIMPLE_POINT))
+        return;
+    const std::vector<tzCVisee *> all = sights();
+    if (std::find(all.begin(), all.end(), picked) == all.end())
+        return;
+    m_movingSight = picked;
+    m_lastPoint = narrowed(toLocal(*picked));
     if (tzGLWindow *window = view())
         window->redraw();
 }

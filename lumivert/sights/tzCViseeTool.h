@@ -33,6 +33,10 @@ public:
     using tzTool::pointPicked;
     void pointPicked(tzHObject *insertionParent, unsigned pointIndex, tzPointCloud *cloud,
                      const TZVector3 &P) override;
+    //! A click on a sight's marker (the view picks the marker before the point below it)
+    //! selects that sight: the next pick moves it, as after a pick near it.
+    void pointPicked(tzHObject *insertionParent, unsigned itemIndex, tzHObject *entity,
+                     const TZVector3 &P) override;
 
     tzLumivert *plugin() const { return m_plugin; }
     int mode() const { return m_mode; }

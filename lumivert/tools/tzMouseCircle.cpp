@@ -54,10 +54,11 @@ float tzMouseCircle::pixelsPerUnit() const
     return params.pixelSize > 0 ? float(params.zoom / params.pixelSize) : 0.f;
 }
 
-void tzMouseCircle::drawMeOnly(tzDrawContext &context)
+void tzMouseCircle::draw(tzDrawContext &context)
 {
     QOpenGLFunctions_2_1 *gl = context.glFunctions;
     if (!isVisible() || !context.is2D() || !(context.drawingFlags & TZ_DRAW_FOREGROUND)
+        || (context.drawingFlags & TZ_ENTITY_PICKING)
         || !context.qGLContext || !gl || !m_owner)
         return;
     const tzViewportParameters &params = m_owner->getViewportParameters();

@@ -34,7 +34,8 @@ public:
     bool eventFilter(QObject *object, QEvent *event) override;
 
 protected:
-    void drawMeOnly(tzDrawContext &context) override;
+    //! Drawn whenever visible: the object stays disabled (out of the scene's enabled set).
+    void draw(tzDrawContext &context) override;
 
 private:
     static constexpr int SEGMENTS = 100;

@@ -9,11 +9,13 @@
 #include "tzPointCloud.h"
 #include "tzSceneApp.h"
 #include "tzSceneFile.h"
+#include "tzSettings.h"
 #include "tzXComposite.h"
 #include "tzXShapes.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QSettings>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -107,6 +109,7 @@ private slots:
     void sightReadsAFrame();
     void sightConversionsKeepTheCompanionsRule();
     void sightPointsAndNames();
+    void sightBoxRows();
     void sightLosesThePointsOfADeletedCloud();
     void sightRecordRoundTrip();
     void sightRecordOfVersion20();
@@ -123,6 +126,7 @@ private slots:
 private:
     tzSceneApp m_app;
     std::unique_ptr<tzLumivert> m_plugin;
+    QTemporaryDir m_settings;
     tzCommunicationHandler *link() { return m_plugin->link(); }
     void send(const QJsonObject &frame)
     {
@@ -132,6 +136,7 @@ private:
 
 void TestEntities::initTestCase()
 {
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settings.path());
     m_plugin = std::make_unique<tzLumivert>(); // registers the sight's factory
     m_plugin->setAppInterface(&m_app);
     link()->setAppInterface(&m_app);
@@ -365,6 +370,41 @@ void TestEntities::sightPointsAndNames()
 
     QVERIFY(sight.move2D(0, 0, 100, -50, 1000, 500));
     QCOMPARE(sight.screenPos(), QPointF(0.05f + 0.1f, 0.05f - 0.1f));
+}
+
+void TestEntities::sightBoxRows()
+{
+    // Scale 2 and shift z 10: a point at z 4 shows 4 / 2 - 10 as its height, as the viewer
+    // shows shifted coordinates (the sight's own conversion would say (4 - 10) / 2).
+    std::unique_ptr<tzPointCloud> cloud(new tzPointCloud(QStringLiteral("C")));
+    cloud->addPoint({0, 0, 4});
+    cloud->addPoint({3, 4, 4});
+    cloud->addPoint({0, 4, 4});
+    cloud->setGlobalScale(2);
+    cloud->setGlobalShift({0, 0, 10});
+    const auto settings = openLumivertSettings();
+    settings->remove(QStringLiteral("accuaryZLabel")); // missing: no decimals
+    settings->setValue(QStringLiteral("SimplePoint"), true);
+    tzCVisee sight;
+    QVERIFY(sight.boxRows(3).isEmpty());
+    sight.attachPoint(cloud.get(), 0);
+    using Rows = QVector<QStringList>;
+    QCOMPARE(sight.boxRows(3), (Rows {{QStringLiteral("Z_Ombre"), QStringLiteral("-8")}}));
+    settings->setValue(QStringLiteral("accuaryZLabel"), 2);
+    settings->setValue(QStringLiteral("SimplePoint"), false);
+    QCOMPARE(sight.boxRows(3), (Rows {{QStringLiteral("Z_Point"), QStringLiteral("-8.00")}}));
+
+    const QString d(QChar(0x0394));
+    sight.attachPoint(cloud.get(), 1);
+    QCOMPARE(sight.boxRows(3),
+             (Rows {{d + "X", "3.000", d + "XY", "5.000"},
+                    {d + "Y", "4.000", d + "XZ", "3.000"},
+                    {d + "Z", "0.000", d + "ZY", "4.000"}}));
+    sight.attachPoint(cloud.get(), 2);
+    QCOMPARE(sight.boxRows(2),
+             (Rows {{"index.A", "0", "angle.A", "36.87"},
+                    {"index.B", "1", "angle.B", "53.13"},
+                    {"index.C", "2", "angle.C", "90.00"}}));
 }
 
 void TestEntities::sightLosesThePointsOfADeletedCloud()

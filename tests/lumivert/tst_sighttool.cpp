@@ -7,7 +7,9 @@
 #include "CompanionSim.h"
 #include "PluginViewer.h"
 #include "ViewHelpers.h"
+#include "tzCVisee.h"
 
+#include <QDesktopWidget>
 #include <QSettings>
 #include <QtTest>
 
@@ -46,6 +48,25 @@ QStringList received(const Sim &sim, const char *kind)
     return lines;
 }
 
+// A sight of the plug-in, read through its inline accessors (its type information lives in the
+// plug-in: the type is checked on the metadata).
+const tzCVisee *sightOf(tzHObject *object)
+{
+    if (!object || object->getMetaData(QStringLiteral("tzLumivertType")).toString()
+            != QLatin1String("CVisee"))
+        return nullptr;
+    return static_cast<const tzCVisee *>(static_cast<const tzCustomHObject *>(object));
+}
+
+// A mouse move over the view, delivered now. (QTest's moves warp the real pointer, whose
+// motion reaches the view later, possibly after the clicks that follow it.)
+void moveMouse(QWidget *view, const QPoint &at, Qt::MouseButtons buttons = Qt::NoButton)
+{
+    QMouseEvent move(QEvent::MouseMove, at, view->mapToGlobal(at), Qt::NoButton, buttons,
+                     Qt::NoModifier);
+    QApplication::sendEvent(view, &move);
+}
+
 struct Survey : Viewer
 {
     tzPointCloud *terrain = nullptr;
@@ -59,10 +80,13 @@ struct Survey : Viewer
                 terrain->addPoint({x, y, groundZ(x)});
             }
         }
-        // The bush: a dense top 2 units up, and its stem.
+        // The bush: a canopy 2 units across and 2 units up, over the ground's points (5 pixels
+        // apart on screen: a click takes the one under it).
         for (int k = -2; k <= 2; ++k) {
-            for (int l = -2; l <= 2; ++l)
-                terrain->addPoint({BUSH.x + k * 0.02f, BUSH.y + l * 0.02f, groundZ(BUSH.x) + 2.f});
+            for (int l = -2; l <= 2; ++l) {
+                const float x = BUSH.x + k * 0.5f;
+                terrain->addPoint({x, BUSH.y + l * 0.5f, groundZ(x) + 2.f});
+            }
         }
         terrain->setGlobalShift(SHIFT);
         window.addToDatabase(terrain, true);
@@ -78,7 +102,7 @@ struct Survey : Viewer
     void pickAt(const TZVector3d &p)
     {
         const QPoint at = pixelOf(p);
-        QTest::mouseMove(view(), at);
+        moveMouse(view(), at);
         QTest::mouseClick(view(), Qt::LeftButton, Qt::NoModifier, at);
     }
     tzHObject *mesures()
@@ -126,6 +150,13 @@ struct Session
             return false;
         survey.click(modeButton);
         survey.topView();
+        // The run's tool bar takes its room in the window a little later: clicks are aimed with
+        // the view at its final size.
+        QSize size;
+        for (int i = 0; i < 10 && size != survey.view()->size(); ++i) {
+            size = survey.view()->size();
+            frame(*survey.view());
+        }
         return true;
     }
 };
@@ -140,7 +171,13 @@ private slots:
     void initTestCase();
     void init();
     void simplePointPicksSendTheirCoordinates();
+    void lowestPointTakesTheGroundUnderTheBush();
+    void zHeldOrPressedGivesOneLowestPointSight();
+    void pickNearASightThenElsewhereMovesIt();
+    void lowestPointIndexZeroIsNeverPreviewed();
     void previousHeightButton();
+    void mouseCircleAndCursorReports();
+    void sightBoxHeightDragAndSave();
 
 private:
     QTemporaryDir m_settings;
@@ -187,6 +224,97 @@ void TestSightTool::simplePointPicksSendTheirCoordinates()
         QStringLiteral("z=%1").arg(groundZ(BUSH.x) + 2 - SHIFT.z, 0, 'f', 4)));
 }
 
+void TestSightTool::lowestPointTakesTheGroundUnderTheBush()
+{
+    Session session;
+    QVERIFY(session.start("pointPropertiesPointButton"));
+    session.survey.pickAt({BUSH.x, BUSH.y, groundZ(BUSH.x) + 2});
+    QTRY_COMPARE(received(session.sim, "coordonnees").size(), 1);
+    // x and y of the pick, z of the ground point right under the bush (ground points lie 0.5
+    // apart, the cylinder is 0.3 wide).
+    const QString sent = received(session.sim, "coordonnees").first();
+    QVERIFY2(sent.contains(companion(BUSH.x, BUSH.y, groundZ(BUSH.x))), qPrintable(sent));
+}
+
+void TestSightTool::zHeldOrPressedGivesOneLowestPointSight()
+{
+    Session session;
+    QVERIFY(session.start("pointPropertiesButton"));
+    Survey &survey = session.survey;
+    // Three spots of the canopy, more than accuaryMovePoint apart.
+    const float x[] = {BUSH.x - 0.5f, BUSH.x, BUSH.x + 0.5f};
+    const float y[] = {BUSH.y, BUSH.y + 0.5f, BUSH.y - 0.5f};
+    const auto top = [&](int i) { return TZVector3d(x[i], y[i], groundZ(x[i]) + 2); };
+    // Z pressed: the next pick is a lowest-point sight, the one after a simple one again.
+    QTest::keyClick(survey.view(), Qt::Key_Z);
+    survey.pickAt(top(0));
+    survey.pickAt(top(1));
+    // Z held during a pick in simple-point mode.
+    QTest::keyPress(survey.view(), Qt::Key_Z);
+    survey.pickAt(top(2));
+    QTest::keyRelease(survey.view(), Qt::Key_Z);
+    QTRY_COMPARE(received(session.sim, "coordonnees").size(), 3);
+    const QStringList sent = received(session.sim, "coordonnees");
+    QVERIFY2(sent[0].contains(companion(x[0], y[0], groundZ(x[0]))), qPrintable(sent[0]));
+    QVERIFY2(sent[1].contains(companion(x[1], y[1], groundZ(x[1]) + 2)), qPrintable(sent[1]));
+    QVERIFY2(sent[2].contains(companion(x[2], y[2], groundZ(x[2]))), qPrintable(sent[2]));
+}
+
+void TestSightTool::pickNearASightThenElsewhereMovesIt()
+{
+    store()->setValue(QStringLiteral("accuaryMovePoint"), 1.2);
+    Session session;
+    QVERIFY(session.start("pointPropertiesButton"));
+    const Sim &sim = session.sim;
+    Survey &survey = session.survey;
+    const TZVector3d a(10, 10, groundZ(10)), b(10, 12, groundZ(10)), c(14, 16, groundZ(14)),
+        d(30, 30, groundZ(30));
+    survey.pickAt(a);
+    survey.pickAt(b); // 2 units away: beyond accuaryMovePoint
+    QTRY_COMPARE(received(sim, "coordonnees").size(), 2);
+    // A pick as near to both (1 unit, 10 pixels from their markers) selects the first placed;
+    // the next pick moves it.
+    survey.pickAt({10, 11, groundZ(10)});
+    survey.pickAt(c);
+    QTRY_COMPARE(received(sim, "pointMove").size(), 1);
+    QCOMPARE(received(sim, "coordonnees").size(), 2);
+    const auto triple = [](const TZVector3d &p) {
+        return QStringLiteral("(%1, %2, %3)")
+            .arg(p.x - SHIFT.x, 0, 'f', 4)
+            .arg(p.y - SHIFT.y, 0, 'f', 4)
+            .arg(p.z - SHIFT.z, 0, 'f', 4);
+    };
+    const auto moved = [&](const TZVector3d &from, const TZVector3d &to) {
+        return QStringLiteral("from ") + triple(from) + QStringLiteral(" to ") + triple(to);
+    };
+    QVERIFY2(received(sim, "pointMove")[0].contains(moved(a, c)), qPrintable(received(sim, "pointMove")[0]));
+    // A click right on b's marker selects b as well.
+    survey.pickAt(b);
+    survey.pickAt(d);
+    QTRY_COMPARE(received(sim, "pointMove").size(), 2);
+    QVERIFY2(received(sim, "pointMove")[1].contains(moved(b, d)), qPrintable(received(sim, "pointMove")[1]));
+    QCOMPARE(survey.sightCount(), 2u);
+    // And the next pick places a new sight again.
+    survey.pickAt({30, 10, groundZ(30)});
+    QTRY_COMPARE(received(sim, "coordonnees").size(), 3);
+}
+
+void TestSightTool::lowestPointIndexZeroIsNeverPreviewed()
+{
+    Session session;
+    QVERIFY(session.start("pointPropertiesPointButton"));
+    Survey &survey = session.survey;
+    tzGLWindow *view = survey.view();
+    survey.pickAt({20, 10, groundZ(20)}); // the tool now knows the cloud
+    // The cloud's first point is (0, 0, 0): a lowest point there reads as no result.
+    const QPoint first = survey.pixelOf({0, 0, 0}), next = survey.pixelOf({0.5, 0, 0.05});
+    const QColor red(255, 0, 0);
+    moveMouse(view, first);
+    QVERIFY(!isColour(frame(*view), first.x(), first.y(), red, 60));
+    moveMouse(view, next);
+    QVERIFY(isColour(frame(*view), next.x(), next.y(), red, 60));
+}
+
 void TestSightTool::previousHeightButton()
 {
     Session session;
@@ -214,6 +342,106 @@ void TestSightTool::previousHeightButton()
                                .arg(groundZ(30) - SHIFT.z, 0, 'f', 4)),
              qPrintable(move));
     QCOMPARE(survey.sightCount(), 1u);
+}
+
+void TestSightTool::mouseCircleAndCursorReports()
+{
+    Session session;
+    QVERIFY(session.start("pointPropertiesButton"));
+    const Sim &sim = session.sim;
+    Survey &survey = session.survey;
+    survey.pickAt({5, 5, groundZ(5)}); // the tool now knows the cloud
+    tzGLWindow *view = survey.view();
+
+    // The circle: red, 15 pixels round the cursor for 0.3.
+    const QPoint at = survey.pixelOf({20, 30, groundZ(20)});
+    QCursor::setPos(view->mapToGlobal(at)); // the circle follows the pointer itself
+    QTRY_COMPARE(view->mapFromGlobal(QCursor::pos()), at);
+    moveMouse(view, at);
+    QImage image = frame(*view);
+    const QColor red(255, 0, 0);
+    int onCircle = 0, inside = 0;
+    for (int a = 0; a < 360; a += 10) {
+        const double t = a * M_PI / 180;
+        for (int d = -1; d <= 1; ++d) {
+            if (isColour(image, at.x() + int(std::lround((15 + d) * std::cos(t))),
+                         at.y() + int(std::lround((15 + d) * std::sin(t))), red, 60)) {
+                ++onCircle;
+                break;
+            }
+        }
+        inside += isColour(image, at.x() + int(7 * std::cos(t)), at.y() + int(7 * std::sin(t)),
+                           red, 60);
+    }
+    QVERIFY2(onCircle >= 18, qPrintable(QString::number(onCircle))); // dashed: half of it
+    QCOMPARE(inside, 0);
+
+    // Cursor reports: the first move reports at once, moves within half a second do not.
+    const int before = received(sim, "mouseCursor").size();
+    QTest::qWait(600);
+    for (int i = 0; i < 20; ++i)
+        moveMouse(view, at + QPoint(i % 5, 0));
+    QTRY_COMPARE(received(sim, "mouseCursor").size(), before + 1);
+    QTest::qWait(300);
+    QCOMPARE(received(sim, "mouseCursor").size(), before + 1);
+    const QString report = received(sim, "mouseCursor").last();
+    QVERIFY2(report.contains(QStringLiteral("up (0.0000, 1.0000, 0.0000)"))
+                 || report.contains(QStringLiteral("up (-0.0000, 1.0000")),
+             qPrintable(report));
+    // The pointer out of the way of the next windows.
+    QCursor::setPos(QApplication::desktop()->screenGeometry().bottomRight());
+}
+
+void TestSightTool::sightBoxHeightDragAndSave()
+{
+    store()->setValue(QStringLiteral("accuaryZLabel"), 2);
+    store()->setValue(QStringLiteral("displayIn2D"), true);
+    Session session;
+    QVERIFY(session.start("pointPropertiesButton"));
+    Survey &survey = session.survey;
+    tzGLWindow *view = survey.view();
+    survey.pickAt({10, 10, groundZ(10)});
+    QTRY_COMPARE(survey.sightCount(), 1u);
+    const tzCVisee *sight = sightOf(survey.mesures()->getChild(0));
+    QVERIFY(sight && sight->isShownIn2D());
+
+    // The box, drawn half-transparent over the cloud, is dragged with the mouse; the camera
+    // stays and nothing is picked.
+    QImage image = frame(*view);
+    const QRect box = sight->labelRect();
+    QVERIFY(box.width() > 20 && box.height() > 10);
+    QCOMPARE(sight->lastScreenPos(), box.topLeft());
+    const QColor inside = image.pixelColor(box.left() + 3, box.bottom() - 3);
+    QVERIFY2(inside.value() < 80 && inside.value() > 10, qPrintable(inside.name()));
+    const QPointF before = sight->screenPos();
+    const tzViewportParameters camera = view->getViewportParameters();
+    const QPoint from = box.topLeft() + QPoint(4, 4);
+    QTest::mousePress(view, Qt::LeftButton, Qt::NoModifier, from);
+    for (int i = 1; i <= 10; ++i)
+        moveMouse(view, from + QPoint(4 * i, 3 * i), Qt::LeftButton);
+    QTest::mouseRelease(view, Qt::LeftButton, Qt::NoModifier, from + QPoint(40, 30));
+    const QPointF moved = sight->screenPos() - before; // fractions of the view (floats)
+    QVERIFY(std::abs(moved.x() - 40.0 / view->width()) < 1e-6);
+    QVERIFY(std::abs(moved.y() - 30.0 / view->height()) < 1e-6);
+    QCOMPARE(view->getViewportParameters().cameraCenter, camera.cameraCenter);
+    QTest::qWait(100);
+    QCOMPARE(survey.sightCount(), 1u);
+    QCOMPARE(received(session.sim, "coordonnees").size(), 1);
+
+    // Saved and loaded back: the box where it was dragged, the flags, the point, the height.
+    const_cast<tzCVisee *>(sight)->showPointLegends(true);
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("survey.bin"));
+    QVERIFY(survey.window.saveScene(path));
+    QVERIFY(survey.window.loadScene(path));
+    tzHObject::Container labels;
+    survey.window.databaseRoot()->filterChildren(labels, true, TZ_TYPES::LABEL_KIND);
+    QCOMPARE(int(labels.size()), 2);
+    const tzCVisee *copy = sightOf(labels.back());
+    QVERIFY(copy && copy != sight);
+    QCOMPARE(copy->screenPos(), sight->screenPos());
+    QVERIFY(copy->isShownIn2D() && copy->isFullBodyShown() && copy->arePointLegendsShown());
+    QCOMPARE(copy->size(), 1u);
 }
 
 QTEST_MAIN(TestSightTool)
