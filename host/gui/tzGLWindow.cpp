@@ -124,9 +124,13 @@ void tzGLWindow::redraw(bool only2D, bool resetLOD)
     // stream (objects arriving from another program, say) are also paced: a frame starts at
     // least twice its predecessor's time after it, so that drawing never takes more than about
     // half of the GUI thread away from what feeds it.
+    // What the next frame costs: the last one's time, less its drawing of the clouds' layer
+    // when the layer stays valid (a preview after the camera stopped is not paced by the full
+    // frame before it).
     if (m_paceTimer.isActive())
         return;
-    const qint64 wait = m_lastFrameStartNs + std::max(MIN_FRAME_SPACING_NS, 2 * m_lastFrameNs)
+    const qint64 cost = m_layerDeprecated ? m_lastFrameNs : m_lastFrameNs - m_lastLayerNs;
+    const qint64 wait = m_lastFrameStartNs + std::max(MIN_FRAME_SPACING_NS, 2 * cost)
         - m_clock.nsecsElapsed();
     if (wait <= 0)
         update();
@@ -415,11 +419,16 @@ void tzGLWindow::paintGL()
     const bool layered = QOpenGLFramebufferObject::hasOpenGLFramebufferObjects()
         && QOpenGLFramebufferObject::hasOpenGLFramebufferBlit()
         && QOpenGLWidget::format().samples() <= 1;
+    const quint64 layerDraws = m_layerDraws;
+    m_lastLayerNs = 0;
     if (layered && drawCloudLayer(context3D)) {
         QOpenGLFramebufferObject::blitFramebuffer(
             nullptr, QRect(0, 0, m_camera.width, m_camera.height), m_cloudLayer.get(),
             QRect(0, 0, m_camera.width, m_camera.height), GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT,
             GL_NEAREST);
+        // (The copy waits for the layer's drawing: both are the layer's cost.)
+        if (m_layerDraws != layerDraws)
+            m_lastLayerNs = m_clock.nsecsElapsed() - m_lastFrameStartNs;
         context3D.layer = TZ_LAYER_OTHERS;
         gl->glEnable(GL_DEPTH_TEST);
         loadCamera();

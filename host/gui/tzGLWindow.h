@@ -141,6 +141,9 @@ public:
     QOpenGLFunctions_2_1 *functions() const { return m_gl; }
     //! Frames drawn so far.
     quint64 frameCount() const { return m_frames; }
+    //! How long the view's own drawing of the last frame took on the GUI thread (ms): without
+    //! the window's composition of it, nor the driver's work left after it returned.
+    double lastFrameDrawMs() const { return m_lastFrameNs / 1e6; }
 
 signals:
     //! A click in a picking mode found something: the entity, the point index, the click's
@@ -238,6 +241,7 @@ private:
     QTimer m_paceTimer;
     qint64 m_lastFrameStartNs = 0;
     qint64 m_lastFrameNs = 0;
+    qint64 m_lastLayerNs = 0; // of the last frame, drawing the clouds' layer (0: kept)
     QPoint m_pressPos;
     //! The foreground object (a draggable box) the left button went down on: the drag moves
     //! it instead of the camera. 0: none.
