@@ -176,6 +176,26 @@ bool tzCViseeTool::findLowestPoint(const TZVector3 &C, TZVector3 &lowest, int &i
     return true;
 }
 
+bool tzCViseeTool::searchAround(const TZVector3 &M, float r, int &nearestIndex,
+                                TZVector3 &lowest, int &lowestIndex) const
+{
+    const TZLib::Octree *octree = m_cloud->getOctree();
+    // Thousands of points in a zoomed-out view: their room is kept from one move to the next.
+    TZLib::Octree::NeighboursSet &neighbours = m_neighbours;
+    neighbours.clear();
+    octree->getPointsInSphericalNeighbourhood(
+        M, r, neighbours, octree->findBestLevelForAGivenNeighbourhoodSizeExtraction(r));
+    double best = std::numeric_limits<double>::max();
+    for (const TZLib::Octree::PointDescriptor &p : neighbours) {
+        if (p.squareDistd < best) {
+            best = p.squareDistd;
+            nearestIndex = int(p.pointIndex);
+        }
+    }
+    findLowestPoint(M, lowest, lowestIndex);
+    return !neighbours.empty();
+}
+
 TZVector3d tzCViseeTool::toLocal(const tzCVisee &sight)
 {
     const double s = tzGlobalShift::scale;
@@ -381,22 +401,9 @@ void tzCViseeTool::onMouseMove(QMouseEvent *event, tzGLWindow *window)
     const TZVector3 M(float(under.x), float(under.y), float(under.z));
     TZVector3 found = M, lowest = M;
     int foundIndex = -1, lowestIndex = -1;
-    const TZLib::Octree *octree = m_cloud ? m_cloud->getOctree() : nullptr;
-    if (m_mode != OFF && octree) {
-        const float r = searchRadius();
-        TZLib::Octree::NeighboursSet neighbours;
-        octree->getPointsInSphericalNeighbourhood(
-            M, r, neighbours, octree->findBestLevelForAGivenNeighbourhoodSizeExtraction(r));
-        double best = std::numeric_limits<double>::max();
-        for (const TZLib::Octree::PointDescriptor &p : neighbours) {
-            if (p.squareDistd < best) {
-                best = p.squareDistd;
-                foundIndex = int(p.pointIndex);
-            }
-        }
-        if (neighbours.empty())
+    if (m_mode != OFF && m_cloud && m_cloud->getOctree()) {
+        if (!searchAround(M, searchRadius(), foundIndex, lowest, lowestIndex))
             QApplication::beep();
-        findLowestPoint(M, lowest, lowestIndex);
     }
 
     double best = 10000.0;

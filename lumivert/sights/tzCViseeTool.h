@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Octree.h"
 #include "tzTool.h"
 
 #include <QPoint>
@@ -68,6 +69,16 @@ public:
     tzPolyline *rubberBand() const { return m_rubberBand; }
     const TZVector3 &lastPoint() const { return m_lastPoint; }
 
+protected:
+    //! The searches of a mouse move around M (the cloud's frame): the nearest point of the
+    //! sphere of radius r (index, -1 for none) and the lowest point of the cylinder below M
+    //! (lowest and lowestIndex left as they are when it is empty). False when the sphere holds
+    //! no point. Virtual so that another index can answer the same questions.
+    virtual bool searchAround(const TZVector3 &M, float r, int &nearestIndex, TZVector3 &lowest,
+                              int &lowestIndex) const;
+    //! The cloud of the last pick, searched on mouse moves (null before any pick).
+    tzPointCloud *searchedCloud() const { return m_cloud; }
+
 private:
     //! The mouse circle's radius in the cloud's units.
     float searchRadius() const;
@@ -96,4 +107,5 @@ private:
     tzCVisee *m_movingSight = nullptr; // checked against the group before use
     qint64 m_lastReportMs;
     TZVector3 m_referencePoint;
+    mutable TZLib::Octree::NeighboursSet m_neighbours; // the sphere's points at the last move
 };

@@ -9,7 +9,7 @@
 #include "ViewHelpers.h"
 #include "tzCVisee.h"
 
-#include <QDesktopWidget>
+#include <QScreen>
 #include <QSettings>
 #include <QtTest>
 
@@ -389,7 +389,7 @@ void TestSightTool::mouseCircleAndCursorReports()
                  || report.contains(QStringLiteral("up (-0.0000, 1.0000")),
              qPrintable(report));
     // The pointer out of the way of the next windows.
-    QCursor::setPos(QApplication::desktop()->screenGeometry().bottomRight());
+    QCursor::setPos(QGuiApplication::primaryScreen()->geometry().bottomRight());
 }
 
 void TestSightTool::sightBoxHeightDragAndSave()

@@ -31,7 +31,8 @@ struct Viewer
         window.resize(1000, 700);
         window.show();
         // Mapped at its final size: what a test projects now is where its clicks land.
-        QTest::qWaitForWindowExposed(&window);
+        if (!QTest::qWaitForWindowExposed(&window))
+            qWarning("the viewer's window was not shown");
         window.loadPlugins({QFileInfo(QStringLiteral(LUMIVERT_PLUGIN)).absolutePath()});
         if (window.pluginManager()->plugins().size() == 1) {
             plugin = window.pluginManager()->plugins().first().loader->instance();
