@@ -6,6 +6,7 @@
 #include "tzCViseeTool.h"
 #include "tzCommunicationHandler.h"
 #include "tzLumivert.h"
+#include "tzMouseCircle.h"
 #include "tzPointCloud.h"
 #include "tzSceneApp.h"
 #include "tzSceneFile.h"
@@ -110,6 +111,7 @@ private slots:
     void sightConversionsKeepTheCompanionsRule();
     void sightPointsAndNames();
     void sightBoxRows();
+    void mouseCircleWheelRule();
     void sightLosesThePointsOfADeletedCloud();
     void sightRecordRoundTrip();
     void sightRecordOfVersion20();
@@ -405,6 +407,28 @@ void TestEntities::sightBoxRows()
              (Rows {{"index.A", "0", "angle.A", "36.87"},
                     {"index.B", "1", "angle.B", "53.13"},
                     {"index.C", "2", "angle.C", "90.00"}}));
+}
+
+void TestEntities::mouseCircleWheelRule()
+{
+    tzMouseCircle circle(nullptr, nullptr);
+    QCOMPARE(circle.getName(), QStringLiteral("MouseCircle"));
+    QVERIFY(!circle.isEnabled() && circle.isVisible());
+    const auto wheel = [&](int delta, Qt::KeyboardModifiers modifiers) {
+        QWheelEvent event(QPointF(5, 5), QPointF(5, 5), QPoint(), QPoint(0, delta), Qt::NoButton,
+                          modifiers, Qt::NoScrollPhase, false);
+        return circle.eventFilter(nullptr, &event);
+    };
+    // Never consumed: the view zooms as well.
+    QVERIFY(!wheel(120, Qt::NoModifier));
+    QCOMPARE(circle.radius(), 7);
+    QVERIFY(!wheel(120, Qt::ControlModifier)); // int(7 - 4.8) = 2, at least one step
+    QCOMPARE(circle.radius(), 4);
+    wheel(-240, Qt::ControlModifier); // int(4 + 9.6)
+    QCOMPARE(circle.radius(), 13);
+    circle.setVisible(false);
+    wheel(-120, Qt::ControlModifier);
+    QCOMPARE(circle.radius(), 13);
 }
 
 void TestEntities::sightLosesThePointsOfADeletedCloud()
