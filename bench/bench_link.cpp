@@ -8,7 +8,7 @@
 //
 //   bench_link [--points=N] [--sights=N] [--symbols=M] [--lines=L]
 
-#include "Terrain.h"
+#include "SurveyViewer.h"
 #include "tzCommunicationHandler.h"
 #include "tzGLWindow.h"
 #include "tzLumivert.h"
@@ -204,34 +204,12 @@ int main(int argc, char **argv)
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settings.path());
     QApplication::setOrganizationName(QStringLiteral("TessaroBench"));
     QApplication::setApplicationName(QStringLiteral("bench_link"));
-    // The frames' debug lines would time the terminal, not the link.
-    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
-        if (type != QtDebugMsg)
-            std::fprintf(stderr, "%s\n", qPrintable(text));
-    });
-
-    tzMainWindow::Options options;
-    options.autoShift = true;
-    options.loadPlugins = false;
-    tzMainWindow window(options);
+    bench::silenceDebugLines();
+    tzMainWindow window(bench::viewerOptions());
     window.resize(1280, 800);
     window.show();
-    {
-        bench::Terrain terrain;
-        bench::makeTerrain(terrain, points);
-        auto *cloud = new tzPointCloud(QStringLiteral("terrain"));
-        cloud->reserve(terrain.cloud.size());
-        for (unsigned i = 0; i < terrain.cloud.size(); ++i)
-            cloud->addPoint(terrain.cloud.point(i));
-        cloud->setGlobalShift(TZVector3d(-ORIGIN.x, -ORIGIN.y, -ORIGIN.z));
-        window.addToDatabase(cloud, true);
-    }
+    bench::showTerrain(window, points, ORIGIN);
     tzGLWindow *view = window.activeView();
-    {
-        QSignalSpy drawn(view, &tzGLWindow::frameDrawn);
-        view->redraw();
-        drawn.wait(120000);
-    }
 
     Sender sender;
     if (!sender.listen()) {

@@ -11,7 +11,7 @@
 //
 //   bench_mousemove [--points=N] [--sights=N] [--moves=N]
 
-#include "Terrain.h"
+#include "SurveyViewer.h"
 #include "tzCVisee.h"
 #include "tzCViseeTool.h"
 #include "tzCommunicationHandler.h"
@@ -250,36 +250,14 @@ int main(int argc, char **argv)
         settings.setValue(QStringLiteral("accuaryLowestPoint"), 0.3);
         settings.setValue(QStringLiteral("accuaryMovePoint"), 0.5);
     }
-    // The tool's debug lines would time the terminal, not the tool.
-    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
-        if (type != QtDebugMsg)
-            std::fprintf(stderr, "%s\n", qPrintable(text));
-    });
-
-    tzMainWindow::Options options;
-    options.autoShift = true;
-    options.loadPlugins = false;
-    tzMainWindow window(options);
+    bench::silenceDebugLines();
+    tzMainWindow window(bench::viewerOptions());
     window.resize(1280, 800);
     window.show();
     if (!QTest::qWaitForWindowExposed(&window))
         std::fprintf(stderr, "bench_mousemove: the window was not shown\n");
-    auto *cloud = new tzPointCloud(QStringLiteral("terrain"));
-    {
-        bench::Terrain terrain;
-        bench::makeTerrain(terrain, points);
-        cloud->reserve(terrain.cloud.size());
-        for (unsigned i = 0; i < terrain.cloud.size(); ++i)
-            cloud->addPoint(terrain.cloud.point(i));
-    }
-    cloud->setGlobalShift(TZVector3d(-ORIGIN.x, -ORIGIN.y, -ORIGIN.z));
-    window.addToDatabase(cloud, true);
+    tzPointCloud *cloud = bench::showTerrain(window, points, ORIGIN);
     tzGLWindow *view = window.activeView();
-    {
-        QSignalSpy drawn(view, &tzGLWindow::frameDrawn);
-        view->redraw();
-        drawn.wait(120000);
-    }
 
     Sink sink;
     if (!sink.listen()) {

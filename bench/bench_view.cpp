@@ -8,7 +8,7 @@
 //
 //   bench_view [--points=N] [--keep]     (--keep leaves the generated file in the temp folder)
 
-#include "Terrain.h"
+#include "SurveyViewer.h"
 #include "tzGLWindow.h"
 #include "tzMainWindow.h"
 #include "tzPointCloud.h"
@@ -186,10 +186,7 @@ int main(int argc, char **argv)
     const double fileMB = QFileInfo(path).size() / 1e6;
 
     // Open in the viewer, as a user does, until the first frame with the cloud is drawn.
-    tzMainWindow::Options options;
-    options.autoShift = true;
-    options.loadPlugins = false;
-    tzMainWindow window(options);
+    tzMainWindow window(bench::viewerOptions());
     window.resize(1280, 800);
     window.show();
     QSignalSpy opened(&window, &tzMainWindow::fileOpened);
