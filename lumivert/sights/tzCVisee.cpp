@@ -5,6 +5,7 @@
 #include "tzSerialization.h"
 #include "tzSettings.h"
 #include "tzSphere.h"
+#include "tzViewGeometry.h"
 #include "tzViewportParameters.h"
 
 #include <QHash>
@@ -65,17 +66,6 @@ GLuint markerList(QOpenGLFunctions_2_1 *gl, QOpenGLContext *context, const tzDra
         });
     }
     return list;
-}
-
-// Scene units per pixel where p lies.
-double pixelSizeAt(const tzDrawContext &context, const TZVector3d &p)
-{
-    const tzViewportParameters *params = context.viewportParams;
-    if (!params || !params->perspectiveView || context.glH <= 0)
-        return context.pixelSize;
-    const TZVector3d d = p - params->cameraCenter;
-    const double distance = std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z);
-    return 2.0 * distance * std::tan(params->fov_deg * M_PI / 360.0) / context.glH;
 }
 
 } // namespace
@@ -386,27 +376,11 @@ void tzCVisee::drawMeOnly(tzDrawContext &context)
 
 void tzCVisee::projectPoints(QOpenGLFunctions_2_1 *gl)
 {
-    GLdouble modelView[16], projection[16];
-    GLint viewport[4];
-    gl->glGetDoublev(GL_MODELVIEW_MATRIX, modelView);
-    gl->glGetDoublev(GL_PROJECTION_MATRIX, projection);
-    gl->glGetIntegerv(GL_VIEWPORT, viewport);
+    const tzWindowProjection projection(gl);
     for (unsigned i = 0; i < m_points.size(); ++i) {
-        const TZVector3 P = pointOf(i);
-        double eye[4], clip[4];
-        for (int r = 0; r < 4; ++r)
-            eye[r] = modelView[r] * P.x + modelView[4 + r] * P.y + modelView[8 + r] * P.z
-                + modelView[12 + r];
-        for (int r = 0; r < 4; ++r)
-            clip[r] = projection[r] * eye[0] + projection[4 + r] * eye[1]
-                + projection[8 + r] * eye[2] + projection[12 + r] * eye[3];
         PickedPoint &p = m_points[i];
-        if (clip[3] <= 0) { // behind the camera: nothing to draw towards
+        if (!projection.project(pointOf(i), p.pos2D[0], p.pos2D[1])) // behind the camera
             p.pos2D[0] = p.pos2D[1] = std::numeric_limits<double>::quiet_NaN();
-            continue;
-        }
-        p.pos2D[0] = viewport[0] + (clip[0] / clip[3] + 1) * 0.5 * viewport[2];
-        p.pos2D[1] = viewport[1] + (clip[1] / clip[3] + 1) * 0.5 * viewport[3];
     }
 }
 

@@ -178,6 +178,7 @@ private slots:
     void previousHeightButton();
     void mouseCircleAndCursorReports();
     void sightBoxHeightDragAndSave();
+    void distanceBetweenTwoPicks();
 
 private:
     QTemporaryDir m_settings;
@@ -442,6 +443,29 @@ void TestSightTool::sightBoxHeightDragAndSave()
     QCOMPARE(copy->screenPos(), sight->screenPos());
     QVERIFY(copy->isShownIn2D() && copy->isFullBodyShown() && copy->arePointLegendsShown());
     QCOMPARE(copy->size(), 1u);
+}
+
+void TestSightTool::distanceBetweenTwoPicks()
+{
+    Session session;
+    QVERIFY(session.start("pointPointDistanceButton"));
+    Survey &survey = session.survey;
+    tzGLWindow *view = survey.view();
+    const TZVector3d a(10, 10, groundZ(10)), b(10, 30, groundZ(10));
+    survey.pickAt(a);
+    survey.pickAt(b);
+    QTRY_VERIFY(survey.consoleHas(QStringLiteral("[tzLumivert] Distance entre les points = 20.0 metre ")));
+    // Drawn: an arrow from a to b in yellow, over the cloud; nothing goes to the companion.
+    const QImage image = frame(*view);
+    const QColor yellow(255, 255, 0);
+    const QPoint middle = survey.pixelOf({10, 20, groundZ(10)});
+    int onArrow = 0;
+    for (int dx = -2; dx <= 2; ++dx)
+        onArrow += isColour(image, middle.x() + dx, middle.y(), yellow, 60) ? 1 : 0;
+    QVERIFY(onArrow > 0);
+    QVERIFY(!isColour(image, middle.x() + 15, middle.y(), yellow, 60));
+    QVERIFY(received(session.sim, "coordonnees").isEmpty());
+    QCOMPARE(survey.sightCount(), 1u); // the group holds the distance
 }
 
 QTEST_MAIN(TestSightTool)
