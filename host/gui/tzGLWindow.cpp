@@ -236,6 +236,26 @@ void tzGLWindow::setCameraPos(const TZVector3d &P)
     update();
 }
 
+void tzGLWindow::setViewpointMode(bool on)
+{
+    if (on) {
+        if (!m_viewpointMode)
+            m_beforeViewpoint = m_camera.params;
+        m_viewpointMode = true;
+        m_camera.params.perspectiveView = true;
+        m_camera.params.objectCenteredView = false;
+        m_camera.params.fov_deg = 90.f;
+    } else if (m_viewpointMode) {
+        m_viewpointMode = false;
+        const TZVector3d before = m_camera.params.cameraCenter;
+        m_camera.params = m_beforeViewpoint;
+        if (before != m_camera.params.cameraCenter)
+            emit cameraPosChanged(m_camera.params.cameraCenter);
+    }
+    m_cameraSet = true;
+    update();
+}
+
 void tzGLWindow::setCustomView(const TZVector3d &forward, const TZVector3d &up)
 {
     m_camera.setCustomView(forward, up);

@@ -101,6 +101,11 @@ public:
     void setPivotPoint(const TZVector3d &P);
     //! Moves the camera centre (emits cameraPosChanged).
     void setCameraPos(const TZVector3d &P);
+    //! Looking from a station (a photograph's): a perspective centred on the viewer with a
+    //! 90-degree field of view. Switching it on keeps the viewport parameters it had (once, while
+    //! it stays on); switching it off gives them back.
+    void setViewpointMode(bool on);
+    bool isViewpointMode() const { return m_viewpointMode; }
     void setCustomView(const TZVector3d &forward, const TZVector3d &up);
     TZVector3d getCurrentUpDir() const { return m_camera.upDir(); }
     TZVector3d getCurrentViewDir() const { return m_camera.viewDir(); }
@@ -246,6 +251,8 @@ private:
     //! The foreground object (a draggable box) the left button went down on: the drag moves
     //! it instead of the camera. 0: none.
     unsigned m_draggedBox = 0;
+    bool m_viewpointMode = false;
+    tzViewportParameters m_beforeViewpoint; // restored when the viewpoint mode ends
     QPoint m_boxPos; // where the mouse held the box last
     QPoint m_lastPos;
     Qt::MouseButton m_pressButton = Qt::NoButton;

@@ -7,7 +7,9 @@
 #include "tzCViseeTool.h"
 #include "tzCommunicationHandler.h"
 #include "tzGLWindow.h"
+#include "tzImageFrustum.h"
 #include "tzLineationTool.h"
+#include "tzPhotoList.h"
 #include "tzLumivertInfo.h"
 #include "tzMeasurementTags.h"
 #include "tzPickingHub.h"
@@ -20,7 +22,12 @@
 #include <QKeyEvent>
 #include <QMainWindow>
 #include <QMouseEvent>
+#include <QSettings>
+#include <QStandardPaths>
 #include <QtDebug>
+
+#include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -159,7 +166,8 @@ void tzLumivert::doAction()
 
     readSettings();
     fillOptionsForm();
-    // The photo lists beside the clouds and their frustums join the run with the photos.
+    loadPhotoLists();
+    setPhotoFrustumsVisible(true);
 
     connect(view, &tzGLWindow::cameraPosChanged, this, &tzLumivert::onCameraPosChanged,
             Qt::UniqueConnection);
@@ -382,16 +390,65 @@ void tzLumivert::setLineation()
                QStringLiteral("Permet de mesurer la distance entre deux points"), {});
 }
 
+namespace {
+
+std::vector<tzImageFrustum *> frustumsUnder(tzHObject *root)
+{
+    std::vector<tzImageFrustum *> frustums;
+    tzHObject::Container objects;
+    if (root)
+        root->filterChildren(objects, true, TZ_TYPES::IMAGE);
+    for (tzHObject *object : objects) {
+        if (auto *frustum = dynamic_cast<tzImageFrustum *>(object))
+            frustums.push_back(frustum);
+    }
+    return frustums;
+}
+
+} // namespace
+
 void tzLumivert::setPhotoFrustumsVisible(bool visible)
+{
+    for (tzImageFrustum *frustum : frustumsUnder(m_app ? m_app->databaseRoot() : nullptr))
+        frustum->setVisible(visible);
+}
+
+void tzLumivert::loadPhotoLists()
 {
     if (!m_app || !m_app->databaseRoot())
         return;
-    tzHObject::Container objects;
-    m_app->databaseRoot()->filterChildren(objects, true, TZ_TYPES::CUSTOM_H_OBJECT);
-    for (tzHObject *object : objects) {
-        if (object->getMetaData(QStringLiteral("tzLumivertType")).toString()
-            == QLatin1String("imageFrustum"))
-            object->setVisible(visible);
+    QSettings settings;
+    settings.beginGroup(QStringLiteral("LoadFile"));
+    const QStringList documents = QStandardPaths::standardLocations(QStandardPaths::DocumentsLocation);
+    const QString currentPath = settings.value(QStringLiteral("currentPath"),
+                                               documents.value(0)).toString();
+    tzHObject::Container clouds;
+    m_app->databaseRoot()->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
+    for (tzHObject *object : clouds) {
+        auto *cloud = dynamic_cast<tzGenericPointCloud *>(object);
+        if (!cloud)
+            continue;
+        const QString base = currentPath + QLatin1Char('/') + photoListBase(cloud->getName());
+        const std::vector<tzImageFrustum *> photos
+            = readPhotoList(base + QStringLiteral(".img/images.json"), base + QStringLiteral(".img/"),
+                            m_app, this);
+        if (photos.empty())
+            continue;
+        std::vector<tzImageFrustum *> known = frustumsUnder(cloud);
+        for (tzImageFrustum *photo : photos) {
+            const bool duplicate = std::any_of(known.begin(), known.end(), [photo](tzImageFrustum *k) {
+                return k->cameraName() == photo->cameraName();
+            });
+            if (duplicate) {
+                delete photo;
+                continue;
+            }
+            cloud->addChild(photo, DP_PARENT_OF_OTHER, -1);
+            photo->setVisible(true);
+            m_app->addToDatabase(photo, false, false, false, false);
+            known.push_back(photo);
+        }
+        m_app->refreshAllViews();
     }
 }
 
@@ -541,9 +598,20 @@ void tzLumivert::recurseLabels(tzHObject *object, bool show)
 
 void tzLumivert::onCameraPosChanged(const TZVector3d &centre)
 {
-    // Leaving a photo's viewpoint when the camera moves away arrives with the photos: until
-    // then no photo can be looked through.
-    Q_UNUSED(centre)
+    tzImageFrustum *photo = tzImageFrustum::lookedThrough();
+    if (!m_app || !photo)
+        return;
+    const TZVector3d station = photo->localCameraPosition();
+    if (std::abs(station.x - centre.x) <= 0.0001 && std::abs(station.y - centre.y) <= 0.0001
+        && std::abs(station.z - centre.z) <= 0.0001)
+        return;
+    // The camera left the station: the photo goes, the view gets back what it had.
+    photo->setVisible(false);
+    tzImageFrustum::leaveLookedThrough();
+    if (tzGLWindow *view = m_app->activeView()) {
+        view->setViewpointMode(false);
+        view->redraw(true, true);
+    }
 }
 
 void tzLumivert::onItemPicked(const tzPickingListener::PickedItem &pi)
@@ -567,6 +635,15 @@ void tzLumivert::pointPicked(tzHObject *entity, unsigned itemIdx, int x, int y, 
     tzHObject *group = measurementGroup();
     m_glWindow = m_app->activeView();
     group->setVisible(true);
+    if (auto *photo = dynamic_cast<tzImageFrustum *>(entity)) {
+        // A click on a photo's station enters the photo.
+        for (tzImageFrustum *other : frustumsUnder(m_app->databaseRoot())) {
+            if (other != photo && other->isSelected())
+                other->setSelected(false);
+        }
+        photo->setSelected(true);
+        return;
+    }
     if (m_activeTool)
         m_activeTool->pointPicked(group, itemIdx, entity, P);
     if (entity->isKindOf(TZ_TYPES::POINT_CLOUD)) {

@@ -111,6 +111,9 @@ private:
     void redraw();
     void passSelectionToTool();
     void setPhotoFrustumsVisible(bool visible);
+    //! The photo list beside each cloud (under the viewer's last folder), frustums of photos not
+    //! yet under the cloud added to it.
+    void loadPhotoLists();
     tzHObject *measurementGroup();
 
     QAction *m_action = nullptr;

@@ -76,10 +76,20 @@ struct Viewer
         }
         return false;
     }
+    //! Starts a run, and waits until the run's tool bar has taken its room in the window: what
+    //! a test projects afterwards is where its clicks land.
     void start()
     {
         action()->setEnabled(true);
         action()->trigger();
+        tzGLWindow *view = window.activeView();
+        QSize size;
+        for (int i = 0; i < 10 && view && size != view->size(); ++i) {
+            size = view->size();
+            view->update();
+            QSignalSpy drawn(view, &tzGLWindow::frameDrawn);
+            drawn.wait(2000);
+        }
     }
     void click(const char *name) { QTest::mouseClick(button(name), Qt::LeftButton); }
     QStringList messages()

@@ -1,0 +1,42 @@
+#include "tzPhotoList.h"
+
+#include "tzImageFrustum.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QTextStream>
+
+QString photoListBase(const QString &cloudName)
+{
+    const int cut = cloudName.lastIndexOf(QLatin1String(" - Cloud"));
+    return cut < 0 ? cloudName : cloudName.left(cut);
+}
+
+std::vector<tzImageFrustum *> readPhotoList(const QString &path, const QString &folder,
+                                            tzApplicationInterface *app, tzLumivert *plugin)
+{
+    std::vector<tzImageFrustum *> frustums;
+    QFile file(path);
+    if (!file.exists() || !file.open(QIODevice::ReadOnly | QIODevice::Text))
+        return frustums;
+    QTextStream in(&file);
+    in.setCodec("UTF-8");
+    QString text;
+    while (!in.atEnd())
+        text += in.readLine();
+    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8());
+    if (document.isEmpty() || document.object().isEmpty())
+        return frustums;
+    const QJsonArray images = document.object().value(QLatin1String("images")).toArray();
+    for (int i = 0; i < images.size(); ++i) {
+        auto *frustum = new tzImageFrustum(app, plugin, QStringLiteral("imageFrustum"));
+        if (!frustum->readPhoto(images.at(i).toObject())) {
+            delete frustum;
+            continue;
+        }
+        frustum->setPhotoFolder(folder);
+        frustums.push_back(frustum);
+    }
+    return frustums;
+}

@@ -1,0 +1,147 @@
+// Photos in the viewer: the list beside the cloud read at the start of a run, the stations
+// drawn, a photo entered with a click (the view at its station, looking through the picture)
+// and left when the camera moves; a picture that cannot be read.
+
+#include "PluginViewer.h"
+#include "ViewHelpers.h"
+
+#include <QMessageBox>
+#include <QSettings>
+#include <QtTest>
+
+namespace {
+
+const QColor BLUE(0, 0, 255);
+
+std::vector<tzHObject *> photosOf(tzHObject *cloud)
+{
+    std::vector<tzHObject *> photos;
+    for (unsigned i = 0; i < cloud->getChildrenNumber(); ++i) {
+        tzHObject *child = cloud->getChild(i);
+        if (child->getMetaData(QStringLiteral("tzLumivertType")).toString()
+            == QLatin1String("imageFrustum"))
+            photos.push_back(child);
+    }
+    return photos;
+}
+
+QPoint pixelOf(const tzGLWindow &view, const TZVector3d &p)
+{
+    double x = 0, y = 0, depth = 0;
+    view.camera().project(p, x, y, depth);
+    return QPoint(int(std::lround(x)), int(std::lround(y)));
+}
+
+} // namespace
+
+class TestPhotos : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void photoIsEnteredAndLeft();
+
+private:
+    QTemporaryDir m_settings;
+    QTemporaryDir m_survey;
+};
+
+void TestPhotos::initTestCase()
+{
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settings.path());
+    QCoreApplication::setOrganizationName(QStringLiteral("Tessaro"));
+    QCoreApplication::setApplicationName(QStringLiteral("Tessaro"));
+    QSettings(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("LumiVert"),
+              QStringLiteral("LinkServer"))
+        .setValue(QStringLiteral("sizeSpheres"), 0.1);
+    QSettings().setValue(QStringLiteral("LoadFile/currentPath"), m_survey.path());
+    // The viewer's cloud "Site - Cloud": its photos are listed in Site.img/images.json. A blue
+    // picture of 4000 x 3000 with f = 2000 looks down from 10 above the cloud; the second
+    // photo's picture is missing.
+    QDir(m_survey.path()).mkdir(QStringLiteral("Site.img"));
+    QImage picture(4000, 3000, QImage::Format_RGB32);
+    picture.fill(BLUE);
+    QVERIFY(picture.save(m_survey.filePath(QStringLiteral("Site.img/IMG_1.png"))));
+    QFile list(m_survey.filePath(QStringLiteral("Site.img/images.json")));
+    QVERIFY(list.open(QIODevice::WriteOnly));
+    list.write(R"({"images": [
+        {"camname": "IMG_1", "camX": 0, "camY": 0, "camZ": 10, "Vx": 0, "Vy": 0, "Vz": -1,
+         "f": 2000, "cx": 2000, "cy": 1500},
+        {"camname": "IMG_2", "camX": 0.5, "camY": 0.5, "camZ": 10, "Vz": -1, "f": 2000},
+        {"camname": "IMG_1", "camX": 7}
+    ]})");
+}
+
+void TestPhotos::photoIsEnteredAndLeft()
+{
+    Viewer viewer;
+    viewer.start();
+    tzGLWindow *view = viewer.window.activeView();
+    // Two photos (the repeated name is skipped), shown.
+    const std::vector<tzHObject *> photos = photosOf(viewer.cloud);
+    QCOMPARE(int(photos.size()), 2);
+    QVERIFY(photos[0]->isVisible() && photos[1]->isVisible());
+    QCOMPARE(photos[0]->getMetaData(QStringLiteral("Coord z")).toDouble(), 10.0);
+
+    // From the top, the stations are green spheres.
+    tzViewportParameters top = view->getViewportParameters();
+    top.perspectiveView = false;
+    top.pixelSize = 0.01;
+    top.zoom = 1;
+    top.pivotPoint = {0, 0, 0};
+    top.cameraCenter = {0, 0, 50};
+    view->setViewportParameters(top);
+    view->setCustomView({0, 0, -1}, {0, 1, 0});
+    const QPoint station = pixelOf(*view, {0, 0, 10});
+    QImage image = frame(*view);
+    QVERIFY(isColour(image, station.x(), station.y(), QColor(0, 255, 0), 60));
+    const tzViewportParameters before = view->getViewportParameters();
+
+    // A click on the station enters the photo: the view at the station, 90 degrees, the
+    // picture (2 x 1.5 at distance 1: three quarters of the height) half over the cloud.
+    QTest::mouseClick(view, Qt::LeftButton, Qt::NoModifier, station);
+    QTRY_VERIFY(view->isViewpointMode());
+    QCOMPARE(view->getViewportParameters().cameraCenter, TZVector3d(0, 0, 10));
+    QCOMPARE(view->getViewportParameters().fov_deg, 90.f);
+    QVERIFY(view->getViewportParameters().perspectiveView);
+    image = frame(*view);
+    const QColor middle = image.pixelColor(view->width() / 2, view->height() / 2);
+    QVERIFY2(middle.blue() > 100 && middle.blue() < 200 && middle.red() < 100, qPrintable(middle.name()));
+    const QColor above = image.pixelColor(view->width() / 2, view->height() / 20);
+    QVERIFY2(above.blue() < 100, qPrintable(above.name()));
+
+    // Rotating on the spot keeps the photo; moving away leaves it and gives the view back.
+    view->setCameraPos({0, 0, 10});
+    QVERIFY(view->isViewpointMode());
+    view->setCameraPos({1, 0, 10});
+    QVERIFY(!view->isViewpointMode());
+    QVERIFY(!photos[0]->isVisible());
+    QCOMPARE(view->getViewportParameters().perspectiveView, false);
+    QCOMPARE(view->getViewportParameters().cameraCenter, before.cameraCenter);
+    QCOMPARE(view->getViewportParameters().fov_deg, before.fov_deg);
+
+    // A picture that cannot be read: the box says so, and closing it leaves the photo.
+    photos[0]->setSelected(false);
+    QTimer closer;
+    QString said;
+    QObject::connect(&closer, &QTimer::timeout, [&] {
+        for (QWidget *w : QApplication::topLevelWidgets()) {
+            if (auto *box = qobject_cast<QMessageBox *>(w); box && box->isVisible()) {
+                said = box->text();
+                box->accept();
+            }
+        }
+    });
+    closer.start(50);
+    photos[1]->setSelected(true);
+    QVERIFY(view->isViewpointMode());
+    frame(*view);
+    QTRY_COMPARE(said, QStringLiteral("Erreur de chargement de l'image"));
+    QTRY_VERIFY(!view->isViewpointMode());
+    frame(*view); // no second box for the same selection
+    QTest::qWait(200);
+}
+
+QTEST_MAIN(TestPhotos)
+#include "tst_photos.moc"
