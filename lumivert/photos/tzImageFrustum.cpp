@@ -10,6 +10,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QImageReader>
 #include <QMessageBox>
 #include <QOpenGLContext>
 #include <QOpenGLFunctions_2_1>
@@ -149,6 +150,24 @@ void tzImageFrustum::setSelected(bool state)
     Q_UNUSED(was)
 }
 
+bool tzImageFrustum::loadPicture()
+{
+    // A view shows the picture on a couple of thousand pixels at most: a larger one is read at
+    // half or a quarter of its size, which its decoder does at a fraction of the cost. The
+    // picture keeps its own size for where it is drawn.
+    QImageReader reader(m_imagePath);
+    const QSize full = reader.size();
+    if (full.isValid() && (full.width() > MAX_PICTURE_SIDE || full.height() > MAX_PICTURE_SIDE))
+        reader.setScaledSize(full.scaled(MAX_PICTURE_SIDE, MAX_PICTURE_SIDE, Qt::KeepAspectRatio));
+    const QImage image = reader.read();
+    if (image.isNull())
+        return false;
+    m_pictureSize = full.isValid() ? full : image.size();
+    setData(image);
+    setName(QFileInfo(m_imagePath).baseName());
+    return true;
+}
+
 void tzImageFrustum::releasePicture()
 {
     QObject::disconnect(m_contextGoing);
@@ -187,8 +206,12 @@ void tzImageFrustum::drawMeOnly(tzDrawContext &context)
     const bool atStation = isSelected() && params && params->perspectiveView
         && (params->cameraCenter - local).norm() < 1e-4;
     tzSphere &marker = stationMarker();
-    if (!atStation) {
-        marker.setTempColor(isSelected() ? QColor(Qt::red) : QColor(Qt::green));
+    const QColor colour = isSelected() ? QColor(Qt::red) : QColor(Qt::green);
+    if (!atStation && context.spheres && !picking) {
+        // Thousands of stations: one batch with the view's other markers.
+        context.spheres->addSphere(P, marker.getRadius() * context.renderZoom, colour);
+    } else if (!atStation) {
+        marker.setTempColor(colour);
         tzDrawContext plain = context;
         plain.drawingFlags &= ~(TZ_ENTITY_PICKING | TZ_FAST_ENTITY_PICKING);
         plain.spheres = nullptr;
@@ -222,8 +245,7 @@ void tzImageFrustum::drawPicture(tzDrawContext &context)
     if (!isLoaded()) {
         if (m_loadFailed)
             return; // said once for this selection (see below)
-        QString error;
-        if (!load(m_imagePath, error)) {
+        if (!loadPicture()) {
             // The box asks the surveyor to acknowledge; it opens outside the drawing, once for
             // this selection, and the photo is left when it closes: a box at every frame would
             // come back as soon as it closed.
@@ -257,7 +279,8 @@ void tzImageFrustum::drawPicture(tzDrawContext &context)
                                           });
     }
     const float f = float(m_f);
-    const float hw = float(getW()) / f * 0.5f, hh = float(getH()) / f * 0.5f;
+    const float hw = float(m_pictureSize.width()) / f * 0.5f;
+    const float hh = float(m_pictureSize.height()) / f * 0.5f;
     const TZVector3d local = localCameraPosition();
     gl->glPushAttrib(GL_COLOR_BUFFER_BIT | GL_CURRENT_BIT);
     gl->glEnable(GL_BLEND);

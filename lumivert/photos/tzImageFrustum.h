@@ -5,6 +5,7 @@
 
 #include <QJsonObject>
 #include <QMetaObject>
+#include <QSize>
 
 #include <memory>
 
@@ -59,6 +60,9 @@ protected:
     bool isSerializable() const override { return false; }
 
 private:
+    static constexpr int MAX_PICTURE_SIDE = 2048;
+    //! Reads the picture (scaled down when large); false when it cannot be read.
+    bool loadPicture();
     void drawPicture(tzDrawContext &context);
     void releasePicture();
 
@@ -75,4 +79,5 @@ private:
     QOpenGLContext *m_textureContext = nullptr;
     QMetaObject::Connection m_contextGoing;
     bool m_loadFailed = false;
+    QSize m_pictureSize; // of the picture's file (the one read may be smaller)
 };

@@ -74,6 +74,12 @@ public:
     //! and when the run stops, since the releases then go elsewhere.
     Q_INVOKABLE bool isKeyHeld(int key) const { return m_heldKeys.contains(key); }
 
+    //! Shows or hides every photo station of the scene.
+    void setPhotoFrustumsVisible(bool visible);
+    //! The photo list beside each cloud (under the viewer's last folder), frustums of photos not
+    //! yet under the cloud added to it.
+    void loadPhotoLists();
+
 public slots:
     void doAction();
     bool startMeasuring();
@@ -110,10 +116,6 @@ private:
     void showMessage(const QString &text);
     void redraw();
     void passSelectionToTool();
-    void setPhotoFrustumsVisible(bool visible);
-    //! The photo list beside each cloud (under the viewer's last folder), frustums of photos not
-    //! yet under the cloud added to it.
-    void loadPhotoLists();
     tzHObject *measurementGroup();
 
     QAction *m_action = nullptr;
