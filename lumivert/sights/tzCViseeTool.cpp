@@ -389,6 +389,16 @@ void tzCViseeTool::showRubberBand(const TZVector3 &to)
     m_rubberBand->setEnabled(true);
 }
 
+void tzCViseeTool::showPreview(tzGLWindow *window, const TZVector3 &cursor, bool circleShown)
+{
+    showRubberBand(cursor);
+    if (m_mouseCircle)
+        m_mouseCircle->setVisible(circleShown);
+    if (m_app)
+        m_app->refreshAllViews();
+    window->redraw();
+}
+
 void tzCViseeTool::onMouseMove(QMouseEvent *event, tzGLWindow *window)
 {
     m_nearFlag = false;
@@ -424,24 +434,14 @@ void tzCViseeTool::onMouseMove(QMouseEvent *event, tzGLWindow *window)
         // Index 0 reads as no result (kept); -1 passes and the sight refuses it.
         if (lowestIndex != 0)
             placeWorkingSight(m_cloud, unsigned(lowestIndex), &at, &lowest);
-        showRubberBand(M);
-        if (m_mouseCircle)
-            m_mouseCircle->setVisible(false);
-        if (m_app)
-            m_app->refreshAllViews();
-        window->redraw();
+        showPreview(window, M, false);
     } else if (m_mode == SIMPLE_POINT) {
         if (std::abs(M.z - lowest.z) > m_plugin->accuaryLowestPoint() && M.z != 0.f
             && lowestIndex >= 0)
             placeWorkingSight(m_cloud, unsigned(lowestIndex), &at, &lowest);
         else if (foundIndex >= 0)
             placeWorkingSight(m_cloud, unsigned(foundIndex), &at, &M);
-        showRubberBand(M);
-        if (m_mouseCircle)
-            m_mouseCircle->setVisible(true);
-        if (m_app)
-            m_app->refreshAllViews();
-        window->redraw();
+        showPreview(window, M, true);
         qDebug("POINT SOURIS %lf ,%lf ,%lf  Point trouvee %lf ,%lf ,%lf  Point PlusBas %lf ,%lf ,%lf",
                double(M.x), double(M.y), double(M.z), double(found.x), double(found.y),
                double(found.z), double(lowest.x), double(lowest.y), double(lowest.z));

@@ -92,6 +92,8 @@ private:
     static TZVector3d toLocal(const tzCVisee &sight);
     void reportCursor(tzGLWindow *view, const TZVector3d &M);
     void showRubberBand(const TZVector3 &to);
+    //! The rubber band to the cursor, the circle shown or not, and a new frame.
+    void showPreview(tzGLWindow *window, const TZVector3 &cursor, bool circleShown);
     tzGLWindow *view() const;
 
     tzLumivert *m_plugin; // not owned
