@@ -7,6 +7,7 @@
 #include "tzPointCloud.h"
 #include "tzSettings.h"
 #include "tzSphere.h"
+#include "tzXentity.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -57,7 +58,7 @@ tzImageFrustum::tzImageFrustum(tzApplicationInterface *app, tzLumivert *plugin,
 tzImageFrustum::~tzImageFrustum()
 {
     if (g_lookedThrough == this)
-        g_lookedThrough = nullptr;
+        leaveLookedThrough();
     releasePicture();
 }
 
@@ -120,15 +121,18 @@ tzImageFrustum *tzImageFrustum::lookedThrough()
 void tzImageFrustum::leaveLookedThrough()
 {
     g_lookedThrough = nullptr;
+    tzXentity::pictureShown = false;
 }
 
 void tzImageFrustum::setSelected(bool state)
 {
-    const bool was = isSelected();
     tzImage::setSelected(state);
     if (!state) {
         m_loadFailed = false;
         releasePicture();
+        // The picture is no longer drawn; the view stays at the station until the camera moves.
+        if (g_lookedThrough == this)
+            tzXentity::pictureShown = false;
         return;
     }
     tzGLWindow *view = m_app ? m_app->activeView() : nullptr;
@@ -147,7 +151,6 @@ void tzImageFrustum::setSelected(bool state)
     view->setViewpointMode(true);
     view->blockSignals(blocked);
     view->redraw();
-    Q_UNUSED(was)
 }
 
 bool tzImageFrustum::loadPicture()
@@ -310,4 +313,11 @@ void tzImageFrustum::drawPicture(tzDrawContext &context)
     gl->glPopAttrib();
     gl->glPopAttrib();
     g_lookedThrough = this;
+    if (!tzXentity::pictureShown) {
+        // The symbols drawn before the picture in this frame were depth tested against it:
+        // the next frame draws them over it.
+        tzXentity::pictureShown = true;
+        if (tzGLWindow *view = m_app ? m_app->activeView() : nullptr)
+            QTimer::singleShot(0, view, [view] { view->redraw(); });
+    }
 }

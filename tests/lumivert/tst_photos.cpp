@@ -2,6 +2,7 @@
 // drawn, a photo entered with a click (the view at its station, looking through the picture)
 // and left when the camera moves; a picture that cannot be read.
 
+#include "CompanionSim.h"
 #include "PluginViewer.h"
 #include "ViewHelpers.h"
 
@@ -12,6 +13,7 @@
 namespace {
 
 const QColor BLUE(0, 0, 255);
+const QColor MAGENTA(255, 0, 255);
 
 std::vector<tzHObject *> photosOf(tzHObject *cloud)
 {
@@ -75,8 +77,17 @@ void TestPhotos::initTestCase()
 
 void TestPhotos::photoIsEnteredAndLeft()
 {
+    // The companion draws a magenta line on the ground, 0.3 north of the station.
+    QTemporaryDir dir;
+    Sim sim(writeScript(dir, R"({"type": "XSymbole", "ident": 7, "entities": [{"type": "XInsert", )"
+                             R"("entities": [{"type": "XLine", "Rcolor": 255, "Gcolor": 0, )"
+                             R"("Bcolor": 255, "vertex": [{"X": -0.5, "Y": 0.3, "Z": 0.0}, )"
+                             R"({"X": 0.5, "Y": 0.3, "Z": 0.0}]}]}]})"
+                             "\n!wait 100000\n"));
+    QTRY_VERIFY(sim.listening());
     Viewer viewer;
     viewer.start();
+    QTRY_VERIFY(sim.log().contains(QStringLiteral("client connected")));
     tzGLWindow *view = viewer.window.activeView();
     // Two photos (the repeated name is skipped), shown.
     const std::vector<tzHObject *> photos = photosOf(viewer.cloud);
@@ -110,6 +121,13 @@ void TestPhotos::photoIsEnteredAndLeft()
     QVERIFY2(middle.blue() > 100 && middle.blue() < 200 && middle.red() < 100, qPrintable(middle.name()));
     const QColor above = image.pixelColor(view->width() / 2, view->height() / 20);
     QVERIFY2(above.blue() < 100, qPrintable(above.name()));
+    // The symbol shows over the picture, whatever lies nearer: 0.3 north at 10 below is 0.03
+    // of the half height above the middle.
+    const int lineRow = view->height() / 2 - int(0.03 * view->height() / 2);
+    bool line = false;
+    for (int y = lineRow - 2; y <= lineRow + 2; ++y)
+        line = line || isColour(image, view->width() / 2, y, MAGENTA, 60);
+    QVERIFY(line);
 
     // Rotating on the spot keeps the photo; moving away leaves it and gives the view back.
     view->setCameraPos({0, 0, 10});
