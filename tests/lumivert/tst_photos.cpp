@@ -5,8 +5,10 @@
 #include "CompanionSim.h"
 #include "PluginViewer.h"
 #include "ViewHelpers.h"
+#include "tzImage.h"
 
 #include <QMessageBox>
+#include <QProcess>
 #include <QSettings>
 #include <QtTest>
 
@@ -34,6 +36,28 @@ QPoint pixelOf(const tzGLWindow &view, const TZVector3d &p)
     return QPoint(int(std::lround(x)), int(std::lround(y)));
 }
 
+// Mean difference of colour between the picture and the cloud where the cloud is drawn, in the
+// middle of the view, with the picture's pixels taken `shift` pixels to the right.
+double mismatch(const QImage &picture, const QImage &cloud, int shift)
+{
+    const QColor background = cloud.pixelColor(0, 0);
+    const int half = cloud.height() / 4;
+    double sum = 0;
+    int count = 0;
+    for (int y = cloud.height() / 2 - half; y < cloud.height() / 2 + half; ++y) {
+        for (int x = cloud.width() / 2 - half; x < cloud.width() / 2 + half; ++x) {
+            const QColor c = cloud.pixelColor(x, y);
+            if (isColour(cloud, x, y, background, 4))
+                continue;
+            const QColor p = picture.pixelColor(x + shift, y);
+            sum += std::abs(c.red() - p.red()) + std::abs(c.green() - p.green())
+                + std::abs(c.blue() - p.blue());
+            ++count;
+        }
+    }
+    return count > 1000 ? sum / (3 * count) : 255;
+}
+
 } // namespace
 
 class TestPhotos : public QObject
@@ -43,6 +67,7 @@ class TestPhotos : public QObject
 private slots:
     void initTestCase();
     void photoIsEnteredAndLeft();
+    void demoPhotosLineUpWithTheCloud();
 
 private:
     QTemporaryDir m_settings;
@@ -159,6 +184,55 @@ void TestPhotos::photoIsEnteredAndLeft()
     QTRY_VERIFY(!view->isViewpointMode());
     frame(*view); // no second box for the same selection
     QTest::qWait(200);
+}
+
+void TestPhotos::demoPhotosLineUpWithTheCloud()
+{
+    // The demo survey, small, with its photos rendered from it.
+    QTemporaryDir dir;
+    const QString survey = dir.filePath(QStringLiteral("survey.ply"));
+    QProcess generator;
+    generator.start(QStringLiteral(MAKE_DEMO_SURVEY), {survey, QStringLiteral("60000")});
+    QVERIFY(generator.waitForFinished(60000));
+    QVERIFY2(generator.exitCode() == 0, generator.readAllStandardError().constData());
+    Viewer viewer;
+    viewer.window.openFiles({survey});
+    QTRY_VERIFY_WITH_TIMEOUT(!viewer.window.isLoading(), 20000);
+    viewer.start();
+    tzHObject *cloud = nullptr;
+    for (unsigned i = 0; i < viewer.window.databaseRoot()->getChildrenNumber(); ++i) {
+        if (viewer.window.databaseRoot()->getChild(i)->getName() == QLatin1String("survey"))
+            cloud = viewer.window.databaseRoot()->getChild(i);
+    }
+    QVERIFY(cloud);
+    const std::vector<tzHObject *> photos = photosOf(cloud);
+    QCOMPARE(int(photos.size()), 5);
+    tzGLWindow *view = viewer.window.activeView();
+    view->setObliqueView();
+    view->setPointSize(4);
+
+    // Each photo, opaque, against the cloud seen from its station without it: the picture
+    // matches the points where they are, and not a few pixels aside.
+    for (tzHObject *photo : photos) {
+        auto *image = dynamic_cast<tzImage *>(photo);
+        QVERIFY(image);
+        image->setAlpha(1.f);
+        photo->setSelected(true);
+        QTRY_VERIFY(view->isViewpointMode());
+        const QImage picture = frame(*view);
+        photo->setSelected(false);
+        const QImage cloudOnly = frame(*view);
+        const double aligned = mismatch(picture, cloudOnly, 0);
+        const double aside = std::min(mismatch(picture, cloudOnly, 20), mismatch(picture, cloudOnly, -20));
+        const QByteArray said = photo->getMetaData(QStringLiteral("camera")).toString().toUtf8()
+            + ": " + QByteArray::number(aligned, 'f', 1) + " aligned, "
+            + QByteArray::number(aside, 'f', 1) + " 20 pixels aside";
+        qInfo("%s", said.constData());
+        QVERIFY2(aligned < 18 && aligned < 0.7 * aside, said.constData());
+        view->setCameraPos(view->getViewportParameters().cameraCenter + TZVector3d(5, 0, 0));
+        QVERIFY(!view->isViewpointMode());
+        view->setObliqueView();
+    }
 }
 
 QTEST_MAIN(TestPhotos)
