@@ -12,6 +12,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QImageReader>
+#include <QMainWindow>
 #include <QMessageBox>
 #include <QOpenGLContext>
 #include <QOpenGLFunctions_2_1>
@@ -168,6 +169,11 @@ bool tzImageFrustum::loadPicture()
     m_pictureSize = full.isValid() ? full : image.size();
     setData(image);
     setName(QFileInfo(m_imagePath).baseName());
+    // The tree shows the picture's name (after the frame being drawn).
+    if (QMainWindow *window = m_app ? m_app->mainWindow() : nullptr) {
+        tzApplicationInterface *app = m_app;
+        QTimer::singleShot(0, window, [app] { app->refreshAllViews(true); });
+    }
     return true;
 }
 

@@ -612,6 +612,7 @@ void tzLumivert::onCameraPosChanged(const TZVector3d &centre)
         view->setViewpointMode(false);
         view->redraw(true, true);
     }
+    m_app->refreshAllViews(true); // the tree shows the photo hidden
 }
 
 void tzLumivert::onItemPicked(const tzPickingListener::PickedItem &pi)

@@ -4,5 +4,7 @@ qLumivertDlg::qLumivertDlg(QWidget *parent)
     : tzOverlayDialog(parent, Qt::Tool | Qt::FramelessWindowHint)
 {
     setupUi(this);
+    // The form's places were drawn for a narrower font: the option shows its whole text.
+    SimpleAjoutZButton->resize(SimpleAjoutZButton->sizeHint().expandedTo(SimpleAjoutZButton->size()));
     setAttribute(Qt::WA_MouseTracking, true);
 }
