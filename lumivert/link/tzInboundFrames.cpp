@@ -127,7 +127,11 @@ void tzCommunicationHandler::createOrUpdateSight(const QJsonObject &frame)
 void tzCommunicationHandler::replaceComposite(std::unique_ptr<tzXComposite> composite,
                                               const QJsonObject &frame, const char *nothingDeleted)
 {
+    // The group named by the frame's type, found or made before the frame is read (the read
+    // appends the type to the composite's own, which starts empty).
+    composite->setType(frame.value(QLatin1String("type")).toString());
     tzHObject *group = composite->getOrCreateGroup(m_app);
+    composite->setType(QString());
     if (!group || !composite->readJson(frame))
         return;
     composite->convertToView();

@@ -109,6 +109,7 @@ void TestCompanion::everyFrameKindReachesTheScene()
     QCOMPARE(symbols->getChildrenNumber(), 1u);
     QCOMPARE(alignments->getChildrenNumber(), 1u);
     QVERIFY(!group(root, "XLine") && !group(root, "XTexte"));
+    QVERIFY(!group(root, "")); // each group named by its frame's type
 
     // Where they draw: a top view over the symbol, 0.1 unit per pixel.
     tzGLWindow &view = *viewer.window.activeView();
