@@ -1,8 +1,10 @@
 // Writes the demo survey: the cloud of a site with relief, a road, buildings, trees and bushes,
 // in a national grid (X about 651 000, Y about 6 861 000), coloured, as a binary little-endian
-// PLY with double coordinates; and beside it, in <name>.img/, the photos of a few camera
-// stations rendered from that cloud with their list, images.json.
+// PLY with double coordinates; beside it, in <name>.img/, the photos of a few camera stations
+// rendered from that cloud with their list, images.json; and <name>.companion.jsonl, the
+// companion's objects on the site as a script for mensurix-sim.
 
+#include "DemoCompanion.h"
 #include "DemoPhotos.h"
 #include "DemoScene.h"
 
@@ -119,8 +121,15 @@ int main(int argc, char **argv)
 
     const demo::Scene scene(count, seed);
     const std::vector<demo::Point> points = scene.scan();
-    // The photos first: a cloud on disk is a complete survey.
+    // The photos and the script first: a cloud on disk is a complete survey.
     const QFileInfo info(out);
+    QSaveFile script(info.dir().filePath(info.completeBaseName() + QStringLiteral(".companion.jsonl")));
+    if (!script.open(QIODevice::WriteOnly) || script.write(demo::companionScript(scene)) < 0
+        || !script.commit()) {
+        std::fprintf(stderr, "make_demo_survey: cannot write '%s': %s\n",
+                     qPrintable(script.fileName()), qPrintable(script.errorString()));
+        return 1;
+    }
     if (photos
         && !writePhotos(info.dir().filePath(info.completeBaseName() + QStringLiteral(".img")),
                         scene, points))
