@@ -11,6 +11,7 @@
 #include "tzLineationTool.h"
 #include "tzPhotoList.h"
 #include "tzLumivertInfo.h"
+#include "tzMeasureExport.h"
 #include "tzMeasurementTags.h"
 #include "tzPickingHub.h"
 #include "tzPointCloud.h"
@@ -18,9 +19,14 @@
 #include "tzXentity.h"
 
 #include <QAction>
+#include <QDir>
 #include <QEvent>
+#include <QFileDialog>
+#include <QFileInfo>
 #include <QKeyEvent>
 #include <QMainWindow>
+#include <QMenuBar>
+#include <QMessageBox>
 #include <QMouseEvent>
 #include <QSettings>
 #include <QStandardPaths>
@@ -103,7 +109,52 @@ QList<QAction *> tzLumivert::listActions()
         m_action->setIcon(getIcon());
         connect(m_action, &QAction::triggered, this, &tzLumivert::doAction);
     }
+    // The measures' export joins the viewer's File menu, before its last group (Quit).
+    QMainWindow *window = m_app ? m_app->mainWindow() : nullptr;
+    if (!m_exportAction && window) {
+        for (QAction *menuAction : window->menuBar()->actions()) {
+            QMenu *menu = menuAction->menu();
+            if (!menu || menu->title().remove(QLatin1Char('&')) != QLatin1String("File"))
+                continue;
+            m_exportAction = new QAction(tr("E&xport measures..."), this);
+            connect(m_exportAction, &QAction::triggered, this, &tzLumivert::exportMeasuresAs);
+            QAction *before = nullptr;
+            for (QAction *item : menu->actions()) {
+                if (item->isSeparator())
+                    before = item;
+            }
+            menu->insertAction(before, m_exportAction);
+            break;
+        }
+    }
     return {m_action};
+}
+
+void tzLumivert::exportMeasuresAs()
+{
+    if (!m_app)
+        return;
+    QSettings settings;
+    const QString folder = settings.value(QStringLiteral("LoadFile/currentPath")).toString();
+    QString path = QFileDialog::getSaveFileName(m_app->mainWindow(), tr("Export measures"),
+                                                QDir(folder).filePath(QStringLiteral("measures.csv")),
+                                                tr("CSV tables (*.csv);;All files (*)"));
+    if (path.isEmpty())
+        return;
+    if (QFileInfo(path).suffix().isEmpty())
+        path += QStringLiteral(".csv");
+    const tzMeasureExport done = exportMeasures(m_app->databaseRoot(), path);
+    if (!done.error.isEmpty()) {
+        const QString text = QStringLiteral("Could not write '%1': %2").arg(path, done.error);
+        printToConsole(QStringLiteral("[tzLumivert] ") + text,
+                       tzApplicationInterface::ERR_CONSOLE_MESSAGE);
+        QMessageBox::warning(m_app->mainWindow(), tr("Export measures"), text);
+        return;
+    }
+    printToConsole(QStringLiteral("[tzLumivert] %1 sights and %2 distances written to '%3'")
+                       .arg(done.sights)
+                       .arg(done.distances)
+                       .arg(path));
 }
 
 void tzLumivert::selectionChanged(const tzHObject::Container &selectedEntities)

@@ -82,6 +82,8 @@ public:
 
 public slots:
     void doAction();
+    //! Asks where, and writes the scene's sights and distances there as CSV.
+    void exportMeasuresAs();
     bool startMeasuring();
     void stopMeasuring();
     void onCameraPosChanged(const TZVector3d &centre);
@@ -119,6 +121,7 @@ private:
     tzHObject *measurementGroup();
 
     QAction *m_action = nullptr;
+    QAction *m_exportAction = nullptr; // File > Export measures
     bool m_listening = false;
     qLumivertDlg *m_dialog = nullptr;
     tzAboutDlg *m_optionsDialog = nullptr;

@@ -1,12 +1,15 @@
 // Distances: what a lineation computes from its two points, and the tool that makes them from
 // picks (on a scene without a window).
 
+#include "tzCVisee.h"
 #include "tzLineationTool.h"
+#include "tzMeasureExport.h"
 #include "tzMeasurementTags.h"
 #include "tzMetaTypes.h"
 #include "tzPointCloud.h"
 #include "tzPointPair.h"
 #include "tzSceneApp.h"
+#include "tzSceneFile.h"
 
 #include <QtTest>
 
@@ -42,6 +45,7 @@ private slots:
     void picksMakeOneLineationPerTwo();
     void picksOnTwoClouds();
     void cancelRemovesOnlyAnUnfinishedLineation();
+    void measuresOfASavedSceneExported();
 };
 
 void TestDistance::lineationDirection_data()
@@ -208,6 +212,57 @@ void TestDistance::cancelRemovesOnlyAnUnfinishedLineation()
     tool.pointPicked(root, 0, cloud.get(), {});
     QCOMPARE(root->getChildrenNumber(), 2u);
     QCOMPARE(static_cast<tzLineation *>(root->getChild(1))->size(), 1u);
+}
+
+void TestDistance::measuresOfASavedSceneExported()
+{
+    // A shifted survey with a sight from the companion and a distance, saved and loaded back.
+    tzHObject::RegisterFactory(QLatin1String(tzCVisee::FACTORY_NAME), [] { return new tzCVisee; });
+    QTemporaryDir dir;
+    {
+        tzHObject root(QStringLiteral("root"));
+        auto *cloud = cloudOf({{0, 0, 10}, {3, 4, 10}}).release();
+        cloud->setGlobalShift({-651200, -6861400, 0});
+        root.addChild(cloud);
+        auto *group = new tzHObject(QStringLiteral("mesures"));
+        root.addChild(group);
+        auto *sight = new tzCVisee;
+        QVERIFY(sight->readJson(QJsonDocument::fromJson(
+            R"({"type": "CVisee", "ident": 7, "number": "10,01",
+                "coord": {"X": 651203.5, "Y": 6861404.25, "Z": 112.125}})").object()));
+        group->addChild(sight);
+        auto *distance = new tzLineation(cloud);
+        distance->addPointIndex(0);
+        distance->addPointIndex(1);
+        distance->computeMetadata();
+        group->addChild(distance);
+        QString error;
+        QVERIFY2(tzSceneFile::save(&root, dir.filePath(QStringLiteral("site.tzs")), error),
+                 qPrintable(error));
+    }
+    QString error;
+    const std::unique_ptr<tzHObject> loaded(tzSceneFile::load(dir.filePath(QStringLiteral("site.tzs")), error));
+    QVERIFY2(loaded, qPrintable(error));
+
+    QLocale::setDefault(QLocale(QLocale::French)); // a decimal comma must not reach the file
+    const QString csv = dir.filePath(QStringLiteral("measures.csv"));
+    const tzMeasureExport done = exportMeasures(loaded.get(), csv);
+    QLocale::setDefault(QLocale::c());
+    QVERIFY2(done.error.isEmpty(), qPrintable(done.error));
+    QCOMPARE(done.sights, 1);
+    QCOMPARE(done.distances, 1);
+    QFile file(csv);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(),
+             QByteArray("kind,ident,number,x,y,z,end_x,end_y,end_z,length,trend,plunge\n"
+                        "sight,7,\"10,01\",651203.5000,6861404.2500,112.1250,,,,,,\n"
+                        "distance,,,651200.0000,6861400.0000,10.0000,651203.0000,6861404.0000,"
+                        "10.0000,5.0000,36.87,0.00\n"));
+
+    // A folder that does not exist: an error, and no file.
+    const tzMeasureExport failed = exportMeasures(loaded.get(), dir.filePath(QStringLiteral("no/m.csv")));
+    QVERIFY(!failed.error.isEmpty());
+    QVERIFY(!QFile::exists(dir.filePath(QStringLiteral("no/m.csv"))));
 }
 
 QTEST_MAIN(TestDistance)

@@ -1,0 +1,71 @@
+#include "tzMeasureExport.h"
+
+#include "tzCVisee.h"
+#include "tzMeasurementTags.h"
+#include "tzXentity.h"
+
+#include <QSaveFile>
+
+namespace {
+
+const char HEADER[] = "kind,ident,number,x,y,z,end_x,end_y,end_z,length,trend,plunge\n";
+
+QByteArray quoted(const QString &text)
+{
+    QByteArray out = text.toUtf8();
+    if (!out.contains(',') && !out.contains('"') && !out.contains('\n') && !out.contains('\r'))
+        return out;
+    return '"' + out.replace('"', "\"\"") + '"';
+}
+
+QByteArray number(double value, int decimals)
+{
+    return QByteArray::number(value, 'f', decimals); // always the C locale
+}
+
+void collect(const tzHObject *object, QByteArray &sights, QByteArray &distances,
+             tzMeasureExport &result)
+{
+    for (unsigned i = 0; i < object->getChildrenNumber(); ++i) {
+        const tzHObject *child = object->getChild(i);
+        if (const auto *sight = dynamic_cast<const tzCVisee *>(child)) {
+            // A sight keeps the companion's coordinates.
+            const TZVector3d p = sight->coordinates();
+            sights += "sight," + QByteArray::number(sight->ident()) + ',' + quoted(sight->number())
+                + ',' + number(p.x, 4) + ',' + number(p.y, 4) + ',' + number(p.z, 4) + ",,,,,,\n";
+            ++result.sights;
+        } else if (hasLineationTag(child) && child->hasMetaData(QStringLiteral("Length"))) {
+            // A distance keeps its ends in the scene's coordinates.
+            const auto meta = [child](const char *key) {
+                return child->getMetaData(QLatin1String(key)).toDouble();
+            };
+            const double s = tzGlobalShift::scale;
+            const TZVector3d &t = tzGlobalShift::shift;
+            distances += "distance,,," + number((meta("Sx") - t.x) / s, 4) + ','
+                + number((meta("Sy") - t.y) / s, 4) + ',' + number((meta("Sz") - t.z) / s, 4) + ','
+                + number((meta("Ex") - t.x) / s, 4) + ',' + number((meta("Ey") - t.y) / s, 4) + ','
+                + number((meta("Ez") - t.z) / s, 4) + ',' + number(meta("Length") / s, 4) + ','
+                + number(meta("Trend"), 2) + ',' + number(meta("Plunge"), 2) + '\n';
+            ++result.distances;
+        }
+        collect(child, sights, distances, result);
+    }
+}
+
+} // namespace
+
+tzMeasureExport exportMeasures(const tzHObject *root, const QString &path)
+{
+    tzMeasureExport result;
+    QByteArray sights, distances;
+    if (root) {
+        tzGlobalShift::captureFrom(root);
+        collect(root, sights, distances, result);
+    }
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(HEADER + sights + distances) < 0
+        || !file.commit()) {
+        result.error = file.errorString();
+    }
+    return result;
+}

@@ -1,0 +1,20 @@
+#pragma once
+
+// The surveyor's measures as a table: File > Export measures.
+
+#include <QString>
+
+class tzHObject;
+
+struct tzMeasureExport
+{
+    int sights = 0;
+    int distances = 0;
+    QString error; // empty when the file was written
+};
+
+//! Writes to path, as CSV in the C locale with a header row, every sight under root (ident,
+//! number, x, y, z in the companion's coordinates) and every distance (start and end in the
+//! companion's coordinates, length in metres, trend and plunge in degrees). The file is written
+//! whole or left as it was.
+tzMeasureExport exportMeasures(const tzHObject *root, const QString &path);
