@@ -3,7 +3,8 @@
 //   tessaro [--auto-shift] [--oblique] [--action <name>] [--screenshot <png>] [files...]
 //
 // Opens the clouds (PLY, LAS, PCD, text) and scenes (.tzs) given, and loads the plug-ins found in
-// plugins/ beside the executable and in the folders of TESSARO_PLUGIN_PATH.
+// plugins/ beside the executable (lib/tessaro/plugins/ once installed) and in the folders of
+// TESSARO_PLUGIN_PATH.
 
 #include "tzGLWindow.h"
 #include "tzMainWindow.h"

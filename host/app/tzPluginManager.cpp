@@ -24,8 +24,10 @@ tzPluginManager::~tzPluginManager()
 QStringList tzPluginManager::searchPaths()
 {
     const QString appDir = QCoreApplication::applicationDirPath();
+    // Beside the executable (a build tree), or where an install puts them.
     QStringList folders {appDir + QStringLiteral("/plugins"),
-                         appDir + QStringLiteral("/../plugins")};
+                         appDir + QStringLiteral("/../plugins"),
+                         appDir + QStringLiteral("/../lib/tessaro/plugins")};
     const QString extra = qEnvironmentVariable("TESSARO_PLUGIN_PATH");
     for (const QString &folder : extra.split(QDir::listSeparator(), Qt::SkipEmptyParts))
         folders << folder;
