@@ -88,9 +88,12 @@ QByteArray companionScript(const Scene &scene)
                                         {{b.x0, b.y0, z}, {b.x1, b.y0, z}, {b.x1, b.y1, z},
                                          {b.x0, b.y1, z}, {b.x0, b.y0, z}})});
     }
+    int trees = 0;
     for (const Plant &p : scene.plants()) {
         if (!p.tree)
             continue;
+        if (trees++ == 3)
+            break;
         const double z = scene.ground(p.x, p.y);
         const double r = p.radius;
         script += symbol(next++, {circle(colour(60, 255, 60), {p.x, p.y, z}, r),
@@ -98,7 +101,6 @@ QByteArray companionScript(const Scene &scene)
                                         {{p.x - r, p.y, z},
                                          {p.x - r * std::sqrt(0.5), p.y + r * std::sqrt(0.5), z},
                                          {p.x, p.y + r, z}})});
-        break;
     }
     // The road's centre line, and its edges as lines, every few metres.
     script += "# The alignment of the road.\n";

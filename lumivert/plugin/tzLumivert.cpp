@@ -294,6 +294,9 @@ bool tzLumivert::startMeasuring()
     if (m_dialog) {
         m_app->attachOverlayDialog(m_dialog, Qt::TopRightCorner);
         m_dialog->start();
+        // The tool bar is a window of its own: a key pressed while it has the keyboard (just
+        // after a click on one of its buttons) is the surveyor's too.
+        m_dialog->installEventFilter(this);
     }
     if (m_comm->connectToServer() && m_dialog)
         m_dialog->EtatConnection->setIcon(image("ConnecteOn.png"));
@@ -313,6 +316,7 @@ void tzLumivert::stopMeasuring()
         releaseHub();
     }
     if (m_dialog) {
+        m_dialog->removeEventFilter(this);
         m_dialog->EtatConnection->setIcon(image("ConnecteOff.png"));
         m_dialog->stop(false);
         if (m_app)
@@ -720,6 +724,9 @@ void tzLumivert::pointPicked(tzHObject *entity, unsigned itemIdx, int x, int y, 
 
 bool tzLumivert::eventFilter(QObject *obj, QEvent *event)
 {
+    if (obj == m_dialog && event->type() != QEvent::KeyPress
+        && event->type() != QEvent::KeyRelease)
+        return false; // only the keys of the tool bar are the view's
     if (m_app)
         m_glWindow = m_app->activeView();
     switch (event->type()) {

@@ -632,5 +632,11 @@ bool tzCVisee::resolveLoadedReferences(const LoadedIDMap &oldToNew)
     }
     m_points = std::move(points);
     m_loadedCloudIDs.clear();
+    // Drawn in the frame of the scene's first cloud, before any run of the plug-in has taken
+    // it (a scene opened on its own).
+    const tzHObject *top = this;
+    while (top->getParent())
+        top = top->getParent();
+    tzGlobalShift::captureFrom(top);
     return true;
 }

@@ -10,6 +10,7 @@
 #include "tzPointPair.h"
 #include "tzSceneApp.h"
 #include "tzSceneFile.h"
+#include "tzXentity.h"
 
 #include <QtTest>
 
@@ -240,9 +241,12 @@ void TestDistance::measuresOfASavedSceneExported()
         QVERIFY2(tzSceneFile::save(&root, dir.filePath(QStringLiteral("site.tzs")), error),
                  qPrintable(error));
     }
+    // Opened on its own (no run has taken the survey's shift): its sights draw on the survey.
+    tzGlobalShift::shift = {0, 0, 0};
     QString error;
     const std::unique_ptr<tzHObject> loaded(tzSceneFile::load(dir.filePath(QStringLiteral("site.tzs")), error));
     QVERIFY2(loaded, qPrintable(error));
+    QCOMPARE(tzGlobalShift::shift, TZVector3d(-651200, -6861400, 0));
 
     QLocale::setDefault(QLocale(QLocale::French)); // a decimal comma must not reach the file
     const QString csv = dir.filePath(QStringLiteral("measures.csv"));
