@@ -63,7 +63,18 @@ void tzXComposite::drawMeOnly(tzDrawContext &context)
     const bool overPicture = pictureShown;
     if (overPicture)
         gl->glDisable(GL_DEPTH_TEST);
+    // The companion's lines lie on the surveyed ground, at the depth of the cloud's points
+    // there: drawn a little nearer (a thousandth of the depth range), they are not cut into
+    // dashes by the points they lie on, and what stands above them still hides them. (Not
+    // when picking: a click beside a line is on the ground, as before.)
+    const bool nearer = !context.isPicking();
+    if (nearer) {
+        gl->glPushAttrib(GL_VIEWPORT_BIT);
+        gl->glDepthRange(0.0, 0.999);
+    }
     drawEntity(gl);
+    if (nearer)
+        gl->glPopAttrib();
     if (overPicture)
         gl->glEnable(GL_DEPTH_TEST);
     if (context.isPicking())

@@ -153,13 +153,35 @@ void TestCompanion::symbolLinesDrawWhereTheyAre()
     QTRY_VERIFY(sim.listening());
     Viewer viewer;
     viewer.cloud->setGlobalShift(SHIFT);
+    // Ground surveyed at the height of the alignment's first side, all under it.
+    auto *road = new tzPointCloud(QStringLiteral("road"));
+    for (int i = 0; i <= 240; ++i) {
+        for (int j = -10; j <= 10; ++j)
+            road->addPoint({84.f + i * 0.05f, 65.f + j * 0.05f, 4.f});
+    }
+    road->setColors(std::vector<tzRgb>(road->size(), tzRgb {90, 90, 90}));
+    road->setGlobalShift(SHIFT);
+    viewer.window.addToDatabase(road);
     viewer.start();
     tzHObject *root = viewer.window.databaseRoot();
     QTRY_VERIFY(group(root, "XSymbole") && group(root, "XAlignement"));
 
     tzGLWindow &view = *viewer.window.activeView();
     lookDown(view, 78, 78);
+    view.setPointSize(3);
     const QImage image = frame(view);
+    // The side shows all along, not cut into dashes by the points at its height.
+    double x0 = 0, x1 = 0, y = 0, depth = 0;
+    view.camera().project({86, 65, 4}, x0, y, depth);
+    view.camera().project({94, 65, 4}, x1, y, depth);
+    int shown = 0;
+    for (int x = int(x0); x <= int(x1); ++x) {
+        bool blue = false;
+        for (int dy = -1; dy <= 1; ++dy)
+            blue = blue || isColour(image, x, int(y) + dy, QColor(0, 0, 255), 40);
+        shown += blue ? 1 : 0;
+    }
+    QVERIFY2(shown >= 0.95 * (int(x1) - int(x0) + 1), qPrintable(QString::number(shown)));
     const QColor r(255, 0, 0), g(0, 255, 0), b(0, 0, 255);
     QVERIFY(colourNear(image, view, {75, 70, 4}, r));
     QVERIFY(colourNear(image, view, {60, 85, 4}, r));
