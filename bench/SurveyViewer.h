@@ -9,10 +9,25 @@
 #include "tzPointCloud.h"
 
 #include <QSignalSpy>
+#include <QTest>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace bench {
+
+//! The number given as --name=N on the command line, or fallback.
+inline unsigned numberOption(int argc, char **argv, const char *name, unsigned fallback)
+{
+    const size_t length = std::strlen(name);
+    for (int i = 1; i < argc; ++i) {
+        if (std::strncmp(argv[i], "--", 2) == 0 && std::strncmp(argv[i] + 2, name, length) == 0
+            && argv[i][2 + length] == '=')
+            fallback = unsigned(std::strtoul(argv[i] + 3 + length, nullptr, 10));
+    }
+    return fallback;
+}
 
 inline void silenceDebugLines()
 {
@@ -28,6 +43,15 @@ inline tzMainWindow::Options viewerOptions()
     options.autoShift = true;
     options.loadPlugins = false;
     return options;
+}
+
+//! The window on screen at the benchmarks' size, mapped: what is timed next is drawn.
+inline void showWindow(tzMainWindow &window, const char *program)
+{
+    window.resize(1280, 800);
+    window.show();
+    if (!QTest::qWaitForWindowExposed(&window))
+        std::fprintf(stderr, "%s: the window was not shown\n", program);
 }
 
 //! Adds a terrain of count points, shifted from origin, to the window's scene and waits for the

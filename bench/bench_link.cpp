@@ -187,17 +187,10 @@ struct PhaseResult
 
 int main(int argc, char **argv)
 {
-    unsigned points = 10000000, sights = 10000, symbols = 2000, lines = 20;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strncmp(argv[i], "--points=", 9) == 0)
-            points = unsigned(std::strtoul(argv[i] + 9, nullptr, 10));
-        else if (std::strncmp(argv[i], "--sights=", 9) == 0)
-            sights = unsigned(std::strtoul(argv[i] + 9, nullptr, 10));
-        else if (std::strncmp(argv[i], "--symbols=", 10) == 0)
-            symbols = unsigned(std::strtoul(argv[i] + 10, nullptr, 10));
-        else if (std::strncmp(argv[i], "--lines=", 8) == 0)
-            lines = unsigned(std::strtoul(argv[i] + 8, nullptr, 10));
-    }
+    const unsigned points = bench::numberOption(argc, argv, "points", 10000000);
+    const unsigned sights = bench::numberOption(argc, argv, "sights", 10000);
+    const unsigned symbols = bench::numberOption(argc, argv, "symbols", 2000);
+    const unsigned lines = bench::numberOption(argc, argv, "lines", 20);
     QSurfaceFormat::setDefaultFormat(tzGLWindow::defaultFormat());
     QApplication app(argc, argv);
     QTemporaryDir settings;
@@ -206,8 +199,7 @@ int main(int argc, char **argv)
     QApplication::setApplicationName(QStringLiteral("bench_link"));
     bench::silenceDebugLines();
     tzMainWindow window(bench::viewerOptions());
-    window.resize(1280, 800);
-    window.show();
+    bench::showWindow(window, "bench_link");
     bench::showTerrain(window, points, ORIGIN);
     tzGLWindow *view = window.activeView();
 

@@ -41,7 +41,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <random>
 #include <thread>
 
@@ -230,16 +229,9 @@ double median(std::vector<double> v)
 
 int main(int argc, char **argv)
 {
-    unsigned points = 10000000, sights = 1000;
-    int moves = 5000;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strncmp(argv[i], "--points=", 9) == 0)
-            points = unsigned(std::strtoul(argv[i] + 9, nullptr, 10));
-        else if (std::strncmp(argv[i], "--sights=", 9) == 0)
-            sights = unsigned(std::strtoul(argv[i] + 9, nullptr, 10));
-        else if (std::strncmp(argv[i], "--moves=", 8) == 0)
-            moves = int(std::strtol(argv[i] + 8, nullptr, 10));
-    }
+    const unsigned points = bench::numberOption(argc, argv, "points", 10000000);
+    const unsigned sights = bench::numberOption(argc, argv, "sights", 1000);
+    const int moves = int(bench::numberOption(argc, argv, "moves", 5000));
     QSurfaceFormat::setDefaultFormat(tzGLWindow::defaultFormat());
     QApplication app(argc, argv);
     QTemporaryDir settingsDir;
@@ -252,10 +244,7 @@ int main(int argc, char **argv)
     }
     bench::silenceDebugLines();
     tzMainWindow window(bench::viewerOptions());
-    window.resize(1280, 800);
-    window.show();
-    if (!QTest::qWaitForWindowExposed(&window))
-        std::fprintf(stderr, "bench_mousemove: the window was not shown\n");
+    bench::showWindow(window, "bench_mousemove");
     tzPointCloud *cloud = bench::showTerrain(window, points, ORIGIN);
     tzGLWindow *view = window.activeView();
 

@@ -26,7 +26,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <random>
 
 namespace {
@@ -63,13 +62,8 @@ double medianFrame(tzGLWindow *view, int count, bool deprecate)
 
 int main(int argc, char **argv)
 {
-    unsigned points = 10000000, photos = 2000;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strncmp(argv[i], "--points=", 9) == 0)
-            points = unsigned(std::strtoul(argv[i] + 9, nullptr, 10));
-        else if (std::strncmp(argv[i], "--photos=", 9) == 0)
-            photos = unsigned(std::strtoul(argv[i] + 9, nullptr, 10));
-    }
+    const unsigned points = bench::numberOption(argc, argv, "points", 10000000);
+    const unsigned photos = bench::numberOption(argc, argv, "photos", 2000);
     QSurfaceFormat::setDefaultFormat(tzGLWindow::defaultFormat());
     QApplication app(argc, argv);
     QTemporaryDir settingsDir, survey;
@@ -83,10 +77,7 @@ int main(int argc, char **argv)
     bench::silenceDebugLines();
 
     tzMainWindow window(bench::viewerOptions());
-    window.resize(1280, 800);
-    window.show();
-    if (!QTest::qWaitForWindowExposed(&window))
-        std::fprintf(stderr, "bench_photos: the window was not shown\n");
+    bench::showWindow(window, "bench_photos");
     tzPointCloud *cloud = bench::showTerrain(window, points, ORIGIN);
     tzGLWindow *view = window.activeView();
 
