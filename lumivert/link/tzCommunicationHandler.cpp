@@ -28,6 +28,16 @@ void Reader::doWork(tzCommunicationHandler *handler)
     const auto current = [handler, socket] {
         return handler->m_socket.load() == socket && !handler->m_closing;
     };
+    // The companion closing the connection, or a receive failing, is said once to the GUI
+    // thread, and at once to the senders (a text written to a closed peer would be lost).
+    bool lostSaid = false;
+    const auto sayLost = [&] {
+        if (lostSaid || !current())
+            return;
+        lostSaid = true;
+        handler->m_linkUp = false;
+        emit connectionLost(qint64(socket));
+    };
     char buffer[READ_SIZE + 1];
     std::memset(buffer, 0, sizeof buffer);
     int received = current() ? tzSocket::recv(socket, buffer, READ_SIZE) : -1;
@@ -47,12 +57,16 @@ void Reader::doWork(tzCommunicationHandler *handler)
                 }
             }
         } else {
+            sayLost();
             std::this_thread::sleep_for(RETRY_DELAY);
         }
         std::memset(buffer, 0, sizeof buffer);
         received = current() ? tzSocket::recv(socket, buffer, READ_SIZE) : -1;
     }
-    qDebug("recvfrom : %d", tzSocket::lastError());
+    const int error = tzSocket::lastError();
+    if (received == -1)
+        sayLost();
+    qDebug("recvfrom : %d", error);
     std::lock_guard<std::mutex> lock(handler->m_readerMutex);
     handler->m_readerRunning = false;
     handler->m_readerDone.notify_all();
@@ -66,7 +80,14 @@ tzCommunicationHandler::tzCommunicationHandler(tzLumivert *plugin)
     connect(&m_workerThread, &QThread::finished, reader, &QObject::deleteLater);
     connect(this, &tzCommunicationHandler::operate, reader, &Reader::doWork);
     connect(reader, &Reader::resultReady, this, &tzCommunicationHandler::handleResults);
+    connect(reader, &Reader::connectionLost, this, &tzCommunicationHandler::onConnectionLost);
     m_workerThread.start(QThread::InheritPriority);
+    m_reconnectTimer.setInterval(RECONNECT_INTERVAL_MS);
+    connect(&m_reconnectTimer, &QTimer::timeout, this, [this] {
+        m_retrying = true;
+        connectToServer();
+        m_retrying = false;
+    });
 }
 
 tzCommunicationHandler::~tzCommunicationHandler()
@@ -96,41 +117,105 @@ void tzCommunicationHandler::endConnection()
 
 bool tzCommunicationHandler::connectToServer()
 {
+    // The attempts of the reconnection say only their outcome: a line every two seconds would
+    // bury everything else.
+    const bool quiet = m_retrying;
+    const auto refused = [this] {
+        m_linkUp = false;
+        if (m_reconnecting && !m_reconnectTimer.isActive())
+            m_reconnectTimer.start();
+        return false;
+    };
     m_portValue = openLumivertSettings()->value(QStringLiteral("portTCP")).toInt();
-    qDebug("\nInitialising Winsock...");
+    if (!quiet)
+        qDebug("\nInitialising Winsock...");
     if (!tzSocket::startup()) {
         qDebug("Failed. Error Code : %d", tzSocket::lastError());
-        return false;
+        return refused();
     }
-    qDebug("Initialised.");
+    if (!quiet)
+        qDebug("Initialised.");
     endConnection(); // a previous socket (a failed connect leaves one) is not kept
     const tzSocket::Handle socket = tzSocket::create();
     m_socket = socket;
     if (socket == tzSocket::INVALID) {
         qDebug("Could not create socket : %d", tzSocket::lastError());
         tzSocket::cleanup();
-        return false;
+        return refused();
     }
-    qDebug("Socket created.");
+    if (!quiet)
+        qDebug("Socket created.");
     if (!tzSocket::connectTo(socket, m_serverAddress.toLocal8Bit().constData(),
                              quint16(m_serverPort))) {
-        qDebug("Could not connect : %d", tzSocket::lastError());
-        return false;
+        if (!quiet)
+            qDebug("Could not connect : %d", tzSocket::lastError());
+        return refused();
     }
     qDebug("Connected.");
+    m_reconnectTimer.stop();
+    // A frame cut short by the connection that went is not the start of the next one's.
+    m_pending.clear();
+    m_linkUp = true;
     {
         std::lock_guard<std::mutex> lock(m_readerMutex);
         m_readerRunning = true;
     }
     emit operate(this);
-    return true;
+    const bool wasDown = m_lostSaid || quiet || !m_unsent.empty();
+    const int dropped = m_dropped;
+    const int sentLate = sendUnsent();
+    m_lostSaid = false;
+    m_dropped = 0;
+    if (wasDown && m_linkUp)
+        emit linkRestored(sentLate, dropped);
+    return m_linkUp;
 }
 
 void tzCommunicationHandler::disconnectFromServer()
 {
     qDebug("disconnected...");
+    setReconnecting(false);
+    m_linkUp = false;
+    m_lostSaid = false;
     endConnection();
     tzSocket::cleanup();
+}
+
+void tzCommunicationHandler::setReconnecting(bool on)
+{
+    m_reconnecting = on;
+    if (!on)
+        m_reconnectTimer.stop();
+    else if (!m_linkUp && !m_reconnectTimer.isActive())
+        m_reconnectTimer.start();
+}
+
+void tzCommunicationHandler::reconnectNow()
+{
+    if (m_linkUp)
+        return;
+    m_retrying = true;
+    connectToServer();
+    m_retrying = false;
+}
+
+void tzCommunicationHandler::onConnectionLost(qint64 socket)
+{
+    // Said by a reader whose connection has since been replaced: nothing to do.
+    if (tzSocket::Handle(socket) != m_socket.load())
+        return;
+    markLost();
+}
+
+void tzCommunicationHandler::markLost()
+{
+    m_linkUp = false;
+    if (!m_lostSaid) {
+        m_lostSaid = true;
+        emit linkLost();
+    }
+    if (m_reconnecting && !m_reconnectTimer.isActive())
+        m_reconnectTimer.start();
 }
 
 void tzCommunicationHandler::handleResults(const QString &result)
@@ -190,10 +275,41 @@ QByteArray tzCommunicationHandler::mouseCursorText(const TZVector3d &up, const T
 
 void tzCommunicationHandler::send(const QByteArray &text)
 {
+    // Behind texts still waiting, a new one waits too: the companion gets them in order.
+    if (!m_linkUp || !m_unsent.empty() || !write(text))
+        keep(text);
+}
+
+bool tzCommunicationHandler::write(const QByteArray &text)
+{
     // Up to the first zero byte, in one call; a partial send is not completed.
     const int length = int(qstrnlen(text.constData(), uint(text.size())));
-    if (tzSocket::send(m_socket.load(), text.constData(), length) < 0)
-        qDebug("send() failed with error code : %d", tzSocket::lastError());
+    if (tzSocket::send(m_socket.load(), text.constData(), length) >= 0)
+        return true;
+    qDebug("send() failed with error code : %d", tzSocket::lastError());
+    markLost();
+    return false;
+}
+
+void tzCommunicationHandler::keep(const QByteArray &text)
+{
+    m_unsent.push_back(text);
+    if (int(m_unsent.size()) > MAX_UNSENT) {
+        m_unsent.pop_front();
+        ++m_dropped;
+    }
+}
+
+int tzCommunicationHandler::sendUnsent()
+{
+    int sent = 0;
+    while (!m_unsent.empty() && m_linkUp) {
+        if (!write(m_unsent.front()))
+            break;
+        m_unsent.pop_front();
+        ++sent;
+    }
+    return sent;
 }
 
 void tzCommunicationHandler::sendCoordinates(double x, double y, double z)

@@ -7,9 +7,11 @@
 #include <QObject>
 #include <QString>
 #include <QThread>
+#include <QTimer>
 
 #include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -32,6 +34,8 @@ public slots:
 signals:
     //! Something waits in the inbox (the text itself travels through the inbox, not here).
     void resultReady(QString result);
+    //! The companion closed the connection on socket, or a receive on it failed.
+    void connectionLost(qint64 socket);
 };
 
 //! The TCP link with the companion application on 127.0.0.1:6601.
@@ -43,6 +47,11 @@ signals:
 //!
 //! Outbound messages are one line each, in the companion's own templates, which are not JSON
 //! (missing commas, double spaces and the "Port=" pair are part of them): see the senders.
+//!
+//! A link that goes away is noticed (the companion closing the connection, a receive or a send
+//! failing) and said (linkLost); with reconnection on, it is tried again every
+//! RECONNECT_INTERVAL_MS. Texts that cannot be sent meanwhile wait in order (the newest
+//! MAX_UNSENT of them) and go first, byte for byte as they were made, once the link is back.
 class tzCommunicationHandler : public QObject
 {
     Q_OBJECT
@@ -56,10 +65,24 @@ public:
     void setAppInterface(tzApplicationInterface *app) { m_app = app; }
     tzApplicationInterface *appInterface() const { return m_app; }
 
-    //! Opens the link (a new socket each time); true when connected. Logs each step.
+    static constexpr int RECONNECT_INTERVAL_MS = 2000;
+    static constexpr int MAX_UNSENT = 10000;
+
+    //! Opens the link (a new socket each time); true when connected. Logs each step. Texts
+    //! waiting from a lost link are sent first.
     bool connectToServer();
-    //! Closes the socket; the reader loop then ends with its "recvfrom" line.
+    //! Closes the socket (the reader loop then ends with its "recvfrom" line) and stops
+    //! reconnecting. Texts not sent yet are kept for the next connection.
     void disconnectFromServer();
+    //! Whether a lost or refused link is tried again every RECONNECT_INTERVAL_MS (while a run
+    //! lasts). Turning it on while unconnected starts the attempts.
+    void setReconnecting(bool on);
+    bool isReconnecting() const { return m_reconnecting; }
+    //! One attempt now, if the link is not up (the user asking).
+    void reconnectNow();
+    bool isConnected() const { return m_linkUp; }
+    //! Texts made while the link was down, waiting to be sent.
+    int unsentCount() const { return int(m_unsent.size()); }
 
     //! "coordonnees": a new point, in the companion's coordinates.
     void sendCoordinates(double x, double y, double z);
@@ -97,13 +120,27 @@ public:
 
 signals:
     void operate(tzCommunicationHandler *handler);
+    //! The link that was up has gone (the companion closed it, or a receive or send failed).
+    void linkLost();
+    //! A connection was made again after a loss or a refusal; sentLate texts waiting from then
+    //! went first, and dropped older ones were lost for good (more than MAX_UNSENT waited).
+    void linkRestored(int sentLate, int dropped);
 
 public slots:
     void handleResults(const QString &result);
 
+private slots:
+    void onConnectionLost(qint64 socket);
+
 private:
     friend class Reader;
     void send(const QByteArray &text);
+    //! Writes text now; false (and the link marked lost) when the socket refuses it.
+    bool write(const QByteArray &text);
+    void keep(const QByteArray &text);
+    void markLost();
+    //! Sends the texts waiting, oldest first; how many went.
+    int sendUnsent();
     //! Shuts the socket down, waits for the reader loop to leave it, then closes it.
     void endConnection();
     void setReferencePoint(const QString &type, int fromVisee);
@@ -124,6 +161,13 @@ private:
     QString m_serverAddress = QStringLiteral("127.0.0.1");
     int m_serverPort = 6601; // fixed: the settings never change it
     int m_portValue = 0;
+    std::atomic<bool> m_linkUp {false}; // cleared by the reader as soon as the peer closes
+    bool m_lostSaid = false; // GUI thread: linkLost emitted for the current loss
+    bool m_reconnecting = false;
+    bool m_retrying = false; // GUI thread: a connect made by the reconnection (quiet steps)
+    QTimer m_reconnectTimer;
+    std::deque<QByteArray> m_unsent; // GUI thread, oldest first
+    int m_dropped = 0; // texts dropped from m_unsent since the link went
     tzApplicationInterface *m_app = nullptr;
     tzLumivert *m_plugin; // not owned
     std::function<void(const QString &)> m_frameObserver;

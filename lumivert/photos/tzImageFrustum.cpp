@@ -20,6 +20,7 @@
 #include <QPointer>
 #include <QTimer>
 
+#include <cmath>
 #include <memory>
 
 namespace {
@@ -114,6 +115,41 @@ TZVector3d tzImageFrustum::localCameraPosition() const
     return {k * m_camX + S.x, k * m_camY + S.y, k * m_camZ + S.z};
 }
 
+TZVector3d tzImageFrustum::poseAxis(const TZVector3d &axis) const
+{
+    // The picture is drawn turned by Rx(roll) Ry(pitch) Rz(yaw), applied in that order of calls:
+    // a direction of the picture's own frame reaches the world as Rx (Ry (Rz axis)).
+    const auto turn = [](const TZVector3d &v, double angle, int about) {
+        const double c = std::cos(angle), s = std::sin(angle);
+        switch (about) {
+        case 0:
+            return TZVector3d(v.x, c * v.y - s * v.z, s * v.y + c * v.z);
+        case 1:
+            return TZVector3d(c * v.x + s * v.z, v.y, -s * v.x + c * v.z);
+        default:
+            return TZVector3d(c * v.x - s * v.y, s * v.x + c * v.y, v.z);
+        }
+    };
+    return turn(turn(turn(axis, m_yaw, 2), m_pitch, 1), m_roll, 0);
+}
+
+void tzImageFrustum::viewAlongPhoto(const TZVector3d &viewUp, TZVector3d &forward,
+                                    TZVector3d &up) const
+{
+    // Forward is the photo's direction V (its pose's own when V is missing); up is the picture's
+    // up made square to it, so that the picture stands upright on the screen whatever view the
+    // surveyor came from.
+    const TZVector3d V(m_Vx, m_Vy, m_Vz);
+    forward = V.norm() > 1e-12 ? V : poseAxis({0, 0, -1});
+    const TZVector3d f = forward / forward.norm();
+    const TZVector3d pictureUp = poseAxis({0, 1, 0});
+    up = pictureUp - f * pictureUp.dot(f);
+    if (up.norm() > 1e-6)
+        return;
+    // A direction along the picture's up axis: the view's own up, made square to it.
+    up = f.cross(viewUp).cross(f);
+}
+
 tzImageFrustum *tzImageFrustum::lookedThrough()
 {
     return g_lookedThrough;
@@ -143,12 +179,10 @@ void tzImageFrustum::setSelected(bool state)
     // listens to them).
     const bool blocked = view->blockSignals(true);
     view->setViewpointMode(true);
-    const TZVector3d V(m_Vx, m_Vy, m_Vz);
-    const TZVector3d u = view->getCurrentUpDir();
-    const TZVector3d s = V.cross(u);
-    const TZVector3d w = s.cross(V);
+    TZVector3d forward, up;
+    viewAlongPhoto(view->getCurrentUpDir(), forward, up);
     view->setCameraPos(localCameraPosition());
-    view->setCustomView(V, w);
+    view->setCustomView(forward, up);
     view->setViewpointMode(true);
     view->blockSignals(blocked);
     view->redraw();

@@ -48,6 +48,11 @@ public:
     //! The station where it is drawn: scale x camera + shift of the parent cloud.
     TZVector3d localCameraPosition() const;
 
+    //! A direction of the picture's frame (x right, y up, z backwards) in the world.
+    TZVector3d poseAxis(const TZVector3d &axis) const;
+    //! How the view looks through this photo: forward along its direction, up the picture's up
+    //! (viewUp only where the pose gives no usable up).
+    void viewAlongPhoto(const TZVector3d &viewUp, TZVector3d &forward, TZVector3d &up) const;
     //! Selected: the view moves to the station and looks along the photo's direction.
     void setSelected(bool state) override;
 

@@ -10,6 +10,7 @@
 #include "tzImageFrustum.h"
 #include "tzLineationTool.h"
 #include "tzPhotoList.h"
+#include "tzPointPair.h"
 #include "tzLumivertInfo.h"
 #include "tzMeasureExport.h"
 #include "tzMeasurementTags.h"
@@ -56,9 +57,13 @@ tzLumivert::tzLumivert(QObject *parent)
     , m_viseeTool(new tzCViseeTool(this))
     , m_comm(new tzCommunicationHandler(this))
 {
+    connect(m_comm, &tzCommunicationHandler::linkLost, this, &tzLumivert::onLinkLost);
+    connect(m_comm, &tzCommunicationHandler::linkRestored, this, &tzLumivert::onLinkRestored);
     // Sights in scene files come back through the plug-in.
     tzHObject::RegisterFactory(QLatin1String(tzCVisee::FACTORY_NAME),
                                [] { return new tzCVisee; });
+    tzHObject::RegisterFactory(QLatin1String(tzLineation::FACTORY_NAME),
+                               [] { return new tzLineation; });
 }
 
 tzLumivert::~tzLumivert()
@@ -194,6 +199,9 @@ void tzLumivert::doAction()
                 &tzLumivert::onCameraDirection);
         connect(m_dialog->aboutLabelButton, &QToolButton::clicked, this, &tzLumivert::onAbout);
         connect(m_dialog->closeButton, &QToolButton::clicked, this, &tzLumivert::onClose);
+        // The link's state: a click tries to connect at once.
+        connect(m_dialog->EtatConnection, &QToolButton::clicked, m_comm,
+                &tzCommunicationHandler::reconnectNow);
         for (QToolButton *button :
              {m_dialog->pointPropertiesButton, m_dialog->pointPropertiesPointButton,
               m_dialog->pointPointDistanceButton, m_dialog->optionCameraButton,
@@ -298,16 +306,54 @@ bool tzLumivert::startMeasuring()
         // after a click on one of its buttons) is the surveyor's too.
         m_dialog->installEventFilter(this);
     }
-    if (m_comm->connectToServer() && m_dialog)
-        m_dialog->EtatConnection->setIcon(image("ConnecteOn.png"));
+    if (m_comm->connectToServer()) {
+        showLinkState(true);
+    } else {
+        printToConsole(QStringLiteral("[tzLumivert] Could not connect to Mensurix on "
+                                      "127.0.0.1:6601: trying again every %1 s")
+                           .arg(tzCommunicationHandler::RECONNECT_INTERVAL_MS / 1000),
+                       tzApplicationInterface::WRN_CONSOLE_MESSAGE);
+    }
+    // While the run lasts, a link refused or lost is tried again.
+    m_comm->setReconnecting(true);
     if (m_activeTool)
         m_activeTool->toolActivated();
     return true;
 }
 
+void tzLumivert::showLinkState(bool connected)
+{
+    if (m_dialog)
+        m_dialog->EtatConnection->setIcon(image(connected ? "ConnecteOn.png" : "ConnecteOff.png"));
+}
+
+void tzLumivert::onLinkLost()
+{
+    showLinkState(false);
+    printToConsole(QStringLiteral("[tzLumivert] Link with Mensurix lost: trying again every %1 s; "
+                                  "what is sent meanwhile waits for it")
+                       .arg(tzCommunicationHandler::RECONNECT_INTERVAL_MS / 1000),
+                   tzApplicationInterface::ERR_CONSOLE_MESSAGE);
+}
+
+void tzLumivert::onLinkRestored(int sentLate, int dropped)
+{
+    showLinkState(true);
+    printToConsole(QStringLiteral("[tzLumivert] Link with Mensurix back: %1 text(s) sent late")
+                       .arg(sentLate));
+    if (dropped > 0) {
+        printToConsole(QStringLiteral("[tzLumivert] %1 older text(s) were dropped: at most %2 wait "
+                                      "for the link")
+                           .arg(dropped)
+                           .arg(tzCommunicationHandler::MAX_UNSENT),
+                       tzApplicationInterface::ERR_CONSOLE_MESSAGE);
+    }
+}
+
 void tzLumivert::stopMeasuring()
 {
     m_heldKeys.clear(); // the filter no longer sees the releases
+    m_comm->setReconnecting(false);
     tzGLWindow *view = m_app ? m_app->activeView() : nullptr;
     if (view) {
         m_app->mainWindow()->removeEventFilter(this);
@@ -661,6 +707,14 @@ void tzLumivert::onCameraPosChanged(const TZVector3d &centre)
         && std::abs(station.z - centre.z) <= 0.0001)
         return;
     // The camera left the station: the photo goes, the view gets back what it had.
+    leavePhoto();
+}
+
+void tzLumivert::leavePhoto()
+{
+    tzImageFrustum *photo = tzImageFrustum::lookedThrough();
+    if (!m_app || !photo)
+        return;
     photo->setVisible(false);
     tzImageFrustum::leaveLookedThrough();
     if (tzGLWindow *view = m_app->activeView()) {
@@ -668,6 +722,16 @@ void tzLumivert::onCameraPosChanged(const TZVector3d &centre)
         view->redraw(true, true);
     }
     m_app->refreshAllViews(true); // the tree shows the photo hidden
+}
+
+void tzLumivert::onEscape()
+{
+    // What the current tool has pending (a distance's first point, a sight picked up to be
+    // moved), and the photo looked through. The tool stays on, its tool bar shown.
+    if (m_activeTool)
+        m_activeTool->cancel();
+    leavePhoto();
+    redraw();
 }
 
 void tzLumivert::onItemPicked(const tzPickingListener::PickedItem &pi)
@@ -747,6 +811,8 @@ bool tzLumivert::eventFilter(QObject *obj, QEvent *event)
             m_isZpress = true;
         } else {
             qDebug(" other press ");
+            if (key->key() == Qt::Key_Escape)
+                onEscape();
         }
         break;
     }

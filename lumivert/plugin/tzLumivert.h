@@ -104,11 +104,19 @@ public slots:
     void toggleLabels(bool checked);
     void recurseLabels(tzHObject *object, bool show);
     void showHelp();
+    //! Escape in the viewer or on the tool bar: cancels what the active tool has pending and
+    //! leaves the photo looked through.
+    void onEscape();
 
 protected:
     bool eventFilter(QObject *obj, QEvent *event) override;
 
 private:
+    //! Gives the view back what it had before the photo looked through was entered.
+    void leavePhoto();
+    void showLinkState(bool connected);
+    void onLinkLost();
+    void onLinkRestored(int sentLate, int dropped);
     void readSettings();
     void fillOptionsForm();
     void resetModes();

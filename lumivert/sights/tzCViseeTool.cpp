@@ -204,6 +204,16 @@ TZVector3d tzCViseeTool::toLocal(const tzCVisee &sight)
     return {s * c.x + t.x, s * c.y + t.y, s * c.z + t.z};
 }
 
+void tzCViseeTool::refreshKeepingName(tzCVisee &sight)
+{
+    // The refresh names a sight after its number; a sight the companion has not numbered yet
+    // keeps the name it was given when placed.
+    const QString name = sight.tzObject::getName(); // as stored, placeholders and all
+    sight.refreshNameAndMetaData();
+    if (sight.number().isEmpty())
+        sight.setName(name);
+}
+
 void tzCViseeTool::setWorkingSightCoordinates(const TZVector3 &P)
 {
     const double s = tzGlobalShift::scale;
@@ -273,7 +283,7 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex,
             tzCVisee *last = all.back();
             const TZVector3d from = last->coordinates();
             last->setCoordinates({from.x, from.y, (H - t.z) / s});
-            last->refreshNameAndMetaData();
+            refreshKeepingName(*last);
             sendMove(from, last->coordinates());
             m_lastPoint = narrowed(last->coordinates());
             previousHeight->setChecked(false);
@@ -283,12 +293,12 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex,
         const TZVector3d from = sight->coordinates();
         if (!changeHeight) {
             sight->setCoordinates({(P.x - t.x) / s, (P.y - t.y) / s, (H - t.z) / s});
-            sight->refreshNameAndMetaData();
+            refreshKeepingName(*sight);
             sendMove(from, sight->coordinates());
             m_lastPoint = narrowed(toLocal(*sight));
         } else {
             sight->setCoordinates({from.x, from.y, (H - t.z) / s});
-            sight->refreshNameAndMetaData();
+            refreshKeepingName(*sight);
             sendMove(from, sight->coordinates());
             m_lastPoint = narrowed(sight->coordinates());
             previousHeight->setChecked(false);
@@ -309,6 +319,16 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex,
         if (m_movingSight)
             m_lastPoint = narrowed(toLocal(*m_movingSight));
     }
+    if (tzGLWindow *window = view())
+        window->redraw();
+}
+
+void tzCViseeTool::cancel()
+{
+    if (!m_movingSight)
+        return;
+    m_movingSight = nullptr;
+    m_rubberBand->setEnabled(false);
     if (tzGLWindow *window = view())
         window->redraw();
 }

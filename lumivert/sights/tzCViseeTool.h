@@ -63,6 +63,8 @@ public:
     tzCVisee *workingSight() const { return m_workingSight; }
     //! The sight selected by a pick near it, which the next pick moves (null: none).
     tzCVisee *movingSight() const { return m_movingSight; }
+    //! Drops what a click started and the next one would finish: the sight being moved.
+    void cancel() override;
     //! Whether the cursor was near an existing sight at the last mouse move.
     bool isNearSight() const { return m_nearFlag; }
     tzMouseCircle *mouseCircle() const { return m_mouseCircle; }
@@ -87,6 +89,8 @@ private:
     void placeWorkingSight(tzPointCloud *cloud, unsigned index, const QPoint *screen,
                            const TZVector3 *Q);
     void fixWorkingSight();
+    //! Refreshes a moved sight's name and metadata; one without a number keeps its name.
+    static void refreshKeepingName(tzCVisee &sight);
     void setWorkingSightCoordinates(const TZVector3 &P);
     //! The sight's coordinates in the cloud's frame (S x coord + T).
     static TZVector3d toLocal(const tzCVisee &sight);

@@ -122,6 +122,8 @@ void tzPointPair::drawMeOnly(tzDrawContext &context)
     }
 }
 
+const char *const tzLineation::FACTORY_NAME = "tzLineation";
+
 tzLineation::tzLineation(tzPointCloud *cloud)
     : tzPointPair(cloud)
 {

@@ -12,4 +12,9 @@ class qLumivertDlg : public tzOverlayDialog, public Ui::LumivertDlg
 
 public:
     explicit qLumivertDlg(QWidget *parent = nullptr);
+
+public slots:
+    //! Escape (the dialog's reject) never hides the run's tool bar: the plug-in's key filter
+    //! gives Escape its meaning for the run.
+    void reject() override { }
 };

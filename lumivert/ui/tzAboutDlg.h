@@ -11,4 +11,8 @@ class tzAboutDlg : public tzOverlayDialog, public Ui::AboutDlg
 
 public:
     explicit tzAboutDlg(QWidget *parent = nullptr);
+
+public slots:
+    //! Escape leaves the form open: it closes with its own button, which keeps what it shows.
+    void reject() override { }
 };
