@@ -92,6 +92,10 @@ tzHObject *tzFileLoader::read(QString &error)
     tzPointCloud *cloud = tzCloudFile::load(m_path, error, options);
     if (cloud && cloud->getName().isEmpty())
         cloud->setName(QFileInfo(m_path).completeBaseName());
+    if (cloud) {
+        cloud->setMetaData(QLatin1String(tzGenericPointCloud::SOURCE_FILE_KEY),
+                           QFileInfo(m_path).absoluteFilePath());
+    }
     return cloud;
 }
 

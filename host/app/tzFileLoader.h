@@ -34,6 +34,9 @@ public:
     void start();
     //! Asks the load to stop at its next progress step (any thread).
     void cancel();
+    //! Whether the load was asked to stop (what it has read is then not to be used, even if it
+    //! finished meanwhile).
+    bool isCancelled() const { return m_cancelled; }
     //! The answer to shiftRequested (any thread): the shift to apply, or refused (the load is
     //! then cancelled).
     void answerShift(bool accepted, const TZVector3d &shift);

@@ -15,6 +15,9 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QCryptographicHash>
+#include <QDataStream>
+#include <QDir>
 #include <QCloseEvent>
 #include <QDialog>
 #include <QDialogButtonBox>
@@ -26,17 +29,24 @@
 #include <QLabel>
 #include <QMdiArea>
 #include <QMdiSubWindow>
+#include <QMessageBox>
 #include <QMenuBar>
 #include <QMoveEvent>
 #include <QSettings>
 #include <QThread>
 
+#include <QStatusBar>
 #include <QToolBar>
+
 #include <array>
+#include <cmath>
+#include <functional>
 
 namespace {
 // Distance between an overlay dialog and the edges of the view (pixels).
 constexpr int OVERLAY_MARGIN = 6;
+// The status bar's point under the cursor follows it at most this often (20 times a second).
+constexpr int CURSOR_STATUS_MS = 50;
 } // namespace
 
 tzMainWindow::tzMainWindow(const Options &options)
@@ -79,6 +89,8 @@ tzMainWindow::tzMainWindow(const Options &options)
 
     m_plugins = new tzPluginManager(this, this);
     createMenus();
+    createStatusBar();
+    m_savedSignature = sceneSignature();
     if (options.loadPlugins)
         loadPlugins(tzPluginManager::searchPaths());
 }
@@ -120,15 +132,8 @@ void tzMainWindow::createMenus()
         if (!path.isEmpty())
             openFiles({path});
     });
-    file->addAction(tr("&Save scene..."), this, [this] {
-        QString path = QFileDialog::getSaveFileName(this, tr("Save scene"), QString(),
-                                                    tr("Tessaro scenes (*.tzs)"));
-        if (path.isEmpty())
-            return;
-        if (QFileInfo(path).suffix().isEmpty())
-            path += QStringLiteral(".tzs");
-        saveScene(path);
-    });
+    QAction *save = file->addAction(tr("&Save scene..."), this, [this] { saveSceneAs(); });
+    save->setShortcut(QKeySequence::Save);
     file->addSeparator();
     QAction *quit = file->addAction(tr("&Quit"), this, &QWidget::close);
     quit->setShortcut(QKeySequence::Quit);
@@ -151,6 +156,77 @@ void tzMainWindow::createMenus()
     m_pluginToolBar->setObjectName(QStringLiteral("pluginToolBar"));
 }
 
+void tzMainWindow::createStatusBar()
+{
+    m_cursorLabel = new QLabel;
+    m_cursorLabel->setObjectName(QStringLiteral("cursorStatus"));
+    m_cursorLabel->setMinimumWidth(m_cursorLabel->fontMetrics().horizontalAdvance(
+        QStringLiteral("X 6000000.000   Y 60000000.000   Z 10000.000   ")));
+    m_scaleLabel = new QLabel;
+    m_scaleLabel->setObjectName(QStringLiteral("scaleStatus"));
+    statusBar()->addWidget(m_cursorLabel);
+    statusBar()->addPermanentWidget(m_scaleLabel);
+    m_cursorTimer.setSingleShot(true);
+    m_cursorTimer.setInterval(CURSOR_STATUS_MS);
+    connect(&m_cursorTimer, &QTimer::timeout, this, &tzMainWindow::showCursorPoint);
+    connect(m_view, &tzGLWindow::mouseMoved, this, [this](int x, int y, Qt::MouseButtons) {
+        m_cursorPos = QPoint(x, y);
+        if (!m_cursorTimer.isActive())
+            m_cursorTimer.start();
+    });
+    connect(m_view, &tzGLWindow::frameDrawn, this, &tzMainWindow::showScale);
+}
+
+namespace {
+
+// The clouds' unit per local unit: the first visible cloud's (1 without clouds).
+double globalScaleOf(const std::vector<tzGenericPointCloud *> &clouds)
+{
+    return clouds.empty() || clouds.front()->getGlobalScale() == 0
+        ? 1.0
+        : clouds.front()->getGlobalScale();
+}
+
+} // namespace
+
+void tzMainWindow::showCursorPoint()
+{
+    tzGenericPointCloud *cloud = nullptr;
+    unsigned index = 0;
+    TZVector3 P;
+    if (!m_view->pickPoint(m_cursorPos.x(), m_cursorPos.y(), cloud, index, P) || !cloud) {
+        m_cursorLabel->clear();
+        return;
+    }
+    // Local to global: global = local / scale - shift.
+    const double s = cloud->getGlobalScale() == 0 ? 1.0 : cloud->getGlobalScale();
+    const TZVector3d &t = cloud->getGlobalShift();
+    m_cursorLabel->setText(QStringLiteral("X %1   Y %2   Z %3")
+                               .arg(P.x / s - t.x, 0, 'f', 3)
+                               .arg(P.y / s - t.y, 0, 'f', 3)
+                               .arg(P.z / s - t.z, 0, 'f', 3));
+}
+
+void tzMainWindow::showScale()
+{
+    const double metres = m_view->computeActualPixelSize() / globalScaleOf(m_view->visibleClouds());
+    const QString text = metres > 0 && std::isfinite(metres)
+        ? QStringLiteral("Scale: 1 px = %1 m").arg(metres, 0, 'g', 3)
+        : QString();
+    if (text != m_scaleLabel->text())
+        m_scaleLabel->setText(text);
+}
+
+QString tzMainWindow::cursorStatus() const
+{
+    return m_cursorLabel->text();
+}
+
+QString tzMainWindow::scaleStatus() const
+{
+    return m_scaleLabel->text();
+}
+
 void tzMainWindow::loadPlugins(const QStringList &folders)
 {
     const int before = m_plugins->plugins().size();
@@ -158,7 +234,11 @@ void tzMainWindow::loadPlugins(const QStringList &folders)
     const auto &plugins = m_plugins->plugins();
     for (int i = before; i < plugins.size(); ++i) {
         for (QAction *action : plugins[i].actions) {
-            m_pluginMenu->addAction(action);
+            // An action the plug-in has put in a menu of its own is not listed twice.
+            const QList<QWidget *> shownIn = action->associatedWidgets();
+            if (std::none_of(shownIn.begin(), shownIn.end(),
+                             [](QWidget *w) { return qobject_cast<QMenu *>(w); }))
+                m_pluginMenu->addAction(action);
             m_pluginToolBar->addAction(action);
         }
         plugins[i].instance->selectionChanged(m_selected);
@@ -239,6 +319,12 @@ void tzMainWindow::placeOverlays()
 bool tzMainWindow::eventFilter(QObject *watched, QEvent *event)
 {
     switch (event->type()) {
+    case QEvent::Leave:
+        if (watched == m_view) {
+            m_cursorTimer.stop();
+            m_cursorLabel->clear();
+        }
+        break;
     case QEvent::Resize:
     case QEvent::Move:
     case QEvent::Show:
@@ -418,6 +504,12 @@ void tzMainWindow::openNextFile()
     const auto finish = [this, path](bool ok, const QString &error, bool cancelled) {
         // Taken off the members first: nothing below may find a half-finished load.
         tzFileLoader *loader = m_loader;
+        // Cancel may have come after the last step checked it, while its result waited for
+        // this thread: the user's word holds, nothing is added.
+        if (loader->isCancelled()) {
+            ok = false;
+            cancelled = true;
+        }
         tzProgressDialog *progress = m_progress;
         m_loader = nullptr;
         m_progress = nullptr;
@@ -430,6 +522,8 @@ void tzMainWindow::openNextFile()
                 auto *cloud = static_cast<tzPointCloud *>(object.release());
                 printToConsole(QStringLiteral("'%1': %2 points").arg(path).arg(cloud->size()));
                 addToDatabase(cloud, true);
+                // Selected, so that what works on the selected cloud is ready at once.
+                m_tree->selectObject(cloud);
             }
         } else if (cancelled) {
             printToConsole(QStringLiteral("'%1': opening cancelled").arg(path),
@@ -464,6 +558,8 @@ bool tzMainWindow::loadScene(const QString &path)
 
 void tzMainWindow::adoptScene(std::unique_ptr<tzHObject> scene, const QString &path)
 {
+    // Work not saved before stays work not saved.
+    const bool unsaved = hasUnsavedChanges();
     while (scene->getChildrenNumber() > 0) {
         tzHObject *child = scene->getChild(0);
         scene->detachChild(child);
@@ -473,6 +569,68 @@ void tzMainWindow::adoptScene(std::unique_ptr<tzHObject> scene, const QString &p
     m_tree->rebuild();
     m_view->zoomGlobal();
     printToConsole(QStringLiteral("Scene '%1' loaded").arg(path));
+    m_scenePath = QFileInfo(path).absoluteFilePath();
+    if (!unsaved)
+        m_savedSignature = sceneSignature();
+}
+
+QByteArray tzMainWindow::sceneSignature() const
+{
+    // What the user made: every object scene files keep, but the clouds (read from their own
+    // files), by identity, kind, name and metadata (a sight's coordinates, a distance's ends).
+    QCryptographicHash hash(QCryptographicHash::Sha1);
+    QByteArray record;
+    const std::function<void(const tzHObject *)> walk = [&](const tzHObject *object) {
+        if (!object->isSavedInScene())
+            return;
+        if (!object->isKindOf(TZ_TYPES::POINT_CLOUD)) {
+            record.clear();
+            QDataStream out(&record, QIODevice::WriteOnly);
+            out << object->getUniqueID() << object->getClassID() << object->getName()
+                << object->metaData();
+            hash.addData(record);
+        }
+        for (unsigned i = 0; i < object->getChildrenNumber(); ++i)
+            walk(object->getChild(i));
+    };
+    for (unsigned i = 0; i < m_root->getChildrenNumber(); ++i)
+        walk(m_root->getChild(i));
+    return hash.result();
+}
+
+bool tzMainWindow::hasUnsavedChanges() const
+{
+    return sceneSignature() != m_savedSignature;
+}
+
+QString tzMainWindow::proposedScenePath() const
+{
+    if (!m_scenePath.isEmpty())
+        return m_scenePath;
+    tzHObject::Container clouds;
+    m_root->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
+    for (const tzHObject *cloud : clouds) {
+        const QString source
+            = cloud->getMetaData(QLatin1String(tzGenericPointCloud::SOURCE_FILE_KEY)).toString();
+        if (!source.isEmpty()) {
+            const QFileInfo file(source);
+            return file.absoluteDir().filePath(file.completeBaseName() + QStringLiteral(".tzs"));
+        }
+    }
+    QSettings settings;
+    const QString folder = settings.value(QStringLiteral("LoadFile/currentPath")).toString();
+    return QDir(folder).filePath(QStringLiteral("scene.tzs"));
+}
+
+bool tzMainWindow::saveSceneAs()
+{
+    QString path = QFileDialog::getSaveFileName(this, tr("Save scene"), proposedScenePath(),
+                                                tr("Tessaro scenes (*.tzs)"));
+    if (path.isEmpty())
+        return false;
+    if (QFileInfo(path).suffix().isEmpty())
+        path += QStringLiteral(".tzs");
+    return saveScene(path);
 }
 
 bool tzMainWindow::saveScene(const QString &path)
@@ -483,11 +641,28 @@ bool tzMainWindow::saveScene(const QString &path)
         return false;
     }
     printToConsole(QStringLiteral("Scene saved to '%1'").arg(path));
+    m_scenePath = QFileInfo(path).absoluteFilePath();
+    m_savedSignature = sceneSignature();
     return true;
 }
 
 void tzMainWindow::closeEvent(QCloseEvent *event)
 {
+    if (hasUnsavedChanges()) {
+        QMessageBox box(QMessageBox::Warning, tr("Tessaro"),
+                        tr("The scene has sights, distances or other objects that are not "
+                           "saved."),
+                        QMessageBox::Save | QMessageBox::Discard | QMessageBox::Cancel, this);
+        box.setObjectName(QStringLiteral("unsavedChanges"));
+        box.setInformativeText(tr("Save them in a scene file before closing?"));
+        box.setDefaultButton(QMessageBox::Save);
+        box.setEscapeButton(QMessageBox::Cancel);
+        const int answer = box.exec();
+        if (answer == QMessageBox::Cancel || (answer == QMessageBox::Save && !saveSceneAs())) {
+            event->ignore();
+            return;
+        }
+    }
     if (m_loader)
         m_loader->cancel();
     event->accept();

@@ -4,11 +4,14 @@
 #include "tzApplicationInterface.h"
 
 #include <QMainWindow>
+#include <QPoint>
 #include <QPointer>
+#include <QTimer>
 
 #include <memory>
 #include <vector>
 
+class QLabel;
 class QMdiArea;
 class QMdiSubWindow;
 class QMenu;
@@ -64,7 +67,18 @@ public:
     //! Reads a scene on this thread and adds its objects to the scene (scripts, tests).
     bool loadScene(const QString &path);
     bool saveScene(const QString &path);
+    //! Asks where (beside the first cloud, or where the scene was saved or loaded last) and
+    //! saves; false when the user cancels or the file cannot be written.
+    bool saveSceneAs();
+    //! Whether the scene holds work not in a scene file: its objects other than the clouds
+    //! (sights, distances, the companion's objects: their names and metadata) differ from
+    //! what was last saved or loaded. Opening a cloud is not such a change.
+    bool hasUnsavedChanges() const;
     void loadPlugins(const QStringList &folders);
+
+    //! The status bar's texts: the point under the cursor (global coordinates) and the scale.
+    QString cursorStatus() const;
+    QString scaleStatus() const;
 
     tzConsole *console() const { return m_console; }
     tzDBTree *dbTree() const { return m_tree; }
@@ -89,9 +103,16 @@ private slots:
 
 private:
     void createMenus();
+    void createStatusBar();
+    //! The global coordinates of the cloud point under the last cursor position.
+    void showCursorPoint();
+    void showScale();
     void placeOverlays();
     void askShift(const QString &path, const TZVector3d &suggested);
     void adoptScene(std::unique_ptr<tzHObject> scene, const QString &path);
+    QByteArray sceneSignature() const;
+    //! A scene file name for the save dialog to propose.
+    QString proposedScenePath() const;
 
     Options m_options;
     std::unique_ptr<tzHObject> m_root;
@@ -109,4 +130,10 @@ private:
     QStringList m_pendingFiles;
     tzFileLoader *m_loader = nullptr;
     tzProgressDialog *m_progress = nullptr;
+    QLabel *m_cursorLabel = nullptr;
+    QLabel *m_scaleLabel = nullptr;
+    QPoint m_cursorPos;
+    QTimer m_cursorTimer; // at most one look-up of the point under the cursor per interval
+    QByteArray m_savedSignature; // of the scene as last saved or loaded
+    QString m_scenePath; // the scene file saved or loaded last
 };

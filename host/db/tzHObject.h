@@ -84,6 +84,8 @@ public:
     //! Relinks references stored as old unique IDs once the whole scene is read.
     virtual bool resolveLoadedReferences(const LoadedIDMap &) { return true; }
 
+    //! Whether scene files keep this object (and what it owns).
+    bool isSavedInScene() const { return isSerializable(); }
     //! Name of the factory that rebuilds this object from a scene file; empty for built-in types.
     virtual QString getFactoryName() const { return QString(); }
     using Factory = std::function<tzHObject *()>;

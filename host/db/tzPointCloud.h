@@ -29,6 +29,10 @@ public:
 
     quint32 getClassID() const override { return TZ_TYPES::POINT_CLOUD; }
 
+    //! Metadata key of the absolute path of the file a cloud was read from (kept in scene
+    //! files, so that what lies beside that file is still found after a scene is loaded).
+    static constexpr const char *SOURCE_FILE_KEY = "sourceFile";
+
     using TZLib::PointCloud::size;
 
     //! Replaces every point at once (readers); drops the octree.

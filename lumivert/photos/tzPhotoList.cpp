@@ -14,18 +14,32 @@ QString photoListBase(const QString &cloudName)
 }
 
 std::vector<tzImageFrustum *> readPhotoList(const QString &path, const QString &folder,
-                                            tzApplicationInterface *app, tzLumivert *plugin)
+                                            tzApplicationInterface *app, tzLumivert *plugin,
+                                            QString *problem)
 {
     std::vector<tzImageFrustum *> frustums;
     QFile file(path);
-    if (!file.exists() || !file.open(QIODevice::ReadOnly | QIODevice::Text))
+    if (!file.exists())
         return frustums;
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        if (problem)
+            *problem = file.errorString();
+        return frustums;
+    }
     QTextStream in(&file);
     in.setCodec("UTF-8");
     QString text;
     while (!in.atEnd())
         text += in.readLine();
-    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8());
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &error);
+    if (problem && error.error != QJsonParseError::NoError) {
+        *problem = QStringLiteral("not JSON (%1 at character %2)")
+                       .arg(error.errorString())
+                       .arg(error.offset);
+    } else if (problem && !document.isObject()) {
+        *problem = QStringLiteral("not a JSON object with an \"images\" list");
+    }
     if (document.isEmpty() || document.object().isEmpty())
         return frustums;
     const QJsonArray images = document.object().value(QLatin1String("images")).toArray();

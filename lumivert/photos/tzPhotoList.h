@@ -13,6 +13,8 @@ class tzLumivert;
 QString photoListBase(const QString &cloudName);
 
 //! The frustums of the photo list at path ({"images": [...]}), each given the pictures'
-//! folder. Nothing, and no message, when the file is missing, unreadable, not JSON or empty.
+//! folder. Nothing when the file is missing, unreadable, not JSON or empty; for a file that is
+//! there but cannot be read or is not a JSON object, problem (when given) says why.
 std::vector<tzImageFrustum *> readPhotoList(const QString &path, const QString &folder,
-                                            tzApplicationInterface *app, tzLumivert *plugin);
+                                            tzApplicationInterface *app, tzLumivert *plugin,
+                                            QString *problem = nullptr);

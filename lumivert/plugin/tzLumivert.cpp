@@ -31,6 +31,7 @@
 #include <QMouseEvent>
 #include <QSettings>
 #include <QStandardPaths>
+#include <QTimer>
 #include <QtDebug>
 
 #include <algorithm>
@@ -68,6 +69,8 @@ tzLumivert::tzLumivert(QObject *parent)
 
 tzLumivert::~tzLumivert()
 {
+    // The viewer's menus keep what the plug-in put there: not once the plug-in is gone.
+    delete m_pluginMenu;
     // The hub must not keep a listener that is gone.
     releaseHub();
     delete m_lineationTool;
@@ -114,13 +117,27 @@ QList<QAction *> tzLumivert::listActions()
         m_action->setIcon(getIcon());
         connect(m_action, &QAction::triggered, this, &tzLumivert::doAction);
     }
-    // The measures' export joins the viewer's File menu, before its last group (Quit).
     QMainWindow *window = m_app ? m_app->mainWindow() : nullptr;
-    if (!m_exportAction && window) {
+    const auto viewerMenu = [window](const char *title) -> QMenu * {
         for (QAction *menuAction : window->menuBar()->actions()) {
             QMenu *menu = menuAction->menu();
-            if (!menu || menu->title().remove(QLatin1Char('&')) != QLatin1String("File"))
-                continue;
+            if (menu && menu->title().remove(QLatin1Char('&')) == QLatin1String(title))
+                return menu;
+        }
+        return nullptr;
+    };
+    // Plugins > Lumivert: the run and the help page (F1 during a run).
+    if (!m_pluginMenu && window) {
+        if (QMenu *plugins = viewerMenu("Plugins")) {
+            m_pluginMenu = plugins->addMenu(getIcon(), getName());
+            m_pluginMenu->addAction(m_action);
+            m_helpAction = m_pluginMenu->addAction(tr("&Help"), this, &tzLumivert::showHelp);
+            m_helpAction->setShortcutContext(Qt::ApplicationShortcut);
+        }
+    }
+    // The measures' export joins the viewer's File menu, before its last group (Quit).
+    if (!m_exportAction && window) {
+        if (QMenu *menu = viewerMenu("File")) {
             m_exportAction = new QAction(tr("E&xport measures..."), this);
             connect(m_exportAction, &QAction::triggered, this, &tzLumivert::exportMeasuresAs);
             QAction *before = nullptr;
@@ -129,7 +146,6 @@ QList<QAction *> tzLumivert::listActions()
                     before = item;
             }
             menu->insertAction(before, m_exportAction);
-            break;
         }
     }
     return {m_action};
@@ -167,6 +183,14 @@ void tzLumivert::selectionChanged(const tzHObject::Container &selectedEntities)
     if (m_action) {
         tzHObject *root = m_app ? m_app->databaseRoot() : nullptr;
         m_action->setEnabled(root && root->getChildrenNumber() > 0);
+        const bool cloudSelected
+            = std::any_of(selectedEntities.begin(), selectedEntities.end(), [](tzHObject *o) {
+                  return o && o->isKindOf(TZ_TYPES::POINT_CLOUD);
+              });
+        m_action->setToolTip(cloudSelected
+                                 ? getDescription()
+                                 : getDescription()
+                                     + QStringLiteral(": select a cloud in the tree first"));
     }
     if (m_dialog && m_optionsDialog && m_activeTool)
         m_activeTool->selectionChanged(selectedEntities);
@@ -316,6 +340,8 @@ bool tzLumivert::startMeasuring()
     }
     // While the run lasts, a link refused or lost is tried again.
     m_comm->setReconnecting(true);
+    if (m_helpAction)
+        m_helpAction->setShortcut(QKeySequence::HelpContents);
     if (m_activeTool)
         m_activeTool->toolActivated();
     return true;
@@ -354,6 +380,8 @@ void tzLumivert::stopMeasuring()
 {
     m_heldKeys.clear(); // the filter no longer sees the releases
     m_comm->setReconnecting(false);
+    if (m_helpAction)
+        m_helpAction->setShortcut(QKeySequence());
     tzGLWindow *view = m_app ? m_app->activeView() : nullptr;
     if (view) {
         m_app->mainWindow()->removeEventFilter(this);
@@ -529,10 +557,33 @@ void tzLumivert::loadPhotoLists()
         auto *cloud = dynamic_cast<tzGenericPointCloud *>(object);
         if (!cloud)
             continue;
-        const QString base = currentPath + QLatin1Char('/') + photoListBase(cloud->getName());
-        const std::vector<tzImageFrustum *> photos
-            = readPhotoList(base + QStringLiteral(".img/images.json"), base + QStringLiteral(".img/"),
-                            m_app, this);
+        // Beside the cloud's own file first, then in the viewer's last folder.
+        const QString name = photoListBase(cloud->getName());
+        QStringList bases;
+        const QString source
+            = cloud->getMetaData(QLatin1String(tzGenericPointCloud::SOURCE_FILE_KEY)).toString();
+        if (!source.isEmpty())
+            bases << QFileInfo(source).absoluteDir().filePath(name);
+        bases << currentPath + QLatin1Char('/') + name;
+        QString base = bases.first();
+        for (const QString &candidate : bases) {
+            if (QFileInfo::exists(candidate + QStringLiteral(".img/images.json"))) {
+                base = candidate;
+                break;
+            }
+        }
+        const QString listPath = base + QStringLiteral(".img/images.json");
+        QString problem;
+        const std::vector<tzImageFrustum *> photos = readPhotoList(
+            listPath, base + QStringLiteral(".img/"), m_app, this, &problem);
+        if (!problem.isEmpty() && !m_unreadableLists.contains(listPath)) {
+            // Said once: every run reads the lists again.
+            m_unreadableLists.insert(listPath);
+            printToConsole(QStringLiteral("[tzLumivert] The photo list of cloud '%1' cannot be "
+                                          "read: '%2': %3")
+                               .arg(cloud->getName(), QDir::toNativeSeparators(listPath), problem),
+                           tzApplicationInterface::WRN_CONSOLE_MESSAGE);
+        }
         if (photos.empty())
             continue;
         std::vector<tzImageFrustum *> known = frustumsUnder(cloud);
@@ -813,6 +864,10 @@ bool tzLumivert::eventFilter(QObject *obj, QEvent *event)
             qDebug(" other press ");
             if (key->key() == Qt::Key_Escape)
                 onEscape();
+            // F1 is also the Help item's shortcut; a key the shortcut did not take (the viewer's
+            // window not the active one) comes here.
+            else if (key->key() == Qt::Key_F1)
+                QTimer::singleShot(0, this, &tzLumivert::showHelp);
         }
         break;
     }

@@ -4,7 +4,9 @@
 #include "tzPickingListener.h"
 #include "tzStdPluginInterface.h"
 
+#include <QMenu>
 #include <QObject>
+#include <QPointer>
 #include <QSet>
 #include <QString>
 
@@ -130,6 +132,8 @@ private:
 
     QAction *m_action = nullptr;
     QAction *m_exportAction = nullptr; // File > Export measures
+    QPointer<QMenu> m_pluginMenu; // Plugins > Lumivert (the viewer's menu bar owns it)
+    QAction *m_helpAction = nullptr; // its Help, F1 during a run
     bool m_listening = false;
     qLumivertDlg *m_dialog = nullptr;
     tzAboutDlg *m_optionsDialog = nullptr;
@@ -150,4 +154,5 @@ private:
     bool m_isZpress = false;
     bool m_cameraDirection = false;
     QSet<int> m_heldKeys;
+    QSet<QString> m_unreadableLists; // photo lists whose problem the console was told
 };

@@ -1,5 +1,7 @@
 #include "qLumivertDlg.h"
 
+#include <QKeyEvent>
+
 qLumivertDlg::qLumivertDlg(QWidget *parent)
     : tzOverlayDialog(parent, Qt::Tool | Qt::FramelessWindowHint)
 {
@@ -7,4 +9,12 @@ qLumivertDlg::qLumivertDlg(QWidget *parent)
     // The form's places were drawn for a narrower font: the option shows its whole text.
     SimpleAjoutZButton->resize(SimpleAjoutZButton->sizeHint().expandedTo(SimpleAjoutZButton->size()));
     setAttribute(Qt::WA_MouseTracking, true);
+}
+
+void qLumivertDlg::keyPressEvent(QKeyEvent *event)
+{
+    if (event->key() == Qt::Key_Escape && event->modifiers() == Qt::NoModifier)
+        event->accept();
+    else
+        tzOverlayDialog::keyPressEvent(event);
 }

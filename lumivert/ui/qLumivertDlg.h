@@ -13,8 +13,8 @@ class qLumivertDlg : public tzOverlayDialog, public Ui::LumivertDlg
 public:
     explicit qLumivertDlg(QWidget *parent = nullptr);
 
-public slots:
-    //! Escape (the dialog's reject) never hides the run's tool bar: the plug-in's key filter
-    //! gives Escape its meaning for the run.
-    void reject() override { }
+protected:
+    //! Escape never hides the run's tool bar (a dialog's Escape rejects it): the plug-in's key
+    //! filter gives Escape its meaning for the run.
+    void keyPressEvent(QKeyEvent *event) override;
 };

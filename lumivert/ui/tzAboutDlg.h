@@ -12,7 +12,7 @@ class tzAboutDlg : public tzOverlayDialog, public Ui::AboutDlg
 public:
     explicit tzAboutDlg(QWidget *parent = nullptr);
 
-public slots:
+protected:
     //! Escape leaves the form open: it closes with its own button, which keeps what it shows.
-    void reject() override { }
+    void keyPressEvent(QKeyEvent *event) override;
 };

@@ -12,6 +12,10 @@
 #include <QAction>
 #include <QDialog>
 #include <QDoubleSpinBox>
+#include <QFileDialog>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QMenu>
 #include <QSettings>
 #include <QSignalSpy>
@@ -81,6 +85,11 @@ private slots:
     void openingAFileAddsItAndRemembersTheFolder();
     void badFileIsReportedAndAddsNothing();
     void cancelledOpeningLeavesNothing();
+    void cancelAfterTheLastStepStillAddsNothing();
+    void openedCloudIsSelected();
+    void statusBarShowsThePointUnderTheCursor();
+    void ctrlSSavesBesideTheFirstCloud();
+    void closingWithUnsavedWorkAsks();
     void progressShownDuringTheLoadEndsCleanly();
     void quittingDuringALoadIsClean();
     void clickOnACloudSelectsIt();
@@ -231,6 +240,193 @@ void TestTessaro::cancelledOpeningLeavesNothing()
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 0u);
     QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));
     QVERIFY(!window.isLoading());
+}
+
+void TestTessaro::cancelAfterTheLastStepStillAddsNothing()
+{
+    // The load ends (read and indexed) while its result waits for the window's thread; Cancel
+    // is clicked meanwhile: the user's word holds.
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, QStringLiteral("small.ply"), asciiPly(100, 0.0));
+    tzMainWindow window(headless());
+    QSignalSpy opened(&window, &tzMainWindow::fileOpened);
+    window.openFiles({path});
+    auto *progress = window.findChild<tzProgressDialog *>(QStringLiteral("loadProgress"));
+    QVERIFY(progress);
+    QThread::msleep(500); // no event is handled: the result is queued
+    progress->reject();
+    QVERIFY(opened.wait(10000));
+    QCOMPARE(opened.at(0).at(1).toBool(), false);
+    QCOMPARE(window.databaseRoot()->getChildrenNumber(), 0u);
+    QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));
+}
+
+void TestTessaro::openedCloudIsSelected()
+{
+    QTemporaryDir dir;
+    const QString first = writeFile(dir, QStringLiteral("a.ply"), asciiPly(10, 0.0));
+    const QString second = writeFile(dir, QStringLiteral("b.ply"), asciiPly(10, 5.0));
+    tzMainWindow window(headless());
+    window.show();
+    window.loadPlugins({QStringLiteral(TEST_PLUGIN_DIR)});
+    tzPointCloud *a = openAndWait(window, first);
+    QVERIFY(a);
+    QCOMPARE(window.selectedObjects(), tzHObject::Container {a});
+    QVERIFY(consoleHas(window, QStringLiteral("[TestPlugin] selection: 1")));
+    tzPointCloud *b = openAndWait(window, second);
+    QVERIFY(b);
+    QCOMPARE(window.selectedObjects(), tzHObject::Container {b});
+    QVERIFY(!a->isSelected());
+    QCOMPARE(a->getMetaData(QLatin1String(tzGenericPointCloud::SOURCE_FILE_KEY)).toString(),
+             QFileInfo(first).absoluteFilePath());
+    window.pluginManager()->unloadAll();
+}
+
+void TestTessaro::statusBarShowsThePointUnderTheCursor()
+{
+    // A survey in a national grid: the status bar gives its own coordinates, not the shifted
+    // ones the view draws.
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, QStringLiteral("grid.ply"),
+                                   "ply\nformat ascii 1.0\nelement vertex 1\nproperty double x\n"
+                                   "property double y\nproperty double z\nend_header\n"
+                                   "651234.5675 6861543.2120 118.25\n");
+    tzMainWindow window(headless());
+    window.resize(800, 600);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    tzPointCloud *cloud = openAndWait(window, path);
+    QVERIFY(cloud);
+    tzGLWindow *view = window.activeView();
+    view->zoomGlobal();
+    double x = 0, y = 0, depth = 0;
+    view->camera().project(TZVector3d(cloud->getPoint(0)->x, cloud->getPoint(0)->y,
+                                      cloud->getPoint(0)->z),
+                           x, y, depth);
+    QTest::mouseMove(view, QPoint(int(std::lround(x)), int(std::lround(y))));
+    QTRY_COMPARE(window.cursorStatus(),
+                 QStringLiteral("X 651234.568   Y 6861543.212   Z 118.250"));
+    QTRY_VERIFY(window.scaleStatus().startsWith(QStringLiteral("Scale: 1 px = ")));
+    // Nothing under the cursor: nothing said.
+    QTest::mouseMove(view, QPoint(2, 2));
+    QTRY_COMPARE(window.cursorStatus(), QString());
+}
+
+// Answers the next file dialog with a name of its own (or the one it proposes), or cancels it,
+// from a timer.
+struct FileDialogAnswer
+{
+    QString proposed;
+    QTimer timer;
+    explicit FileDialogAnswer(const QString &answer = QString(), bool accepted = true)
+    {
+        QObject::connect(&timer, &QTimer::timeout, [this, answer, accepted] {
+            for (QWidget *w : QApplication::topLevelWidgets()) {
+                auto *dialog = qobject_cast<QFileDialog *>(w);
+                if (!dialog || !dialog->isVisible())
+                    continue;
+                proposed = dialog->selectedFiles().value(0);
+                if (!answer.isEmpty()) {
+                    // Typed in, as the user would.
+                    if (auto *edit = dialog->findChild<QLineEdit *>(QStringLiteral("fileNameEdit")))
+                        edit->setText(answer);
+                }
+                QMetaObject::invokeMethod(dialog, accepted ? "accept" : "reject");
+                timer.stop();
+            }
+        });
+        timer.start(50);
+    }
+};
+
+// Answers the next message box with a button, from a timer.
+struct BoxAnswer
+{
+    bool asked = false;
+    QTimer timer;
+    explicit BoxAnswer(QMessageBox::StandardButton button)
+    {
+        QObject::connect(&timer, &QTimer::timeout, [this, button] {
+            for (QWidget *w : QApplication::topLevelWidgets()) {
+                auto *box = qobject_cast<QMessageBox *>(w);
+                if (!box || !box->isVisible())
+                    continue;
+                asked = true;
+                box->button(button)->click();
+                timer.stop();
+            }
+        });
+        timer.start(50);
+    }
+};
+
+// A sight, as far as the viewer knows one: an object that is not a cloud.
+tzHObject *addWork(tzMainWindow &window)
+{
+    auto *group = new tzHObject(QStringLiteral("mesures"));
+    group->setMetaData(QStringLiteral("ident"), 1);
+    window.addToDatabase(group);
+    return group;
+}
+
+void TestTessaro::ctrlSSavesBesideTheFirstCloud()
+{
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, QStringLiteral("site.ply"), asciiPly(10, 0.0));
+    tzMainWindow window(headless());
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    QVERIFY(openAndWait(window, path));
+    addWork(window);
+    QVERIFY(window.hasUnsavedChanges());
+    FileDialogAnswer answer;
+    QApplication::setActiveWindow(&window);
+    QVERIFY(QTest::qWaitForWindowActive(&window));
+    QTest::keyClick(&window, Qt::Key_S, Qt::ControlModifier);
+    QTRY_VERIFY(!answer.timer.isActive());
+    QCOMPARE(answer.proposed, dir.filePath(QStringLiteral("site.tzs")));
+    QTRY_VERIFY(QFile::exists(dir.filePath(QStringLiteral("site.tzs"))));
+    QVERIFY(!window.hasUnsavedChanges());
+}
+
+void TestTessaro::closingWithUnsavedWorkAsks()
+{
+    QTemporaryDir dir;
+    tzMainWindow window(headless());
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    // A cloud opened is no work of the user's: closing does not ask.
+    QVERIFY(openAndWait(window, writeFile(dir, QStringLiteral("site.ply"), asciiPly(10, 0.0))));
+    QVERIFY(!window.hasUnsavedChanges());
+    tzHObject *work = addWork(window);
+    {
+        BoxAnswer cancel(QMessageBox::Cancel);
+        QVERIFY(!window.close());
+        QVERIFY(cancel.asked);
+        QVERIFY(window.isVisible());
+    }
+    {
+        // Save, then Cancel in the file dialog: still open, still unsaved.
+        BoxAnswer save(QMessageBox::Save);
+        FileDialogAnswer none(QString(), false);
+        QVERIFY(!window.close());
+        QVERIFY(save.asked);
+        QVERIFY(window.hasUnsavedChanges());
+    }
+    {
+        // Save and name the file: saved, closed.
+        BoxAnswer save(QMessageBox::Save);
+        FileDialogAnswer named(dir.filePath(QStringLiteral("kept.tzs")));
+        QVERIFY(window.close());
+        QVERIFY(QFile::exists(dir.filePath(QStringLiteral("kept.tzs"))));
+    }
+    window.show();
+    // A change after the save is work again; Discard closes without saving it.
+    work->setName(QStringLiteral("renamed"));
+    QVERIFY(window.hasUnsavedChanges());
+    BoxAnswer discard(QMessageBox::Discard);
+    QVERIFY(window.close());
+    QVERIFY(discard.asked);
 }
 
 void TestTessaro::progressShownDuringTheLoadEndsCleanly()

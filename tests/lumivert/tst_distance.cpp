@@ -219,6 +219,8 @@ void TestDistance::measuresOfASavedSceneExported()
 {
     // A shifted survey with a sight from the companion and a distance, saved and loaded back.
     tzHObject::RegisterFactory(QLatin1String(tzCVisee::FACTORY_NAME), [] { return new tzCVisee; });
+    tzHObject::RegisterFactory(QLatin1String(tzLineation::FACTORY_NAME),
+                               [] { return new tzLineation; });
     QTemporaryDir dir;
     {
         tzHObject root(QStringLiteral("root"));

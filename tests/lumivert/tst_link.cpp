@@ -7,6 +7,8 @@
 
 #include <QProcess>
 #include <QSettings>
+#include <QElapsedTimer>
+#include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
@@ -28,7 +30,8 @@ struct Companion
     bool listen() { return server.listen(QHostAddress::LocalHost, 6601); }
     bool accept()
     {
-        if (!server.waitForNewConnection(5000))
+        // With the event loop running: the link's attempts to connect again are its timers.
+        if (!QTest::qWaitFor([this] { return server.hasPendingConnections(); }, 5000))
             return false;
         client = server.nextPendingConnection();
         return client;
@@ -39,6 +42,16 @@ struct Companion
         client->write(bytes);
         client->waitForBytesWritten(1000);
         QTest::qWait(60);
+    }
+    // At least size bytes, or what came within a few seconds.
+    QByteArray receive(int size)
+    {
+        QByteArray bytes;
+        for (int i = 0; i < 100 && bytes.size() < size; ++i) {
+            if (client->bytesAvailable() || client->waitForReadyRead(50))
+                bytes += client->readAll();
+        }
+        return bytes;
     }
     QByteArray receiveLine()
     {
@@ -71,8 +84,10 @@ private slots:
     void framesAreCutAtEachEndOfTransmission();
     void connectWithNothingListening();
     void portSettingOnlyFillsTheField();
-    void sendWithoutALinkFails();
+    void textsMadeWithoutALinkWaitForIt();
     void companionClosingThenComingBack();
+    void lostLinkIsSaidAndTriedAgainWithTheTextsInOrder();
+    void atMostTheNewestUnsentTextsWait();
     void aClosedLinkNeverReadsALaterSocket();
     void destroyingWhileConnectedDoesNotHang();
     void standInEndToEnd();
@@ -201,13 +216,26 @@ void TestLink::portSettingOnlyFillsTheField()
     link.disconnectFromServer();
 }
 
-void TestLink::sendWithoutALinkFails()
+void TestLink::textsMadeWithoutALinkWaitForIt()
 {
-    Messages log;
     tzCommunicationHandler link(nullptr);
     link.sendMouseCursor({0, 0, 1}, {1, 2, 3});
-    QVERIFY2(log.has(QStringLiteral("send() failed with error code : %1").arg(EBADF)),
-             qPrintable(log.lines().join(QLatin1Char('|'))));
+    link.sendCoordinates(4, 5, 6);
+    QCOMPARE(link.unsentCount(), 2);
+    Companion companion;
+    QVERIFY(companion.listen());
+    QSignalSpy restored(&link, &tzCommunicationHandler::linkRestored);
+    QVERIFY(link.connectToServer());
+    QVERIFY(companion.accept());
+    link.sendCoordinates(7, 8, 9); // after the ones waiting
+    const QByteArray expected = tzCommunicationHandler::mouseCursorText({0, 0, 1}, {1, 2, 3}, 0)
+        + tzCommunicationHandler::coordinatesText(4, 5, 6, 0)
+        + tzCommunicationHandler::coordinatesText(7, 8, 9, 0);
+    QCOMPARE(companion.receive(expected.size()), expected);
+    QCOMPARE(link.unsentCount(), 0);
+    QCOMPARE(restored.size(), 1);
+    QCOMPARE(restored[0][0].toInt(), 2);
+    link.disconnectFromServer();
 }
 
 void TestLink::companionClosingThenComingBack()
@@ -240,6 +268,80 @@ void TestLink::companionClosingThenComingBack()
     QTRY_COMPARE(frames, (QStringList {"one", "two"}));
     link.sendCoordinates(7, 8, 9);
     QCOMPARE(companion->receiveLine(), tzCommunicationHandler::coordinatesText(7, 8, 9, 0));
+    link.disconnectFromServer();
+}
+
+void TestLink::lostLinkIsSaidAndTriedAgainWithTheTextsInOrder()
+{
+    auto companion = std::make_unique<Companion>();
+    QVERIFY(companion->listen());
+    tzCommunicationHandler link(nullptr);
+    QSignalSpy lost(&link, &tzCommunicationHandler::linkLost);
+    QSignalSpy restored(&link, &tzCommunicationHandler::linkRestored);
+    QVERIFY(link.connectToServer());
+    link.setReconnecting(true);
+    QVERIFY(companion->accept());
+    link.sendCoordinates(1, 1, 1);
+    QCOMPARE(companion->receiveLine(), tzCommunicationHandler::coordinatesText(1, 1, 1, 0));
+
+    companion.reset(); // the companion goes away
+    QTRY_COMPARE(lost.size(), 1);
+    QVERIFY(!link.isConnected());
+    // Made while it is away: kept, in order, and the loss is said once.
+    link.sendCoordinates(2, 2, 2);
+    link.sendPointMove(3, 3, 3, 2, 2, 2);
+    link.sendMouseCursor({0, 0, 1}, {4, 4, 4});
+    QCOMPARE(link.unsentCount(), 3);
+    QTest::qWait(2500); // a failed attempt or more, with nothing listening
+    QCOMPARE(lost.size(), 1);
+    QCOMPARE(restored.size(), 0);
+
+    companion = std::make_unique<Companion>();
+    QVERIFY(companion->listen());
+    QElapsedTimer back;
+    back.start();
+    QVERIFY(companion->accept());
+    const QByteArray expected = tzCommunicationHandler::coordinatesText(2, 2, 2, 0)
+        + tzCommunicationHandler::pointMoveText(3, 3, 3, 2, 2, 2, 0)
+        + tzCommunicationHandler::mouseCursorText({0, 0, 1}, {4, 4, 4}, 0);
+    QCOMPARE(companion->receive(expected.size()), expected);
+    QVERIFY2(back.elapsed() < 3000, qPrintable(QString::number(back.elapsed())));
+    QTRY_COMPARE(restored.size(), 1);
+    QCOMPARE(restored[0][0].toInt(), 3);
+    QCOMPARE(restored[0][1].toInt(), 0);
+    QVERIFY(link.isConnected());
+    // Frames come in on the new connection.
+    QStringList frames;
+    link.setFrameObserver([&frames](const QString &frame) { frames << frame; });
+    companion->send("again\x04");
+    QTRY_COMPARE(frames, QStringList {"again"});
+
+    // Closing the run stops the attempts: nothing connects to a companion that comes back.
+    link.disconnectFromServer();
+    companion = std::make_unique<Companion>();
+    QVERIFY(companion->listen());
+    QTest::qWait(2500);
+    QVERIFY(!companion->server.hasPendingConnections());
+}
+
+void TestLink::atMostTheNewestUnsentTextsWait()
+{
+    tzCommunicationHandler link(nullptr);
+    const int extra = 5;
+    for (int i = 0; i < tzCommunicationHandler::MAX_UNSENT + extra; ++i)
+        link.sendCoordinates(i, 0, 0);
+    QCOMPARE(link.unsentCount(), tzCommunicationHandler::MAX_UNSENT);
+    Companion companion;
+    QVERIFY(companion.listen());
+    QSignalSpy restored(&link, &tzCommunicationHandler::linkRestored);
+    QVERIFY(link.connectToServer());
+    QVERIFY(companion.accept());
+    QCOMPARE(restored.size(), 1);
+    QCOMPARE(restored[0][0].toInt(), tzCommunicationHandler::MAX_UNSENT);
+    QCOMPARE(restored[0][1].toInt(), extra);
+    // The oldest ones went: the first to arrive is the first kept.
+    QCOMPARE(companion.receiveLine().left(60),
+             tzCommunicationHandler::coordinatesText(extra, 0, 0, 0).left(60));
     link.disconnectFromServer();
 }
 

@@ -17,6 +17,7 @@
 #include <QCheckBox>
 #include <QDoubleSpinBox>
 #include <QLabel>
+#include <QMenu>
 #include <QPluginLoader>
 #include <QPushButton>
 #include <QRadioButton>
@@ -121,6 +122,9 @@ private slots:
     void settingsMarkersKeepTheMembers();
     void optionsFormRoundTrip();
     void helpWindowShowsThePage();
+    void helpFromThePluginsMenuAndF1DuringARun();
+    void escapeKeepsTheToolBarAndDropsWhatIsPending();
+    void photoListsAreFoundBesideEachCloud();
     void quittingDuringARunIsClean();
     void toolBarOutlivesThePluginObject();
     void destroyedPluginLeavesTheHubAndANewOneIsMade();
@@ -187,13 +191,16 @@ void TestLumivert::actionFollowsTheScene()
     QAction *action = window.pluginToolBar()->actions().value(0);
     QVERIFY(action);
     QCOMPARE(action->text(), QStringLiteral("Lumivert"));
-    QCOMPARE(action->toolTip(), QStringLiteral("Plugin 'Lumivert' for transferring mesures"));
+    // Until a cloud is selected, the tool tip says so.
+    QCOMPARE(action->toolTip(), QStringLiteral("Plugin 'Lumivert' for transferring mesures: "
+                                               "select a cloud in the tree first"));
     QVERIFY(!action->isEnabled()); // empty scene
     auto *cloud = new tzPointCloud(QStringLiteral("c"));
     cloud->addPoint({0, 0, 0});
     window.addToDatabase(cloud);
     window.dbTree()->selectObject(cloud);
     QVERIFY(action->isEnabled());
+    QCOMPARE(action->toolTip(), QStringLiteral("Plugin 'Lumivert' for transferring mesures"));
     window.pluginManager()->unloadAll();
 }
 
@@ -684,6 +691,167 @@ void TestLumivert::helpWindowShowsThePage()
     QCOMPARE(size, QSize(800, 600));
     QVERIFY(text.contains(QStringLiteral("Mensurix")));
     QVERIFY(text.contains(QStringLiteral("images.json")));
+}
+
+namespace {
+
+// Closes the modal window opened next and tells what it showed, from a timer.
+struct ModalWatch
+{
+    QString text;
+    QTimer timer;
+    ModalWatch()
+    {
+        QObject::connect(&timer, &QTimer::timeout, [this] {
+            if (QWidget *modal = QApplication::activeModalWidget()) {
+                if (auto *page = modal->findChild<QTextEdit *>())
+                    text = page->toPlainText();
+                QTest::mouseClick(modal->findChild<QPushButton *>(), Qt::LeftButton);
+            }
+        });
+        timer.start(50);
+    }
+};
+
+} // namespace
+
+void TestLumivert::helpFromThePluginsMenuAndF1DuringARun()
+{
+    Viewer viewer;
+    viewer.window.activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(&viewer.window));
+    // Plugins > Lumivert > Help, the run's action beside it (and listed once).
+    QMenu *lumivert = nullptr;
+    for (QAction *item : viewer.window.pluginMenu()->actions()) {
+        if (item->menu() && item->text() == QLatin1String("Lumivert"))
+            lumivert = item->menu();
+    }
+    QVERIFY(lumivert);
+    QCOMPARE(lumivert->actions().size(), 2);
+    QCOMPARE(lumivert->actions().at(0), viewer.action());
+    QAction *help = lumivert->actions().at(1);
+    QCOMPARE(help->text().remove(QLatin1Char('&')), QStringLiteral("Help"));
+    QVERIFY(!viewer.window.pluginMenu()->actions().contains(viewer.action()));
+    {
+        ModalWatch watch;
+        help->trigger();
+        QVERIFY(watch.text.contains(QStringLiteral("Mensurix")));
+    }
+    // F1 is the run's: nothing before it, the page during it, nothing after it.
+    {
+        ModalWatch watch;
+        QTest::keyClick(viewer.window.activeView(), Qt::Key_F1);
+        QTest::qWait(200);
+        QVERIFY(watch.text.isEmpty());
+    }
+    viewer.start();
+    {
+        ModalWatch watch;
+        QTest::keyClick(viewer.window.activeView(), Qt::Key_F1);
+        QTRY_VERIFY(watch.text.contains(QStringLiteral("images.json")));
+    }
+    viewer.click("closeButton");
+    {
+        ModalWatch watch;
+        QTest::keyClick(viewer.window.activeView(), Qt::Key_F1);
+        QTest::qWait(200);
+        QVERIFY(watch.text.isEmpty());
+    }
+}
+
+void TestLumivert::escapeKeepsTheToolBarAndDropsWhatIsPending()
+{
+    Viewer viewer;
+    viewer.start();
+    tzGLWindow *view = viewer.window.activeView();
+    view->setTopView();
+    // A distance begun: one point picked with a real click.
+    viewer.click("pointPointDistanceButton");
+    double x, y, depth;
+    QVERIFY(view->camera().project({0, 0, 0}, x, y, depth));
+    QTest::mouseClick(view, Qt::LeftButton, Qt::NoModifier, QPoint(int(x), int(y)));
+    tzHObject *root = viewer.window.databaseRoot();
+    QCOMPARE(root->getChildrenNumber(), 2u);
+    tzHObject *mesures = root->getChild(1);
+    QCOMPARE(mesures->getChildrenNumber(), 1u);
+    // Escape on the tool bar (it has the keyboard after a click on it): the begun distance goes,
+    // the tool bar and the tool stay.
+    tzOverlayDialog *bar = viewer.toolBar();
+    QTest::keyClick(bar, Qt::Key_Escape);
+    QVERIFY(bar->isVisible());
+    QCOMPARE(viewer.state("activeTool").toString(), QStringLiteral("lineation"));
+    QCOMPARE(mesures->getChildrenNumber(), 0u);
+    QVERIFY(viewer.button("pointPointDistanceButton")->isChecked());
+    // The next two picks make a whole distance; Escape in the view then keeps it.
+    QTest::mouseClick(view, Qt::LeftButton, Qt::NoModifier, QPoint(int(x), int(y)));
+    QVERIFY(view->camera().project({0.5, 0.5, 0}, x, y, depth));
+    QTest::mouseClick(view, Qt::LeftButton, Qt::NoModifier, QPoint(int(x), int(y)));
+    QCOMPARE(mesures->getChildrenNumber(), 1u);
+    QTest::keyClick(view, Qt::Key_Escape);
+    QCOMPARE(mesures->getChildrenNumber(), 1u);
+    QVERIFY(bar->isVisible());
+    // The options form stays open on Escape too.
+    viewer.click("aboutLabelButton");
+    tzOverlayDialog *form = viewer.optionsForm();
+    QVERIFY(form->isVisible());
+    QTest::keyClick(form, Qt::Key_Escape);
+    QVERIFY(form->isVisible());
+    QVERIFY(bar->isVisible());
+}
+
+void TestLumivert::photoListsAreFoundBesideEachCloud()
+{
+    // Two surveys from two folders, each with its photo list, and a third whose list is broken.
+    QTemporaryDir dir;
+    const auto survey = [&dir](const QString &folder, const QString &name, const QByteArray &list) {
+        QDir(dir.path()).mkpath(folder + QLatin1Char('/') + name + QStringLiteral(".img"));
+        const QString path = dir.filePath(folder + QLatin1Char('/') + name + QStringLiteral(".xyz"));
+        QFile cloud(path);
+        cloud.open(QIODevice::WriteOnly);
+        cloud.write("0 0 0\n1 0 0\n0 1 0\n");
+        QFile photos(dir.filePath(folder + QLatin1Char('/') + name + QStringLiteral(".img/images.json")));
+        photos.open(QIODevice::WriteOnly);
+        photos.write(list);
+        return path;
+    };
+    const QString north = survey(QStringLiteral("north"), QStringLiteral("site"),
+                                 R"({"images": [{"camname": "N1", "camZ": 2, "Vz": -1, "f": 100}]})");
+    const QString south = survey(QStringLiteral("south"), QStringLiteral("road"),
+                                 R"({"images": [{"camname": "S1", "camZ": 2, "Vz": -1, "f": 100},
+                                                {"camname": "S2", "camZ": 3, "Vz": -1, "f": 100}]})");
+    const QString broken = survey(QStringLiteral("west"), QStringLiteral("yard"), "{\"images\": [");
+    Viewer viewer;
+    QSignalSpy opened(&viewer.window, &tzMainWindow::fileOpened);
+    viewer.window.openFiles({north, broken, south});
+    QTRY_COMPARE_WITH_TIMEOUT(opened.size(), 3, 10000);
+    viewer.start();
+    const auto photosOf = [&viewer](const QString &cloudName) {
+        tzHObject *root = viewer.window.databaseRoot();
+        for (unsigned i = 0; i < root->getChildrenNumber(); ++i) {
+            tzHObject *cloud = root->getChild(i);
+            if (cloud->getName() != cloudName)
+                continue;
+            QStringList names;
+            for (unsigned j = 0; j < cloud->getChildrenNumber(); ++j)
+                names << cloud->getChild(j)->getMetaData(QStringLiteral("camera")).toString();
+            return names;
+        }
+        return QStringList {QStringLiteral("no cloud")};
+    };
+    QCOMPARE(photosOf(QStringLiteral("site")), QStringList {"N1"});
+    QCOMPARE(photosOf(QStringLiteral("road")), (QStringList {"S1", "S2"}));
+    QCOMPARE(photosOf(QStringLiteral("yard")), QStringList());
+    const auto said = [&viewer] {
+        return viewer.window.console()->lines().filter(
+            QStringLiteral("The photo list of cloud 'yard' cannot be read")).size();
+    };
+    QCOMPARE(said(), 1);
+    QVERIFY(viewer.consoleHas(QDir::toNativeSeparators(dir.filePath(QStringLiteral("west/yard.img/images.json")))));
+    // A second run reads the lists again: the stations are not doubled, the problem not repeated.
+    viewer.click("closeButton");
+    viewer.start();
+    QCOMPARE(photosOf(QStringLiteral("road")), (QStringList {"S1", "S2"}));
+    QCOMPARE(said(), 1);
 }
 
 void TestLumivert::quittingDuringARunIsClean()

@@ -5,6 +5,7 @@
 #include "CompanionSim.h"
 #include "PluginViewer.h"
 #include "ViewHelpers.h"
+#include "tzDBTree.h"
 #include "tzImage.h"
 
 #include <QMessageBox>
@@ -128,14 +129,17 @@ void TestPhotos::photoIsEnteredAndLeft()
     top.pivotPoint = {0, 0, 0};
     top.cameraCenter = {0, 0, 50};
     view->setViewportParameters(top);
-    view->setCustomView({0, 0, -1}, {0, 1, 0});
+    // Looking down with east up on the screen: the photo, taken facing down with north at the
+    // top of its picture, stands upright all the same once entered.
+    view->setCustomView({0, 0, -1}, {1, 0, 0});
     const QPoint station = pixelOf(*view, {0, 0, 10});
     QImage image = frame(*view);
     QVERIFY(isColour(image, station.x(), station.y(), QColor(0, 255, 0), 60));
     const tzViewportParameters before = view->getViewportParameters();
 
     // A click on the station enters the photo: the view at the station, 90 degrees, the
-    // picture (2 x 1.5 at distance 1: three quarters of the height) half over the cloud.
+    // picture (2 x 1.5 at distance 1: three quarters of the height, upright) half over the
+    // cloud.
     QTest::mouseClick(view, Qt::LeftButton, Qt::NoModifier, station);
     QTRY_VERIFY(view->isViewpointMode());
     QCOMPARE(view->getViewportParameters().cameraCenter, TZVector3d(0, 0, 10));
@@ -233,6 +237,36 @@ void TestPhotos::demoPhotosLineUpWithTheCloud()
         QVERIFY(!view->isViewpointMode());
         view->setObliqueView();
     }
+
+    // From the top view a survey opens in, a photo picked in the tree stands upright and lines
+    // up with the cloud all the same; Escape leaves it and gives back the view exactly.
+    tzDBTree *tree = viewer.window.dbTree();
+    for (tzHObject *photo : {photos[0], photos[4]}) {
+        view->setTopView();
+        const tzViewportParameters top = view->getViewportParameters();
+        photo->setVisible(true);
+        QTreeWidgetItem *item = tree->itemOf(photo);
+        QVERIFY(item);
+        tree->scrollToItem(item);
+        QTest::mouseClick(tree->viewport(), Qt::LeftButton, Qt::NoModifier,
+                          tree->visualItemRect(item).center());
+        QTRY_VERIFY(view->isViewpointMode());
+        const QImage picture = frame(*view);
+        photo->setVisible(false); // the picture out of the way, the view where it is
+        const QImage cloudOnly = frame(*view);
+        photo->setVisible(true);
+        const double aligned = mismatch(picture, cloudOnly, 0);
+        QVERIFY2(aligned < 18, qPrintable(QString::number(aligned)));
+        QTest::keyClick(view, Qt::Key_Escape);
+        QVERIFY(!view->isViewpointMode());
+        const tzViewportParameters after = view->getViewportParameters();
+        QCOMPARE(after.cameraCenter, top.cameraCenter);
+        QCOMPARE(after.pivotPoint, top.pivotPoint);
+        QCOMPARE(after.perspectiveView, top.perspectiveView);
+        QCOMPARE(after.pixelSize, top.pixelSize);
+        QCOMPARE(view->getCurrentUpDir(), TZVector3d(0, 1, 0));
+    }
+    QCOMPARE(viewer.toolBar()->isVisible(), true);
 }
 
 QTEST_MAIN(TestPhotos)

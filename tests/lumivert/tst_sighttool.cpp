@@ -8,6 +8,7 @@
 #include "PluginViewer.h"
 #include "ViewHelpers.h"
 #include "tzCVisee.h"
+#include "tzDBTree.h"
 
 #include <QScreen>
 #include <QSettings>
@@ -174,6 +175,7 @@ private slots:
     void lowestPointTakesTheGroundUnderTheBush();
     void zHeldOrPressedGivesOneLowestPointSight();
     void pickNearASightThenElsewhereMovesIt();
+    void companionGoingAwayAndComingBack();
     void lowestPointIndexZeroIsNeverPreviewed();
     void previousHeightButton();
     void mouseCircleAndCursorReports();
@@ -273,12 +275,18 @@ void TestSightTool::pickNearASightThenElsewhereMovesIt()
     survey.pickAt(a);
     survey.pickAt(b); // 2 units away: beyond accuaryMovePoint
     QTRY_COMPARE(received(sim, "coordonnees").size(), 2);
+    tzHObject *first = survey.mesures()->getChild(0);
+    const QString name = survey.window.dbTree()->itemOf(first)->text(0);
+    QVERIFY(name.startsWith(QStringLiteral("Point #")));
     // A pick as near to both (1 unit, 10 pixels from their markers) selects the first placed;
     // the next pick moves it.
     survey.pickAt({10, 11, groundZ(10)});
     survey.pickAt(c);
     QTRY_COMPARE(received(sim, "pointMove").size(), 1);
     QCOMPARE(received(sim, "coordonnees").size(), 2);
+    // Moved, it keeps its name in the tree.
+    survey.window.refreshAllViews();
+    QTRY_COMPARE(survey.window.dbTree()->itemOf(first)->text(0), name);
     const auto triple = [](const TZVector3d &p) {
         return QStringLiteral("(%1, %2, %3)")
             .arg(p.x - SHIFT.x, 0, 'f', 4)
@@ -298,6 +306,58 @@ void TestSightTool::pickNearASightThenElsewhereMovesIt()
     // And the next pick places a new sight again.
     survey.pickAt({30, 10, groundZ(30)});
     QTRY_COMPARE(received(sim, "coordonnees").size(), 3);
+    // Escape drops a sight picked up: the next pick places a new one.
+    survey.pickAt(d);
+    QTest::keyClick(survey.view(), Qt::Key_Escape);
+    survey.pickAt({36, 36, groundZ(36)});
+    QTRY_COMPARE(received(sim, "coordonnees").size(), 4);
+    QCOMPARE(received(sim, "pointMove").size(), 2);
+    QCOMPARE(survey.sightCount(), 4u);
+}
+
+void TestSightTool::companionGoingAwayAndComingBack()
+{
+    Session session;
+    QVERIFY(session.start("pointPropertiesButton"));
+    Survey &survey = session.survey;
+    QToolButton *link = survey.button("EtatConnection");
+    const QImage on = QPixmap(QStringLiteral(":/TZ/plugin/qLumivert/images/ConnecteOn.png")).toImage();
+    const auto shows = [link](const QImage &icon) {
+        return link->icon().pixmap(32, 31).toImage().convertToFormat(QImage::Format_ARGB32)
+            == icon.convertToFormat(QImage::Format_ARGB32);
+    };
+    QVERIFY(shows(on));
+    survey.pickAt({10, 10, groundZ(10)});
+    QTRY_COMPARE(received(session.sim, "coordonnees").size(), 1);
+
+    session.sim.kill(); // the companion goes away in the middle of the run
+    QTRY_VERIFY(survey.consoleHas(QStringLiteral("Link with Mensurix lost")));
+    QVERIFY(!shows(on));
+    // Two sights placed meanwhile are drawn, and wait for the companion.
+    const TZVector3d b(20, 10, groundZ(20)), c(30, 10, groundZ(30));
+    survey.pickAt(b);
+    survey.pickAt(c);
+    QCOMPARE(survey.sightCount(), 3u);
+    QTest::qWait(2500); // an attempt fails in the meantime, silently
+
+    QTemporaryDir dir;
+    Sim back(writeScript(dir, "!wait 100000\n"));
+    QTRY_VERIFY(back.listening());
+    QElapsedTimer since;
+    since.start();
+    QTRY_COMPARE_WITH_TIMEOUT(received(back, "coordonnees").size(), 2, 5000);
+    QVERIFY2(since.elapsed() < 3000, qPrintable(QString::number(since.elapsed())));
+    const QStringList sent = received(back, "coordonnees");
+    const auto at = [](const TZVector3d &p) {
+        return QStringLiteral("x=%1 y=%2").arg(p.x - SHIFT.x, 0, 'f', 4).arg(p.y - SHIFT.y, 0, 'f', 4);
+    };
+    QVERIFY2(sent[0].contains(at(b)) && sent[1].contains(at(c)), qPrintable(sent.join('|')));
+    QVERIFY(!back.log().contains(QStringLiteral("NOT")));
+    QTRY_VERIFY(survey.consoleHas(QStringLiteral("Link with Mensurix back")));
+    QVERIFY(shows(on));
+    // New sights go straight on, after the ones that waited.
+    survey.pickAt({36, 10, groundZ(36)});
+    QTRY_COMPARE(received(back, "coordonnees").size(), 3);
 }
 
 void TestSightTool::lowestPointIndexZeroIsNeverPreviewed()

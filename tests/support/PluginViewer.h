@@ -13,6 +13,7 @@
 #include <QAction>
 #include <QFileInfo>
 #include <QPluginLoader>
+#include <QStatusBar>
 #include <QToolBar>
 #include <QToolButton>
 #include <QtTest>
@@ -28,7 +29,8 @@ struct Viewer
     Viewer()
         : window(options())
     {
-        window.resize(1000, 700);
+        // The view keeps the size the tests' geometry was drawn for, status bar or not.
+        window.resize(1000, 700 + window.statusBar()->sizeHint().height());
         window.show();
         // Mapped at its final size: what a test projects now is where its clicks land.
         if (!QTest::qWaitForWindowExposed(&window))
