@@ -45,6 +45,9 @@
 namespace {
 // Distance between an overlay dialog and the edges of the view (pixels).
 constexpr int OVERLAY_MARGIN = 6;
+// How long the window system is given to take the progress away before a loaded survey's first
+// frame.
+constexpr int FIRST_FRAME_DELAY_MS = 30;
 // The status bar's point under the cursor follows it at most this often (20 times a second).
 constexpr int CURSOR_STATUS_MS = 50;
 } // namespace
@@ -91,6 +94,8 @@ tzMainWindow::tzMainWindow(const Options &options)
     createMenus();
     createStatusBar();
     m_savedSignature = sceneSignature();
+    m_uploadTimer.setInterval(0);
+    connect(&m_uploadTimer, &QTimer::timeout, this, &tzMainWindow::uploadStep);
     if (options.loadPlugins)
         loadPlugins(tzPluginManager::searchPaths());
 }
@@ -502,46 +507,121 @@ void tzMainWindow::openNextFile()
                 progress->setProgress(percent, QStringLiteral("%1 %2...").arg(stage, fileName));
             });
     const auto finish = [this, path](bool ok, const QString &error, bool cancelled) {
-        // Taken off the members first: nothing below may find a half-finished load.
-        tzFileLoader *loader = m_loader;
         // Cancel may have come after the last step checked it, while its result waited for
         // this thread: the user's word holds, nothing is added.
-        if (loader->isCancelled()) {
+        if (m_loader->isCancelled()) {
             ok = false;
             cancelled = true;
         }
-        tzProgressDialog *progress = m_progress;
-        m_loader = nullptr;
-        m_progress = nullptr;
-        progress->hide();
-        if (ok) {
-            std::unique_ptr<tzHObject> object(loader->takeResult());
-            if (tzFileLoader::isSceneFile(path)) {
-                adoptScene(std::move(object), path);
-            } else {
-                auto *cloud = static_cast<tzPointCloud *>(object.release());
-                printToConsole(QStringLiteral("'%1': %2 points").arg(path).arg(cloud->size()));
-                addToDatabase(cloud, true);
-                // Selected, so that what works on the selected cloud is ready at once.
-                m_tree->selectObject(cloud);
-            }
-        } else if (cancelled) {
-            printToConsole(QStringLiteral("'%1': opening cancelled").arg(path),
-                           WRN_CONSOLE_MESSAGE);
-        } else {
-            printToConsole(error, ERR_CONSOLE_MESSAGE);
+        if (!ok) {
+            endLoad(path, false, error, cancelled);
+            return;
         }
-        // Not deleted under the signal that called us.
-        loader->deleteLater();
-        progress->deleteLater();
-        emit fileOpened(path, ok);
-        openNextFile();
+        // The last step, on this thread: the points go to the GPU in parts, the event loop
+        // (and Cancel) free between them; the scene gets the result once they are there.
+        m_uploading.reset(m_loader->takeResult());
+        m_uploadingPath = path;
+        m_uploadClouds.clear();
+        if (m_uploading->isKindOf(TZ_TYPES::POINT_CLOUD))
+            m_uploadClouds.push_back(static_cast<tzGenericPointCloud *>(m_uploading.get()));
+        tzHObject::Container clouds;
+        m_uploading->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
+        for (tzHObject *cloud : clouds)
+            m_uploadClouds.push_back(static_cast<tzGenericPointCloud *>(cloud));
+        m_uploadCloud = 0;
+        m_uploadedPoints = 0;
+        m_uploadTimer.start();
     };
     connect(m_loader, &tzFileLoader::loaded, this, [finish] { finish(true, QString(), false); });
     connect(m_loader, &tzFileLoader::failed, this,
             [finish](const QString &error) { finish(false, error, false); });
     connect(m_loader, &tzFileLoader::cancelled, this, [finish] { finish(false, QString(), true); });
     m_loader->start();
+}
+
+void tzMainWindow::uploadStep()
+{
+    if (!m_loader || !m_uploading) {
+        m_uploadTimer.stop();
+        return;
+    }
+    const QString path = m_uploadingPath;
+    if (m_loader->isCancelled()) {
+        m_uploadTimer.stop();
+        for (const tzGenericPointCloud *cloud : m_uploadClouds)
+            m_view->forgetPreparedCloud(cloud->getUniqueID());
+        m_uploadClouds.clear();
+        m_uploading.reset();
+        endLoad(path, false, QString(), true);
+        return;
+    }
+    quint64 total = 0, done = 0;
+    for (std::size_t i = 0; i < m_uploadClouds.size(); ++i) {
+        total += m_uploadClouds[i]->size();
+        if (i < m_uploadCloud)
+            done += m_uploadClouds[i]->size();
+    }
+    if (m_uploadCloud < m_uploadClouds.size()) {
+        const tzGenericPointCloud &cloud = *m_uploadClouds[m_uploadCloud];
+        if (m_view->prepareCloud(cloud, m_uploadedPoints, m_options.uploadStepPoints)) {
+            done += cloud.size();
+            ++m_uploadCloud;
+            m_uploadedPoints = 0;
+        } else {
+            done += m_uploadedPoints;
+        }
+        if (m_progress) {
+            m_progress->setProgress(
+                90 + int(total ? 10 * done / total : 10),
+                tr("Uploading %1...").arg(QFileInfo(path).fileName()));
+        }
+        if (m_uploadCloud < m_uploadClouds.size())
+            return;
+    }
+    m_uploadTimer.stop();
+    m_uploadClouds.clear();
+    // The progress leaves the screen before the scene's first frame, which may be long: the
+    // result joins the scene once the window system has taken the dialog away.
+    if (m_progress)
+        m_progress->hide();
+    QTimer::singleShot(FIRST_FRAME_DELAY_MS, this, [this, path] { adoptLoaded(path); });
+}
+
+void tzMainWindow::adoptLoaded(const QString &path)
+{
+    std::unique_ptr<tzHObject> object = std::move(m_uploading);
+    if (!object)
+        return;
+    if (tzFileLoader::isSceneFile(path)) {
+        adoptScene(std::move(object), path);
+    } else {
+        auto *cloud = static_cast<tzPointCloud *>(object.release());
+        printToConsole(QStringLiteral("'%1': %2 points").arg(path).arg(cloud->size()));
+        addToDatabase(cloud, true);
+        // Selected, so that what works on the selected cloud is ready at once.
+        m_tree->selectObject(cloud);
+    }
+    endLoad(path, true, QString(), false);
+}
+
+void tzMainWindow::endLoad(const QString &path, bool ok, const QString &error, bool cancelled)
+{
+    // Taken off the members first: nothing below may find a half-finished load.
+    tzFileLoader *loader = m_loader;
+    tzProgressDialog *progress = m_progress;
+    m_loader = nullptr;
+    m_progress = nullptr;
+    progress->hide();
+    if (cancelled) {
+        printToConsole(QStringLiteral("'%1': opening cancelled").arg(path), WRN_CONSOLE_MESSAGE);
+    } else if (!ok) {
+        printToConsole(error, ERR_CONSOLE_MESSAGE);
+    }
+    // Not deleted under the signal that called us.
+    loader->deleteLater();
+    progress->deleteLater();
+    emit fileOpened(path, ok);
+    openNextFile();
 }
 
 bool tzMainWindow::loadScene(const QString &path)
@@ -569,6 +649,10 @@ void tzMainWindow::adoptScene(std::unique_ptr<tzHObject> scene, const QString &p
     m_tree->rebuild();
     m_view->zoomGlobal();
     printToConsole(QStringLiteral("Scene '%1' loaded").arg(path));
+    // Its first cloud selected, as a cloud opened alone is: the plug-ins hear of the scene.
+    tzHObject::Container clouds;
+    m_root->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
+    m_tree->selectObject(clouds.empty() ? nullptr : clouds.front());
     m_scenePath = QFileInfo(path).absoluteFilePath();
     if (!unsaved)
         m_savedSignature = sceneSignature();

@@ -19,6 +19,7 @@ class QToolBar;
 class tzFileLoader;
 class tzConsole;
 class tzDBTree;
+class tzGenericPointCloud;
 class tzGLWindow;
 class tzPluginManager;
 class tzPointCloud;
@@ -39,6 +40,9 @@ public:
         bool loadPlugins = true;
         //! How long a load runs before its progress is shown (ms).
         int progressDelay = 300;
+        //! How many points go to the GPU in one step of a load's last phase (24 MB of
+        //! coordinates); the event loop, and Cancel, run between the steps.
+        unsigned uploadStepPoints = 2000000;
     };
 
     explicit tzMainWindow(const Options &options);
@@ -100,6 +104,11 @@ private slots:
     void onSelectionChanged();
     void onEntityClicked(tzHObject *entity);
     void openNextFile();
+    //! One step of a load's last phase: the next part of its points to the GPU, or, all there,
+    //! the result into the scene.
+    void uploadStep();
+    //! What a load read joins the scene.
+    void adoptLoaded(const QString &path);
 
 private:
     void createMenus();
@@ -110,6 +119,8 @@ private:
     void placeOverlays();
     void askShift(const QString &path, const TZVector3d &suggested);
     void adoptScene(std::unique_ptr<tzHObject> scene, const QString &path);
+    //! Ends the load under way: says how it went and goes on with the next file.
+    void endLoad(const QString &path, bool ok, const QString &error, bool cancelled);
     QByteArray sceneSignature() const;
     //! A scene file name for the save dialog to propose.
     QString proposedScenePath() const;
@@ -130,6 +141,13 @@ private:
     QStringList m_pendingFiles;
     tzFileLoader *m_loader = nullptr;
     tzProgressDialog *m_progress = nullptr;
+    // A load's last phase: what it read, its clouds going to the GPU one step at a time.
+    std::unique_ptr<tzHObject> m_uploading;
+    QString m_uploadingPath;
+    std::vector<tzGenericPointCloud *> m_uploadClouds;
+    std::size_t m_uploadCloud = 0; // the cloud being uploaded
+    unsigned m_uploadedPoints = 0; // of that cloud
+    QTimer m_uploadTimer;
     QLabel *m_cursorLabel = nullptr;
     QLabel *m_scaleLabel = nullptr;
     QPoint m_cursorPos;

@@ -5,6 +5,8 @@
 
 #include <QOpenGLFunctions_2_1>
 
+#include <algorithm>
+
 tzCloudBuffers::~tzCloudBuffers()
 {
     release();
@@ -28,7 +30,7 @@ void tzCloudBuffers::beginFrame()
 void tzCloudBuffers::endFrame()
 {
     for (auto it = m_entries.begin(); it != m_entries.end();) {
-        if (!it->second.used) {
+        if (!it->second.used && !it->second.pinned) {
             it->second.points.destroy();
             it->second.colors.destroy();
             it = m_entries.erase(it);
@@ -36,6 +38,62 @@ void tzCloudBuffers::endFrame()
             ++it;
         }
     }
+}
+
+bool tzCloudBuffers::prepare(const tzGenericPointCloud &cloud, unsigned &done, unsigned count)
+{
+    Entry &entry = m_entries[cloud.getUniqueID()];
+    entry.pinned = true;
+    const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
+    const bool colours = coloured && coloured->colorsShown();
+    if (done == 0) {
+        // The buffers at their full size first, filled part by part below.
+        entry.version = ~quint64(0);
+        entry.count = 0;
+        entry.hasColors = colours;
+        if ((!entry.points.isCreated() && !entry.points.create())
+            || (colours && !entry.colors.isCreated() && !entry.colors.create()))
+            return false;
+        entry.points.bind();
+        entry.points.allocate(int(sizeof(TZVector3) * cloud.size()));
+        entry.points.release();
+        if (colours) {
+            entry.colors.bind();
+            entry.colors.allocate(int(sizeof(tzRgb) * cloud.size()));
+            entry.colors.release();
+        } else {
+            entry.colors.destroy();
+        }
+    }
+    const unsigned end = std::min(cloud.size(), done + count);
+    if (end > done) {
+        entry.points.bind();
+        entry.points.write(int(sizeof(TZVector3) * done), cloud.data() + done,
+                           int(sizeof(TZVector3) * (end - done)));
+        entry.points.release();
+        if (colours) {
+            entry.colors.bind();
+            entry.colors.write(int(sizeof(tzRgb) * done), coloured->colorData() + done,
+                               int(sizeof(tzRgb) * (end - done)));
+            entry.colors.release();
+        }
+    }
+    done = end;
+    if (done < cloud.size())
+        return false;
+    entry.count = cloud.size();
+    entry.version = cloud.contentVersion();
+    return true;
+}
+
+void tzCloudBuffers::forget(unsigned cloudID)
+{
+    const auto it = m_entries.find(cloudID);
+    if (it == m_entries.end())
+        return;
+    it->second.points.destroy();
+    it->second.colors.destroy();
+    m_entries.erase(it);
 }
 
 bool tzCloudBuffers::upload(Entry &entry, const tzGenericPointCloud &cloud)
@@ -68,6 +126,7 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
         return;
     Entry &entry = m_entries[cloud.getUniqueID()];
     entry.used = true;
+    entry.pinned = false;
     if (entry.version != cloud.contentVersion() || entry.count != cloud.size()) {
         if (!upload(entry, cloud)) {
             tzLog::Warning(

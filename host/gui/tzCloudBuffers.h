@@ -15,6 +15,14 @@ public:
     ~tzCloudBuffers() override;
 
     void drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &context) override;
+    //! Uploads the next part of a cloud not drawn yet (from point `done`, at most count points;
+    //! done then counts what is on the GPU), so that a large upload is done in steps that
+    //! leave the event loop free. The buffers are kept, drawn or not, until the cloud is drawn
+    //! or forgotten. True once the whole cloud is uploaded; false on a GL failure too (done
+    //! then stays where it was).
+    bool prepare(const tzGenericPointCloud &cloud, unsigned &done, unsigned count);
+    //! Drops what prepare() uploaded for a cloud that will not be drawn.
+    void forget(unsigned cloudID);
     //! Call around each full 3D pass: buffers of clouds not drawn in it are released.
     void beginFrame();
     void endFrame();
@@ -29,6 +37,7 @@ private:
         unsigned count = 0;
         bool hasColors = false;
         bool used = false;
+        bool pinned = false; // prepared, not drawn yet: kept by endFrame()
     };
     bool upload(Entry &entry, const tzGenericPointCloud &cloud);
 

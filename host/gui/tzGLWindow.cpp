@@ -94,6 +94,34 @@ void tzGLWindow::releaseGL()
     m_cloudLayer.reset(); // its context is gone: its GL objects went with it
 }
 
+bool tzGLWindow::prepareCloud(const tzGenericPointCloud &cloud, unsigned &done, unsigned count)
+{
+    if (!m_buffers || !context() || !isValid()) {
+        done = cloud.size();
+        return true;
+    }
+    makeCurrent();
+    const unsigned before = done;
+    const bool complete = m_buffers->prepare(cloud, done, count);
+    doneCurrent();
+    if (!complete && done == before) {
+        // The GL refused: the first frame will try again, as for any cloud.
+        forgetPreparedCloud(cloud.getUniqueID());
+        done = cloud.size();
+        return true;
+    }
+    return complete;
+}
+
+void tzGLWindow::forgetPreparedCloud(unsigned cloudID)
+{
+    if (!m_buffers || !context() || !isValid())
+        return;
+    makeCurrent();
+    m_buffers->forget(cloudID);
+    doneCurrent();
+}
+
 void tzGLWindow::setSceneDB(tzHObject *root)
 {
     m_sceneRoot = root;

@@ -141,6 +141,14 @@ public:
     //! The object of the 2D foreground (a label's box) under a pixel, or null.
     tzHObject *pickForeground(int x, int y);
 
+    //! Puts the next part of a cloud about to join the scene on the GPU (at most count points
+    //! from `done`, which then counts what is there), so that a large upload leaves the event
+    //! loop free between its steps. True once all of it is there, or when the view has no GL
+    //! yet (the first frame uploads it then).
+    bool prepareCloud(const tzGenericPointCloud &cloud, unsigned &done, unsigned count);
+    //! Drops what prepareCloud() uploaded for a cloud that will not join the scene.
+    void forgetPreparedCloud(unsigned cloudID);
+
     //! Visible clouds of the scene and the view's list.
     std::vector<tzGenericPointCloud *> visibleClouds() const;
     QOpenGLFunctions_2_1 *functions() const { return m_gl; }

@@ -379,6 +379,7 @@ void tzLumivert::onLinkRestored(int sentLate, int dropped)
 void tzLumivert::stopMeasuring()
 {
     m_heldKeys.clear(); // the filter no longer sees the releases
+    m_ctrlChecked = false;
     m_comm->setReconnecting(false);
     if (m_helpAction)
         m_helpAction->setShortcut(QKeySequence());
@@ -785,6 +786,17 @@ void tzLumivert::onEscape()
     redraw();
 }
 
+bool tzLumivert::isViewerShortcut(const QKeySequence &keys) const
+{
+    QMainWindow *window = m_app ? m_app->mainWindow() : nullptr;
+    if (!window)
+        return false;
+    const QList<QAction *> actions = window->findChildren<QAction *>();
+    return std::any_of(actions.begin(), actions.end(), [&keys](const QAction *action) {
+        return action->isEnabled() && action->shortcuts().contains(keys);
+    });
+}
+
 void tzLumivert::onItemPicked(const tzPickingListener::PickedItem &pi)
 {
     pointPicked(pi.entity, pi.itemIndex, pi.clickPoint.x(), pi.clickPoint.y(), pi.P3D);
@@ -851,8 +863,11 @@ bool tzLumivert::eventFilter(QObject *obj, QEvent *event)
             m_heldKeys.insert(key->key());
         if (key->modifiers() == Qt::ControlModifier && m_listening) {
             qDebug(" CTRL press ");
-            if (m_dialog)
+            if (m_dialog) {
+                if (key->key() == Qt::Key_Control && !m_dialog->SimpleAjoutZButton->isChecked())
+                    m_ctrlChecked = true;
                 m_dialog->SimpleAjoutZButton->setChecked(true);
+            }
         } else if (key->key() == Qt::Key_Z) {
             qDebug(" Z press ");
             if (m_dialog) {
@@ -875,12 +890,26 @@ bool tzLumivert::eventFilter(QObject *obj, QEvent *event)
         auto *key = static_cast<QKeyEvent *>(event);
         if (!key->isAutoRepeat())
             m_heldKeys.remove(key->key());
+        if (key->key() == Qt::Key_Control)
+            m_ctrlChecked = false;
+        break;
+    }
+    case QEvent::ShortcutOverride: {
+        // Ctrl held for one of the viewer's commands (Ctrl+S, Ctrl+O...) is not the surveyor
+        // asking for the previous height: what its press checked is unchecked.
+        auto *key = static_cast<QKeyEvent *>(event);
+        if (m_ctrlChecked && m_dialog && key->key() != Qt::Key_Control
+            && isViewerShortcut(QKeySequence(int(key->modifiers()) | key->key()))) {
+            m_dialog->SimpleAjoutZButton->setChecked(false);
+            m_ctrlChecked = false;
+        }
         break;
     }
     case QEvent::FocusOut:
     case QEvent::WindowDeactivate:
         // A key released while the viewer does not have the keyboard never reaches us.
         m_heldKeys.clear();
+        m_ctrlChecked = false;
         break;
     case QEvent::MouseMove:
         if (m_activeTool == m_viseeTool)

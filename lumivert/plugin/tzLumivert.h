@@ -13,6 +13,7 @@
 #include <functional>
 
 class QAction;
+class QKeySequence;
 class QToolButton;
 class tzAboutDlg;
 class tzCViseeTool;
@@ -117,6 +118,8 @@ private:
     //! Gives the view back what it had before the photo looked through was entered.
     void leavePhoto();
     void showLinkState(bool connected);
+    //! Whether keys are the shortcut of one of the viewer's menu commands.
+    bool isViewerShortcut(const QKeySequence &keys) const;
     void onLinkLost();
     void onLinkRestored(int sentLate, int dropped);
     void readSettings();
@@ -153,6 +156,7 @@ private:
     float m_sizeSpheres = 0.8f;
     bool m_isZpress = false;
     bool m_cameraDirection = false;
+    bool m_ctrlChecked = false; // the Ctrl key held now checked the previous-height indicator
     QSet<int> m_heldKeys;
     QSet<QString> m_unreadableLists; // photo lists whose problem the console was told
 };

@@ -1,5 +1,6 @@
 // The viewer application: plug-ins, selection, overlay dialogs, opening files, quitting.
 
+#include "ViewHelpers.h"
 #include "tzConsole.h"
 #include "tzDBTree.h"
 #include "tzGLWindow.h"
@@ -86,6 +87,7 @@ private slots:
     void badFileIsReportedAndAddsNothing();
     void cancelledOpeningLeavesNothing();
     void cancelAfterTheLastStepStillAddsNothing();
+    void cancelWhileUploadingAddsNothing();
     void openedCloudIsSelected();
     void statusBarShowsThePointUnderTheCursor();
     void ctrlSSavesBesideTheFirstCloud();
@@ -259,6 +261,35 @@ void TestTessaro::cancelAfterTheLastStepStillAddsNothing()
     QCOMPARE(opened.at(0).at(1).toBool(), false);
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 0u);
     QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));
+}
+
+void TestTessaro::cancelWhileUploadingAddsNothing()
+{
+    // The points go to the GPU in steps of 1,000: Cancel clicked between two of them.
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, QStringLiteral("survey.ply"), asciiPly(20000, 0.0));
+    tzMainWindow::Options options = headless();
+    options.progressDelay = 0;
+    options.uploadStepPoints = 1000;
+    tzMainWindow window(options);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    frame(*window.activeView()); // the view's GL is up: the upload is done in steps
+    QSignalSpy opened(&window, &tzMainWindow::fileOpened);
+    window.openFiles({path});
+    auto *progress = window.findChild<tzProgressDialog *>(QStringLiteral("loadProgress"));
+    QVERIFY(progress);
+    QTRY_VERIFY(progress->labelText().startsWith(QStringLiteral("Uploading survey.ply")));
+    QVERIFY(progress->isVisible());
+    QTest::mouseClick(progress->findChild<QPushButton *>(), Qt::LeftButton);
+    QVERIFY(opened.wait(10000));
+    QCOMPARE(opened.at(0).at(1).toBool(), false);
+    QCOMPARE(window.databaseRoot()->getChildrenNumber(), 0u);
+    QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));
+    // Not cancelled, the same file arrives whole, and is drawn.
+    tzPointCloud *cloud = openAndWait(window, path);
+    QVERIFY(cloud);
+    QCOMPARE(cloud->size(), 20000u);
 }
 
 void TestTessaro::openedCloudIsSelected()

@@ -112,6 +112,7 @@ private slots:
     void zKeyMakesOneLowestPointPick();
     void eachKeyPressIsSeenOnce();
     void ctrlChecksTheIndicatorOnlyAloneWhileListening();
+    void ctrlOfAViewerCommandLeavesTheIndicator();
     void heldKeysAreForgottenWhenTheKeyboardGoesElsewhere();
     void picksGoToTheMesuresGroup();
     void mesuresGroupIsLookedForTwoLevelsDeep();
@@ -406,6 +407,37 @@ void TestLumivert::ctrlChecksTheIndicatorOnlyAloneWhileListening()
     QVERIFY(indicator->isChecked());
     QVERIFY(!viewer.state("zPressed").toBool());
     QVERIFY(viewer.button("pointPropertiesButton")->isChecked());
+}
+
+void TestLumivert::ctrlOfAViewerCommandLeavesTheIndicator()
+{
+    Viewer viewer;
+    viewer.start();
+    viewer.click("pointPropertiesButton");
+    viewer.window.activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(&viewer.window));
+    tzGLWindow *view = viewer.window.activeView();
+    auto *indicator = viewer.button<QRadioButton>("SimpleAjoutZButton");
+    // Ctrl+S saves the scene (its dialog cancelled here): the next click must not change the
+    // last sight's height.
+    QTimer closer;
+    QObject::connect(&closer, &QTimer::timeout, [] {
+        if (QWidget *modal = QApplication::activeModalWidget())
+            QMetaObject::invokeMethod(modal, "reject");
+    });
+    closer.start(50);
+    QTest::keyPress(view, Qt::Key_Control, Qt::ControlModifier);
+    QVERIFY(indicator->isChecked());
+    QTest::keyClick(view, Qt::Key_S, Qt::ControlModifier);
+    QTest::keyRelease(view, Qt::Key_Control);
+    QVERIFY(!indicator->isChecked());
+    // Ctrl alone still checks it, and a command after it, Ctrl held again, leaves it checked.
+    QTest::keyClick(view, Qt::Key_Control, Qt::ControlModifier);
+    QVERIFY(indicator->isChecked());
+    QTest::keyPress(view, Qt::Key_Control, Qt::ControlModifier);
+    QTest::keyClick(view, Qt::Key_S, Qt::ControlModifier);
+    QTest::keyRelease(view, Qt::Key_Control);
+    QVERIFY(indicator->isChecked());
 }
 
 void TestLumivert::heldKeysAreForgottenWhenTheKeyboardGoesElsewhere()
