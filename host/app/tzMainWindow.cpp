@@ -15,12 +15,12 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QCloseEvent>
 #include <QCryptographicHash>
 #include <QDataStream>
-#include <QDir>
-#include <QCloseEvent>
 #include <QDialog>
 #include <QDialogButtonBox>
+#include <QDir>
 #include <QDockWidget>
 #include <QDoubleSpinBox>
 #include <QFileDialog>
@@ -29,8 +29,8 @@
 #include <QLabel>
 #include <QMdiArea>
 #include <QMdiSubWindow>
-#include <QMessageBox>
 #include <QMenuBar>
+#include <QMessageBox>
 #include <QMoveEvent>
 #include <QSettings>
 #include <QThread>
@@ -571,9 +571,8 @@ void tzMainWindow::uploadStep()
             done += m_uploadedPoints;
         }
         if (m_progress) {
-            m_progress->setProgress(
-                90 + int(total ? 10 * done / total : 10),
-                tr("Uploading %1...").arg(QFileInfo(path).fileName()));
+            m_progress->setProgress(90 + int(total ? 10 * done / total : 10),
+                                    tr("Uploading %1...").arg(QFileInfo(path).fileName()));
         }
         if (m_uploadCloud < m_uploadClouds.size())
             return;

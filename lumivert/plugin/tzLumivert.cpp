@@ -9,13 +9,13 @@
 #include "tzGLWindow.h"
 #include "tzImageFrustum.h"
 #include "tzLineationTool.h"
-#include "tzPhotoList.h"
-#include "tzPointPair.h"
 #include "tzLumivertInfo.h"
 #include "tzMeasureExport.h"
 #include "tzMeasurementTags.h"
+#include "tzPhotoList.h"
 #include "tzPickingHub.h"
 #include "tzPointCloud.h"
+#include "tzPointPair.h"
 #include "tzSettings.h"
 #include "tzXentity.h"
 
@@ -184,12 +184,10 @@ void tzLumivert::selectionChanged(const tzHObject::Container &selectedEntities)
         tzHObject *root = m_app ? m_app->databaseRoot() : nullptr;
         m_action->setEnabled(root && root->getChildrenNumber() > 0);
         const bool cloudSelected
-            = std::any_of(selectedEntities.begin(), selectedEntities.end(), [](tzHObject *o) {
-                  return o && o->isKindOf(TZ_TYPES::POINT_CLOUD);
-              });
-        m_action->setToolTip(cloudSelected
-                                 ? getDescription()
-                                 : getDescription()
+            = std::any_of(selectedEntities.begin(), selectedEntities.end(),
+                          [](tzHObject *o) { return o && o->isKindOf(TZ_TYPES::POINT_CLOUD); });
+        m_action->setToolTip(cloudSelected ? getDescription()
+                                           : getDescription()
                                      + QStringLiteral(": select a cloud in the tree first"));
     }
     if (m_dialog && m_optionsDialog && m_activeTool)
@@ -365,8 +363,8 @@ void tzLumivert::onLinkLost()
 void tzLumivert::onLinkRestored(int sentLate, int dropped)
 {
     showLinkState(true);
-    printToConsole(QStringLiteral("[tzLumivert] Link with Mensurix back: %1 text(s) sent late")
-                       .arg(sentLate));
+    printToConsole(
+        QStringLiteral("[tzLumivert] Link with Mensurix back: %1 text(s) sent late").arg(sentLate));
     if (dropped > 0) {
         printToConsole(QStringLiteral("[tzLumivert] %1 older text(s) were dropped: at most %2 wait "
                                       "for the link")
@@ -575,8 +573,8 @@ void tzLumivert::loadPhotoLists()
         }
         const QString listPath = base + QStringLiteral(".img/images.json");
         QString problem;
-        const std::vector<tzImageFrustum *> photos = readPhotoList(
-            listPath, base + QStringLiteral(".img/"), m_app, this, &problem);
+        const std::vector<tzImageFrustum *> photos
+            = readPhotoList(listPath, base + QStringLiteral(".img/"), m_app, this, &problem);
         if (!problem.isEmpty() && !m_unreadableLists.contains(listPath)) {
             // Said once: every run reads the lists again.
             m_unreadableLists.insert(listPath);

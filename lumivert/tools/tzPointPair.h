@@ -43,10 +43,7 @@ public:
 
     //! Scene files keep a distance as a distance: a polyline that names the plug-in's factory.
     static const char *const FACTORY_NAME; // "tzLineation"
-    quint32 getClassID() const override
-    {
-        return TZ_TYPES::POLY_LINE | TZ_TYPES::CUSTOM_H_OBJECT;
-    }
+    quint32 getClassID() const override { return TZ_TYPES::POLY_LINE | TZ_TYPES::CUSTOM_H_OBJECT; }
     QString getFactoryName() const override { return QLatin1String(FACTORY_NAME); }
 
     //! Writes the type tag, and with two points the direction, ends and length (the name

@@ -15,9 +15,9 @@
 #include <QDoubleSpinBox>
 #include <QFileDialog>
 #include <QLineEdit>
+#include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QMenu>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -331,12 +331,11 @@ void TestTessaro::statusBarShowsThePointUnderTheCursor()
     tzGLWindow *view = window.activeView();
     view->zoomGlobal();
     double x = 0, y = 0, depth = 0;
-    view->camera().project(TZVector3d(cloud->getPoint(0)->x, cloud->getPoint(0)->y,
-                                      cloud->getPoint(0)->z),
-                           x, y, depth);
+    view->camera().project(
+        TZVector3d(cloud->getPoint(0)->x, cloud->getPoint(0)->y, cloud->getPoint(0)->z), x, y,
+        depth);
     QTest::mouseMove(view, QPoint(int(std::lround(x)), int(std::lround(y))));
-    QTRY_COMPARE(window.cursorStatus(),
-                 QStringLiteral("X 651234.568   Y 6861543.212   Z 118.250"));
+    QTRY_COMPARE(window.cursorStatus(), QStringLiteral("X 651234.568   Y 6861543.212   Z 118.250"));
     QTRY_VERIFY(window.scaleStatus().startsWith(QStringLiteral("Scale: 1 px = ")));
     // Nothing under the cursor: nothing said.
     QTest::mouseMove(view, QPoint(2, 2));

@@ -5,9 +5,9 @@
 #include "Messages.h"
 #include "tzCommunicationHandler.h"
 
+#include <QElapsedTimer>
 #include <QProcess>
 #include <QSettings>
-#include <QElapsedTimer>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>

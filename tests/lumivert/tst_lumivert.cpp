@@ -193,8 +193,9 @@ void TestLumivert::actionFollowsTheScene()
     QVERIFY(action);
     QCOMPARE(action->text(), QStringLiteral("Lumivert"));
     // Until a cloud is selected, the tool tip says so.
-    QCOMPARE(action->toolTip(), QStringLiteral("Plugin 'Lumivert' for transferring mesures: "
-                                               "select a cloud in the tree first"));
+    QCOMPARE(action->toolTip(),
+             QStringLiteral("Plugin 'Lumivert' for transferring mesures: "
+                            "select a cloud in the tree first"));
     QVERIFY(!action->isEnabled()); // empty scene
     auto *cloud = new tzPointCloud(QStringLiteral("c"));
     cloud->addPoint({0, 0, 0});
@@ -837,17 +838,20 @@ void TestLumivert::photoListsAreFoundBesideEachCloud()
     QTemporaryDir dir;
     const auto survey = [&dir](const QString &folder, const QString &name, const QByteArray &list) {
         QDir(dir.path()).mkpath(folder + QLatin1Char('/') + name + QStringLiteral(".img"));
-        const QString path = dir.filePath(folder + QLatin1Char('/') + name + QStringLiteral(".xyz"));
+        const QString path
+            = dir.filePath(folder + QLatin1Char('/') + name + QStringLiteral(".xyz"));
         QFile cloud(path);
         cloud.open(QIODevice::WriteOnly);
         cloud.write("0 0 0\n1 0 0\n0 1 0\n");
-        QFile photos(dir.filePath(folder + QLatin1Char('/') + name + QStringLiteral(".img/images.json")));
+        QFile photos(
+            dir.filePath(folder + QLatin1Char('/') + name + QStringLiteral(".img/images.json")));
         photos.open(QIODevice::WriteOnly);
         photos.write(list);
         return path;
     };
-    const QString north = survey(QStringLiteral("north"), QStringLiteral("site"),
-                                 R"({"images": [{"camname": "N1", "camZ": 2, "Vz": -1, "f": 100}]})");
+    const QString north
+        = survey(QStringLiteral("north"), QStringLiteral("site"),
+                 R"({"images": [{"camname": "N1", "camZ": 2, "Vz": -1, "f": 100}]})");
     const QString south = survey(QStringLiteral("south"), QStringLiteral("road"),
                                  R"({"images": [{"camname": "S1", "camZ": 2, "Vz": -1, "f": 100},
                                                 {"camname": "S2", "camZ": 3, "Vz": -1, "f": 100}]})");
@@ -874,11 +878,14 @@ void TestLumivert::photoListsAreFoundBesideEachCloud()
     QCOMPARE(photosOf(QStringLiteral("road")), (QStringList {"S1", "S2"}));
     QCOMPARE(photosOf(QStringLiteral("yard")), QStringList());
     const auto said = [&viewer] {
-        return viewer.window.console()->lines().filter(
-            QStringLiteral("The photo list of cloud 'yard' cannot be read")).size();
+        return viewer.window.console()
+            ->lines()
+            .filter(QStringLiteral("The photo list of cloud 'yard' cannot be read"))
+            .size();
     };
     QCOMPARE(said(), 1);
-    QVERIFY(viewer.consoleHas(QDir::toNativeSeparators(dir.filePath(QStringLiteral("west/yard.img/images.json")))));
+    QVERIFY(viewer.consoleHas(
+        QDir::toNativeSeparators(dir.filePath(QStringLiteral("west/yard.img/images.json")))));
     // A second run reads the lists again: the stations are not doubled, the problem not repeated.
     viewer.click("closeButton");
     viewer.start();

@@ -321,7 +321,8 @@ void TestSightTool::companionGoingAwayAndComingBack()
     QVERIFY(session.start("pointPropertiesButton"));
     Survey &survey = session.survey;
     QToolButton *link = survey.button("EtatConnection");
-    const QImage on = QPixmap(QStringLiteral(":/TZ/plugin/qLumivert/images/ConnecteOn.png")).toImage();
+    const QImage on
+        = QPixmap(QStringLiteral(":/TZ/plugin/qLumivert/images/ConnecteOn.png")).toImage();
     const auto shows = [link](const QImage &icon) {
         return link->icon().pixmap(32, 31).toImage().convertToFormat(QImage::Format_ARGB32)
             == icon.convertToFormat(QImage::Format_ARGB32);
@@ -349,7 +350,9 @@ void TestSightTool::companionGoingAwayAndComingBack()
     QVERIFY2(since.elapsed() < 3000, qPrintable(QString::number(since.elapsed())));
     const QStringList sent = received(back, "coordonnees");
     const auto at = [](const TZVector3d &p) {
-        return QStringLiteral("x=%1 y=%2").arg(p.x - SHIFT.x, 0, 'f', 4).arg(p.y - SHIFT.y, 0, 'f', 4);
+        return QStringLiteral("x=%1 y=%2")
+            .arg(p.x - SHIFT.x, 0, 'f', 4)
+            .arg(p.y - SHIFT.y, 0, 'f', 4);
     };
     QVERIFY2(sent[0].contains(at(b)) && sent[1].contains(at(c)), qPrintable(sent.join('|')));
     QVERIFY(!back.log().contains(QStringLiteral("NOT")));
