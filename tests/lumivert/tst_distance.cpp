@@ -249,6 +249,11 @@ void TestDistance::measuresOfASavedSceneExported()
     const std::unique_ptr<tzHObject> loaded(tzSceneFile::load(dir.filePath(QStringLiteral("site.tzs")), error));
     QVERIFY2(loaded, qPrintable(error));
     QCOMPARE(tzGlobalShift::shift, TZVector3d(-651200, -6861400, 0));
+    // The distance comes back as a distance (drawn with its arrow), on its cloud.
+    const auto *distance = dynamic_cast<const tzLineation *>(loaded->getChild(1)->getChild(1));
+    QVERIFY(distance);
+    QCOMPARE(distance->size(), 2u);
+    QCOMPARE(distance->direction(), TZVector3(3, 4, 0));
 
     QLocale::setDefault(QLocale(QLocale::French)); // a decimal comma must not reach the file
     const QString csv = dir.filePath(QStringLiteral("measures.csv"));

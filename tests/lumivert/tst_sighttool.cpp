@@ -396,6 +396,10 @@ void TestSightTool::previousHeightButton()
 
     previous->setChecked(false);
     survey.pickAt({10, 10, groundZ(10)});
+    QTRY_COMPARE(survey.sightCount(), 1u);
+    tzHObject *sight = survey.mesures()->getChild(0);
+    const QString name = sight->getName();
+    QVERIFY(name.startsWith(QStringLiteral("Point #")));
     // Checked: the last sight takes the height of the next pick, x and y kept.
     previous->setChecked(true);
     survey.pickAt({30, 30, groundZ(30)});
@@ -406,6 +410,7 @@ void TestSightTool::previousHeightButton()
                                .arg(groundZ(30) - SHIFT.z, 0, 'f', 4)),
              qPrintable(move));
     QCOMPARE(survey.sightCount(), 1u);
+    QCOMPARE(sight->getName(), name); // not "(no name)" in the tree
 }
 
 void TestSightTool::mouseCircleAndCursorReports()
