@@ -63,18 +63,6 @@ size_t plySize(PlyType t)
     return 0;
 }
 
-template<typename T>
-T loadAs(const uchar *p, bool swap)
-{
-    uchar b[sizeof(T)];
-    std::memcpy(b, p, sizeof(T));
-    if (swap)
-        std::reverse(b, b + sizeof(T));
-    T v;
-    std::memcpy(&v, b, sizeof(T));
-    return v;
-}
-
 double plyValue(const uchar *p, PlyType t, bool swap)
 {
     switch (t) {
@@ -317,106 +305,13 @@ tzPointCloud *readPly(const Bytes &in, const QString &name, const LoadOptions &o
     return builder.finish(name);
 }
 
-// ---------------------------------------------------------------- LAS
-
-tzPointCloud *readLas(const Bytes &in, const QString &name, const LoadOptions &options)
-{
-    constexpr size_t MIN_HEADER = 227;
-    if (in.size < MIN_HEADER || std::memcmp(in.data, "LASF", 4) != 0)
-        failWith(in.size < 4 || std::memcmp(in.data, "LASF", 4) != 0
-                     ? QStringLiteral("not a LAS file (no 'LASF' signature)")
-                     : QStringLiteral("the LAS header is truncated"));
-    const uchar *h = in.data;
-    const int major = h[24], minor = h[25];
-    if (major != 1 || minor > 4)
-        failWith(QStringLiteral("LAS version %1.%2 is not supported").arg(major).arg(minor));
-    const quint16 headerSize = loadAs<quint16>(h + 94, false);
-    const quint32 dataOffset = loadAs<quint32>(h + 96, false);
-    const quint8 formatByte = h[104];
-    const quint16 recordLength = loadAs<quint16>(h + 105, false);
-    quint64 count = loadAs<quint32>(h + 107, false);
-    if (formatByte & 0xc0)
-        failWith(QStringLiteral("compressed LAS point data is not supported"));
-    const int format = formatByte & 0x3f;
-    static const int minLength[] = {20, 28, 26, 34, -1, -1, 30, 36, 38};
-    if (format > 8 || minLength[format] < 0)
-        failWith(QStringLiteral("LAS point data format %1 is not supported").arg(format));
-    if (recordLength < minLength[format])
-        failWith(QStringLiteral("LAS point record length %1 is too short for point format %2")
-                     .arg(recordLength)
-                     .arg(format));
-    if (minor >= 4 && headerSize >= 375 && in.size >= 255) {
-        const quint64 extended = loadAs<quint64>(h + 247, false);
-        if (count == 0 || extended > count)
-            count = extended;
-    }
-    if (headerSize < MIN_HEADER || dataOffset < headerSize || dataOffset > in.size)
-        failWith(QStringLiteral("the LAS header gives an impossible point data offset %1").arg(dataOffset));
-    if (count > 0xffffffffull || (in.size - dataOffset) / recordLength < count)
-        failWith(QStringLiteral("the file is truncated: %1 points announced, data for %2")
-                     .arg(count)
-                     .arg((in.size - dataOffset) / recordLength));
-    double scale[3], offset[3], bbMax[3], bbMin[3];
-    for (int d = 0; d < 3; ++d) {
-        scale[d] = loadAs<double>(h + 131 + 8 * d, false);
-        offset[d] = loadAs<double>(h + 155 + 8 * d, false);
-        bbMax[d] = loadAs<double>(h + 179 + 16 * d, false);
-        bbMin[d] = loadAs<double>(h + 187 + 16 * d, false);
-        if (!(scale[d] != 0) || !std::isfinite(scale[d]) || !std::isfinite(offset[d]))
-            failWith(QStringLiteral("the LAS header has an invalid scale or offset"));
-    }
-    const size_t n = size_t(count);
-    const int rgbOffset = format == 2 ? 20 : (format == 3 ? 28 : (format >= 7 ? 30 : -1));
-    const uchar *data = in.data + dataOffset;
-
-    CloudBuilder builder(options);
-    builder.reserve(n, rgbOffset >= 0);
-    if (n > 0) {
-        // The header's box gives the shift when it is sane; else the first point does.
-        TZVector3d centre((bbMin[0] + bbMax[0]) / 2, (bbMin[1] + bbMax[1]) / 2, (bbMin[2] + bbMax[2]) / 2);
-        const bool boxValid = std::isfinite(centre.x) && std::isfinite(centre.y) && std::isfinite(centre.z)
-            && bbMin[0] <= bbMax[0] && bbMin[1] <= bbMax[1] && bbMin[2] <= bbMax[2];
-        if (!boxValid) {
-            for (int d = 0; d < 3; ++d)
-                centre[d] = loadAs<qint32>(data + 4 * d, false) * scale[d] + offset[d];
-        }
-        builder.decideShift(centre);
-    }
-    // Colours are 16-bit; some writers put 8-bit values in them. Those are kept as they are.
-    bool eightBitColors = true;
-    if (rgbOffset >= 0) {
-        for (size_t i = 0; i < n && eightBitColors; ++i) {
-            const uchar *c = data + i * recordLength + rgbOffset;
-            for (int k = 0; k < 3; ++k) {
-                if (loadAs<quint16>(c + 2 * k, false) > 255)
-                    eightBitColors = false;
-            }
-        }
-    }
-    for (size_t i = 0; i < n; ++i) {
-        const uchar *rec = data + i * recordLength;
-        builder.add(loadAs<qint32>(rec, false) * scale[0] + offset[0],
-                    loadAs<qint32>(rec + 4, false) * scale[1] + offset[1],
-                    loadAs<qint32>(rec + 8, false) * scale[2] + offset[2]);
-        if (rgbOffset >= 0) {
-            const uchar *c = rec + rgbOffset;
-            const int shift = eightBitColors ? 0 : 8;
-            builder.addColor({quint8(loadAs<quint16>(c, false) >> shift), quint8(loadAs<quint16>(c + 2, false) >> shift),
-                              quint8(loadAs<quint16>(c + 4, false) >> shift)});
-        }
-        if ((i & 0xfffff) == 0)
-            builder.progress(i, n);
-    }
-    return builder.finish(name);
-}
-
 tzPointCloud *readAny(const Bytes &bytes, const QString &format, const QString &name, QString &errorText,
                       const LoadOptions &options)
 {
     try {
         if (format == QLatin1String("ply"))
             return readPly(bytes, name, options);
-        if (format == QLatin1String("las"))
+        if (format == QLatin1String("las") || format == QLatin1String("laz"))
             return readLas(bytes, name, options);
         if (format == QLatin1String("pcd"))
             return readPcd(bytes, name, options);
@@ -474,8 +369,8 @@ tzPointCloud *load(const QString &path, QString &errorText, const LoadOptions &o
     QString format;
     if (suffix == QLatin1String("ply"))
         format = QStringLiteral("ply");
-    else if (suffix == QLatin1String("las"))
-        format = QStringLiteral("las");
+    else if (suffix == QLatin1String("las") || suffix == QLatin1String("laz"))
+        format = suffix;
     else if (suffix == QLatin1String("pcd") || textKinds().contains(suffix))
         format = suffix;
     else {

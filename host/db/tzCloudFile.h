@@ -1,7 +1,7 @@
 #pragma once
 
-// Point cloud files: PLY (ASCII, binary little and big endian), LAS 1.2 to 1.4 uncompressed
-// (point formats 0 to 3 and 6 to 8) and ASCII XYZ, each with optional RGB colours.
+// Point cloud files: PLY (ASCII, binary little and big endian), LAS 1.0 to 1.4 (every point
+// format) plain or compressed as LAZ, PCD and text clouds, each with optional RGB colours.
 //
 // Coordinates too large for floats (a national grid: X 650 000, Y 6 860 000) are shifted so that
 // the cloud's local floats keep millimetre precision; the shift is kept on the cloud
@@ -38,11 +38,11 @@ QTZ_DB_LIB_API TZVector3d suggestShift(const TZVector3d &p);
 
 //! The extensions of the clouds in text files: xyz, txt, asc, pts, csv, xyzrgb, xyzn.
 QTZ_DB_LIB_API const QStringList &textKinds();
-//! Reads the file by its extension (.ply, .las, .pcd, or one of the text kinds).
+//! Reads the file by its extension (.ply, .las, .laz, .pcd, or one of the text kinds).
 QTZ_DB_LIB_API tzPointCloud *load(const QString &path, QString &errorText,
                                   const LoadOptions &options = {});
-//! Reads a file's bytes of the given format ("ply", "las", "pcd", or a text kind such as "xyz"
-//! or "pts"); name is used in messages.
+//! Reads a file's bytes of the given format ("ply", "las", "laz", "pcd", or a text kind such as
+//! "xyz" or "pts"); name is used in messages.
 QTZ_DB_LIB_API tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format,
                                             const QString &name, QString &errorText,
                                             const LoadOptions &options = {});

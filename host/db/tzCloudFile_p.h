@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -36,6 +37,28 @@ struct Bytes
     const uchar *data = nullptr;
     size_t size = 0;
 };
+
+//! A value of a file's bytes (unaligned), byte-swapped when asked.
+template<typename T> T loadAs(const uchar *p, bool swap)
+{
+    uchar b[sizeof(T)];
+    std::memcpy(b, p, sizeof(T));
+    if (swap)
+        std::reverse(b, b + sizeof(T));
+    T v;
+    std::memcpy(&v, b, sizeof(T));
+    return v;
+}
+
+//! Sizes an array for n values, or fails saying that memory ran out.
+template<typename T> void allocate(std::vector<T> &values, size_t n)
+{
+    try {
+        values.resize(n);
+    } catch (const std::bad_alloc &) {
+        failWith(QStringLiteral("not enough memory for %1 points").arg(n));
+    }
+}
 
 // Collects the points, deciding the global shift on the first one (or from a header box).
 class CloudBuilder
@@ -78,6 +101,17 @@ public:
             throw Cancelled {};
     }
     size_t count() const { return m_points.size(); }
+    //! The global shift decided (zero until then).
+    const TZVector3d &shift() const { return m_shift; }
+
+    //! The cloud of points and colours made elsewhere (in the shift decided here).
+    tzPointCloud *finish(const QString &name, std::vector<TZVector3> &&points,
+                         std::vector<tzRgb> &&colors)
+    {
+        m_points = std::move(points);
+        m_colors = std::move(colors);
+        return finish(name);
+    }
 
     tzPointCloud *finish(const QString &name)
     {
@@ -132,6 +166,8 @@ inline const char *parseNumber(const char *p, const char *end, double &value)
 //! of a file that does not name them ("pts", "xyzrgb", "xyzn", ...).
 tzPointCloud *readText(const Bytes &in, const QString &name, const QString &kind,
                        const LoadOptions &options);
+//! LAS 1.0 to 1.4, plain or compressed (LAZ) (tzCloudLas.cpp).
+tzPointCloud *readLas(const Bytes &in, const QString &name, const LoadOptions &options);
 //! PCD, ascii and binary (tzCloudPcd.cpp).
 tzPointCloud *readPcd(const Bytes &in, const QString &name, const LoadOptions &options);
 

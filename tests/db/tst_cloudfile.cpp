@@ -255,13 +255,14 @@ void TestCloudFile::brokenFiles_data()
         << "las" << QByteArray("LASF") + QByteArray(50, '\0') << "header is truncated";
     {
         QByteArray b = makeLas(2, 0, {{1, 2, 3}});
-        b[104] = char(0x83);
-        QTest::newRow("las: compressed") << "las" << b << "compressed";
+        b[104] = char(0x80);
+        QTest::newRow("las: compressed without its VLR")
+            << "las" << b << "compressed but there is no laszip VLR";
     }
     {
         QByteArray b = makeLas(2, 0, {{1, 2, 3}});
-        b[104] = 4;
-        QTest::newRow("las: format 4") << "las" << b << "point data format 4 is not supported";
+        b[104] = 11;
+        QTest::newRow("las: format 11") << "las" << b << "point data format 11 is not supported";
     }
     QTest::newRow("las: truncated points")
         << "las" << makeLas(2, 1, {{1, 2, 3}, {4, 5, 6}}).chopped(10)

@@ -1,0 +1,430 @@
+// LAS 1.0 to 1.4, every point format (0 to 10; waveform packets are not read), plain or
+// compressed as LAZ.
+
+#include "tzCloudFile_p.h"
+#include "tzLazCodec.h"
+
+#include <QtGlobal>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+namespace tzCloudFile {
+namespace detail {
+
+namespace {
+
+struct LasHeader
+{
+    int major = 0, minor = 0;
+    quint16 headerSize = 0;
+    quint32 dataOffset = 0;
+    quint32 vlrCount = 0;
+    int format = 0;
+    bool compressed = false;
+    quint16 recordLength = 0;
+    quint64 count = 0;
+    double scale[3] = {}, offset[3] = {}, bbMin[3] = {}, bbMax[3] = {};
+    int rgbOffset = -1; // of the colours in a record, -1 without
+};
+
+// The shortest record of each point format, and where its colours are.
+constexpr int MIN_RECORD[] = {20, 28, 26, 34, 57, 63, 30, 36, 38, 59, 67};
+constexpr int RGB_OFFSET[] = {-1, -1, 20, 28, -1, 28, -1, 30, 30, -1, 30};
+
+LasHeader parseHeader(const Bytes &in)
+{
+    constexpr size_t MIN_HEADER = 227;
+    if (in.size < 4 || std::memcmp(in.data, "LASF", 4) != 0)
+        failWith(QStringLiteral("not a LAS file (no 'LASF' signature)"));
+    if (in.size < MIN_HEADER)
+        failWith(QStringLiteral("the LAS header is truncated"));
+    const uchar *h = in.data;
+    LasHeader header;
+    header.major = h[24];
+    header.minor = h[25];
+    if (header.major != 1 || header.minor > 4)
+        failWith(QStringLiteral("LAS version %1.%2 is not supported")
+                     .arg(header.major)
+                     .arg(header.minor));
+    header.headerSize = loadAs<quint16>(h + 94, false);
+    header.dataOffset = loadAs<quint32>(h + 96, false);
+    header.vlrCount = loadAs<quint32>(h + 100, false);
+    const quint8 formatByte = h[104];
+    header.recordLength = loadAs<quint16>(h + 105, false);
+    header.count = loadAs<quint32>(h + 107, false);
+    // Bit 7 marks LAZ; bit 6 was used the same way by an older compressor.
+    header.compressed = formatByte & 0xc0;
+    header.format = formatByte & 0x3f;
+    if (header.format > 10)
+        failWith(QStringLiteral("LAS point data format %1 is not supported").arg(header.format));
+    if (header.recordLength < MIN_RECORD[header.format])
+        failWith(QStringLiteral("LAS point record length %1 is too short for point format %2")
+                     .arg(header.recordLength)
+                     .arg(header.format));
+    header.rgbOffset = RGB_OFFSET[header.format];
+    if (header.minor >= 4 && header.headerSize >= 375 && in.size >= 255) {
+        const quint64 extended = loadAs<quint64>(h + 247, false);
+        if (header.count == 0 || extended > header.count)
+            header.count = extended;
+    }
+    if (header.headerSize < MIN_HEADER || header.dataOffset < header.headerSize
+        || header.dataOffset > in.size)
+        failWith(QStringLiteral("the LAS header gives an impossible point data offset %1")
+                     .arg(header.dataOffset));
+    for (int d = 0; d < 3; ++d) {
+        header.scale[d] = loadAs<double>(h + 131 + 8 * d, false);
+        header.offset[d] = loadAs<double>(h + 155 + 8 * d, false);
+        header.bbMax[d] = loadAs<double>(h + 179 + 16 * d, false);
+        header.bbMin[d] = loadAs<double>(h + 187 + 16 * d, false);
+        if (!(header.scale[d] != 0) || !std::isfinite(header.scale[d])
+            || !std::isfinite(header.offset[d]))
+            failWith(QStringLiteral("the LAS header has an invalid scale or offset"));
+    }
+    return header;
+}
+
+//! The global shift of the cloud: from the header's box when it is sane and holds the first
+//! point, else from the first point (some writers fill the box with unscaled or stale values).
+void decideShift(CloudBuilder &builder, const LasHeader &header, const uchar *firstRecord)
+{
+    TZVector3d centre, first;
+    bool boxValid = true;
+    for (int d = 0; d < 3; ++d) {
+        first[d] = loadAs<qint32>(firstRecord + 4 * d, false) * header.scale[d] + header.offset[d];
+        centre[d] = (header.bbMin[d] + header.bbMax[d]) / 2;
+        const double margin = 1.0 + std::abs(header.scale[d]);
+        boxValid = boxValid && std::isfinite(centre[d]) && header.bbMin[d] <= header.bbMax[d]
+            && first[d] >= header.bbMin[d] - margin && first[d] <= header.bbMax[d] + margin;
+    }
+    builder.decideShift(boxValid ? centre : first);
+}
+
+//! Turns records into the cloud's local points (and 8-bit colours, the high bytes of 16-bit
+//! values, or the values themselves where the file put 8-bit values in the 16-bit fields).
+struct RecordConverter
+{
+    const LasHeader &header;
+    TZVector3d shift;
+
+    void points(const uchar *records, size_t count, TZVector3 *out) const
+    {
+        const size_t length = header.recordLength;
+        for (size_t i = 0; i < count; ++i) {
+            const uchar *rec = records + i * length;
+            for (int d = 0; d < 3; ++d) {
+                out[i][d] = float(loadAs<qint32>(rec + 4 * d, false) * header.scale[d]
+                                  + header.offset[d] + shift[d]);
+            }
+        }
+    }
+    //! Whether a colour value of these records does not fit in 8 bits.
+    bool wideColours(const uchar *records, size_t count) const
+    {
+        for (size_t i = 0; i < count; ++i) {
+            const uchar *c = records + i * header.recordLength + header.rgbOffset;
+            for (int k = 0; k < 3; ++k) {
+                if (loadAs<quint16>(c + 2 * k, false) > 255)
+                    return true;
+            }
+        }
+        return false;
+    }
+    void colours(const uchar *records, size_t count, bool wide, tzRgb *out) const
+    {
+        const int shift = wide ? 8 : 0;
+        for (size_t i = 0; i < count; ++i) {
+            const uchar *c = records + i * header.recordLength + header.rgbOffset;
+            out[i] = {quint8(loadAs<quint16>(c, false) >> shift),
+                      quint8(loadAs<quint16>(c + 2, false) >> shift),
+                      quint8(loadAs<quint16>(c + 4, false) >> shift)};
+        }
+    }
+};
+
+tzPointCloud *readPlain(const Bytes &in, const LasHeader &header, const QString &name,
+                        const LoadOptions &options)
+{
+    if (header.count > 0xffffffffull
+        || (in.size - header.dataOffset) / header.recordLength < header.count)
+        failWith(QStringLiteral("the file is truncated: %1 points announced, data for %2")
+                     .arg(header.count)
+                     .arg((in.size - header.dataOffset) / header.recordLength));
+    const size_t n = size_t(header.count);
+    const uchar *data = in.data + header.dataOffset;
+    CloudBuilder builder(options);
+    if (n > 0)
+        decideShift(builder, header, data);
+    const RecordConverter convert {header, builder.shift()};
+    std::vector<TZVector3> points;
+    std::vector<tzRgb> colours;
+    allocate(points, n);
+    const bool withColours = header.rgbOffset >= 0;
+    if (withColours)
+        allocate(colours, n);
+    const bool wide = withColours && convert.wideColours(data, n);
+    constexpr size_t STEP = 1 << 20;
+    for (size_t done = 0; done < n; done += STEP) {
+        const size_t count = std::min(STEP, n - done);
+        const uchar *records = data + done * header.recordLength;
+        convert.points(records, count, points.data() + done);
+        if (withColours)
+            convert.colours(records, count, wide, colours.data() + done);
+        builder.progress(done + count, n);
+    }
+    return builder.finish(name, std::move(points), std::move(colours));
+}
+
+// ---------------------------------------------------------------- LAZ
+
+tzLaz::Description lazDescription(const Bytes &in, const LasHeader &header)
+{
+    size_t at = header.headerSize;
+    for (quint32 i = 0; i < header.vlrCount; ++i) {
+        if (at + 54 > header.dataOffset)
+            failWith(QStringLiteral("VLR %1 of %2 runs past the point data")
+                         .arg(i + 1)
+                         .arg(header.vlrCount));
+        const uchar *vlr = in.data + at;
+        const quint16 length = loadAs<quint16>(vlr + 20, false);
+        const QByteArray user(reinterpret_cast<const char *>(vlr + 2),
+                              int(qstrnlen(reinterpret_cast<const char *>(vlr + 2), 16)));
+        if (user == "laszip encoded"
+            && loadAs<quint16>(vlr + 18, false) == tzLaz::Description::RECORD_ID) {
+            if (at + 54 + length > header.dataOffset)
+                failWith(QStringLiteral("the laszip VLR runs past the point data"));
+            tzLaz::Description description;
+            std::string error;
+            if (!tzLaz::parseDescription(vlr + 54, length, description, error))
+                failWith(QString::fromStdString(error));
+            return description;
+        }
+        at += 54 + length;
+    }
+    failWith(QStringLiteral("the point data is compressed but there is no laszip VLR"));
+}
+
+// Decodes the chunks on every core into the cloud's arrays: each worker takes the next chunk,
+// decodes it into a buffer of its own and converts it where its points go. Memory: the cloud
+// plus one decoded chunk per worker.
+class LazDecoding
+{
+public:
+    LazDecoding(const Bytes &in, const LasHeader &header, const tzLaz::Description &description,
+                const RecordConverter &convert, std::vector<tzLaz::Chunk> chunks, TZVector3 *points,
+                tzRgb *colours)
+        : m_in(in)
+        , m_header(header)
+        , m_description(description)
+        , m_convert(convert)
+        , m_chunks(std::move(chunks))
+        , m_points(points)
+        , m_colours(colours)
+        , m_wideChunk(m_chunks.size(), 0)
+    {
+        size_t first = 0;
+        for (const tzLaz::Chunk &chunk : m_chunks) {
+            m_firstPoint.push_back(first);
+            first += chunk.points;
+        }
+    }
+
+    //! Runs the workers; progress is told from this thread, which may cancel.
+    void run(unsigned threads, CloudBuilder &builder, size_t total)
+    {
+        std::vector<std::thread> workers;
+        for (unsigned t = 0; t < threads; ++t)
+            workers.emplace_back([this] { work(); });
+        bool cancelled = false;
+        while (true) {
+            {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                m_changed.wait_for(lock, std::chrono::milliseconds(50),
+                                   [&] { return m_finished == threads; });
+                if (m_finished == threads)
+                    break;
+            }
+            try {
+                builder.progress(m_pointsDone.load(), total);
+            } catch (const Cancelled &) {
+                cancelled = true;
+                m_stop = true;
+            }
+        }
+        for (std::thread &worker : workers)
+            worker.join();
+        if (cancelled)
+            throw Cancelled {};
+        if (!m_error.isEmpty())
+            failWith(m_error);
+    }
+
+    //! Whether a chunk's colours did not fit in 8 bits (they were then kept as high bytes).
+    bool wide() const
+    {
+        return std::any_of(m_wideChunk.begin(), m_wideChunk.end(), [](char w) { return w != 0; });
+    }
+    //! In a file of 16-bit colours, the chunks whose values all fit in 8 bits kept them as
+    //! they were: their high bytes are zeros.
+    void narrowColoursOfNarrowChunks()
+    {
+        for (size_t c = 0; c < m_chunks.size(); ++c) {
+            if (!m_wideChunk[c])
+                std::fill_n(m_colours + m_firstPoint[c], m_chunks[c].points, tzRgb {0, 0, 0});
+        }
+    }
+
+private:
+    void work()
+    {
+        tzLaz::ChunkDecoder decoder(m_description);
+        std::vector<uchar> records;
+        std::string error;
+        for (size_t c = m_next++; c < m_chunks.size() && !m_stop; c = m_next++) {
+            const tzLaz::Chunk &chunk = m_chunks[c];
+            try {
+                records.resize(size_t(chunk.points) * m_header.recordLength);
+            } catch (const std::bad_alloc &) {
+                stopWith(QStringLiteral("not enough memory to decode a chunk of %1 points")
+                             .arg(chunk.points));
+                break;
+            }
+            size_t consumed = 0;
+            if (!decoder.decode(m_in.data + chunk.offset, size_t(chunk.bytes), chunk.points,
+                                records.data(), consumed, error)) {
+                stopWith(QStringLiteral("chunk %1 of %2 at byte %3: %4")
+                             .arg(c + 1)
+                             .arg(m_chunks.size())
+                             .arg(chunk.offset)
+                             .arg(QString::fromStdString(error)));
+                break;
+            }
+            m_convert.points(records.data(), chunk.points, m_points + m_firstPoint[c]);
+            if (m_colours) {
+                const bool wide = m_convert.wideColours(records.data(), chunk.points);
+                m_wideChunk[c] = wide;
+                m_convert.colours(records.data(), chunk.points, wide, m_colours + m_firstPoint[c]);
+            }
+            m_pointsDone += chunk.points;
+        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_finished;
+        m_changed.notify_all();
+    }
+    void stopWith(const QString &error)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_error.isEmpty())
+            m_error = error;
+        m_stop = true;
+    }
+
+    const Bytes &m_in;
+    const LasHeader &m_header;
+    const tzLaz::Description &m_description;
+    const RecordConverter &m_convert;
+    const std::vector<tzLaz::Chunk> m_chunks;
+    std::vector<size_t> m_firstPoint;
+    TZVector3 *m_points;
+    tzRgb *m_colours;
+    std::vector<char> m_wideChunk;
+    std::atomic<size_t> m_next {0};
+    std::atomic<size_t> m_pointsDone {0};
+    std::atomic<bool> m_stop {false};
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    unsigned m_finished = 0; // under m_mutex
+    QString m_error; // under m_mutex
+};
+
+//! The chunks found one after the other, when there is no chunk table to say where they are:
+//! each starts where the decoder of the one before stopped.
+std::vector<tzLaz::Chunk> chunksInSequence(const Bytes &in, const LasHeader &header,
+                                           const tzLaz::Description &description)
+{
+    if (description.chunkSize == tzLaz::Description::VARIABLE_CHUNK_SIZE)
+        failWith(QStringLiteral("the chunk table is needed (chunks of varying size) and unusable"));
+    std::vector<tzLaz::Chunk> chunks;
+    tzLaz::ChunkDecoder decoder(description);
+    std::vector<uchar> records;
+    quint64 offset = quint64(header.dataOffset) + 8, remaining = header.count;
+    std::string error;
+    while (remaining > 0) {
+        const quint32 points = quint32(std::min<quint64>(description.chunkSize, remaining));
+        if (offset >= in.size)
+            failWith(QStringLiteral("the point data ends after %1 of %2 points")
+                         .arg(header.count - remaining)
+                         .arg(header.count));
+        records.resize(size_t(points) * header.recordLength);
+        size_t consumed = 0;
+        if (!decoder.decode(in.data + offset, size_t(in.size - offset), points, records.data(),
+                            consumed, error))
+            failWith(QStringLiteral("chunk %1 at byte %2: %3")
+                         .arg(chunks.size() + 1)
+                         .arg(offset)
+                         .arg(QString::fromStdString(error)));
+        chunks.push_back({offset, consumed, points});
+        offset += consumed;
+        remaining -= points;
+    }
+    return chunks;
+}
+
+tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QString &name,
+                             const LoadOptions &options)
+{
+    const tzLaz::Description description = lazDescription(in, header);
+    if (description.recordLength() != header.recordLength)
+        failWith(
+            QStringLiteral("the laszip VLR's items make records of %1 bytes, the header says %2")
+                .arg(description.recordLength())
+                .arg(header.recordLength));
+    if (header.count > 0xffffffffull)
+        failWith(QStringLiteral("%1 points are more than a cloud holds").arg(header.count));
+    const size_t n = size_t(header.count);
+    std::vector<tzLaz::Chunk> chunks;
+    std::string tableError;
+    if (n > 0
+        && !tzLaz::readChunkTable(in.data, in.size, header.dataOffset, header.count, description,
+                                  chunks, tableError)) {
+        // Read one after the other instead (the decoder finds where each ends).
+        chunks = chunksInSequence(in, header, description);
+    }
+    CloudBuilder builder(options);
+    if (n > 0) {
+        if (header.dataOffset + 8 + header.recordLength > in.size)
+            failWith(QStringLiteral("the point data is truncated"));
+        decideShift(builder, header, in.data + header.dataOffset + 8);
+    }
+    const RecordConverter convert {header, builder.shift()};
+    std::vector<TZVector3> points;
+    std::vector<tzRgb> colours;
+    allocate(points, n);
+    if (header.rgbOffset >= 0)
+        allocate(colours, n);
+    LazDecoding decoding(in, header, description, convert, std::move(chunks), points.data(),
+                         colours.empty() ? nullptr : colours.data());
+    const unsigned threads = std::max(1u,
+                                      std::min<unsigned>(std::thread::hardware_concurrency(),
+                                                         unsigned(std::max<size_t>(1, n / 50000))));
+    decoding.run(threads, builder, n);
+    if (!colours.empty() && decoding.wide())
+        decoding.narrowColoursOfNarrowChunks();
+    return builder.finish(name, std::move(points), std::move(colours));
+}
+
+} // namespace
+
+tzPointCloud *readLas(const Bytes &in, const QString &name, const LoadOptions &options)
+{
+    const LasHeader header = parseHeader(in);
+    return header.compressed ? readCompressed(in, header, name, options)
+                             : readPlain(in, header, name, options);
+}
+
+} // namespace detail
+} // namespace tzCloudFile

@@ -1,0 +1,293 @@
+// LAS and LAZ files written by another library: every point format opens with its points; each
+// LAZ decodes to exactly the point records of its LAS twin and opens as the same cloud; a
+// damaged one is refused with its problem named.
+
+#include "tzCloudFile.h"
+#include "tzLazCodec.h"
+#include "tzPointCloud.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <cstring>
+#include <memory>
+
+namespace {
+
+QString data(const char *name)
+{
+    return QStringLiteral(TESSARO_TEST_DATA "/las/") + QLatin1String(name);
+}
+
+QByteArray bytesOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+template<typename T> T at(const QByteArray &b, int offset)
+{
+    T v;
+    std::memcpy(&v, b.constData() + offset, sizeof v);
+    return v;
+}
+
+// The point records of a LAS file, as they are stored.
+QByteArray lasRecords(const QByteArray &las)
+{
+    const quint32 offset = at<quint32>(las, 96);
+    const quint16 length = at<quint16>(las, 105);
+    quint64 count = at<quint32>(las, 107);
+    if (las[25] == 4 && count == 0)
+        count = at<quint64>(las, 247);
+    return las.mid(int(offset), int(count * length));
+}
+
+// The description of a LAZ file's laszip VLR.
+bool describe(const QByteArray &laz, tzLaz::Description &description, std::string &error)
+{
+    int vlr = at<quint16>(laz, 94);
+    for (quint32 i = 0; i < at<quint32>(laz, 100); ++i) {
+        const quint16 length = at<quint16>(laz, vlr + 20);
+        if (laz.mid(vlr + 2, 14) == "laszip encoded")
+            return tzLaz::parseDescription(reinterpret_cast<const uchar *>(laz.constData()) + vlr
+                                               + 54,
+                                           length, description, error);
+        vlr += 54 + length;
+    }
+    error = "no laszip VLR";
+    return false;
+}
+
+// Every record of a LAZ file, chunk after chunk, through the codec's own entry points.
+QByteArray lazRecords(const QByteArray &laz, QString &problem)
+{
+    tzLaz::Description description;
+    std::string error;
+    if (!describe(laz, description, error)) {
+        problem = QString::fromStdString(error);
+        return {};
+    }
+    const auto *file = reinterpret_cast<const uchar *>(laz.constData());
+    quint64 count = at<quint32>(laz, 107);
+    if (laz[25] == 4 && count == 0)
+        count = at<quint64>(laz, 247);
+    std::vector<tzLaz::Chunk> chunks;
+    if (!tzLaz::readChunkTable(file, size_t(laz.size()), at<quint32>(laz, 96), count, description,
+                               chunks, error)) {
+        problem = QString::fromStdString(error);
+        return {};
+    }
+    QByteArray records;
+    tzLaz::ChunkDecoder decoder(description);
+    for (const tzLaz::Chunk &chunk : chunks) {
+        QByteArray out(int(chunk.points * description.recordLength()), '\0');
+        size_t consumed = 0;
+        if (!decoder.decode(file + chunk.offset, size_t(chunk.bytes), chunk.points,
+                            reinterpret_cast<uchar *>(out.data()), consumed, error)) {
+            problem = QString::fromStdString(error);
+            return {};
+        }
+        if (consumed != chunk.bytes) {
+            problem = QStringLiteral("a chunk of %1 bytes took %2").arg(chunk.bytes).arg(consumed);
+            return {};
+        }
+        records += out;
+    }
+    return records;
+}
+
+// The first record that differs, for a message that says where.
+QString firstDifference(const QByteArray &a, const QByteArray &b, int recordLength)
+{
+    if (a.size() != b.size())
+        return QStringLiteral("%1 bytes against %2").arg(a.size()).arg(b.size());
+    for (int i = 0; i < a.size(); ++i) {
+        if (a[i] != b[i])
+            return QStringLiteral("record %1, byte %2").arg(i / recordLength).arg(i % recordLength);
+    }
+    return QString();
+}
+
+std::unique_ptr<tzPointCloud> open(const QString &path, QString &error)
+{
+    return std::unique_ptr<tzPointCloud>(tzCloudFile::load(path, error));
+}
+
+QString writeBytes(const QTemporaryDir &dir, const char *name, const QByteArray &bytes)
+{
+    QFile file(dir.filePath(QLatin1String(name)));
+    file.open(QIODevice::WriteOnly);
+    file.write(bytes);
+    return file.fileName();
+}
+
+} // namespace
+
+class TestLaz : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void everyLasFileOpens_data();
+    void everyLasFileOpens();
+    void recordsAreTheLasTwins_data();
+    void recordsAreTheLasTwins();
+    void opensAsTheSameCloudAsItsTwin_data();
+    void opensAsTheSameCloudAsItsTwin();
+    void chunkTableMissingOrUnusable_data();
+    void chunkTableMissingOrUnusable();
+    void damagedFilesAreRefused_data();
+    void damagedFilesAreRefused();
+};
+
+void TestLaz::everyLasFileOpens_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<unsigned>("points");
+    QTest::addColumn<bool>("colours");
+    QTest::newRow("1.2, format 1, no RGB") << data("autzen.las") << 106u << false;
+    QTest::newRow("1.2, format 3") << data("simple.las") << 1065u << true;
+    QTest::newRow("1.3, format 4, waveform packets") << data("simple1_3.las") << 999u << false;
+    QTest::newRow("1.4, format 6") << data("test1_4.las") << 1000u << false;
+    QTest::newRow("1.4, format 6, extended VLRs, 64-bit count")
+        << data("1_4_w_evlr.las") << 1000u << false;
+    QTest::newRow("1.4, format 7, 16-bit RGB") << data("simple1_4.las") << 22600u << true;
+    QTest::newRow("1.4, format 3, extra bytes") << data("extrabytes.las") << 1065u << true;
+}
+
+void TestLaz::everyLasFileOpens()
+{
+    QFETCH(QString, path);
+    QFETCH(unsigned, points);
+    QFETCH(bool, colours);
+    QString error;
+    const auto cloud = open(path, error);
+    QVERIFY2(cloud, qPrintable(error));
+    QCOMPARE(cloud->size(), points);
+    QCOMPARE(cloud->hasColors(), colours);
+    // The first record's coordinates, in the file's own frame.
+    const QByteArray las = bytesOf(path);
+    const QByteArray first = lasRecords(las).left(12);
+    for (int d = 0; d < 3; ++d) {
+        const double expected = at<qint32>(first, 4 * d) * at<double>(las, 131 + 8 * d)
+            + at<double>(las, 155 + 8 * d);
+        QVERIFY(std::abs((*cloud->getPoint(0))[d] - cloud->getGlobalShift()[d] - expected) < 1e-2);
+    }
+}
+
+void TestLaz::recordsAreTheLasTwins_data()
+{
+    QTest::addColumn<QString>("laz");
+    QTest::addColumn<QString>("las");
+    QTest::newRow("format 3, RGB in 8 bits") << data("simple.laz") << data("simple.las");
+    QTest::newRow("format 3 with 27 extra bytes") << data("extra.laz") << data("extrabytes.las");
+}
+
+void TestLaz::recordsAreTheLasTwins()
+{
+    QFETCH(QString, laz);
+    QFETCH(QString, las);
+    const QByteArray lazBytes = bytesOf(laz), lasBytes = bytesOf(las);
+    QVERIFY(!lazBytes.isEmpty() && !lasBytes.isEmpty());
+    QString problem;
+    const QByteArray decoded = lazRecords(lazBytes, problem);
+    QVERIFY2(problem.isEmpty(), qPrintable(problem));
+    const QByteArray expected = lasRecords(lasBytes);
+    QVERIFY(!expected.isEmpty());
+    const QString where = firstDifference(decoded, expected, at<quint16>(lasBytes, 105));
+    QVERIFY2(where.isEmpty(), qPrintable(where));
+}
+
+void TestLaz::opensAsTheSameCloudAsItsTwin_data()
+{
+    recordsAreTheLasTwins_data();
+}
+
+void TestLaz::opensAsTheSameCloudAsItsTwin()
+{
+    QFETCH(QString, laz);
+    QFETCH(QString, las);
+    QString error;
+    const auto fromLaz = open(laz, error);
+    QVERIFY2(fromLaz, qPrintable(error));
+    const auto fromLas = open(las, error);
+    QVERIFY2(fromLas, qPrintable(error));
+    QCOMPARE(fromLaz->size(), fromLas->size());
+    QCOMPARE(fromLaz->getGlobalShift(), fromLas->getGlobalShift());
+    QCOMPARE(fromLaz->hasColors(), fromLas->hasColors());
+    for (unsigned i = 0; i < fromLas->size(); ++i) {
+        QCOMPARE(*fromLaz->getPoint(i), *fromLas->getPoint(i));
+        if (fromLas->hasColors())
+            QVERIFY(fromLaz->getPointColor(i) == fromLas->getPointColor(i));
+    }
+}
+
+void TestLaz::chunkTableMissingOrUnusable_data()
+{
+    QTest::addColumn<int>("tableOffset"); // written at the start of the point data
+    QTest::newRow("never written (the compressor stopped)") << 0;
+    QTest::newRow("past the end of the file") << 1;
+    QTest::newRow("written at the end instead (-1)") << -1;
+}
+
+void TestLaz::chunkTableMissingOrUnusable()
+{
+    // Read in sequence instead: the same points.
+    QFETCH(int, tableOffset);
+    QByteArray laz = bytesOf(data("simple.laz"));
+    const quint32 pointData = at<quint32>(laz, 96);
+    const qint64 real = at<qint64>(laz, int(pointData));
+    qint64 written
+        = tableOffset == 0 ? qint64(pointData) : (tableOffset == 1 ? laz.size() + 100 : -1);
+    std::memcpy(laz.data() + pointData, &written, 8);
+    if (tableOffset == -1)
+        laz.append(reinterpret_cast<const char *>(&real), 8);
+    QTemporaryDir dir;
+    QString error;
+    const auto cloud = open(writeBytes(dir, "survey.laz", laz), error);
+    QVERIFY2(cloud, qPrintable(error));
+    const auto twin = open(data("simple.las"), error);
+    QCOMPARE(cloud->size(), twin->size());
+    QCOMPARE(*cloud->getPoint(cloud->size() - 1), *twin->getPoint(twin->size() - 1));
+}
+
+void TestLaz::damagedFilesAreRefused_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QString>("problem");
+    const QByteArray laz = bytesOf(data("simple.laz"));
+    const quint32 pointData = at<quint32>(laz, 96);
+    QTest::newRow("truncated in the header") << laz.left(100) << "the LAS header is truncated";
+    QTest::newRow("truncated in the points") << laz.left(int(pointData) + 2000) << "chunk 1";
+    QByteArray corrupt = laz;
+    for (int i = int(pointData) + 400; i < int(pointData) + 1400; ++i)
+        corrupt[i] = char(0xff);
+    QTest::newRow("a chunk overwritten") << corrupt << "chunk 1";
+    QByteArray unknown = laz;
+    int vlr = at<quint16>(laz, 94);
+    while (laz.mid(vlr + 2, 14) != "laszip encoded")
+        vlr += 54 + at<quint16>(laz, vlr + 20);
+    unknown[vlr + 54 + 34] = 42; // the first item's type
+    QTest::newRow("an unknown item") << unknown << "LAZ item 'unknown' (type 42";
+    QByteArray wrongLength = laz;
+    wrongLength[105] = 40;
+    QTest::newRow("records of another length")
+        << wrongLength << "records of 34 bytes, the header says 40";
+}
+
+void TestLaz::damagedFilesAreRefused()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(QString, problem);
+    QTemporaryDir dir;
+    const QString path = writeBytes(dir, "damaged.laz", bytes);
+    QString error;
+    QVERIFY(!open(path, error));
+    QVERIFY2(error.startsWith(QLatin1Char('\'') + path + QLatin1Char('\'')), qPrintable(error));
+    QVERIFY2(error.contains(problem), qPrintable(error));
+}
+
+QTEST_MAIN(TestLaz)
+#include "tst_laz.moc"
