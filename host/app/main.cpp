@@ -1,11 +1,13 @@
 // tessaro: the point-cloud viewer.
 //
 //   tessaro [--auto-shift] [--oblique] [--action <name>] [--screenshot <png>] [files...]
+//   tessaro --convert IN OUT [--chunk-size N]     (LAS and LAZ, by extension; no window)
 //
-// Opens the clouds (PLY, LAS, PCD, text) and scenes (.tzs) given, and loads the plug-ins found in
-// plugins/ beside the executable (lib/tessaro/plugins/ once installed) and in the folders of
+// Opens the clouds (PLY, LAS, LAZ, PCD, text) and scenes (.tzs) given, and loads the plug-ins found
+// in plugins/ beside the executable (lib/tessaro/plugins/ once installed) and in the folders of
 // TESSARO_PLUGIN_PATH.
 
+#include "tzCloudFile.h"
 #include "tzGLWindow.h"
 #include "tzMainWindow.h"
 #include "tzPointCloud.h"
@@ -19,10 +21,58 @@
 #include <QTimer>
 #include <QToolBar>
 
+#include <cstdio>
+#include <cstring>
 #include <memory>
+
+namespace {
+
+// tessaro --convert IN OUT [--chunk-size N]: no window, no display needed.
+int convertFiles(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral("Converts a point cloud file to another "
+                                                    "format, by the output's extension."));
+    parser.addHelpOption();
+    QCommandLineOption convert(QStringLiteral("convert"), QStringLiteral("Convert IN to OUT."));
+    parser.addOption(convert);
+    QCommandLineOption chunkSize(QStringLiteral("chunk-size"),
+                                 QStringLiteral("Points per chunk of a LAZ output (50000)."),
+                                 QStringLiteral("n"), QStringLiteral("50000"));
+    parser.addOption(chunkSize);
+    parser.addPositionalArgument(QStringLiteral("in"), QStringLiteral("The file to convert."));
+    parser.addPositionalArgument(QStringLiteral("out"), QStringLiteral("The file to write."));
+    parser.process(app);
+    const QStringList files = parser.positionalArguments();
+    if (files.size() != 2) {
+        std::fprintf(stderr, "tessaro --convert: give the file to convert and the file to write\n");
+        return 2;
+    }
+    bool ok = false;
+    const uint chunk = parser.value(chunkSize).toUInt(&ok);
+    if (!ok || chunk == 0) {
+        std::fprintf(stderr, "tessaro --convert: '%s' is not a chunk size (a number of points)\n",
+                     qPrintable(parser.value(chunkSize)));
+        return 2;
+    }
+    QString error;
+    if (!tzCloudFile::convert(files[0], files[1], error, chunk)) {
+        std::fprintf(stderr, "tessaro --convert: %s\n", qPrintable(error));
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
 
 int main(int argc, char **argv)
 {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--convert") == 0)
+            return convertFiles(argc, argv);
+    }
+
     // The GL format must be the default before any widget exists.
     QSurfaceFormat::setDefaultFormat(tzGLWindow::defaultFormat());
     QApplication::setAttribute(Qt::AA_ShareOpenGLContexts);

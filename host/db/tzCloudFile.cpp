@@ -5,6 +5,7 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QSaveFile>
 
 #include <algorithm>
 #include <charconv>
@@ -360,6 +361,70 @@ tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format, con
 {
     const Bytes view{reinterpret_cast<const uchar *>(bytes.constData()), size_t(bytes.size())};
     return readAny(view, format, name, errorText, options);
+}
+
+bool convert(const QString &inPath, const QString &outPath, QString &errorText, quint32 chunkSize,
+             const LoadOptions &options)
+{
+    const QString inKind = QFileInfo(inPath).suffix().toLower();
+    const QString outKind = QFileInfo(outPath).suffix().toLower();
+    const auto lasKind = [](const QString &kind) {
+        return kind == QLatin1String("las") || kind == QLatin1String("laz");
+    };
+    if (!lasKind(inKind) || !lasKind(outKind)) {
+        errorText
+            = QStringLiteral("'%1': only LAS and LAZ convert to each other (not '.%2' to '.%3')")
+                  .arg(lasKind(inKind) ? outPath : inPath, inKind, outKind);
+        return false;
+    }
+    if (QFileInfo(inPath).absoluteFilePath() == QFileInfo(outPath).absoluteFilePath()) {
+        errorText = QStringLiteral("'%1': the output would overwrite the input").arg(outPath);
+        return false;
+    }
+    QFile in(inPath);
+    if (!in.open(QIODevice::ReadOnly)) {
+        errorText = QStringLiteral("'%1': cannot open (%2)").arg(inPath, in.errorString());
+        return false;
+    }
+    Bytes bytes;
+    QByteArray copy;
+    if (in.size() > 0) {
+        bytes.data = in.map(0, in.size());
+        bytes.size = size_t(in.size());
+        if (!bytes.data) {
+            copy = in.readAll();
+            bytes.data = reinterpret_cast<const uchar *>(copy.constData());
+            bytes.size = size_t(copy.size());
+        }
+    }
+    // Written beside the output and put in its place at the end: a failure leaves nothing.
+    QSaveFile out(outPath);
+    if (!out.open(QIODevice::WriteOnly)) {
+        errorText = QStringLiteral("'%1': cannot write (%2)").arg(outPath, out.errorString());
+        return false;
+    }
+    QString failure, culprit = inPath;
+    try {
+        convertLas(bytes, outKind == QLatin1String("laz"), chunkSize, out, options);
+    } catch (const ReadFailure &f) {
+        failure = f.reason;
+        if (f.reason.startsWith(QLatin1String("cannot write")))
+            culprit = outPath;
+    } catch (const Cancelled &) {
+        failure = QStringLiteral("conversion cancelled");
+    } catch (const std::bad_alloc &) {
+        failure = QStringLiteral("not enough memory");
+    }
+    if (!failure.isEmpty()) {
+        out.cancelWriting();
+        errorText = QStringLiteral("'%1': %2").arg(culprit, failure);
+        return false;
+    }
+    if (!out.commit()) {
+        errorText = QStringLiteral("'%1': cannot write (%2)").arg(outPath, out.errorString());
+        return false;
+    }
+    return true;
 }
 
 tzPointCloud *load(const QString &path, QString &errorText, const LoadOptions &options)

@@ -47,4 +47,11 @@ QTZ_DB_LIB_API tzPointCloud *loadFromMemory(const QByteArray &bytes, const QStri
                                             const QString &name, QString &errorText,
                                             const LoadOptions &options = {});
 
+//! Converts a LAS or LAZ file to LAS or LAZ (by the output's extension) without going through
+//! a cloud: the header, the VLRs and every point record come out as they went in (the LAZ
+//! description added or taken away). LAZ is written in chunks of chunkSize points (0: 50,000).
+//! Nothing is left at outPath when it fails; errorText names the file and the problem.
+QTZ_DB_LIB_API bool convert(const QString &inPath, const QString &outPath, QString &errorText,
+                            quint32 chunkSize = 0, const LoadOptions &options = {});
+
 } // namespace tzCloudFile

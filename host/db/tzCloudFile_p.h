@@ -6,6 +6,7 @@
 #include "tzCloudFile.h"
 #include "tzPointCloud.h"
 
+#include <QIODevice>
 #include <QString>
 
 #include <algorithm>
@@ -168,6 +169,10 @@ tzPointCloud *readText(const Bytes &in, const QString &name, const QString &kind
                        const LoadOptions &options);
 //! LAS 1.0 to 1.4, plain or compressed (LAZ) (tzCloudLas.cpp).
 tzPointCloud *readLas(const Bytes &in, const QString &name, const LoadOptions &options);
+//! Copies a LAS or LAZ file's header, VLRs and point records to out as LAS (toLaz false) or
+//! LAZ (chunks of chunkSize points, 0: the usual), the records byte for byte (tzCloudLas.cpp).
+void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
+                const LoadOptions &options);
 //! PCD, ascii and binary (tzCloudPcd.cpp).
 tzPointCloud *readPcd(const Bytes &in, const QString &name, const LoadOptions &options);
 

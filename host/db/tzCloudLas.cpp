@@ -406,18 +406,228 @@ tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QSt
     allocate(points, n);
     if (header.rgbOffset >= 0)
         allocate(colours, n);
+    const unsigned threads = unsigned(std::max<size_t>(
+        1, std::min<size_t>(std::max(1u, std::thread::hardware_concurrency()), chunks.size())));
     LazDecoding decoding(in, header, description, convert, std::move(chunks), points.data(),
                          colours.empty() ? nullptr : colours.data());
-    const unsigned threads = std::max(1u,
-                                      std::min<unsigned>(std::thread::hardware_concurrency(),
-                                                         unsigned(std::max<size_t>(1, n / 50000))));
     decoding.run(threads, builder, n);
     if (!colours.empty() && decoding.wide())
         decoding.narrowColoursOfNarrowChunks();
     return builder.finish(name, std::move(points), std::move(colours));
 }
 
+// ---------------------------------------------------------------- conversion
+
+//! Where the records of a LAS or LAZ file come from, chunk by chunk, as stored.
+class RecordSource
+{
+public:
+    RecordSource(const Bytes &in, const LasHeader &header)
+        : m_in(in)
+        , m_header(header)
+    {
+        if (!header.compressed) {
+            if ((in.size - header.dataOffset) / header.recordLength < header.count)
+                failWith(QStringLiteral("the file is truncated: %1 points announced, data for %2")
+                             .arg(header.count)
+                             .arg((in.size - header.dataOffset) / header.recordLength));
+            return;
+        }
+        m_description = lazDescription(in, header);
+        if (m_description.recordLength() != header.recordLength)
+            failWith(QStringLiteral(
+                         "the laszip VLR's items make records of %1 bytes, the header says %2")
+                         .arg(m_description.recordLength())
+                         .arg(header.recordLength));
+        std::string error;
+        if (header.count > 0
+            && !tzLaz::readChunkTable(in.data, in.size, header.dataOffset, header.count,
+                                      m_description, m_chunks, error))
+            m_chunks = chunksInSequence(in, header, m_description);
+        m_decoder = std::make_unique<tzLaz::ChunkDecoder>(m_description);
+    }
+
+    //! The next records (at least one while some remain; none at the end).
+    const uchar *next(size_t &count)
+    {
+        if (!m_header.compressed) {
+            count = size_t(std::min<quint64>(1u << 16, m_header.count - m_done));
+            const uchar *records = m_in.data + m_header.dataOffset + m_done * m_header.recordLength;
+            m_done += count;
+            return records;
+        }
+        if (m_chunk >= m_chunks.size()) {
+            count = 0;
+            return nullptr;
+        }
+        const tzLaz::Chunk &chunk = m_chunks[m_chunk];
+        allocate(m_records, size_t(chunk.points) * m_header.recordLength);
+        size_t consumed = 0;
+        std::string error;
+        if (!m_decoder->decode(m_in.data + chunk.offset, size_t(chunk.bytes), chunk.points,
+                               m_records.data(), consumed, error))
+            failWith(QStringLiteral("chunk %1 of %2 at byte %3: %4")
+                         .arg(m_chunk + 1)
+                         .arg(m_chunks.size())
+                         .arg(chunk.offset)
+                         .arg(QString::fromStdString(error)));
+        ++m_chunk;
+        m_done += chunk.points;
+        count = chunk.points;
+        return m_records.data();
+    }
+    quint64 done() const { return m_done; }
+    //! Where the point data ends (the chunk table included).
+    quint64 pointDataEnd() const
+    {
+        if (!m_header.compressed)
+            return m_header.dataOffset + m_header.count * m_header.recordLength;
+        return m_chunks.empty() ? m_header.dataOffset + 8
+                                : m_chunks.back().offset + m_chunks.back().bytes;
+    }
+
+private:
+    const Bytes &m_in;
+    const LasHeader &m_header;
+    tzLaz::Description m_description;
+    std::vector<tzLaz::Chunk> m_chunks;
+    std::unique_ptr<tzLaz::ChunkDecoder> m_decoder;
+    std::vector<uchar> m_records;
+    size_t m_chunk = 0;
+    quint64 m_done = 0;
+};
+
+template<typename T> void storeAt(QByteArray &bytes, int offset, T value)
+{
+    std::memcpy(bytes.data() + offset, &value, sizeof value);
+}
+
 } // namespace
+
+void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
+                const LoadOptions &options)
+{
+    const LasHeader header = parseHeader(in);
+    if (header.count > 0xffffffffull)
+        failWith(QStringLiteral("%1 points are more than this converter takes").arg(header.count));
+    const int minor = header.minor;
+    // The VLRs that stay: all but a laszip VLR.
+    QByteArray vlrs;
+    quint32 vlrCount = 0;
+    size_t at = header.headerSize;
+    for (quint32 i = 0; i < header.vlrCount; ++i) {
+        if (at + 54 > header.dataOffset)
+            failWith(QStringLiteral("VLR %1 of %2 runs past the point data")
+                         .arg(i + 1)
+                         .arg(header.vlrCount));
+        const quint16 length = loadAs<quint16>(in.data + at + 20, false);
+        if (at + 54 + length > header.dataOffset)
+            failWith(QStringLiteral("VLR %1 of %2 runs past the point data")
+                         .arg(i + 1)
+                         .arg(header.vlrCount));
+        const bool laszip = std::memcmp(in.data + at + 2, "laszip encoded", 14) == 0
+            && loadAs<quint16>(in.data + at + 18, false) == tzLaz::Description::RECORD_ID;
+        if (!laszip) {
+            vlrs.append(reinterpret_cast<const char *>(in.data + at), 54 + length);
+            ++vlrCount;
+        }
+        at += 54 + length;
+    }
+    // What lies between the VLRs and the points (some writers leave bytes there) stays too.
+    const QByteArray between(reinterpret_cast<const char *>(in.data + at),
+                             int(header.dataOffset - at));
+    tzLaz::Description description;
+    if (toLaz) {
+        std::string error;
+        if (!tzLaz::describeFormat(header.format, header.recordLength, chunkSize, description,
+                                   error))
+            failWith(QString::fromStdString(error));
+        const std::vector<uchar> payload = tzLaz::descriptionBytes(description);
+        QByteArray vlr(54, '\0');
+        std::memcpy(vlr.data() + 2, "laszip encoded", 14);
+        storeAt<quint16>(vlr, 18, tzLaz::Description::RECORD_ID);
+        storeAt<quint16>(vlr, 20, quint16(payload.size()));
+        std::memcpy(vlr.data() + 22, "Tessaro LAZ", 11);
+        vlr.append(reinterpret_cast<const char *>(payload.data()), int(payload.size()));
+        vlrs.append(vlr);
+        ++vlrCount;
+    }
+    QByteArray head(reinterpret_cast<const char *>(in.data), header.headerSize);
+    const quint32 dataOffset = quint32(header.headerSize + vlrs.size() + between.size());
+    storeAt<quint32>(head, 96, dataOffset);
+    storeAt<quint32>(head, 100, vlrCount);
+    head[104] = char(toLaz ? (header.format | 0x80) : header.format);
+
+    RecordSource source(in, header);
+    const auto write = [&out](const char *data, qint64 size) {
+        if (out.write(data, size) != size)
+            failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
+    };
+    const qint64 start = out.pos();
+    write(head.constData(), head.size());
+    write(vlrs.constData(), vlrs.size());
+    write(between.constData(), between.size());
+    std::vector<tzLaz::Chunk> chunks;
+    const qint64 tableOffsetAt = out.pos();
+    if (toLaz) {
+        const qint64 placeholder = -1;
+        write(reinterpret_cast<const char *>(&placeholder), 8);
+    }
+    // Records go out as they come in, in chunks of the output's size when it is LAZ.
+    tzLaz::ChunkEncoder encoder(description);
+    std::vector<uchar> pending, encoded;
+    const size_t length = header.recordLength;
+    const auto flush = [&](size_t points) {
+        encoded.clear();
+        encoder.encode(pending.data(), quint32(points), encoded);
+        chunks.push_back({quint64(out.pos() - start), encoded.size(), quint32(points)});
+        write(reinterpret_cast<const char *>(encoded.data()), qint64(encoded.size()));
+        pending.erase(pending.begin(), pending.begin() + qint64(points * length));
+    };
+    CloudBuilder progress(options);
+    for (size_t count = 0;;) {
+        const uchar *records = source.next(count);
+        if (count == 0)
+            break;
+        if (!toLaz) {
+            write(reinterpret_cast<const char *>(records), qint64(count * length));
+        } else {
+            pending.insert(pending.end(), records, records + count * length);
+            while (pending.size() >= size_t(description.chunkSize) * length)
+                flush(description.chunkSize);
+        }
+        progress.progress(size_t(source.done()), size_t(std::max<quint64>(1, header.count)));
+    }
+    if (toLaz && !pending.empty())
+        flush(pending.size() / length);
+    if (source.done() != header.count)
+        failWith(QStringLiteral("%1 of %2 points were read").arg(source.done()).arg(header.count));
+    if (toLaz) {
+        const qint64 tableOffset = out.pos() - start;
+        std::vector<uchar> table;
+        tzLaz::writeChunkTable(chunks, false, table);
+        write(reinterpret_cast<const char *>(table.data()), qint64(table.size()));
+        const qint64 end = out.pos();
+        if (!out.seek(tableOffsetAt))
+            failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
+        write(reinterpret_cast<const char *>(&tableOffset), 8);
+        out.seek(end);
+    }
+    // LAS 1.4's extended VLRs follow the point data: copied, and the header told where.
+    if (minor >= 4 && header.headerSize >= 375) {
+        const quint64 evlrStart = loadAs<quint64>(in.data + 235, false);
+        const quint32 evlrCount = loadAs<quint32>(in.data + 243, false);
+        if (evlrCount > 0 && evlrStart >= source.pointDataEnd() && evlrStart <= in.size) {
+            const qint64 newStart = out.pos() - start;
+            write(reinterpret_cast<const char *>(in.data + evlrStart), qint64(in.size - evlrStart));
+            const qint64 end = out.pos();
+            if (!out.seek(start + 235))
+                failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
+            write(reinterpret_cast<const char *>(&newStart), 8);
+            out.seek(end);
+        }
+    }
+}
 
 tzPointCloud *readLas(const Bytes &in, const QString &name, const LoadOptions &options)
 {

@@ -273,6 +273,117 @@ private:
     std::uint32_t m_length = MAX_LENGTH;
 };
 
+class Encoder
+{
+public:
+    //! Starts appending to out.
+    void start(std::vector<std::uint8_t> &out)
+    {
+        m_out = &out;
+        m_start = out.size();
+        m_base = 0;
+        m_length = MAX_LENGTH;
+    }
+
+    void encodeBit(BitModel &m, std::uint32_t bit)
+    {
+        const std::uint32_t x = m.zeroProbability * (m_length >> BIT_LENGTH_SHIFT);
+        if (bit == 0) {
+            m_length = x;
+            ++m.zeroCount;
+        } else {
+            add(x);
+            m_length -= x;
+        }
+        if (m_length < MIN_LENGTH)
+            renormalise();
+        if (--m.untilUpdate == 0)
+            m.update();
+    }
+
+    void encodeSymbol(SymbolModel &m, std::uint32_t symbol)
+    {
+        std::uint32_t x;
+        if (symbol == m.m_last) {
+            x = m.m_distribution[symbol] * (m_length >> SYMBOL_LENGTH_SHIFT);
+            add(x);
+            m_length -= x;
+        } else {
+            m_length >>= SYMBOL_LENGTH_SHIFT;
+            x = m.m_distribution[symbol] * m_length;
+            add(x);
+            m_length = m.m_distribution[symbol + 1] * m_length - x;
+        }
+        if (m_length < MIN_LENGTH)
+            renormalise();
+        m.counted(symbol);
+    }
+
+    void writeBits(unsigned bits, std::uint32_t value)
+    {
+        if (bits > 19) {
+            writeBits(16, value & 0xffff);
+            value >>= 16;
+            bits -= 16;
+        }
+        m_length >>= bits;
+        add(value * m_length);
+        if (m_length < MIN_LENGTH)
+            renormalise();
+    }
+    void writeInt(std::uint32_t value)
+    {
+        writeBits(16, value & 0xffff);
+        writeBits(16, value >> 16);
+    }
+
+    //! The last bytes: enough to settle the interval, then zeros up to what the decoder reads.
+    void finish()
+    {
+        bool anotherByte = true;
+        if (m_length > 2 * MIN_LENGTH) {
+            add(MIN_LENGTH);
+            m_length = MIN_LENGTH >> 1;
+        } else {
+            add(MIN_LENGTH >> 1);
+            m_length = MIN_LENGTH >> 9;
+            anotherByte = false;
+        }
+        renormalise();
+        m_out->push_back(0);
+        m_out->push_back(0);
+        if (anotherByte)
+            m_out->push_back(0);
+    }
+
+private:
+    void add(std::uint32_t x)
+    {
+        const std::uint32_t before = m_base;
+        m_base += x;
+        if (m_base < before) {
+            // The carry runs back through the bytes already written.
+            std::size_t i = m_out->size();
+            while (i > m_start && (*m_out)[i - 1] == 0xff)
+                (*m_out)[--i] = 0;
+            if (i > m_start)
+                ++(*m_out)[i - 1];
+        }
+    }
+    void renormalise()
+    {
+        do {
+            m_out->push_back(std::uint8_t(m_base >> 24));
+            m_base <<= 8;
+        } while ((m_length <<= 8) < MIN_LENGTH);
+    }
+
+    std::vector<std::uint8_t> *m_out = nullptr;
+    std::size_t m_start = 0;
+    std::uint32_t m_base = 0;
+    std::uint32_t m_length = MAX_LENGTH;
+};
+
 // ------------------------------------------------------------------ integers
 //
 // An integer is coded as its difference from a prediction: first k, the number of bits of that
@@ -280,10 +391,10 @@ private:
 // (the top bitsHigh of them modelled, the rest raw). Differences wrap around within the range
 // of the integer's bits.
 
-class IntegerDecoder
+class IntegerCoder
 {
 public:
-    IntegerDecoder(unsigned bits = 16, unsigned contexts = 1, unsigned bitsHigh = 8)
+    IntegerCoder(unsigned bits = 16, unsigned contexts = 1, unsigned bitsHigh = 8)
         : m_bitsHigh(bitsHigh)
     {
         if (bits && bits < 32) {
@@ -325,6 +436,41 @@ public:
     }
     //! The bits of the last difference (the next item's context).
     unsigned k() const { return m_k; }
+
+    void encode(Encoder &encoder, std::int32_t prediction, std::int32_t real, unsigned context = 0)
+    {
+        std::int32_t c = std::int32_t(std::uint32_t(real) - std::uint32_t(prediction));
+        if (m_corrRange) {
+            const std::int32_t corrMax = m_corrMin + std::int32_t(m_corrRange) - 1;
+            if (c < m_corrMin)
+                c += std::int32_t(m_corrRange);
+            else if (c > corrMax)
+                c -= std::int32_t(m_corrRange);
+        }
+        // k: the bits of the interval [-(2^k - 1), 2^k] that holds c.
+        std::uint32_t magnitude = c <= 0 ? 0u - std::uint32_t(c) : std::uint32_t(c) - 1;
+        m_k = 0;
+        while (magnitude) {
+            magnitude >>= 1;
+            ++m_k;
+        }
+        encoder.encodeSymbol(m_kModels[context], m_k);
+        if (m_k == 0) {
+            encoder.encodeBit(m_zeroOrOne, std::uint32_t(c));
+            return;
+        }
+        if (m_k >= 32)
+            return; // the lowest value: k says it all
+        std::int64_t v
+            = c < 0 ? std::int64_t(c) + ((std::int64_t(1) << m_k) - 1) : std::int64_t(c) - 1;
+        if (m_k <= m_bitsHigh) {
+            encoder.encodeSymbol(m_corrector[m_k], std::uint32_t(v));
+        } else {
+            const unsigned low = m_k - m_bitsHigh;
+            encoder.encodeSymbol(m_corrector[m_k], std::uint32_t(v >> low));
+            encoder.writeBits(low, std::uint32_t(v & ((std::int64_t(1) << low) - 1)));
+        }
+    }
 
 private:
     std::int32_t corrector(Decoder &decoder, unsigned context)
@@ -590,11 +736,11 @@ private:
     std::uint16_t m_intensity[16] = {};
     std::int32_t m_height[8] = {};
     SymbolModel m_changed {64};
-    IntegerDecoder m_intensityDecoder {16, 4};
+    IntegerCoder m_intensityDecoder {16, 4};
     SymbolModel m_scanAngle[2] {SymbolModel(256), SymbolModel(256)};
-    IntegerDecoder m_sourceDecoder {16};
+    IntegerCoder m_sourceDecoder {16};
     LazyModels m_flags {256}, m_classification {256}, m_userData {256};
-    IntegerDecoder m_dx {32, 2}, m_dy {32, 22}, m_z {32, 20};
+    IntegerCoder m_dx {32, 2}, m_dy {32, 22}, m_z {32, 20};
 };
 
 // The GPS time (8 bytes, a double taken as a 64-bit integer). Up to four sequences of times are
@@ -709,7 +855,7 @@ private:
     std::int32_t m_extremes[4] = {};
     SymbolModel m_multi {TOTAL};
     SymbolModel m_zeroDiff {6};
-    IntegerDecoder m_integers {32, 9};
+    IntegerCoder m_integers {32, 9};
 };
 
 // Red, green, blue (three 16-bit values). Which of their six bytes changed is one symbol; the
@@ -812,6 +958,349 @@ private:
     std::vector<std::uint8_t> m_last;
     std::vector<SymbolModel> m_models;
 };
+
+// ------------------------------------------------------------------ items, version 2, encoding
+//
+// Each encoder makes the very choices its decoder above undoes, from the record before.
+
+struct ItemEncoder
+{
+    virtual ~ItemEncoder() = default;
+    virtual void start(const std::uint8_t *item) = 0;
+    virtual void write(Encoder &encoder, const std::uint8_t *item) = 0;
+};
+
+class Point10Encoder final : public ItemEncoder
+{
+public:
+    void start(const std::uint8_t *item) override
+    {
+        for (int i = 0; i < 16; ++i) {
+            m_xDiff[i].reset();
+            m_yDiff[i].reset();
+            m_intensity[i] = 0;
+            m_height[i / 2] = 0;
+        }
+        m_changed.reset();
+        m_intensityCoder.reset();
+        m_scanAngle[0].reset();
+        m_scanAngle[1].reset();
+        m_sourceCoder.reset();
+        m_flags.reset();
+        m_classification.reset();
+        m_userData.reset();
+        m_dx.reset();
+        m_dy.reset();
+        m_z.reset();
+        std::memcpy(m_last, item, 20);
+    }
+
+    void write(Encoder &encoder, const std::uint8_t *item) override
+    {
+        const unsigned r = item[14] & 7, n = (item[14] >> 3) & 7;
+        const unsigned slot = RETURN_SLOT[n][r], level = RETURN_LEVEL[n][r];
+        const std::uint16_t intensity = load<std::uint16_t>(item + 12);
+        const std::uint16_t source = load<std::uint16_t>(item + 18);
+        const std::uint32_t changed = (std::uint32_t(m_last[14] != item[14]) << 5)
+            | (std::uint32_t(m_intensity[slot] != intensity) << 4)
+            | (std::uint32_t(m_last[15] != item[15]) << 3)
+            | (std::uint32_t(m_last[16] != item[16]) << 2)
+            | (std::uint32_t(m_last[17] != item[17]) << 1)
+            | std::uint32_t(load<std::uint16_t>(m_last + 18) != source);
+        encoder.encodeSymbol(m_changed, changed);
+        if (changed & 32)
+            encoder.encodeSymbol(m_flags[m_last[14]], item[14]);
+        if (changed & 16) {
+            m_intensityCoder.encode(encoder, m_intensity[slot], intensity, slot < 3 ? slot : 3);
+            m_intensity[slot] = intensity;
+        }
+        if (changed & 8)
+            encoder.encodeSymbol(m_classification[m_last[15]], item[15]);
+        if (changed & 4)
+            encoder.encodeSymbol(m_scanAngle[(item[14] >> 6) & 1],
+                                 fold(std::int32_t(item[16]) - std::int32_t(m_last[16])));
+        if (changed & 2)
+            encoder.encodeSymbol(m_userData[m_last[17]], item[17]);
+        if (changed & 1)
+            m_sourceCoder.encode(encoder, load<std::uint16_t>(m_last + 18), source);
+
+        std::int32_t diff = std::int32_t(std::uint32_t(load<std::int32_t>(item))
+                                         - std::uint32_t(load<std::int32_t>(m_last)));
+        m_dx.encode(encoder, m_xDiff[slot].get(), diff, n == 1);
+        m_xDiff[slot].add(diff);
+
+        unsigned kBits = m_dx.k();
+        diff = std::int32_t(std::uint32_t(load<std::int32_t>(item + 4))
+                            - std::uint32_t(load<std::int32_t>(m_last + 4)));
+        m_dy.encode(encoder, m_yDiff[slot].get(), diff,
+                    (n == 1) + (kBits < 20 ? (kBits & ~1u) : 20));
+        m_yDiff[slot].add(diff);
+
+        kBits = (m_dx.k() + m_dy.k()) / 2;
+        const std::int32_t z = load<std::int32_t>(item + 8);
+        m_z.encode(encoder, m_height[level], z, (n == 1) + (kBits < 18 ? (kBits & ~1u) : 18));
+        m_height[level] = z;
+
+        std::memcpy(m_last, item, 20);
+    }
+
+private:
+    std::uint8_t m_last[20] = {};
+    Median5 m_xDiff[16], m_yDiff[16];
+    std::uint16_t m_intensity[16] = {};
+    std::int32_t m_height[8] = {};
+    SymbolModel m_changed {64};
+    IntegerCoder m_intensityCoder {16, 4};
+    SymbolModel m_scanAngle[2] {SymbolModel(256), SymbolModel(256)};
+    IntegerCoder m_sourceCoder {16};
+    LazyModels m_flags {256}, m_classification {256}, m_userData {256};
+    IntegerCoder m_dx {32, 2}, m_dy {32, 22}, m_z {32, 20};
+};
+
+class GpsTimeEncoder final : public ItemEncoder
+{
+public:
+    void start(const std::uint8_t *item) override
+    {
+        m_last = m_next = 0;
+        for (int i = 0; i < 4; ++i) {
+            m_diff[i] = 0;
+            m_extremes[i] = 0;
+            m_time[i] = 0;
+        }
+        m_multi.reset();
+        m_zeroDiff.reset();
+        m_integers.reset();
+        m_time[0] = load<std::int64_t>(item);
+    }
+
+    void write(Encoder &encoder, const std::uint8_t *item) override
+    {
+        const std::int64_t time = load<std::int64_t>(item);
+        for (int hop = 0; hop < 2; ++hop) {
+            if (time == m_time[m_last]) {
+                encoder.encodeSymbol(m_diff[m_last] == 0 ? m_zeroDiff : m_multi,
+                                     m_diff[m_last] == 0 ? 0 : UNCHANGED);
+                return;
+            }
+            const std::int64_t wide
+                = std::int64_t(std::uint64_t(time) - std::uint64_t(m_time[m_last]));
+            const bool fits = wide == std::int64_t(std::int32_t(wide));
+            if (!fits) {
+                // Another sequence it continues, or a new one.
+                const int other = otherSequence(time);
+                if (other > 0) {
+                    encoder.encodeSymbol(m_diff[m_last] == 0 ? m_zeroDiff : m_multi,
+                                         m_diff[m_last] == 0 ? std::uint32_t(other + 2)
+                                                             : CODE_FULL + std::uint32_t(other));
+                    m_last = (m_last + unsigned(other)) & 3;
+                    continue;
+                }
+                encoder.encodeSymbol(m_diff[m_last] == 0 ? m_zeroDiff : m_multi,
+                                     m_diff[m_last] == 0 ? 2 : CODE_FULL);
+                m_integers.encode(encoder, std::int32_t(std::uint64_t(m_time[m_last]) >> 32),
+                                  std::int32_t(std::uint64_t(time) >> 32), 8);
+                encoder.writeInt(std::uint32_t(std::uint64_t(time)));
+                m_next = (m_next + 1) & 3;
+                m_last = m_next;
+                m_diff[m_last] = 0;
+                m_extremes[m_last] = 0;
+                m_time[m_last] = time;
+                return;
+            }
+            const std::int32_t diff = std::int32_t(wide);
+            if (m_diff[m_last] == 0) {
+                encoder.encodeSymbol(m_zeroDiff, 1);
+                m_integers.encode(encoder, 0, diff, 0);
+                m_diff[m_last] = diff;
+                m_extremes[m_last] = 0;
+            } else {
+                writeMultiple(encoder, diff);
+            }
+            m_time[m_last] = time;
+            return;
+        }
+    }
+
+private:
+    static constexpr std::int32_t MULTI = 500;
+    static constexpr std::int32_t MULTI_MINUS = -10;
+    static constexpr std::uint32_t UNCHANGED = MULTI - MULTI_MINUS + 1;
+    static constexpr std::uint32_t CODE_FULL = MULTI - MULTI_MINUS + 2;
+    static constexpr std::uint32_t TOTAL = MULTI - MULTI_MINUS + 6;
+
+    static std::int32_t times(std::int32_t factor, std::int32_t diff)
+    {
+        return std::int32_t(std::uint32_t(factor) * std::uint32_t(diff));
+    }
+    int otherSequence(std::int64_t time) const
+    {
+        for (int i = 1; i < 4; ++i) {
+            const std::int64_t d = std::int64_t(
+                std::uint64_t(time) - std::uint64_t(m_time[(m_last + unsigned(i)) & 3]));
+            if (d == std::int64_t(std::int32_t(d)))
+                return i;
+        }
+        return 0;
+    }
+    void extreme(std::int32_t diff)
+    {
+        if (++m_extremes[m_last] > 3) {
+            m_diff[m_last] = diff;
+            m_extremes[m_last] = 0;
+        }
+    }
+    void writeMultiple(Encoder &encoder, std::int32_t diff)
+    {
+        // The multiple of the last difference, rounded half away from zero in single precision
+        // as the format's own encoder does it.
+        const float ratio = float(diff) / float(m_diff[m_last]);
+        const std::int32_t multi
+            = ratio >= 0 ? std::int32_t(ratio + 0.5f) : std::int32_t(ratio - 0.5f);
+        const std::int32_t last = m_diff[m_last];
+        if (multi == 1) {
+            encoder.encodeSymbol(m_multi, 1);
+            m_integers.encode(encoder, last, diff, 1);
+            m_extremes[m_last] = 0;
+        } else if (multi > 0) {
+            if (multi < MULTI) {
+                encoder.encodeSymbol(m_multi, std::uint32_t(multi));
+                m_integers.encode(encoder, times(multi, last), diff, multi < 10 ? 2 : 3);
+            } else {
+                encoder.encodeSymbol(m_multi, MULTI);
+                m_integers.encode(encoder, times(MULTI, last), diff, 4);
+                extreme(diff);
+            }
+        } else if (multi < 0) {
+            if (multi > MULTI_MINUS) {
+                encoder.encodeSymbol(m_multi, std::uint32_t(MULTI - multi));
+                m_integers.encode(encoder, times(multi, last), diff, 5);
+            } else {
+                encoder.encodeSymbol(m_multi, std::uint32_t(MULTI - MULTI_MINUS));
+                m_integers.encode(encoder, times(MULTI_MINUS, last), diff, 6);
+                extreme(diff);
+            }
+        } else {
+            encoder.encodeSymbol(m_multi, 0);
+            m_integers.encode(encoder, 0, diff, 7);
+            extreme(diff);
+        }
+    }
+
+    unsigned m_last = 0, m_next = 0;
+    std::int64_t m_time[4] = {};
+    std::int32_t m_diff[4] = {};
+    std::int32_t m_extremes[4] = {};
+    SymbolModel m_multi {TOTAL};
+    SymbolModel m_zeroDiff {6};
+    IntegerCoder m_integers {32, 9};
+};
+
+class RgbEncoder final : public ItemEncoder
+{
+public:
+    void start(const std::uint8_t *item) override
+    {
+        m_used.reset();
+        for (SymbolModel &m : m_diff)
+            m.reset();
+        for (int i = 0; i < 3; ++i)
+            m_last[i] = load<std::uint16_t>(item + 2 * i);
+    }
+
+    void write(Encoder &encoder, const std::uint8_t *item) override
+    {
+        std::uint16_t c[3];
+        for (int i = 0; i < 3; ++i)
+            c[i] = load<std::uint16_t>(item + 2 * i);
+        const auto lo = [](std::uint16_t v) { return std::int32_t(v & 0xff); };
+        const auto hi = [](std::uint16_t v) { return std::int32_t(v >> 8); };
+        std::uint32_t used = 0;
+        for (int i = 0; i < 3; ++i) {
+            used |= std::uint32_t(lo(m_last[i]) != lo(c[i])) << (2 * i);
+            used |= std::uint32_t(hi(m_last[i]) != hi(c[i])) << (2 * i + 1);
+        }
+        used |= std::uint32_t(lo(c[0]) != lo(c[1]) || lo(c[0]) != lo(c[2]) || hi(c[0]) != hi(c[1])
+                              || hi(c[0]) != hi(c[2]))
+            << 6;
+        encoder.encodeSymbol(m_used, used);
+        std::int32_t diffLow = 0, diffHigh = 0;
+        if (used & 1) {
+            diffLow = lo(c[0]) - lo(m_last[0]);
+            encoder.encodeSymbol(m_diff[0], fold(diffLow));
+        }
+        if (used & 2) {
+            diffHigh = hi(c[0]) - hi(m_last[0]);
+            encoder.encodeSymbol(m_diff[1], fold(diffHigh));
+        }
+        if (used & 64) {
+            if (used & 4)
+                encoder.encodeSymbol(m_diff[2], fold(lo(c[1]) - clamp8(diffLow + lo(m_last[1]))));
+            if (used & 16) {
+                diffLow = (diffLow + lo(c[1]) - lo(m_last[1])) / 2;
+                encoder.encodeSymbol(m_diff[4], fold(lo(c[2]) - clamp8(diffLow + lo(m_last[2]))));
+            }
+            if (used & 8)
+                encoder.encodeSymbol(m_diff[3], fold(hi(c[1]) - clamp8(diffHigh + hi(m_last[1]))));
+            if (used & 32) {
+                diffHigh = (diffHigh + hi(c[1]) - hi(m_last[1])) / 2;
+                encoder.encodeSymbol(m_diff[5], fold(hi(c[2]) - clamp8(diffHigh + hi(m_last[2]))));
+            }
+        }
+        std::copy(c, c + 3, m_last);
+    }
+
+private:
+    std::uint16_t m_last[3] = {};
+    SymbolModel m_used {128};
+    std::vector<SymbolModel> m_diff = std::vector<SymbolModel>(6, SymbolModel(256));
+};
+
+class BytesEncoder final : public ItemEncoder
+{
+public:
+    explicit BytesEncoder(std::size_t count)
+        : m_last(count)
+        , m_models(count, SymbolModel(256))
+    {
+    }
+    void start(const std::uint8_t *item) override
+    {
+        for (SymbolModel &m : m_models)
+            m.reset();
+        std::memcpy(m_last.data(), item, m_last.size());
+    }
+    void write(Encoder &encoder, const std::uint8_t *item) override
+    {
+        for (std::size_t i = 0; i < m_last.size(); ++i) {
+            encoder.encodeSymbol(m_models[i],
+                                 fold(std::int32_t(item[i]) - std::int32_t(m_last[i])));
+            m_last[i] = item[i];
+        }
+    }
+
+private:
+    std::vector<std::uint8_t> m_last;
+    std::vector<SymbolModel> m_models;
+};
+
+std::unique_ptr<ItemEncoder> makeItemEncoder(const Item &item)
+{
+    if (item.version != 2)
+        return nullptr;
+    switch (item.type) {
+    case ITEM_POINT10:
+        return item.size == 20 ? std::make_unique<Point10Encoder>() : nullptr;
+    case ITEM_GPSTIME11:
+        return item.size == 8 ? std::make_unique<GpsTimeEncoder>() : nullptr;
+    case ITEM_RGB12:
+        return item.size == 6 ? std::make_unique<RgbEncoder>() : nullptr;
+    case ITEM_BYTE:
+        return item.size > 0 ? std::make_unique<BytesEncoder>(item.size) : nullptr;
+    default:
+        return nullptr;
+    }
+}
 
 std::unique_ptr<ItemDecoder> makeItemDecoder(const Item &item)
 {
@@ -976,7 +1465,7 @@ bool readChunkTable(const std::uint8_t *file, std::size_t fileSize, std::uint64_
     }
     Decoder decoder;
     decoder.start(table + 8, file + fileSize);
-    IntegerDecoder integers(32, 2);
+    IntegerCoder integers(32, 2);
     std::uint32_t points = 0, bytes = 0;
     std::uint64_t offset = firstChunk, remaining = pointCount;
     chunks.reserve(count);
@@ -1056,6 +1545,121 @@ bool ChunkDecoder::decode(const std::uint8_t *data, std::size_t size, std::uint3
     }
     consumed = length + d->decoder.consumed();
     return true;
+}
+
+// ------------------------------------------------------------------ writing
+
+bool describeFormat(int pointFormat, std::size_t recordLength, std::uint32_t chunkSize,
+                    Description &out, std::string &error)
+{
+    static const std::size_t OWN_LENGTH[] = {20, 28, 26, 34};
+    if (pointFormat < 0 || pointFormat > 3) {
+        error = "LAZ writing of point format " + std::to_string(pointFormat)
+            + " is not supported yet (formats 0 to 3 are)";
+        return false;
+    }
+    if (recordLength < OWN_LENGTH[pointFormat] || recordLength > 0xffff) {
+        error = "a record of " + std::to_string(recordLength) + " bytes for point format "
+            + std::to_string(pointFormat);
+        return false;
+    }
+    Description d;
+    d.compressor = 2;
+    d.coder = 0;
+    d.versionMajor = 2;
+    d.versionMinor = 2;
+    d.chunkSize = chunkSize == 0 ? 50000 : chunkSize;
+    d.items.push_back({ITEM_POINT10, 20, 2});
+    if (pointFormat == 1 || pointFormat == 3)
+        d.items.push_back({ITEM_GPSTIME11, 8, 2});
+    if (pointFormat == 2 || pointFormat == 3)
+        d.items.push_back({ITEM_RGB12, 6, 2});
+    if (recordLength > OWN_LENGTH[pointFormat])
+        d.items.push_back({ITEM_BYTE, std::uint16_t(recordLength - OWN_LENGTH[pointFormat]), 2});
+    out = std::move(d);
+    return true;
+}
+
+std::vector<std::uint8_t> descriptionBytes(const Description &description)
+{
+    std::vector<std::uint8_t> bytes(34 + 6 * description.items.size());
+    store<std::uint16_t>(bytes.data(), description.compressor);
+    store<std::uint16_t>(bytes.data() + 2, description.coder);
+    bytes[4] = description.versionMajor;
+    bytes[5] = description.versionMinor;
+    store<std::uint16_t>(bytes.data() + 6, description.revision);
+    store<std::uint32_t>(bytes.data() + 8, description.options);
+    store<std::uint32_t>(bytes.data() + 12, description.chunkSize);
+    store<std::int64_t>(bytes.data() + 16, description.specialEvlrCount);
+    store<std::int64_t>(bytes.data() + 24, description.specialEvlrOffset);
+    store<std::uint16_t>(bytes.data() + 32, std::uint16_t(description.items.size()));
+    for (std::size_t i = 0; i < description.items.size(); ++i) {
+        store<std::uint16_t>(bytes.data() + 34 + 6 * i, description.items[i].type);
+        store<std::uint16_t>(bytes.data() + 36 + 6 * i, description.items[i].size);
+        store<std::uint16_t>(bytes.data() + 38 + 6 * i, description.items[i].version);
+    }
+    return bytes;
+}
+
+struct ChunkEncoder::Impl
+{
+    Encoder encoder;
+    std::vector<std::unique_ptr<ItemEncoder>> items;
+    std::vector<std::size_t> offsets;
+    std::size_t recordLength = 0;
+};
+
+ChunkEncoder::ChunkEncoder(const Description &description)
+    : d(std::make_unique<Impl>())
+{
+    for (const Item &item : description.items) {
+        d->offsets.push_back(d->recordLength);
+        d->items.push_back(makeItemEncoder(item));
+        d->recordLength += item.size;
+    }
+}
+
+ChunkEncoder::~ChunkEncoder() = default;
+
+void ChunkEncoder::encode(const std::uint8_t *records, std::uint32_t count,
+                          std::vector<std::uint8_t> &out)
+{
+    if (count == 0)
+        return;
+    const std::size_t length = d->recordLength;
+    out.insert(out.end(), records, records + length);
+    for (std::size_t i = 0; i < d->items.size(); ++i)
+        d->items[i]->start(records + d->offsets[i]);
+    d->encoder.start(out);
+    for (std::uint32_t p = 1; p < count; ++p) {
+        const std::uint8_t *record = records + std::size_t(p) * length;
+        for (std::size_t i = 0; i < d->items.size(); ++i)
+            d->items[i]->write(d->encoder, record + d->offsets[i]);
+    }
+    d->encoder.finish();
+}
+
+void writeChunkTable(const std::vector<Chunk> &chunks, bool variable,
+                     std::vector<std::uint8_t> &out)
+{
+    std::uint8_t head[8];
+    store<std::uint32_t>(head, 0);
+    store<std::uint32_t>(head + 4, std::uint32_t(chunks.size()));
+    out.insert(out.end(), head, head + 8);
+    if (chunks.empty())
+        return;
+    Encoder encoder;
+    encoder.start(out);
+    IntegerCoder integers(32, 2);
+    std::uint32_t points = 0, bytes = 0;
+    for (const Chunk &chunk : chunks) {
+        if (variable)
+            integers.encode(encoder, std::int32_t(points), std::int32_t(chunk.points), 0);
+        integers.encode(encoder, std::int32_t(bytes), std::int32_t(chunk.bytes), 1);
+        points = chunk.points;
+        bytes = std::uint32_t(chunk.bytes);
+    }
+    encoder.finish();
 }
 
 } // namespace tzLaz

@@ -105,4 +105,34 @@ private:
     std::unique_ptr<Impl> d;
 };
 
+//! The items this encoder writes for records of a LAS point format (0 to 3): the format's own
+//! fields, then what the record holds beyond them as extra bytes. False, with the reason, for
+//! another format. chunkSize 0: the usual 50,000 points.
+bool describeFormat(int pointFormat, std::size_t recordLength, std::uint32_t chunkSize,
+                    Description &out, std::string &error);
+//! The payload of the "laszip encoded" VLR.
+std::vector<std::uint8_t> descriptionBytes(const Description &description);
+
+//! Encodes the records of one chunk. Reused chunk after chunk on one thread.
+class ChunkEncoder
+{
+public:
+    explicit ChunkEncoder(const Description &description);
+    ~ChunkEncoder();
+    ChunkEncoder(const ChunkEncoder &) = delete;
+    ChunkEncoder &operator=(const ChunkEncoder &) = delete;
+
+    //! Appends the chunk of count records (count times the record length) to out.
+    void encode(const std::uint8_t *records, std::uint32_t count, std::vector<std::uint8_t> &out);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> d;
+};
+
+//! Appends the chunk table (its version, its count, then the coded sizes; the counts too when
+//! chunks vary in size).
+void writeChunkTable(const std::vector<Chunk> &chunks, bool variable,
+                     std::vector<std::uint8_t> &out);
+
 } // namespace tzLaz

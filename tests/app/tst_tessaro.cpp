@@ -279,10 +279,21 @@ void TestTessaro::cancelWhileUploadingAddsNothing()
     window.openFiles({path});
     auto *progress = window.findChild<tzProgressDialog *>(QStringLiteral("loadProgress"));
     QVERIFY(progress);
-    QTRY_VERIFY(progress->labelText().startsWith(QStringLiteral("Uploading survey.ply")));
-    QVERIFY(progress->isVisible());
-    QTest::mouseClick(progress->findChild<QPushButton *>(), Qt::LeftButton);
+    // Looked at between two turns of the event loop, as a user's click would come: the first
+    // time the progress says it uploads, Cancel is clicked.
+    bool clicked = false;
+    QTimer watch;
+    QObject::connect(&watch, &QTimer::timeout, [&] {
+        if (!clicked && progress->labelText().startsWith(QStringLiteral("Uploading survey.ply"))) {
+            clicked = true;
+            QVERIFY(progress->isVisible());
+            QTest::mouseClick(progress->findChild<QPushButton *>(), Qt::LeftButton);
+        }
+    });
+    watch.start(0);
     QVERIFY(opened.wait(10000));
+    watch.stop();
+    QVERIFY(clicked);
     QCOMPARE(opened.at(0).at(1).toBool(), false);
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 0u);
     QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));

@@ -6,7 +6,9 @@
 #include "tzLazCodec.h"
 #include "tzPointCloud.h"
 
+#include <QDir>
 #include <QFile>
+#include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -138,6 +140,14 @@ private slots:
     void opensAsTheSameCloudAsItsTwin();
     void chunkTableMissingOrUnusable_data();
     void chunkTableMissingOrUnusable();
+    void encodedRecordsDecodeToThemselves_data();
+    void encodedRecordsDecodeToThemselves();
+    void conversionKeepsEveryByte_data();
+    void conversionKeepsEveryByte();
+    void writtenChunksOfAnySizeReadBack_data();
+    void writtenChunksOfAnySizeReadBack();
+    void failedConversionLeavesNothing();
+    void convertFromTheCommandLine();
     void damagedFilesAreRefused_data();
     void damagedFilesAreRefused();
 };
@@ -251,6 +261,212 @@ void TestLaz::chunkTableMissingOrUnusable()
     const auto twin = open(data("simple.las"), error);
     QCOMPARE(cloud->size(), twin->size());
     QCOMPARE(*cloud->getPoint(cloud->size() - 1), *twin->getPoint(twin->size() - 1));
+}
+
+// Records of every kind the encoder sees in surveys: returns, flags, classes, scan angles that
+// go both ways, interleaved GPS time sequences with jumps, grey and coloured RGB in 8 and 16 bits.
+QByteArray syntheticRecords(int format, int count, int extraBytes)
+{
+    static const int OWN[] = {20, 28, 26, 34};
+    const int length = OWN[format] + extraBytes;
+    QByteArray records(count * length, '\0');
+    quint32 seed = 12345;
+    const auto next = [&seed] {
+        seed = seed * 1664525u + 1013904223u;
+        return seed >> 8;
+    };
+    double times[3] = {1.0e8, 2.5e5, 3.0e8};
+    for (int i = 0; i < count; ++i) {
+        uchar *r = reinterpret_cast<uchar *>(records.data()) + i * length;
+        const qint32 xyz[3] = {qint32(651200000 + i * 37 + int(next() % 50)),
+                               qint32(6861400000 - i * 11 + int(next() % 30)),
+                               qint32(100000 + int(next() % 5000) - (i % 7 == 0 ? 200000 : 0))};
+        std::memcpy(r, xyz, 12);
+        const quint16 intensity = quint16(next() % 4 == 0 ? next() : 300 + i % 5);
+        std::memcpy(r + 12, &intensity, 2);
+        const int returns = 1 + int(next() % 4);
+        r[14] = uchar((1 + int(next() % returns)) | (returns << 3) | ((i / 100) % 2) << 6
+                      | (next() % 50 == 0 ? 0x80 : 0));
+        r[15] = uchar(next() % 10 == 0 ? next() % 32 : 2);
+        r[16] = uchar(qint8(int(next() % 61) - 30));
+        r[17] = uchar(i % 300 == 0 ? next() : 0);
+        const quint16 source = quint16(7 + (i / 500));
+        std::memcpy(r + 18, &source, 2);
+        int at = 20;
+        if (format == 1 || format == 3) {
+            const int sequence = (i / 13) % 3;
+            times[sequence] += (next() % 20 == 0 ? 1.0e6 : 1.0e-5 * (1 + next() % 3));
+            const double t = next() % 400 == 0 ? 5.0e9 * (next() % 7) : times[sequence];
+            std::memcpy(r + at, &t, 8);
+            at += 8;
+        }
+        if (format == 2 || format == 3) {
+            const bool grey = next() % 5 == 0, wide = i > count / 2;
+            quint16 rgb[3];
+            for (int k = 0; k < 3; ++k)
+                rgb[k] = quint16(wide ? (next() & 0xffff) : (next() % 256));
+            if (grey)
+                rgb[1] = rgb[2] = rgb[0];
+            if (i % 3 == 1)
+                std::memcpy(rgb, r - length + at, 6);
+            std::memcpy(r + at, rgb, 6);
+            at += 6;
+        }
+        for (int k = 0; k < extraBytes; ++k)
+            r[at + k] = uchar(k == 0 ? i : (next() % 3 == 0 ? next() : k));
+    }
+    return records;
+}
+
+void TestLaz::encodedRecordsDecodeToThemselves_data()
+{
+    QTest::addColumn<QByteArray>("records");
+    QTest::addColumn<int>("format");
+    QTest::addColumn<int>("length");
+    QTest::addColumn<int>("chunkSize");
+    const QByteArray simple = lasRecords(bytesOf(data("simple.las")));
+    const QByteArray extra = lasRecords(bytesOf(data("extrabytes.las")));
+    QTest::newRow("peer's format 3, chunks of 1") << simple << 3 << 34 << 1;
+    QTest::newRow("peer's format 3, chunks of 50") << simple << 3 << 34 << 50;
+    QTest::newRow("peer's format 3, one chunk") << simple << 3 << 34 << 50000;
+    QTest::newRow("peer's extra bytes, chunks of 100") << extra << 3 << 61 << 100;
+    static const int OWN[] = {20, 28, 26, 34};
+    for (int format = 0; format <= 3; ++format) {
+        QTest::addRow("format %d, chunks of 1000", format)
+            << syntheticRecords(format, 5000, 0) << format << OWN[format] << 1000;
+        QTest::addRow("format %d, 3 extra bytes, one chunk", format)
+            << syntheticRecords(format, 3000, 3) << format << OWN[format] + 3 << 50000;
+    }
+}
+
+void TestLaz::encodedRecordsDecodeToThemselves()
+{
+    QFETCH(QByteArray, records);
+    QFETCH(int, format);
+    QFETCH(int, length);
+    QFETCH(int, chunkSize);
+    const quint32 points = quint32(records.size() / length);
+    tzLaz::Description description;
+    std::string error;
+    QVERIFY2(tzLaz::describeFormat(format, size_t(length), quint32(chunkSize), description, error),
+             error.c_str());
+    tzLaz::ChunkEncoder encoder(description);
+    tzLaz::ChunkDecoder decoder(description);
+    std::vector<uchar> bytes;
+    QByteArray decoded(records.size(), '\0');
+    for (quint32 first = 0; first < points; first += quint32(chunkSize)) {
+        const quint32 n = std::min(points - first, quint32(chunkSize));
+        bytes.clear();
+        encoder.encode(reinterpret_cast<const uchar *>(records.constData()) + first * length, n,
+                       bytes);
+        size_t consumed = 0;
+        QVERIFY2(decoder.decode(bytes.data(), bytes.size(), n,
+                                reinterpret_cast<uchar *>(decoded.data()) + first * length,
+                                consumed, error),
+                 error.c_str());
+        QCOMPARE(consumed, bytes.size()); // where the next chunk starts without a table
+    }
+    const QString where = firstDifference(decoded, records, length);
+    QVERIFY2(where.isEmpty(), qPrintable(where));
+}
+
+void TestLaz::conversionKeepsEveryByte_data()
+{
+    QTest::addColumn<QString>("las");
+    QTest::newRow("1.2, format 3") << data("simple.las");
+    QTest::newRow("1.4, format 3, extra bytes") << data("extrabytes.las");
+    QTest::newRow("1.2, format 1") << data("autzen.las");
+}
+
+void TestLaz::conversionKeepsEveryByte()
+{
+    // LAS to LAZ to LAS gives the very file back; the LAZ's points are coded as the peer's.
+    QFETCH(QString, las);
+    QTemporaryDir dir;
+    const QString laz = dir.filePath(QStringLiteral("survey.laz"));
+    const QString back = dir.filePath(QStringLiteral("survey.las"));
+    QString error;
+    QVERIFY2(tzCloudFile::convert(las, laz, error), qPrintable(error));
+    QVERIFY2(tzCloudFile::convert(laz, back, error), qPrintable(error));
+    QCOMPARE(bytesOf(back), bytesOf(las));
+    const QByteArray ours = bytesOf(laz);
+    QVERIFY(ours.size() - int(at<quint32>(ours, 96)) < lasRecords(bytesOf(las)).size() * 2 / 3);
+    if (las.endsWith(QLatin1String("simple.las"))) {
+        const QByteArray peer = bytesOf(data("simple.laz"));
+        QCOMPARE(ours.mid(int(at<quint32>(ours, 96)) + 8),
+                 peer.mid(int(at<quint32>(peer, 96)) + 8));
+    }
+}
+
+void TestLaz::writtenChunksOfAnySizeReadBack_data()
+{
+    QTest::addColumn<int>("chunkSize");
+    QTest::newRow("1 point a chunk") << 1;
+    QTest::newRow("100 points a chunk") << 100;
+    QTest::newRow("the usual 50,000") << 50000;
+    QTest::newRow("more than the cloud") << 1000000;
+}
+
+void TestLaz::writtenChunksOfAnySizeReadBack()
+{
+    QFETCH(int, chunkSize);
+    QTemporaryDir dir;
+    const QString laz = dir.filePath(QStringLiteral("survey.laz"));
+    QString error;
+    QVERIFY2(tzCloudFile::convert(data("simple.las"), laz, error, quint32(chunkSize)),
+             qPrintable(error));
+    QString problem;
+    QCOMPARE(lazRecords(bytesOf(laz), problem), lasRecords(bytesOf(data("simple.las"))));
+    QVERIFY2(problem.isEmpty(), qPrintable(problem));
+    // Opened, its chunks decoded on every core, it is the LAS cloud.
+    const auto cloud = open(laz, error);
+    QVERIFY2(cloud, qPrintable(error));
+    const auto twin = open(data("simple.las"), error);
+    QCOMPARE(cloud->size(), twin->size());
+    for (unsigned i = 0; i < twin->size(); ++i) {
+        QCOMPARE(*cloud->getPoint(i), *twin->getPoint(i));
+        QVERIFY(cloud->getPointColor(i) == twin->getPointColor(i));
+    }
+}
+
+void TestLaz::failedConversionLeavesNothing()
+{
+    QTemporaryDir dir;
+    QString error;
+    // A point format this writer does not compress yet.
+    const QString out = dir.filePath(QStringLiteral("out.laz"));
+    QVERIFY(!tzCloudFile::convert(data("test1_4.las"), out, error));
+    QVERIFY2(error.contains(QStringLiteral("point format 6")), qPrintable(error));
+    QVERIFY(!QFile::exists(out));
+    // A damaged input: named, and no output.
+    QByteArray damaged = bytesOf(data("simple.laz"));
+    for (int i = 600; i < 2000; ++i)
+        damaged[i] = char(0x55);
+    const QString in = writeBytes(dir, "damaged.laz", damaged);
+    QVERIFY(!tzCloudFile::convert(in, dir.filePath(QStringLiteral("out.las")), error));
+    QVERIFY2(error.startsWith(QLatin1Char('\'') + in + QLatin1Char('\'')), qPrintable(error));
+    QVERIFY(!QFile::exists(dir.filePath(QStringLiteral("out.las"))));
+    QVERIFY(QDir(dir.path()).entryList(QDir::Files) == QStringList {"damaged.laz"});
+}
+
+void TestLaz::convertFromTheCommandLine()
+{
+    QTemporaryDir dir;
+    QProcess tessaro;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("DISPLAY")); // no window: none is needed
+    tessaro.setProcessEnvironment(env);
+    const QString out = dir.filePath(QStringLiteral("simple.laz"));
+    tessaro.start(QStringLiteral(TESSARO_BIN),
+                  {QStringLiteral("--convert"), data("simple.las"), out});
+    QVERIFY(tessaro.waitForFinished(30000));
+    QCOMPARE(tessaro.exitCode(), 0);
+    QVERIFY(QFile::exists(out));
+    tessaro.start(QStringLiteral(TESSARO_BIN),
+                  {QStringLiteral("--convert"), dir.filePath(QStringLiteral("missing.las")), out});
+    QVERIFY(tessaro.waitForFinished(30000));
+    QVERIFY(tessaro.exitCode() != 0);
+    QVERIFY(tessaro.readAllStandardError().contains("missing.las': cannot open"));
 }
 
 void TestLaz::damagedFilesAreRefused_data()
