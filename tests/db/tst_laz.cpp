@@ -146,6 +146,8 @@ private slots:
     void conversionKeepsEveryByte();
     void writtenChunksOfAnySizeReadBack_data();
     void writtenChunksOfAnySizeReadBack();
+    void peerDecoderReadsWhatWeWrite_data();
+    void peerDecoderReadsWhatWeWrite();
     void failedConversionLeavesNothing();
     void convertFromTheCommandLine();
     void damagedFilesAreRefused_data();
@@ -427,6 +429,39 @@ void TestLaz::writtenChunksOfAnySizeReadBack()
         QCOMPARE(*cloud->getPoint(i), *twin->getPoint(i));
         QVERIFY(cloud->getPointColor(i) == twin->getPointColor(i));
     }
+}
+
+void TestLaz::peerDecoderReadsWhatWeWrite_data()
+{
+    QTest::addColumn<QString>("las");
+    QTest::addColumn<int>("chunkSize");
+    QTest::newRow("format 3, chunks of 1") << data("simple.las") << 1;
+    QTest::newRow("format 3, chunks of 50,000") << data("simple.las") << 50000;
+    QTest::newRow("format 3, one chunk larger than the cloud") << data("simple.las") << 1000000;
+    QTest::newRow("extra bytes, chunks of 100") << data("extrabytes.las") << 100;
+    QTest::newRow("format 1") << data("autzen.las") << 50000;
+}
+
+void TestLaz::peerDecoderReadsWhatWeWrite()
+{
+    // laz-perf, the format's reference decoder compiled to WebAssembly, reads our LAZ to the
+    // very records of the LAS it was made from.
+    QFETCH(QString, las);
+    QFETCH(int, chunkSize);
+    if (!QFile::exists(QStringLiteral(LAZ_PEER_DIR "/node_modules/laz-perf/package.json")))
+        QSKIP("laz-perf is not installed (scripts/setup --peer could not reach the npm registry)");
+    QTemporaryDir dir;
+    const QString laz = dir.filePath(QStringLiteral("ours.laz"));
+    QString error;
+    QVERIFY2(tzCloudFile::convert(las, laz, error, quint32(chunkSize)), qPrintable(error));
+    QProcess node;
+    const QString records = dir.filePath(QStringLiteral("peer.records"));
+    node.start(QStringLiteral("node"), {QStringLiteral(LAZ_PEER_SCRIPT), QStringLiteral(LAZ_PEER_DIR), laz, records});
+    QVERIFY(node.waitForFinished(60000));
+    QVERIFY2(node.exitCode() == 0, node.readAllStandardError().constData());
+    const QByteArray expected = lasRecords(bytesOf(las));
+    const QString where = firstDifference(bytesOf(records), expected, at<quint16>(bytesOf(las), 105));
+    QVERIFY2(where.isEmpty(), qPrintable(where));
 }
 
 void TestLaz::failedConversionLeavesNothing()
