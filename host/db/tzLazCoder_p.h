@@ -1,0 +1,651 @@
+#pragma once
+
+// The adaptive arithmetic coder of LAZ and what its items share: models, the coder in both
+// directions, integers coded as corrections of a prediction. Private to the codec
+// (tzLaz*.cpp).
+
+#include "tzLazCodec.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace tzLaz {
+namespace detail {
+
+// ------------------------------------------------------------------ the arithmetic coder
+//
+// A range coder with 32-bit registers: the interval [value, value + length) narrows with each
+// symbol and is renormalised a byte at a time when its length falls under 2^24. Symbol models
+// keep counts and a cumulative distribution rebuilt at intervals that lengthen as the counts
+// grow; bit models keep the probability of a zero. The constants and update rules below are
+// the format's: a decoder that differs in one of them decodes garbage after a few points.
+
+constexpr std::uint32_t MIN_LENGTH = 0x01000000u;
+constexpr std::uint32_t MAX_LENGTH = 0xffffffffu;
+constexpr unsigned BIT_LENGTH_SHIFT = 13; // bit model probabilities are 13-bit
+constexpr std::uint32_t BIT_MAX_COUNT = 1u << 13;
+constexpr unsigned SYMBOL_LENGTH_SHIFT = 15; // symbol distributions are 15-bit
+constexpr std::uint32_t SYMBOL_MAX_COUNT = 1u << 15;
+
+struct BitModel
+{
+    std::uint32_t zeroCount = 1;
+    std::uint32_t count = 2;
+    std::uint32_t zeroProbability = 1u << (BIT_LENGTH_SHIFT - 1);
+    std::uint32_t cycle = 4;
+    std::uint32_t untilUpdate = 4;
+
+    void reset() { *this = BitModel(); }
+    void update()
+    {
+        count += cycle;
+        if (count > BIT_MAX_COUNT) {
+            count = (count + 1) >> 1;
+            zeroCount = (zeroCount + 1) >> 1;
+            if (zeroCount == count)
+                ++count;
+        }
+        const std::uint32_t scale = 0x80000000u / count;
+        zeroProbability = (zeroCount * scale) >> (31 - BIT_LENGTH_SHIFT);
+        cycle = std::min<std::uint32_t>((5 * cycle) >> 2, 64);
+        untilUpdate = cycle;
+    }
+};
+
+class SymbolModel
+{
+public:
+    //! symbols: 2 to 2048. A decoder keeps a table that finds a symbol's range quickly in
+    //! models of more than 16 symbols.
+    explicit SymbolModel(std::uint32_t symbols, bool forDecoding = true)
+        : m_symbols(symbols)
+        , m_last(symbols - 1)
+    {
+        if (forDecoding && symbols > 16) {
+            unsigned tableBits = 3;
+            while (symbols > (1u << (tableBits + 2)))
+                ++tableBits;
+            m_tableSize = 1u << tableBits;
+            m_tableShift = SYMBOL_LENGTH_SHIFT - tableBits;
+            m_table.resize(m_tableSize + 2);
+        }
+        m_distribution.resize(symbols);
+        m_counts.resize(symbols);
+        reset();
+    }
+
+    void reset()
+    {
+        std::fill(m_counts.begin(), m_counts.end(), 1u);
+        m_total = 0;
+        m_cycle = m_symbols;
+        update();
+        m_cycle = m_untilUpdate = (m_symbols + 6) >> 1;
+    }
+
+    void update()
+    {
+        m_total += m_cycle;
+        if (m_total > SYMBOL_MAX_COUNT) {
+            m_total = 0;
+            for (std::uint32_t &c : m_counts) {
+                c = (c + 1) >> 1;
+                m_total += c;
+            }
+        }
+        const std::uint32_t scale = 0x80000000u / m_total;
+        std::uint32_t sum = 0;
+        if (m_tableSize == 0) {
+            for (std::uint32_t k = 0; k < m_symbols; ++k) {
+                m_distribution[k] = (scale * sum) >> (31 - SYMBOL_LENGTH_SHIFT);
+                sum += m_counts[k];
+            }
+        } else {
+            std::uint32_t s = 0;
+            for (std::uint32_t k = 0; k < m_symbols; ++k) {
+                m_distribution[k] = (scale * sum) >> (31 - SYMBOL_LENGTH_SHIFT);
+                sum += m_counts[k];
+                const std::uint32_t w = m_distribution[k] >> m_tableShift;
+                while (s < w)
+                    m_table[++s] = k - 1;
+            }
+            m_table[0] = 0;
+            while (s <= m_tableSize)
+                m_table[++s] = m_symbols - 1;
+        }
+        m_cycle = std::min((5 * m_cycle) >> 2, (m_symbols + 6) << 3);
+        m_untilUpdate = m_cycle;
+    }
+
+    void counted(std::uint32_t symbol)
+    {
+        ++m_counts[symbol];
+        if (--m_untilUpdate == 0)
+            update();
+    }
+
+    std::uint32_t m_symbols;
+    std::uint32_t m_last;
+    std::vector<std::uint32_t> m_distribution;
+    std::vector<std::uint32_t> m_counts;
+    std::vector<std::uint32_t> m_table;
+    std::uint32_t m_tableSize = 0;
+    std::uint32_t m_tableShift = 0;
+    std::uint32_t m_total = 0;
+    std::uint32_t m_cycle = 0;
+    std::uint32_t m_untilUpdate = 0;
+};
+
+class Decoder
+{
+public:
+    //! Starts on the bytes [begin, end): reads the first four. Reading past the end gives
+    //! zeros and marks the stream as overrun.
+    void start(const std::uint8_t *begin, const std::uint8_t *end)
+    {
+        m_begin = m_at = begin;
+        m_end = end;
+        m_overrun = 0;
+        m_corrupt = false;
+        m_length = MAX_LENGTH;
+        m_value = 0;
+        for (int i = 0; i < 4; ++i)
+            m_value = (m_value << 8) | byte();
+    }
+
+    std::size_t consumed() const { return std::size_t(m_at - m_begin); }
+    //! The stream ran out, or held a value no encoder writes. Encoders before the padding of
+    //! the coder's last bytes left the decoder reading up to four bytes past the chunk, which
+    //! do not change what it decodes: those are not a failure.
+    bool failed() const { return m_corrupt || m_overrun > 4; }
+
+    std::uint32_t decodeBit(BitModel &m)
+    {
+        const std::uint32_t x = m.zeroProbability * (m_length >> BIT_LENGTH_SHIFT);
+        const std::uint32_t bit = m_value >= x ? 1u : 0u;
+        if (bit == 0) {
+            m_length = x;
+            ++m.zeroCount;
+        } else {
+            m_value -= x;
+            m_length -= x;
+        }
+        if (m_length < MIN_LENGTH)
+            renormalise();
+        if (--m.untilUpdate == 0)
+            m.update();
+        return bit;
+    }
+
+    std::uint32_t decodeSymbol(SymbolModel &m)
+    {
+        std::uint32_t symbol, x, y = m_length;
+        if (m.m_tableSize) {
+            m_length >>= SYMBOL_LENGTH_SHIFT;
+            const std::uint32_t dv = m_value / m_length;
+            const std::uint32_t t = dv >> m.m_tableShift;
+            if (t > m.m_tableSize) {
+                m_corrupt = true;
+                return 0;
+            }
+            symbol = m.m_table[t];
+            std::uint32_t n = m.m_table[t + 1] + 1;
+            while (n > symbol + 1) {
+                const std::uint32_t k = (symbol + n) >> 1;
+                if (m.m_distribution[k] > dv)
+                    n = k;
+                else
+                    symbol = k;
+            }
+            x = m.m_distribution[symbol] * m_length;
+            if (symbol != m.m_last)
+                y = m.m_distribution[symbol + 1] * m_length;
+        } else {
+            x = symbol = 0;
+            m_length >>= SYMBOL_LENGTH_SHIFT;
+            std::uint32_t n = m.m_symbols;
+            std::uint32_t k = n >> 1;
+            do {
+                const std::uint32_t z = m_length * m.m_distribution[k];
+                if (z > m_value) {
+                    n = k;
+                    y = z;
+                } else {
+                    symbol = k;
+                    x = z;
+                }
+            } while ((k = (symbol + n) >> 1) != symbol);
+        }
+        m_value -= x;
+        m_length = y - x;
+        if (m_length < MIN_LENGTH)
+            renormalise();
+        if (symbol >= m.m_symbols) {
+            m_corrupt = true;
+            return 0;
+        }
+        m.counted(symbol);
+        return symbol;
+    }
+
+    //! bits raw bits (1 to 32), the lower 16 first when there are more than 19.
+    std::uint32_t readBits(unsigned bits)
+    {
+        if (bits > 19) {
+            const std::uint32_t low = readShort();
+            const std::uint32_t high = readBits(bits - 16);
+            return (high << 16) | low;
+        }
+        m_length >>= bits;
+        const std::uint32_t symbol = m_value / m_length;
+        m_value -= m_length * symbol;
+        if (m_length < MIN_LENGTH)
+            renormalise();
+        if (symbol >= (1u << bits))
+            m_corrupt = true;
+        return symbol;
+    }
+    std::uint32_t readShort() { return readBits(16); }
+    std::uint32_t readInt()
+    {
+        const std::uint32_t low = readShort();
+        const std::uint32_t high = readShort();
+        return (high << 16) | low;
+    }
+
+private:
+    std::uint32_t byte()
+    {
+        if (m_at < m_end)
+            return *m_at++;
+        ++m_overrun;
+        return 0;
+    }
+    void renormalise()
+    {
+        do {
+            m_value = (m_value << 8) | byte();
+        } while ((m_length <<= 8) < MIN_LENGTH);
+    }
+
+    const std::uint8_t *m_begin = nullptr;
+    const std::uint8_t *m_at = nullptr;
+    const std::uint8_t *m_end = nullptr;
+    std::size_t m_overrun = 0;
+    bool m_corrupt = false;
+    std::uint32_t m_value = 0;
+    std::uint32_t m_length = MAX_LENGTH;
+};
+
+class Encoder
+{
+public:
+    //! Starts appending to out.
+    void start(std::vector<std::uint8_t> &out)
+    {
+        m_out = &out;
+        m_start = out.size();
+        m_base = 0;
+        m_length = MAX_LENGTH;
+    }
+
+    void encodeBit(BitModel &m, std::uint32_t bit)
+    {
+        const std::uint32_t x = m.zeroProbability * (m_length >> BIT_LENGTH_SHIFT);
+        if (bit == 0) {
+            m_length = x;
+            ++m.zeroCount;
+        } else {
+            add(x);
+            m_length -= x;
+        }
+        if (m_length < MIN_LENGTH)
+            renormalise();
+        if (--m.untilUpdate == 0)
+            m.update();
+    }
+
+    void encodeSymbol(SymbolModel &m, std::uint32_t symbol)
+    {
+        std::uint32_t x;
+        if (symbol == m.m_last) {
+            x = m.m_distribution[symbol] * (m_length >> SYMBOL_LENGTH_SHIFT);
+            add(x);
+            m_length -= x;
+        } else {
+            m_length >>= SYMBOL_LENGTH_SHIFT;
+            x = m.m_distribution[symbol] * m_length;
+            add(x);
+            m_length = m.m_distribution[symbol + 1] * m_length - x;
+        }
+        if (m_length < MIN_LENGTH)
+            renormalise();
+        m.counted(symbol);
+    }
+
+    void writeBits(unsigned bits, std::uint32_t value)
+    {
+        if (bits > 19) {
+            writeBits(16, value & 0xffff);
+            value >>= 16;
+            bits -= 16;
+        }
+        m_length >>= bits;
+        add(value * m_length);
+        if (m_length < MIN_LENGTH)
+            renormalise();
+    }
+    void writeInt(std::uint32_t value)
+    {
+        writeBits(16, value & 0xffff);
+        writeBits(16, value >> 16);
+    }
+
+    //! The last bytes: enough to settle the interval, then zeros up to what the decoder reads.
+    void finish()
+    {
+        bool anotherByte = true;
+        if (m_length > 2 * MIN_LENGTH) {
+            add(MIN_LENGTH);
+            m_length = MIN_LENGTH >> 1;
+        } else {
+            add(MIN_LENGTH >> 1);
+            m_length = MIN_LENGTH >> 9;
+            anotherByte = false;
+        }
+        renormalise();
+        m_out->push_back(0);
+        m_out->push_back(0);
+        if (anotherByte)
+            m_out->push_back(0);
+    }
+
+private:
+    void add(std::uint32_t x)
+    {
+        const std::uint32_t before = m_base;
+        m_base += x;
+        if (m_base < before) {
+            // The carry runs back through the bytes already written.
+            std::size_t i = m_out->size();
+            while (i > m_start && (*m_out)[i - 1] == 0xff)
+                (*m_out)[--i] = 0;
+            if (i > m_start)
+                ++(*m_out)[i - 1];
+        }
+    }
+    void renormalise()
+    {
+        do {
+            m_out->push_back(std::uint8_t(m_base >> 24));
+            m_base <<= 8;
+        } while ((m_length <<= 8) < MIN_LENGTH);
+    }
+
+    std::vector<std::uint8_t> *m_out = nullptr;
+    std::size_t m_start = 0;
+    std::uint32_t m_base = 0;
+    std::uint32_t m_length = MAX_LENGTH;
+};
+
+// ------------------------------------------------------------------ integers
+//
+// An integer is coded as its difference from a prediction: first k, the number of bits of that
+// difference (in a model per context), then the difference within the 2^k values it can take
+// (the top bitsHigh of them modelled, the rest raw). Differences wrap around within the range
+// of the integer's bits.
+
+class IntegerCoder
+{
+public:
+    IntegerCoder(unsigned bits = 16, unsigned contexts = 1, unsigned bitsHigh = 8)
+        : m_bitsHigh(bitsHigh)
+    {
+        if (bits && bits < 32) {
+            m_corrBits = bits;
+            m_corrRange = 1u << bits;
+            m_corrMin = -std::int32_t(m_corrRange / 2);
+        } else {
+            m_corrBits = 32;
+            m_corrRange = 0;
+            m_corrMin = INT32_MIN;
+        }
+        m_kModels.reserve(contexts);
+        for (unsigned i = 0; i < contexts; ++i)
+            m_kModels.emplace_back(m_corrBits + 1);
+        m_corrector.reserve(m_corrBits + 1);
+        m_corrector.emplace_back(2); // unused: k = 0 has a bit model
+        for (unsigned i = 1; i <= m_corrBits; ++i)
+            m_corrector.emplace_back(1u << std::min(i, bitsHigh));
+    }
+
+    void reset()
+    {
+        for (SymbolModel &m : m_kModels)
+            m.reset();
+        m_zeroOrOne.reset();
+        for (SymbolModel &m : m_corrector)
+            m.reset();
+        m_k = 0;
+    }
+
+    std::int32_t decode(Decoder &decoder, std::int32_t prediction, unsigned context = 0)
+    {
+        std::uint32_t real = std::uint32_t(prediction) + std::uint32_t(corrector(decoder, context));
+        if (std::int32_t(real) < 0)
+            real += m_corrRange;
+        else if (real >= m_corrRange)
+            real -= m_corrRange;
+        return std::int32_t(real);
+    }
+    //! The bits of the last difference (the next item's context).
+    unsigned k() const { return m_k; }
+
+    void encode(Encoder &encoder, std::int32_t prediction, std::int32_t real, unsigned context = 0)
+    {
+        std::int32_t c = std::int32_t(std::uint32_t(real) - std::uint32_t(prediction));
+        if (m_corrRange) {
+            const std::int32_t corrMax = m_corrMin + std::int32_t(m_corrRange) - 1;
+            if (c < m_corrMin)
+                c += std::int32_t(m_corrRange);
+            else if (c > corrMax)
+                c -= std::int32_t(m_corrRange);
+        }
+        // k: the bits of the interval [-(2^k - 1), 2^k] that holds c.
+        std::uint32_t magnitude = c <= 0 ? 0u - std::uint32_t(c) : std::uint32_t(c) - 1;
+        m_k = 0;
+        while (magnitude) {
+            magnitude >>= 1;
+            ++m_k;
+        }
+        encoder.encodeSymbol(m_kModels[context], m_k);
+        if (m_k == 0) {
+            encoder.encodeBit(m_zeroOrOne, std::uint32_t(c));
+            return;
+        }
+        if (m_k >= 32)
+            return; // the lowest value: k says it all
+        std::int64_t v
+            = c < 0 ? std::int64_t(c) + ((std::int64_t(1) << m_k) - 1) : std::int64_t(c) - 1;
+        if (m_k <= m_bitsHigh) {
+            encoder.encodeSymbol(m_corrector[m_k], std::uint32_t(v));
+        } else {
+            const unsigned low = m_k - m_bitsHigh;
+            encoder.encodeSymbol(m_corrector[m_k], std::uint32_t(v >> low));
+            encoder.writeBits(low, std::uint32_t(v & ((std::int64_t(1) << low) - 1)));
+        }
+    }
+
+private:
+    std::int32_t corrector(Decoder &decoder, unsigned context)
+    {
+        m_k = decoder.decodeSymbol(m_kModels[context]);
+        if (m_k == 0)
+            return std::int32_t(decoder.decodeBit(m_zeroOrOne));
+        if (m_k >= 32)
+            return m_corrMin;
+        std::int64_t c;
+        if (m_k <= m_bitsHigh) {
+            c = decoder.decodeSymbol(m_corrector[m_k]);
+        } else {
+            const unsigned low = m_k - m_bitsHigh;
+            c = decoder.decodeSymbol(m_corrector[m_k]);
+            c = (c << low) | decoder.readBits(low);
+        }
+        // [0, 2^(k-1)) holds the negative differences, [2^(k-1), 2^k) the positive ones.
+        if (c >= (std::int64_t(1) << (m_k - 1)))
+            c += 1;
+        else
+            c -= (std::int64_t(1) << m_k) - 1;
+        return std::int32_t(c);
+    }
+
+    unsigned m_bitsHigh;
+    unsigned m_corrBits = 0;
+    std::uint32_t m_corrRange = 0;
+    std::int32_t m_corrMin = 0;
+    std::vector<SymbolModel> m_kModels;
+    BitModel m_zeroOrOne;
+    std::vector<SymbolModel> m_corrector;
+    unsigned m_k = 0;
+};
+
+// ------------------------------------------------------------------ helpers of the items
+
+inline std::uint8_t fold(std::int32_t n)
+{
+    return std::uint8_t(n < 0 ? n + 256 : (n > 255 ? n - 256 : n));
+}
+inline std::int32_t clamp8(std::int32_t n)
+{
+    return n < 0 ? 0 : (n > 255 ? 255 : n);
+}
+template<typename T> T load(const std::uint8_t *p)
+{
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+template<typename T> void store(std::uint8_t *p, T v)
+{
+    std::memcpy(p, &v, sizeof v);
+}
+
+//! The median of the last five values: the prediction of a coordinate's next difference.
+class Median5
+{
+public:
+    void reset()
+    {
+        m_v.fill(0);
+        m_high = true;
+    }
+    std::int32_t get() const { return m_v[2]; }
+    void add(std::int32_t v)
+    {
+        // Kept sorted; the value that goes is alternately the highest and the lowest.
+        if (m_high) {
+            if (v < m_v[2]) {
+                m_v[4] = m_v[3];
+                m_v[3] = m_v[2];
+                if (v < m_v[0]) {
+                    m_v[2] = m_v[1];
+                    m_v[1] = m_v[0];
+                    m_v[0] = v;
+                } else if (v < m_v[1]) {
+                    m_v[2] = m_v[1];
+                    m_v[1] = v;
+                } else {
+                    m_v[2] = v;
+                }
+            } else {
+                if (v < m_v[3]) {
+                    m_v[4] = m_v[3];
+                    m_v[3] = v;
+                } else {
+                    m_v[4] = v;
+                }
+                m_high = false;
+            }
+        } else {
+            if (m_v[2] < v) {
+                m_v[0] = m_v[1];
+                m_v[1] = m_v[2];
+                if (m_v[4] < v) {
+                    m_v[2] = m_v[3];
+                    m_v[3] = m_v[4];
+                    m_v[4] = v;
+                } else if (m_v[3] < v) {
+                    m_v[2] = m_v[3];
+                    m_v[3] = v;
+                } else {
+                    m_v[2] = v;
+                }
+            } else {
+                if (m_v[1] < v) {
+                    m_v[0] = m_v[1];
+                    m_v[1] = v;
+                } else {
+                    m_v[0] = v;
+                }
+                m_high = true;
+            }
+        }
+    }
+
+private:
+    std::array<std::int32_t, 5> m_v {};
+    bool m_high = true;
+};
+
+// Which of 16 prediction slots a point of return r of n returns uses, and which of 8 heights.
+class LazyModels
+{
+public:
+    explicit LazyModels(std::uint32_t symbols)
+        : m_symbols(symbols)
+    {
+    }
+    void reset()
+    {
+        for (auto &m : m_models)
+            m.reset();
+    }
+    SymbolModel &operator[](std::size_t context)
+    {
+        if (!m_models[context])
+            m_models[context] = std::make_unique<SymbolModel>(m_symbols);
+        return *m_models[context];
+    }
+
+private:
+    std::uint32_t m_symbols;
+    std::array<std::unique_ptr<SymbolModel>, 256> m_models;
+};
+
+struct ItemDecoder
+{
+    virtual ~ItemDecoder() = default;
+    //! The chunk's first record's bytes of this item: the start of every prediction.
+    virtual void start(const std::uint8_t *item) = 0;
+    virtual void read(Decoder &decoder, std::uint8_t *item) = 0;
+};
+
+struct ItemEncoder
+{
+    virtual ~ItemEncoder() = default;
+    virtual void start(const std::uint8_t *item) = 0;
+    virtual void write(Encoder &encoder, const std::uint8_t *item) = 0;
+};
+
+//! The item coders of a description's items (null for one this codec does not know).
+std::unique_ptr<ItemDecoder> makeItemDecoder(const Item &item);
+std::unique_ptr<ItemEncoder> makeItemEncoder(const Item &item);
+//! What an item type is, for messages.
+const char *itemName(std::uint16_t type);
+
+} // namespace detail
+} // namespace tzLaz
