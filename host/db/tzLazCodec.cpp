@@ -50,10 +50,9 @@ bool parseDescription(const std::uint8_t *data, std::size_t size, Description &o
         error = "LAZ coder " + std::to_string(d.coder) + " is not supported";
         return false;
     }
-    if (d.compressor != 2) {
-        error = "LAZ compressor " + std::to_string(d.compressor)
-            + (d.compressor == 3 ? " (layered chunks of LAS 1.4 points)" : "")
-            + " is not supported yet";
+    if (d.compressor != 2 && d.compressor != 3) {
+        error = "LAZ compressor " + std::to_string(d.compressor) + " is not supported"
+            + (d.compressor == 1 ? " (points compressed without chunks)" : "");
         return false;
     }
     if (d.items.empty()) {
@@ -61,7 +60,7 @@ bool parseDescription(const std::uint8_t *data, std::size_t size, Description &o
         return false;
     }
     for (const Item &item : d.items) {
-        if (!makeItemDecoder(item)) {
+        if (d.compressor == 3 ? !makeLayeredItemDecoder(item) : !makeItemDecoder(item)) {
             error = std::string("LAZ item '") + itemName(item.type) + "' (type "
                 + std::to_string(item.type) + ", " + std::to_string(item.size) + " bytes, version "
                 + std::to_string(item.version) + ") is not supported";
@@ -156,8 +155,13 @@ struct ChunkDecoder::Impl
 {
     Decoder decoder;
     std::vector<std::unique_ptr<ItemDecoder>> items;
+    std::vector<std::unique_ptr<LayeredItemDecoder>> layeredItems;
     std::vector<std::size_t> offsets; // of each item in the record
     std::size_t recordLength = 0;
+    std::vector<LayerBytes> layers;
+
+    bool decodeLayered(const std::uint8_t *data, std::size_t size, std::uint32_t count,
+                       std::uint8_t *out, std::size_t &consumed, std::string &error);
 };
 
 ChunkDecoder::ChunkDecoder(const Description &description)
@@ -165,9 +169,69 @@ ChunkDecoder::ChunkDecoder(const Description &description)
 {
     for (const Item &item : description.items) {
         d->offsets.push_back(d->recordLength);
-        d->items.push_back(makeItemDecoder(item));
+        if (description.compressor == 3)
+            d->layeredItems.push_back(makeLayeredItemDecoder(item));
+        else
+            d->items.push_back(makeItemDecoder(item));
         d->recordLength += item.size;
     }
+}
+
+bool ChunkDecoder::Impl::decodeLayered(const std::uint8_t *data, std::size_t size,
+                                       std::uint32_t count, std::uint8_t *out,
+                                       std::size_t &consumed, std::string &error)
+{
+    // The first record, the point count, the byte count of every layer, then the layers.
+    std::size_t at = recordLength;
+    std::size_t layerCount = 0;
+    for (const auto &item : layeredItems)
+        layerCount += item->layerCount();
+    if (size < at + 4 + 4 * layerCount) {
+        error = "a chunk is truncated";
+        return false;
+    }
+    const std::uint32_t stored = load<std::uint32_t>(data + at);
+    at += 4;
+    if (stored != count) {
+        error = "a chunk holds " + std::to_string(stored) + " points where " + std::to_string(count)
+            + " were expected";
+        return false;
+    }
+    layers.resize(layerCount);
+    std::size_t total = 0;
+    for (std::size_t i = 0; i < layerCount; ++i) {
+        layers[i].size = load<std::uint32_t>(data + at + 4 * i);
+        total += layers[i].size;
+    }
+    at += 4 * layerCount;
+    if (total > size - at) {
+        error = "a chunk's layers run past its end";
+        return false;
+    }
+    for (LayerBytes &layer : layers) {
+        layer.data = data + at;
+        at += layer.size;
+    }
+    std::memcpy(out, data, recordLength);
+    unsigned context = 0;
+    const LayerBytes *next = layers.data();
+    for (std::size_t i = 0; i < layeredItems.size(); ++i) {
+        layeredItems[i]->start(out + offsets[i], next, context);
+        next += layeredItems[i]->layerCount();
+    }
+    for (std::uint32_t p = 1; p < count; ++p) {
+        std::uint8_t *record = out + std::size_t(p) * recordLength;
+        for (std::size_t i = 0; i < layeredItems.size(); ++i)
+            layeredItems[i]->read(record + offsets[i], context);
+    }
+    for (const auto &item : layeredItems) {
+        if (item->failed()) {
+            error = "a chunk is damaged (its layers cannot be decoded)";
+            return false;
+        }
+    }
+    consumed = at;
+    return true;
 }
 
 ChunkDecoder::~ChunkDecoder() = default;
@@ -183,6 +247,8 @@ bool ChunkDecoder::decode(const std::uint8_t *data, std::size_t size, std::uint3
         error = "a chunk is truncated";
         return false;
     }
+    if (!d->layeredItems.empty())
+        return d->decodeLayered(data, size, count, out, consumed, error);
     // The first record is stored as it is; the coder starts after it.
     std::memcpy(out, data, length);
     for (std::size_t i = 0; i < d->items.size(); ++i)

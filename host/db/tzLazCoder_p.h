@@ -641,6 +641,27 @@ struct ItemEncoder
     virtual void write(Encoder &encoder, const std::uint8_t *item) = 0;
 };
 
+//! A layer of a layered chunk: its bytes (none when the attribute does not change in it).
+struct LayerBytes
+{
+    const std::uint8_t *data = nullptr;
+    std::uint32_t size = 0;
+};
+
+//! An item of the layered records of LAS 1.4: its layers each have a coder of their own. The
+//! context is the scanner channel, which the point item sets and the others follow.
+struct LayeredItemDecoder
+{
+    virtual ~LayeredItemDecoder() = default;
+    //! How many layers (and byte counts) the item has in a chunk.
+    virtual unsigned layerCount() const = 0;
+    virtual void start(const std::uint8_t *item, const LayerBytes *layers, unsigned &context) = 0;
+    virtual void read(std::uint8_t *item, unsigned &context) = 0;
+    virtual bool failed() const = 0;
+};
+
+std::unique_ptr<LayeredItemDecoder> makeLayeredItemDecoder(const Item &item);
+
 //! The item coders of a description's items (null for one this codec does not know).
 std::unique_ptr<ItemDecoder> makeItemDecoder(const Item &item);
 std::unique_ptr<ItemEncoder> makeItemEncoder(const Item &item);

@@ -195,6 +195,8 @@ void TestLaz::recordsAreTheLasTwins_data()
     QTest::addColumn<QString>("las");
     QTest::newRow("format 3, RGB in 8 bits") << data("simple.laz") << data("simple.las");
     QTest::newRow("format 3 with 27 extra bytes") << data("extra.laz") << data("extrabytes.las");
+    QTest::newRow("LAS 1.4 format 6, layered, extended VLRs")
+        << data("1_4_w_evlr.laz") << data("1_4_w_evlr.las");
 }
 
 void TestLaz::recordsAreTheLasTwins()

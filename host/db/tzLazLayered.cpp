@@ -1,0 +1,629 @@
+// The items of LAZ records of point formats 6 to 10 (LAS 1.4), version 3: layered chunks.
+//
+// A layered chunk holds its first record raw, its point count, the byte count of every layer,
+// then the layers: the coordinates and returns first, then the Z, the classification, the flags,
+// the intensity, the scan angle, the user data, the point source, the GPS time, then the colours,
+// the near infrared and each extra byte. Each layer has a coder of its own, and a layer of no
+// bytes means the attribute does not change within the chunk. Predictions are kept apart for
+// each of the four scanner channels; a channel met for the first time starts from the last
+// record of the channel before.
+
+#include "tzLazCoder_p.h"
+
+namespace tzLaz {
+namespace detail {
+
+namespace {
+
+// Which of 6 prediction slots a point of return r of n returns uses.
+constexpr std::uint8_t RETURN_SLOT14[16][16] = {{0, 1, 2, 3, 4, 5, 3, 4, 4, 5, 5, 5, 5, 5, 5, 5},
+                                                {1, 0, 1, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3},
+                                                {2, 1, 2, 4, 4, 4, 4, 4, 4, 4, 4, 3, 3, 3, 3, 3},
+                                                {3, 3, 4, 5, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4},
+                                                {4, 3, 4, 4, 5, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4},
+                                                {5, 3, 4, 4, 4, 5, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4},
+                                                {3, 3, 4, 4, 4, 4, 5, 4, 4, 4, 4, 4, 4, 4, 4, 4},
+                                                {4, 3, 4, 4, 4, 4, 4, 5, 4, 4, 4, 4, 4, 4, 4, 4},
+                                                {4, 3, 4, 4, 4, 4, 4, 4, 5, 4, 4, 4, 4, 4, 4, 4},
+                                                {5, 3, 4, 4, 4, 4, 4, 4, 4, 5, 4, 4, 4, 4, 4, 4},
+                                                {5, 3, 4, 4, 4, 4, 4, 4, 4, 4, 5, 4, 4, 4, 4, 4},
+                                                {5, 3, 3, 4, 4, 4, 4, 4, 4, 4, 4, 5, 5, 4, 4, 4},
+                                                {5, 3, 3, 4, 4, 4, 4, 4, 4, 4, 4, 5, 5, 5, 4, 4},
+                                                {5, 3, 3, 4, 4, 4, 4, 4, 4, 4, 4, 4, 5, 5, 5, 4},
+                                                {5, 3, 3, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 5, 5, 5},
+                                                {5, 3, 3, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 5, 5}};
+
+//! Which of 8 height predictions: the distance between r and n, at most 7.
+inline unsigned returnLevel(unsigned n, unsigned r)
+{
+    return std::min(n > r ? n - r : r - n, 7u);
+}
+
+//! The fields of a point record of format 6 and up (30 bytes) the predictions work on.
+struct Point14
+{
+    std::int32_t x = 0, y = 0, z = 0;
+    std::uint16_t intensity = 0;
+    unsigned returnNumber = 0, returns = 0;
+    unsigned classFlags = 0, channel = 0, scanDirection = 0, edge = 0;
+    unsigned classification = 0, userData = 0;
+    std::int16_t scanAngle = 0;
+    std::uint16_t source = 0;
+    std::uint64_t gpsTime = 0;
+    bool gpsTimeChanged = false; // for the record after it
+
+    void read(const std::uint8_t *r)
+    {
+        x = load<std::int32_t>(r);
+        y = load<std::int32_t>(r + 4);
+        z = load<std::int32_t>(r + 8);
+        intensity = load<std::uint16_t>(r + 12);
+        returnNumber = r[14] & 15;
+        returns = r[14] >> 4;
+        classFlags = r[15] & 15;
+        channel = (r[15] >> 4) & 3;
+        scanDirection = (r[15] >> 6) & 1;
+        edge = r[15] >> 7;
+        classification = r[16];
+        userData = r[17];
+        scanAngle = load<std::int16_t>(r + 18);
+        source = load<std::uint16_t>(r + 20);
+        gpsTime = load<std::uint64_t>(r + 22);
+    }
+    void write(std::uint8_t *r) const
+    {
+        store<std::int32_t>(r, x);
+        store<std::int32_t>(r + 4, y);
+        store<std::int32_t>(r + 8, z);
+        store<std::uint16_t>(r + 12, intensity);
+        r[14] = std::uint8_t(returnNumber | (returns << 4));
+        r[15] = std::uint8_t(classFlags | (channel << 4) | (scanDirection << 6) | (edge << 7));
+        r[16] = std::uint8_t(classification);
+        r[17] = std::uint8_t(userData);
+        store<std::int16_t>(r + 18, scanAngle);
+        store<std::uint16_t>(r + 20, source);
+        store<std::uint64_t>(r + 22, gpsTime);
+    }
+};
+
+//! A layer of a chunk: its bytes, and the coder reading them.
+struct Layer
+{
+    bool present = false; // bytes in this chunk: the attribute changes within it
+    Decoder decoder;
+
+    void start(const LayerBytes &bytes)
+    {
+        present = bytes.size > 0;
+        if (present)
+            decoder.start(bytes.data, bytes.data + bytes.size);
+    }
+    bool failed() const { return present && decoder.failed(); }
+};
+
+// The point's own fields, in nine layers.
+class Point14Decoder final : public LayeredItemDecoder
+{
+public:
+    unsigned layerCount() const override { return 9; }
+
+    void start(const std::uint8_t *item, const LayerBytes *layers, unsigned &context) override
+    {
+        for (int i = 0; i < 9; ++i)
+            m_layers[i].start(layers[i]);
+        for (Channel &c : m_channels)
+            c.used = false;
+        Point14 first;
+        first.read(item);
+        m_current = first.channel;
+        context = m_current;
+        startChannel(m_current, first);
+    }
+
+    void read(std::uint8_t *item, unsigned &context) override
+    {
+        Channel *c = &m_channels[m_current];
+        Decoder &xy = m_layers[XY].decoder;
+        // The kind of the last return (single, first, last, other) and whether its time
+        // changed choose the model of what changed.
+        unsigned lastKind = (c->last.returnNumber == 1 ? 1u : 0u)
+            + (c->last.returnNumber >= c->last.returns ? 2u : 0u)
+            + (c->last.gpsTimeChanged ? 4u : 0u);
+        const std::uint32_t changed = xy.decodeSymbol(c->changed[lastKind]);
+        if (changed & (1u << 6)) {
+            const std::uint32_t step = xy.decodeSymbol(c->channelModel);
+            const unsigned channel = (m_current + step + 1) % 4;
+            if (!m_channels[channel].used)
+                startChannel(channel, c->last);
+            m_current = channel;
+            c = &m_channels[m_current];
+            c->last.channel = channel;
+        }
+        context = m_current;
+        Point14 &last = c->last;
+        const bool sourceChanged = changed & (1u << 5);
+        const bool timeChanged = changed & (1u << 4);
+        const bool angleChanged = changed & (1u << 3);
+
+        unsigned n = last.returns;
+        if (changed & (1u << 2)) {
+            n = xy.decodeSymbol(c->returnsModels[last.returns]);
+            last.returns = n;
+        }
+        unsigned r = last.returnNumber;
+        switch (changed & 3) {
+        case 0:
+            break;
+        case 1:
+            r = (r + 1) % 16;
+            break;
+        case 2:
+            r = (r + 15) % 16;
+            break;
+        default:
+            if (timeChanged)
+                r = xy.decodeSymbol(c->returnNumberModels[last.returnNumber]);
+            else
+                r = (r + xy.decodeSymbol(c->returnNumberSameTime) + 2) % 16;
+            break;
+        }
+        last.returnNumber = r;
+
+        const unsigned slot = RETURN_SLOT14[n][r];
+        const unsigned level = returnLevel(n, r);
+        const unsigned kind = (r == 1 ? 2u : 0u) + (r >= n ? 1u : 0u);
+        const unsigned medianSlot = (slot << 1) | (timeChanged ? 1u : 0u);
+
+        std::int32_t diff = c->dx.decode(xy, c->xDiff[medianSlot].get(), n == 1);
+        last.x = std::int32_t(std::uint32_t(last.x) + std::uint32_t(diff));
+        c->xDiff[medianSlot].add(diff);
+        unsigned kBits = c->dx.k();
+        diff = c->dy.decode(xy, c->yDiff[medianSlot].get(),
+                            (n == 1) + (kBits < 20 ? (kBits & ~1u) : 20));
+        last.y = std::int32_t(std::uint32_t(last.y) + std::uint32_t(diff));
+        c->yDiff[medianSlot].add(diff);
+
+        if (m_layers[Z].present) {
+            kBits = (c->dx.k() + c->dy.k()) / 2;
+            last.z = c->z.decode(m_layers[Z].decoder, c->lastZ[level],
+                                 (n == 1) + (kBits < 18 ? (kBits & ~1u) : 18));
+            c->lastZ[level] = last.z;
+        }
+        if (m_layers[CLASSIFICATION].present) {
+            const unsigned context = ((last.classification & 0x1f) << 1) + (kind == 3 ? 1 : 0);
+            last.classification
+                = m_layers[CLASSIFICATION].decoder.decodeSymbol(c->classification[context]);
+        }
+        if (m_layers[FLAGS].present) {
+            const unsigned lastFlags
+                = (last.edge << 5) | (last.scanDirection << 4) | last.classFlags;
+            const std::uint32_t flags = m_layers[FLAGS].decoder.decodeSymbol(c->flags[lastFlags]);
+            last.edge = (flags >> 5) & 1;
+            last.scanDirection = (flags >> 4) & 1;
+            last.classFlags = flags & 15;
+        }
+        if (m_layers[INTENSITY].present) {
+            const unsigned at = (kind << 1) | (timeChanged ? 1u : 0u);
+            last.intensity = std::uint16_t(
+                c->intensity.decode(m_layers[INTENSITY].decoder, c->lastIntensity[at], kind));
+            c->lastIntensity[at] = last.intensity;
+        }
+        if (m_layers[SCAN_ANGLE].present && angleChanged) {
+            last.scanAngle = std::int16_t(
+                c->scanAngle.decode(m_layers[SCAN_ANGLE].decoder, last.scanAngle, timeChanged));
+        }
+        if (m_layers[USER_DATA].present)
+            last.userData
+                = m_layers[USER_DATA].decoder.decodeSymbol(c->userData[last.userData / 4]);
+        if (m_layers[SOURCE].present && sourceChanged)
+            last.source = std::uint16_t(c->source.decode(m_layers[SOURCE].decoder, last.source));
+        if (m_layers[GPS_TIME].present && timeChanged)
+            last.gpsTime = readTime(*c, m_layers[GPS_TIME].decoder);
+
+        last.write(item);
+        last.gpsTimeChanged = timeChanged;
+    }
+
+    bool failed() const override
+    {
+        return std::any_of(std::begin(m_layers), std::end(m_layers),
+                           [](const Layer &l) { return l.failed(); });
+    }
+
+private:
+    enum { XY, Z, CLASSIFICATION, FLAGS, INTENSITY, SCAN_ANGLE, USER_DATA, SOURCE, GPS_TIME };
+    static constexpr std::int32_t MULTI = 500;
+    static constexpr std::int32_t MULTI_MINUS = -10;
+    static constexpr std::uint32_t CODE_FULL = MULTI - MULTI_MINUS + 1;
+    static constexpr std::uint32_t TOTAL = MULTI - MULTI_MINUS + 5;
+
+    struct Channel
+    {
+        bool used = false;
+        Point14 last;
+        std::vector<SymbolModel> changed = std::vector<SymbolModel>(8, SymbolModel(128));
+        SymbolModel channelModel {3};
+        LazyModels returnsModels {16}, returnNumberModels {16};
+        SymbolModel returnNumberSameTime {13};
+        IntegerCoder dx {32, 2}, dy {32, 22}, z {32, 20};
+        Median5 xDiff[12], yDiff[12];
+        std::int32_t lastZ[8] = {};
+        LazyModels classification {256}, flags {64}, userData {256};
+        IntegerCoder intensity {16, 4};
+        std::uint16_t lastIntensity[8] = {};
+        IntegerCoder scanAngle {16, 2};
+        IntegerCoder source {16};
+        // The GPS time sequences, as in the version 2 item.
+        unsigned lastSeq = 0, nextSeq = 0;
+        std::uint64_t time[4] = {};
+        std::int32_t timeDiff[4] = {};
+        std::int32_t extremes[4] = {};
+        SymbolModel timeMulti {TOTAL};
+        SymbolModel timeZeroDiff {5};
+        IntegerCoder times {32, 9};
+    };
+
+    void startChannel(unsigned index, const Point14 &from)
+    {
+        Channel &c = m_channels[index];
+        for (SymbolModel &m : c.changed)
+            m.reset();
+        c.channelModel.reset();
+        c.returnsModels.reset();
+        c.returnNumberModels.reset();
+        c.returnNumberSameTime.reset();
+        c.dx.reset();
+        c.dy.reset();
+        for (int i = 0; i < 12; ++i) {
+            c.xDiff[i].reset();
+            c.yDiff[i].reset();
+        }
+        c.z.reset();
+        std::fill(std::begin(c.lastZ), std::end(c.lastZ), from.z);
+        c.classification.reset();
+        c.flags.reset();
+        c.userData.reset();
+        c.intensity.reset();
+        std::fill(std::begin(c.lastIntensity), std::end(c.lastIntensity), from.intensity);
+        c.scanAngle.reset();
+        c.source.reset();
+        c.timeMulti.reset();
+        c.timeZeroDiff.reset();
+        c.times.reset();
+        c.lastSeq = c.nextSeq = 0;
+        std::fill(std::begin(c.timeDiff), std::end(c.timeDiff), 0);
+        std::fill(std::begin(c.extremes), std::end(c.extremes), 0);
+        c.time[0] = from.gpsTime;
+        c.time[1] = c.time[2] = c.time[3] = 0;
+        c.last = from;
+        c.last.gpsTimeChanged = false;
+        c.used = true;
+    }
+
+    static std::int32_t times(std::int32_t factor, std::int32_t diff)
+    {
+        return std::int32_t(std::uint32_t(factor) * std::uint32_t(diff));
+    }
+
+    std::uint64_t readTime(Channel &c, Decoder &decoder)
+    {
+        const auto extreme = [&c](std::int32_t diff) {
+            if (++c.extremes[c.lastSeq] > 3) {
+                c.timeDiff[c.lastSeq] = diff;
+                c.extremes[c.lastSeq] = 0;
+            }
+        };
+        const auto fullTime = [&] {
+            c.nextSeq = (c.nextSeq + 1) & 3;
+            const std::int32_t high
+                = c.times.decode(decoder, std::int32_t(std::uint32_t(c.time[c.lastSeq] >> 32)), 8);
+            c.time[c.nextSeq] = (std::uint64_t(std::uint32_t(high)) << 32) | decoder.readInt();
+            c.lastSeq = c.nextSeq;
+            c.timeDiff[c.lastSeq] = 0;
+            c.extremes[c.lastSeq] = 0;
+        };
+        for (int hop = 0; hop < 8; ++hop) {
+            if (c.timeDiff[c.lastSeq] == 0) {
+                const std::uint32_t multi = decoder.decodeSymbol(c.timeZeroDiff);
+                if (multi == 0) {
+                    c.timeDiff[c.lastSeq] = c.times.decode(decoder, 0, 0);
+                    c.time[c.lastSeq] += std::uint64_t(std::int64_t(c.timeDiff[c.lastSeq]));
+                    c.extremes[c.lastSeq] = 0;
+                } else if (multi == 1) {
+                    fullTime();
+                } else {
+                    c.lastSeq = (c.lastSeq + multi - 1) & 3;
+                    continue;
+                }
+            } else {
+                const std::uint32_t multi = decoder.decodeSymbol(c.timeMulti);
+                const std::int32_t last = c.timeDiff[c.lastSeq];
+                if (multi == 1) {
+                    c.time[c.lastSeq]
+                        += std::uint64_t(std::int64_t(c.times.decode(decoder, last, 1)));
+                    c.extremes[c.lastSeq] = 0;
+                } else if (multi < CODE_FULL) {
+                    std::int32_t diff;
+                    if (multi == 0) {
+                        diff = c.times.decode(decoder, 0, 7);
+                        extreme(diff);
+                    } else if (multi < std::uint32_t(MULTI)) {
+                        diff = c.times.decode(decoder, times(std::int32_t(multi), last),
+                                              multi < 10 ? 2 : 3);
+                    } else if (multi == std::uint32_t(MULTI)) {
+                        diff = c.times.decode(decoder, times(MULTI, last), 4);
+                        extreme(diff);
+                    } else {
+                        const std::int32_t minus = MULTI - std::int32_t(multi);
+                        if (minus > MULTI_MINUS) {
+                            diff = c.times.decode(decoder, times(minus, last), 5);
+                        } else {
+                            diff = c.times.decode(decoder, times(MULTI_MINUS, last), 6);
+                            extreme(diff);
+                        }
+                    }
+                    c.time[c.lastSeq] += std::uint64_t(std::int64_t(diff));
+                } else if (multi == CODE_FULL) {
+                    fullTime();
+                } else {
+                    c.lastSeq = (c.lastSeq + multi - CODE_FULL) & 3;
+                    continue;
+                }
+            }
+            break;
+        }
+        return c.time[c.lastSeq];
+    }
+
+    Layer m_layers[9];
+    Channel m_channels[4];
+    unsigned m_current = 0;
+};
+
+// The layered items that follow the point keep their predictions by scanner channel too. On
+// the record where the channel changes to one met before, the format codes with the new
+// channel's models but from the last values of the channel before (and leaves the result
+// there): kept as it is, or nothing decodes.
+template<typename State> class ChannelStates
+{
+public:
+    void startAt(unsigned context, const State &from)
+    {
+        for (State &s : m_states)
+            s.used = false;
+        m_current = context;
+        m_states[context].start(from);
+    }
+    //! The state whose models code this record, and (values) the one whose last values it
+    //! follows and updates.
+    State &follow(unsigned context, State *&values)
+    {
+        unsigned valuesOf = m_current;
+        if (context != m_current) {
+            m_current = context;
+            if (!m_states[context].used) {
+                m_states[context].start(m_states[valuesOf]);
+                valuesOf = context;
+            }
+        }
+        values = &m_states[valuesOf];
+        return m_states[m_current];
+    }
+
+private:
+    State m_states[4];
+    unsigned m_current = 0;
+};
+
+class Rgb14Decoder final : public LayeredItemDecoder
+{
+public:
+    explicit Rgb14Decoder(bool nir)
+        : m_nir(nir)
+    {
+    }
+    unsigned layerCount() const override { return m_nir ? 2 : 1; }
+
+    void start(const std::uint8_t *item, const LayerBytes *layers, unsigned &context) override
+    {
+        m_rgbLayer.start(layers[0]);
+        if (m_nir)
+            m_nirLayer.start(layers[1]);
+        State first;
+        for (int i = 0; i < (m_nir ? 4 : 3); ++i)
+            first.last[i] = load<std::uint16_t>(item + 2 * i);
+        m_states.startAt(context, first);
+    }
+
+    void read(std::uint8_t *item, unsigned &context) override
+    {
+        State *values = nullptr;
+        State &models = m_states.follow(context, values);
+        std::uint16_t *last = values->last;
+        std::uint16_t c[4];
+        if (m_rgbLayer.present) {
+            decodeRgb(m_rgbLayer.decoder, models, last, c);
+            std::copy(c, c + 3, last);
+        } else {
+            std::copy(last, last + 3, c);
+        }
+        if (m_nir) {
+            if (m_nirLayer.present) {
+                Decoder &d = m_nirLayer.decoder;
+                const std::uint32_t used = d.decodeSymbol(models.nirUsed);
+                c[3] = (used & 1)
+                    ? fold(std::int32_t(d.decodeSymbol(models.nirDiff[0])) + (last[3] & 0xff))
+                    : std::uint16_t(last[3] & 0xff);
+                if (used & 2)
+                    c[3] |= std::uint16_t(
+                        fold(std::int32_t(d.decodeSymbol(models.nirDiff[1])) + (last[3] >> 8))
+                        << 8);
+                else
+                    c[3] |= std::uint16_t(last[3] & 0xff00);
+                last[3] = c[3];
+            } else {
+                c[3] = last[3];
+            }
+        }
+        for (int i = 0; i < (m_nir ? 4 : 3); ++i)
+            store<std::uint16_t>(item + 2 * i, c[i]);
+    }
+
+    bool failed() const override { return m_rgbLayer.failed() || (m_nir && m_nirLayer.failed()); }
+
+private:
+    struct State
+    {
+        bool used = false;
+        std::uint16_t last[4] = {};
+        SymbolModel rgbUsed {128};
+        std::vector<SymbolModel> diff = std::vector<SymbolModel>(6, SymbolModel(256));
+        SymbolModel nirUsed {4};
+        std::vector<SymbolModel> nirDiff = std::vector<SymbolModel>(2, SymbolModel(256));
+
+        void start(const State &from)
+        {
+            rgbUsed.reset();
+            for (SymbolModel &m : diff)
+                m.reset();
+            nirUsed.reset();
+            for (SymbolModel &m : nirDiff)
+                m.reset();
+            std::copy(from.last, from.last + 4, last);
+            used = true;
+        }
+    };
+
+    // As the version 2 item, with the state's models.
+    static void decodeRgb(Decoder &d, State &s, const std::uint16_t *last, std::uint16_t *c)
+    {
+        const auto byteOf
+            = [](std::uint16_t v, int high) { return std::int32_t(high ? v >> 8 : v & 0xff); };
+        const std::uint32_t used = d.decodeSymbol(s.rgbUsed);
+        c[0] = (used & 1) ? fold(std::int32_t(d.decodeSymbol(s.diff[0])) + byteOf(last[0], 0))
+                          : std::uint16_t(last[0] & 0xff);
+        if (used & 2)
+            c[0] |= std::uint16_t(fold(std::int32_t(d.decodeSymbol(s.diff[1])) + byteOf(last[0], 1))
+                                  << 8);
+        else
+            c[0] |= std::uint16_t(last[0] & 0xff00);
+        if (used & 64) {
+            std::int32_t diff = byteOf(c[0], 0) - byteOf(last[0], 0);
+            c[1] = (used & 4)
+                ? fold(std::int32_t(d.decodeSymbol(s.diff[2])) + clamp8(diff + byteOf(last[1], 0)))
+                : std::uint16_t(last[1] & 0xff);
+            if (used & 16) {
+                diff = (diff + (byteOf(c[1], 0) - byteOf(last[1], 0))) / 2;
+                c[2] = fold(std::int32_t(d.decodeSymbol(s.diff[4]))
+                            + clamp8(diff + byteOf(last[2], 0)));
+            } else {
+                c[2] = std::uint16_t(last[2] & 0xff);
+            }
+            diff = byteOf(c[0], 1) - byteOf(last[0], 1);
+            if (used & 8)
+                c[1] |= std::uint16_t(fold(std::int32_t(d.decodeSymbol(s.diff[3]))
+                                           + clamp8(diff + byteOf(last[1], 1)))
+                                      << 8);
+            else
+                c[1] |= std::uint16_t(last[1] & 0xff00);
+            if (used & 32) {
+                diff = (diff + (byteOf(c[1], 1) - byteOf(last[1], 1))) / 2;
+                c[2] |= std::uint16_t(fold(std::int32_t(d.decodeSymbol(s.diff[5]))
+                                           + clamp8(diff + byteOf(last[2], 1)))
+                                      << 8);
+            } else {
+                c[2] |= std::uint16_t(last[2] & 0xff00);
+            }
+        } else {
+            c[1] = c[2] = c[0];
+        }
+    }
+
+    bool m_nir;
+    Layer m_rgbLayer, m_nirLayer;
+    ChannelStates<State> m_states;
+};
+
+class Bytes14Decoder final : public LayeredItemDecoder
+{
+public:
+    explicit Bytes14Decoder(std::size_t count)
+        : m_layers(count)
+        , m_count(count)
+    {
+    }
+    unsigned layerCount() const override { return unsigned(m_count); }
+
+    void start(const std::uint8_t *item, const LayerBytes *layers, unsigned &context) override
+    {
+        for (std::size_t i = 0; i < m_count; ++i)
+            m_layers[i].start(layers[i]);
+        State first;
+        first.last.assign(item, item + m_count);
+        m_states.startAt(context, first);
+    }
+
+    void read(std::uint8_t *item, unsigned &context) override
+    {
+        State *values = nullptr;
+        State &models = m_states.follow(context, values);
+        std::vector<std::uint8_t> &last = values->last;
+        for (std::size_t i = 0; i < m_count; ++i) {
+            if (m_layers[i].present)
+                last[i] = fold(std::int32_t(last[i])
+                               + std::int32_t(m_layers[i].decoder.decodeSymbol(models.models[i])));
+            item[i] = last[i];
+        }
+    }
+
+    bool failed() const override
+    {
+        return std::any_of(m_layers.begin(), m_layers.end(),
+                           [](const Layer &l) { return l.failed(); });
+    }
+
+private:
+    struct State
+    {
+        bool used = false;
+        std::vector<std::uint8_t> last;
+        std::vector<SymbolModel> models;
+
+        void start(const State &from)
+        {
+            if (models.size() != from.last.size())
+                models.assign(from.last.size(), SymbolModel(256));
+            for (SymbolModel &m : models)
+                m.reset();
+            last = from.last;
+            used = true;
+        }
+    };
+
+    std::vector<Layer> m_layers;
+    std::size_t m_count;
+    ChannelStates<State> m_states;
+};
+
+} // namespace
+
+std::unique_ptr<LayeredItemDecoder> makeLayeredItemDecoder(const Item &item)
+{
+    if (item.version != 3)
+        return nullptr;
+    switch (item.type) {
+    case ITEM_POINT14:
+        return item.size == 30 ? std::make_unique<Point14Decoder>() : nullptr;
+    case ITEM_RGB14:
+        return item.size == 6 ? std::make_unique<Rgb14Decoder>(false) : nullptr;
+    case ITEM_RGBNIR14:
+        return item.size == 8 ? std::make_unique<Rgb14Decoder>(true) : nullptr;
+    case ITEM_BYTE14:
+        return item.size > 0 ? std::make_unique<Bytes14Decoder>(item.size) : nullptr;
+    default:
+        return nullptr;
+    }
+}
+
+} // namespace detail
+} // namespace tzLaz
