@@ -1,17 +1,32 @@
 // Loading a 10 M point survey terrain from binary PLY and LAS, warm in the file cache, against
 // reading the same bytes into memory (the limit) in the same run. Prints MB/s and the ratios.
 //
-//   bench_cloudio [--points=N]
+// Then LAZ, on the same survey as LAS point format 3 with the attributes an airborne survey has
+// (intensity, returns, classes, GPS times, colours): our decoding on one thread and on every
+// core against laz-perf (the format's reference decoder compiled to WebAssembly, run by Node.js
+// from the build tree's peer/ folder, installed by scripts/setup --peer), both timed the same
+// way: the file in memory, from the first chunk to the last record. Then opening the LAZ against
+// the LAS (the cloud and its octree, as the viewer's loader makes them), encoding against
+// decoding, and the sizes. The table at the end gives each figure, ours, the other side's and
+// the ratio (ours over theirs: below 1 is faster or smaller).
+//
+//   bench_cloudio [--points=N] [--peer=DIR]
 
 #include "Terrain.h"
 #include "tzCloudFile.h"
+#include "tzLazCodec.h"
 #include "tzPointCloud.h"
+
+#include <QProcess>
 
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
 
+#include <atomic>
 #include <functional>
+#include <thread>
+#include <vector>
 
 #include <chrono>
 #include <cmath>
@@ -97,14 +112,160 @@ bool writeLas(const QString &path, const TZLib::PointCloud &cloud)
     return true;
 }
 
+// LAS 1.2, point format 3, with what an airborne survey's records hold: an intensity that
+// follows the ground, first and last returns, ground and vegetation classes, a GPS time a few
+// microseconds apart, 8-bit colours in the 16-bit fields.
+bool writeSurveyLas(const QString &path, const TZLib::PointCloud &cloud)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::WriteOnly))
+        return false;
+    QByteArray h(227, '\0');
+    std::memcpy(h.data(), "LASF", 4);
+    h[24] = 1;
+    h[25] = 2;
+    auto put = [&h](int at, auto v) { std::memcpy(h.data() + at, &v, sizeof(v)); };
+    put(94, quint16(227));
+    put(96, quint32(227));
+    h[104] = 3;
+    put(105, quint16(34));
+    put(107, quint32(cloud.size()));
+    const double offsets[3] = {650000, 6860000, 0};
+    for (int d = 0; d < 3; ++d) {
+        put(131 + 8 * d, 0.001);
+        put(155 + 8 * d, offsets[d]);
+        put(179 + 16 * d, offsets[d] + 600);
+        put(187 + 16 * d, offsets[d] - 20);
+    }
+    f.write(h);
+    QByteArray chunk;
+    uchar rec[34] = {};
+    quint32 seed = 7;
+    for (unsigned i = 0; i < cloud.size(); ++i) {
+        seed = seed * 1664525u + 1013904223u;
+        const TZVector3 &p = cloud.point(i);
+        const qint32 xyz[3] = {qint32(std::lround(p.x * 1000.0)), qint32(std::lround(p.y * 1000.0)),
+                               qint32(std::lround(p.z * 1000.0))};
+        std::memcpy(rec, xyz, 12);
+        const quint16 intensity = quint16(300 + int(p.z * 7) % 200 + int(seed >> 28));
+        std::memcpy(rec + 12, &intensity, 2);
+        const bool vegetation = (seed >> 8) % 5 == 0;
+        rec[14] = vegetation ? uchar(1 | (2 << 3)) : uchar(1 | (1 << 3));
+        rec[15] = vegetation ? 3 : 2;
+        rec[16] = uchar(qint8(int(p.x) % 30 - 15));
+        const double time = 250000.0 + i * 2.0e-6;
+        std::memcpy(rec + 20, &time, 8);
+        const quint16 rgb[3] = {quint16(90 + int(p.z * 3) % 60), quint16(120 + int(p.z * 2) % 70),
+                                quint16(60 + (seed >> 29))};
+        std::memcpy(rec + 28, rgb, 6);
+        chunk.append(reinterpret_cast<const char *>(rec), 34);
+        if (chunk.size() > (1 << 22)) {
+            f.write(chunk);
+            chunk.clear();
+        }
+    }
+    f.write(chunk);
+    return true;
+}
+
+template<typename T> T at(const QByteArray &bytes, int offset)
+{
+    T v;
+    std::memcpy(&v, bytes.constData() + offset, sizeof v);
+    return v;
+}
+
+// Every record of a LAZ file in memory, its chunks shared among the threads: the seconds taken.
+double decodeLaz(const QByteArray &laz, unsigned threads, std::vector<uchar> &records)
+{
+    int vlr = at<quint16>(laz, 94);
+    tzLaz::Description description;
+    std::string error;
+    for (quint32 i = 0; i < at<quint32>(laz, 100); ++i) {
+        if (laz.mid(vlr + 2, 14) == "laszip encoded")
+            tzLaz::parseDescription(reinterpret_cast<const uchar *>(laz.constData()) + vlr + 54,
+                                    at<quint16>(laz, vlr + 20), description, error);
+        vlr += 54 + at<quint16>(laz, vlr + 20);
+    }
+    const auto *file = reinterpret_cast<const uchar *>(laz.constData());
+    const auto t0 = std::chrono::steady_clock::now();
+    std::vector<tzLaz::Chunk> chunks;
+    if (!tzLaz::readChunkTable(file, size_t(laz.size()), at<quint32>(laz, 96),
+                               at<quint32>(laz, 107), description, chunks, error)) {
+        std::fprintf(stderr, "chunk table: %s\n", error.c_str());
+        std::abort();
+    }
+    const size_t length = description.recordLength();
+    std::vector<size_t> first;
+    size_t total = 0;
+    for (const tzLaz::Chunk &c : chunks) {
+        first.push_back(total);
+        total += c.points;
+    }
+    records.resize(total * length);
+    std::atomic<size_t> next {0};
+    const auto work = [&] {
+        tzLaz::ChunkDecoder decoder(description);
+        std::string problem;
+        size_t consumed = 0;
+        for (size_t c = next++; c < chunks.size(); c = next++) {
+            if (!decoder.decode(file + chunks[c].offset, size_t(chunks[c].bytes), chunks[c].points,
+                                records.data() + first[c] * length, consumed, problem))
+                std::abort();
+        }
+    };
+    std::vector<std::thread> pool;
+    for (unsigned t = 1; t < threads; ++t)
+        pool.emplace_back(work);
+    work();
+    for (std::thread &t : pool)
+        t.join();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+// Encoding the records in memory, as the converter does, on one thread: the seconds taken.
+double encodeLaz(const std::vector<uchar> &records, size_t length)
+{
+    tzLaz::Description description;
+    std::string error;
+    tzLaz::describeFormat(3, length, 50000, description, error);
+    tzLaz::ChunkEncoder encoder(description);
+    std::vector<uchar> out;
+    out.reserve(records.size() / 3);
+    const size_t points = records.size() / length;
+    const auto t0 = std::chrono::steady_clock::now();
+    for (size_t first = 0; first < points; first += 50000)
+        encoder.encode(records.data() + first * length,
+                       quint32(std::min<size_t>(50000, points - first)), out);
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+// The peer decoder's seconds on a LAZ file (it prints them), or -1 when it cannot run.
+double peerSeconds(const QString &peerDir, const QString &laz, const QString &records)
+{
+    if (!QFile::exists(peerDir + QStringLiteral("/node_modules/laz-perf/package.json")))
+        return -1;
+    QProcess node;
+    node.start(QStringLiteral("node"), {QStringLiteral(LAZ_PEER_SCRIPT), peerDir, laz, records});
+    if (!node.waitForFinished(600000) || node.exitCode() != 0) {
+        std::fprintf(stderr, "laz-perf: %s\n", node.readAllStandardError().constData());
+        return -1;
+    }
+    const QList<QByteArray> words = node.readAllStandardOutput().trimmed().split(' ');
+    return words.size() >= 2 ? words[words.size() - 2].toDouble() : -1;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     unsigned points = 10000000;
+    QString peerDir = QStringLiteral(LAZ_PEER_DIR);
     for (int i = 1; i < argc; ++i) {
         if (std::strncmp(argv[i], "--points=", 9) == 0)
             points = unsigned(std::strtoul(argv[i] + 9, nullptr, 10));
+        else if (std::strncmp(argv[i], "--peer=", 7) == 0)
+            peerDir = QString::fromLocal8Bit(argv[i] + 7);
     }
     bench::Terrain terrain;
     bench::makeTerrain(terrain, points);
@@ -136,5 +297,66 @@ int main(int argc, char **argv)
         std::printf("%-22s %10.1f %10.3f %12.0f %9.2fx\n", qPrintable(QFileInfo(path).fileName()), mb, load,
                     mb / load, load / read);
     }
+
+    // ---- LAZ
+    const QString surveyLas = dir.filePath("survey.las"), surveyLaz = dir.filePath("survey.laz");
+    QString error;
+    if (!writeSurveyLas(surveyLas, terrain.cloud)
+        || !tzCloudFile::convert(surveyLas, surveyLaz, error)) {
+        std::fprintf(stderr, "cannot write the LAZ survey: %s\n", qPrintable(error));
+        return 1;
+    }
+    QFile lazFile(surveyLaz), lasFile(surveyLas);
+    lazFile.open(QIODevice::ReadOnly);
+    lasFile.open(QIODevice::ReadOnly);
+    const QByteArray laz = lazFile.readAll();
+    std::vector<uchar> records;
+    const double decode1 = std::min(
+        {decodeLaz(laz, 1, records), decodeLaz(laz, 1, records), decodeLaz(laz, 1, records)});
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    const double decodeAll
+        = std::min({decodeLaz(laz, cores, records), decodeLaz(laz, cores, records),
+                    decodeLaz(laz, cores, records)});
+    const double encode1
+        = std::min({encodeLaz(records, 34), encodeLaz(records, 34), encodeLaz(records, 34)});
+    const auto open = [&error](const QString &path) {
+        return secondsOf([&] {
+            std::unique_ptr<tzPointCloud> cloud(tzCloudFile::load(path, error));
+            if (!cloud || !cloud->computeOctree())
+                std::abort();
+        });
+    };
+    const double openLaz = open(surveyLaz), openLas = open(surveyLas);
+    const QString peerRecords = dir.filePath("peer.records");
+    const double peer = peerSeconds(peerDir, surveyLaz, peerRecords);
+    if (peer > 0) {
+        QFile check(peerRecords);
+        check.open(QIODevice::ReadOnly);
+        const QByteArray theirs = check.readAll();
+        if (theirs.size() != qsizetype(records.size())
+            || std::memcmp(theirs.constData(), records.data(), records.size()) != 0) {
+            std::fprintf(stderr, "laz-perf and our decoder disagree on the survey's records\n");
+            return 1;
+        }
+    }
+    std::printf("\nLAZ of %u points (point format 3), %u cores\n", points, cores);
+    std::printf("%-34s %12s %12s %8s\n", "figure", "ours", "other", "ratio");
+    if (peer > 0) {
+        std::printf("%-34s %10.3f s %10.3f s %8.3f\n", "laz decode, 1 thread vs peer", decode1,
+                    peer, decode1 / peer);
+        std::printf("%-34s %10.3f s %10.3f s %8.3f\n", "laz decode, all cores vs peer", decodeAll,
+                    peer, decodeAll / peer);
+    } else {
+        std::printf("%-34s %10.3f s %12s %8s\n", "laz decode, 1 thread vs peer", decode1, "no peer",
+                    "-");
+        std::printf("%-34s %10.3f s %12s %8s\n", "laz decode, all cores vs peer", decodeAll,
+                    "no peer", "-");
+    }
+    std::printf("%-34s %10.3f s %10.3f s %8.3f\n", "laz open vs las open", openLaz, openLas,
+                openLaz / openLas);
+    std::printf("%-34s %10.3f s %10.3f s %8.3f\n", "laz encode vs decode", encode1, decode1,
+                encode1 / decode1);
+    std::printf("%-34s %9.1f MB %9.1f MB %8.3f\n", "laz size vs las size", laz.size() / 1e6,
+                lasFile.size() / 1e6, double(laz.size()) / double(lasFile.size()));
     return 0;
 }

@@ -65,21 +65,39 @@ public:
         , m_last(symbols - 1)
     {
         if (forDecoding && symbols > 16) {
+            // About one table entry a symbol, so that the search after the look-up is mostly
+            // over (the table only speeds the decoder up: what it decodes is the same). At
+            // most 2^8 entries: a coded value may exceed the 15-bit range by up to 64, which
+            // must not reach past the table's last two entries.
             unsigned tableBits = 3;
-            while (symbols > (1u << (tableBits + 2)))
+            while (symbols > (1u << tableBits) && tableBits < 8)
                 ++tableBits;
             m_tableSize = 1u << tableBits;
             m_tableShift = SYMBOL_LENGTH_SHIFT - tableBits;
-            m_table.resize(m_tableSize + 2);
         }
-        m_distribution.resize(symbols);
-        m_counts.resize(symbols);
+        // One block: the distribution, the counts, the table, read together symbol by symbol.
+        m_storage.resize(2 * symbols + (m_tableSize ? m_tableSize + 2 : 0));
+        bind();
         reset();
+    }
+    SymbolModel(const SymbolModel &other) { *this = other; }
+    SymbolModel &operator=(const SymbolModel &other)
+    {
+        m_symbols = other.m_symbols;
+        m_last = other.m_last;
+        m_storage = other.m_storage;
+        m_tableSize = other.m_tableSize;
+        m_tableShift = other.m_tableShift;
+        m_total = other.m_total;
+        m_cycle = other.m_cycle;
+        m_untilUpdate = other.m_untilUpdate;
+        bind();
+        return *this;
     }
 
     void reset()
     {
-        std::fill(m_counts.begin(), m_counts.end(), 1u);
+        std::fill(m_counts, m_counts + m_symbols, 1u);
         m_total = 0;
         m_cycle = m_symbols;
         update();
@@ -91,9 +109,9 @@ public:
         m_total += m_cycle;
         if (m_total > SYMBOL_MAX_COUNT) {
             m_total = 0;
-            for (std::uint32_t &c : m_counts) {
-                c = (c + 1) >> 1;
-                m_total += c;
+            for (std::uint32_t k = 0; k < m_symbols; ++k) {
+                m_counts[k] = (m_counts[k] + 1) >> 1;
+                m_total += m_counts[k];
             }
         }
         const std::uint32_t scale = 0x80000000u / m_total;
@@ -127,11 +145,19 @@ public:
             update();
     }
 
-    std::uint32_t m_symbols;
-    std::uint32_t m_last;
-    std::vector<std::uint32_t> m_distribution;
-    std::vector<std::uint32_t> m_counts;
-    std::vector<std::uint32_t> m_table;
+    void bind()
+    {
+        m_distribution = m_storage.data();
+        m_counts = m_distribution + m_symbols;
+        m_table = m_tableSize ? m_counts + m_symbols : nullptr;
+    }
+
+    std::uint32_t m_symbols = 0;
+    std::uint32_t m_last = 0;
+    std::vector<std::uint32_t> m_storage;
+    std::uint32_t *m_distribution = nullptr;
+    std::uint32_t *m_counts = nullptr;
+    std::uint32_t *m_table = nullptr;
     std::uint32_t m_tableSize = 0;
     std::uint32_t m_tableShift = 0;
     std::uint32_t m_total = 0;
