@@ -1,5 +1,6 @@
 #include "tzMainWindow.h"
 
+#include "tzCloudFile.h"
 #include "tzConsole.h"
 #include "tzDBTree.h"
 #include "tzFileLoader.h"
@@ -140,6 +141,8 @@ void tzMainWindow::createMenus()
     });
     QAction *save = file->addAction(tr("&Save scene..."), this, [this] { saveSceneAs(); });
     save->setShortcut(QKeySequence::Save);
+    m_saveCloudAction = file->addAction(tr("Save &cloud as..."), this, [this] { saveCloudAs(); });
+    m_saveCloudAction->setEnabled(false);
     file->addSeparator();
     QAction *quit = file->addAction(tr("&Quit"), this, &QWidget::close);
     quit->setShortcut(QKeySequence::Quit);
@@ -400,6 +403,42 @@ tzUniqueIDGenerator::Shared tzMainWindow::getUniqueIDGenerator()
     return tzObject::GetUniqueIDGenerator();
 }
 
+void tzMainWindow::saveCloudAs()
+{
+    tzPointCloud *cloud = nullptr;
+    for (tzHObject *object : m_selected) {
+        if ((cloud = dynamic_cast<tzPointCloud *>(object)))
+            break;
+    }
+    if (!cloud)
+        return;
+    const QString source
+        = cloud->getMetaData(QLatin1String(tzGenericPointCloud::SOURCE_FILE_KEY)).toString();
+    QSettings settings;
+    const QDir folder = source.isEmpty()
+        ? QDir(settings.value(QStringLiteral("LoadFile/currentPath")).toString())
+        : QFileInfo(source).absoluteDir();
+    QString path = QFileDialog::getSaveFileName(
+        this, tr("Save cloud as"), folder.filePath(cloud->getName() + QStringLiteral(".laz")),
+        tr("LAZ (*.laz);;LAS (*.las);;PLY (*.ply)"));
+    if (path.isEmpty())
+        return;
+    if (QFileInfo(path).suffix().isEmpty())
+        path += QStringLiteral(".laz");
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    QString error;
+    const bool saved = tzCloudFile::save(*cloud, path, error);
+    QApplication::restoreOverrideCursor();
+    if (!saved) {
+        printToConsole(error, ERR_CONSOLE_MESSAGE);
+        QMessageBox::warning(this, tr("Save cloud as"), error);
+        return;
+    }
+    printToConsole(QStringLiteral("Cloud '%1' written to '%2' (%3 points)")
+                       .arg(cloud->getName(), path)
+                       .arg(cloud->size()));
+}
+
 void tzMainWindow::onSelectionChanged()
 {
     // The previous selection is looked up again by ID: an object may have left the scene
@@ -416,6 +455,9 @@ void tzMainWindow::onSelectionChanged()
         object->setSelected(true);
     for (const auto &plugin : m_plugins->plugins())
         plugin.instance->selectionChanged(m_selected);
+    m_saveCloudAction->setEnabled(
+        std::any_of(m_selected.begin(), m_selected.end(),
+                    [](tzHObject *o) { return o->isKindOf(TZ_TYPES::POINT_CLOUD); }));
     m_view->redraw();
 }
 

@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+class QAction;
 class QLabel;
 class QMdiArea;
 class QMdiSubWindow;
@@ -74,6 +75,8 @@ public:
     //! Asks where (beside the first cloud, or where the scene was saved or loaded last) and
     //! saves; false when the user cancels or the file cannot be written.
     bool saveSceneAs();
+    //! Asks where, and writes the selected cloud as LAS, LAZ or PLY in its global coordinates.
+    void saveCloudAs();
     //! Whether the scene holds work not in a scene file: its objects other than the clouds
     //! (sights, distances, the companion's objects: their names and metadata) differ from
     //! what was last saved or loaded. Opening a cloud is not such a change.
@@ -148,6 +151,7 @@ private:
     std::size_t m_uploadCloud = 0; // the cloud being uploaded
     unsigned m_uploadedPoints = 0; // of that cloud
     QTimer m_uploadTimer;
+    QAction *m_saveCloudAction = nullptr; // File > Save cloud as, while a cloud is selected
     QLabel *m_cursorLabel = nullptr;
     QLabel *m_scaleLabel = nullptr;
     QPoint m_cursorPos;

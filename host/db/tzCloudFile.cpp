@@ -371,15 +371,19 @@ bool convert(const QString &inPath, const QString &outPath, QString &errorText, 
     const auto lasKind = [](const QString &kind) {
         return kind == QLatin1String("las") || kind == QLatin1String("laz");
     };
-    if (!lasKind(inKind) || !lasKind(outKind)) {
-        errorText
-            = QStringLiteral("'%1': only LAS and LAZ convert to each other (not '.%2' to '.%3')")
-                  .arg(lasKind(inKind) ? outPath : inPath, inKind, outKind);
-        return false;
-    }
     if (QFileInfo(inPath).absoluteFilePath() == QFileInfo(outPath).absoluteFilePath()) {
         errorText = QStringLiteral("'%1': the output would overwrite the input").arg(outPath);
         return false;
+    }
+    if (!writableKinds().contains(outKind)) {
+        errorText = QStringLiteral("'%1': clouds are written as LAS, LAZ or PLY, not '.%2'")
+                        .arg(outPath, outKind);
+        return false;
+    }
+    if (!lasKind(inKind) || !lasKind(outKind)) {
+        // Through the cloud: read, then written in its global coordinates.
+        const std::unique_ptr<tzPointCloud> cloud(load(inPath, errorText, options));
+        return cloud && save(*cloud, outPath, errorText, chunkSize, options);
     }
     QFile in(inPath);
     if (!in.open(QIODevice::ReadOnly)) {

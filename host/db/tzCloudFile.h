@@ -47,10 +47,19 @@ QTZ_DB_LIB_API tzPointCloud *loadFromMemory(const QByteArray &bytes, const QStri
                                             const QString &name, QString &errorText,
                                             const LoadOptions &options = {});
 
-//! Converts a LAS or LAZ file to LAS or LAZ (by the output's extension) without going through
-//! a cloud: the header, the VLRs and every point record come out as they went in (the LAZ
-//! description added or taken away). LAZ is written in chunks of chunkSize points (0: 50,000).
-//! Nothing is left at outPath when it fails; errorText names the file and the problem.
+//! The extensions clouds are written as: las, laz, ply.
+QTZ_DB_LIB_API const QStringList &writableKinds();
+//! Writes a cloud in its global coordinates, by the extension: LAS 1.2 or LAZ (point format 2
+//! with colours, 0 without; millimetre records), or binary PLY (double coordinates). Nothing is
+//! left at path when it fails; errorText names the file and the problem.
+QTZ_DB_LIB_API bool save(const tzPointCloud &cloud, const QString &path, QString &errorText,
+                         quint32 chunkSize = 0, const LoadOptions &options = {});
+
+//! Converts a file to another format by the output's extension. Between LAS and LAZ it does not
+//! go through a cloud: the header, the VLRs and every point record come out as they went in
+//! (the LAZ description added or taken away). Otherwise the cloud read is written as save()
+//! does. LAZ is written in chunks of chunkSize points (0: 50,000). Nothing is left at outPath
+//! when it fails; errorText names the file and the problem.
 QTZ_DB_LIB_API bool convert(const QString &inPath, const QString &outPath, QString &errorText,
                             quint32 chunkSize = 0, const LoadOptions &options = {});
 

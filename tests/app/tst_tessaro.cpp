@@ -1,6 +1,7 @@
 // The viewer application: plug-ins, selection, overlay dialogs, opening files, quitting.
 
 #include "ViewHelpers.h"
+#include "tzCloudFile.h"
 #include "tzConsole.h"
 #include "tzDBTree.h"
 #include "tzGLWindow.h"
@@ -92,6 +93,7 @@ private slots:
     void statusBarShowsThePointUnderTheCursor();
     void ctrlSSavesBesideTheFirstCloud();
     void closingWithUnsavedWorkAsks();
+    void selectedCloudSavedAs();
     void progressShownDuringTheLoadEndsCleanly();
     void quittingDuringALoadIsClean();
     void clickOnACloudSelectsIt();
@@ -468,6 +470,34 @@ void TestTessaro::closingWithUnsavedWorkAsks()
     BoxAnswer discard(QMessageBox::Discard);
     QVERIFY(window.close());
     QVERIFY(discard.asked);
+}
+
+void TestTessaro::selectedCloudSavedAs()
+{
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, QStringLiteral("site.ply"), asciiPly(30, 650000.0));
+    tzMainWindow window(headless());
+    window.show();
+    QAction *saveCloud = nullptr;
+    for (QAction *a : window.findChildren<QAction *>()) {
+        if (a->text().remove(QLatin1Char('&')) == QLatin1String("Save cloud as..."))
+            saveCloud = a;
+    }
+    QVERIFY(saveCloud);
+    QVERIFY(!saveCloud->isEnabled()); // no cloud selected
+    tzPointCloud *cloud = openAndWait(window, path);
+    QVERIFY(cloud);
+    QVERIFY(saveCloud->isEnabled()); // the cloud opened is selected
+    FileDialogAnswer answer;
+    saveCloud->trigger();
+    QCOMPARE(answer.proposed, dir.filePath(QStringLiteral("site.laz")));
+    QVERIFY(consoleHas(window, QStringLiteral("Cloud 'site' written to")));
+    QString error;
+    const std::unique_ptr<tzPointCloud> back(
+        tzCloudFile::load(dir.filePath(QStringLiteral("site.laz")), error));
+    QVERIFY2(back, qPrintable(error));
+    QCOMPARE(back->size(), cloud->size());
+    QCOMPARE(back->getGlobalShift(), cloud->getGlobalShift());
 }
 
 void TestTessaro::progressShownDuringTheLoadEndsCleanly()

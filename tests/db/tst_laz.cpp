@@ -148,6 +148,8 @@ private slots:
     void writtenChunksOfAnySizeReadBack();
     void peerDecoderReadsWhatWeWrite_data();
     void peerDecoderReadsWhatWeWrite();
+    void cloudWrittenInEachFormatReadsBack_data();
+    void cloudWrittenInEachFormatReadsBack();
     void failedConversionLeavesNothing();
     void convertFromTheCommandLine();
     void damagedFilesAreRefused_data();
@@ -464,6 +466,51 @@ void TestLaz::peerDecoderReadsWhatWeWrite()
     const QByteArray expected = lasRecords(bytesOf(las));
     const QString where = firstDifference(bytesOf(records), expected, at<quint16>(bytesOf(las), 105));
     QVERIFY2(where.isEmpty(), qPrintable(where));
+}
+
+void TestLaz::cloudWrittenInEachFormatReadsBack_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QString>("from");
+    QTest::newRow("LAZ, colours") << "laz" << data("simple.las");
+    QTest::newRow("LAS, 16-bit colours") << "las" << data("simple1_4.las");
+    QTest::newRow("PLY, no colours") << "ply" << data("autzen.las");
+    QTest::newRow("LAZ, no colours") << "laz" << data("1_4_w_evlr.las");
+}
+
+void TestLaz::cloudWrittenInEachFormatReadsBack()
+{
+    // In its global coordinates, to the millimetre, with its colours; and through --convert's
+    // path for a pair other than LAS and LAZ.
+    QFETCH(QString, kind);
+    QFETCH(QString, from);
+    QString error;
+    const auto cloud = open(from, error);
+    QVERIFY2(cloud, qPrintable(error));
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("written.") + kind);
+    QVERIFY2(tzCloudFile::save(*cloud, path, error, 100), qPrintable(error));
+    const QString converted = dir.filePath(QStringLiteral("converted.ply"));
+    QVERIFY2(tzCloudFile::convert(path, converted, error), qPrintable(error));
+    for (const QString &file : {path, converted}) {
+        const auto back = open(file, error);
+        QVERIFY2(back, qPrintable(error));
+        QCOMPARE(back->size(), cloud->size());
+        QCOMPARE(back->hasColors(), cloud->hasColors());
+        for (unsigned i = 0; i < cloud->size(); i += 7) {
+            for (int d = 0; d < 3; ++d) {
+                const double a = (*cloud->getPoint(i))[d] - cloud->getGlobalShift()[d];
+                const double b = (*back->getPoint(i))[d] - back->getGlobalShift()[d];
+                QVERIFY2(std::abs(a - b) < 2e-3,
+                         qPrintable(QStringLiteral("point %1: %2 against %3")
+                                        .arg(i)
+                                        .arg(b, 0, 'f', 4)
+                                        .arg(a, 0, 'f', 4)));
+            }
+            if (cloud->hasColors())
+                QVERIFY(back->getPointColor(i) == cloud->getPointColor(i));
+        }
+    }
 }
 
 void TestLaz::failedConversionLeavesNothing()

@@ -1,0 +1,224 @@
+// Writing a cloud of the scene to a file, in its global coordinates: LAS 1.2, LAZ, binary PLY.
+
+#include "tzCloudFile_p.h"
+#include "tzLazCodec.h"
+
+#include <QFileInfo>
+#include <QSaveFile>
+
+#include <cmath>
+#include <cstring>
+
+namespace tzCloudFile {
+
+namespace {
+
+using namespace detail;
+
+// The LAS records are in millimetres.
+constexpr double LAS_SCALE = 0.001;
+
+template<typename T> void put(QByteArray &bytes, int at, T value)
+{
+    std::memcpy(bytes.data() + at, &value, sizeof value);
+}
+
+//! The global coordinates of a cloud's point: local / scale - shift.
+TZVector3d globalOf(const tzGenericPointCloud &cloud, unsigned i)
+{
+    const double s = cloud.getGlobalScale() == 0 ? 1.0 : cloud.getGlobalScale();
+    const TZVector3 &p = *cloud.getPoint(i);
+    const TZVector3d &t = cloud.getGlobalShift();
+    return {p.x / s - t.x, p.y / s - t.y, p.z / s - t.z};
+}
+
+void writeAll(QIODevice &out, const char *data, qint64 size)
+{
+    if (out.write(data, size) != size)
+        failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
+}
+
+void writeLasOrLaz(const tzPointCloud &cloud, bool laz, quint32 chunkSize, QIODevice &out,
+                   const LoadOptions &options)
+{
+    const unsigned n = cloud.size();
+    const bool colours = cloud.hasColors();
+    const int format = colours ? 2 : 0;
+    const int length = colours ? 26 : 20;
+    // The box, and the offsets that keep the records' integers small.
+    TZVector3d min(0, 0, 0), max(0, 0, 0);
+    for (unsigned i = 0; i < n; ++i) {
+        const TZVector3d g = globalOf(cloud, i);
+        for (int d = 0; d < 3; ++d) {
+            min[d] = i == 0 ? g[d] : std::min(min[d], g[d]);
+            max[d] = i == 0 ? g[d] : std::max(max[d], g[d]);
+        }
+    }
+    double offset[3];
+    for (int d = 0; d < 3; ++d) {
+        offset[d] = std::floor(min[d] / 1000.0) * 1000.0;
+        if ((max[d] - offset[d]) / LAS_SCALE > 2147483647.0)
+            failWith(QStringLiteral("the cloud is too large for LAS records in millimetres"));
+    }
+    tzLaz::Description description;
+    QByteArray vlr;
+    if (laz) {
+        std::string error;
+        if (!tzLaz::describeFormat(format, size_t(length), chunkSize, description, error))
+            failWith(QString::fromStdString(error));
+        const std::vector<uchar> payload = tzLaz::descriptionBytes(description);
+        vlr = QByteArray(54, '\0');
+        std::memcpy(vlr.data() + 2, "laszip encoded", 14);
+        put<quint16>(vlr, 18, tzLaz::Description::RECORD_ID);
+        put<quint16>(vlr, 20, quint16(payload.size()));
+        std::memcpy(vlr.data() + 22, "Tessaro LAZ", 11);
+        vlr.append(reinterpret_cast<const char *>(payload.data()), int(payload.size()));
+    }
+    QByteArray head(227, '\0');
+    std::memcpy(head.data(), "LASF", 4);
+    head[24] = 1;
+    head[25] = 2;
+    std::memcpy(head.data() + 58, "Tessaro", 7);
+    put<quint16>(head, 94, 227);
+    put<quint32>(head, 96, quint32(227 + vlr.size()));
+    put<quint32>(head, 100, laz ? 1u : 0u);
+    head[104] = char(laz ? (format | 0x80) : format);
+    put<quint16>(head, 105, quint16(length));
+    put<quint32>(head, 107, n);
+    put<quint32>(head, 111, n); // all first returns
+    for (int d = 0; d < 3; ++d) {
+        put<double>(head, 131 + 8 * d, LAS_SCALE);
+        put<double>(head, 155 + 8 * d, offset[d]);
+        put<double>(head, 179 + 16 * d, n ? max[d] : 0.0);
+        put<double>(head, 187 + 16 * d, n ? min[d] : 0.0);
+    }
+    writeAll(out, head.constData(), head.size());
+    writeAll(out, vlr.constData(), vlr.size());
+    const qint64 tableOffsetAt = out.pos();
+    if (laz) {
+        const qint64 placeholder = -1;
+        writeAll(out, reinterpret_cast<const char *>(&placeholder), 8);
+    }
+    const quint32 step = laz ? description.chunkSize : 65536u;
+    tzLaz::ChunkEncoder encoder(description);
+    std::vector<uchar> records, encoded;
+    std::vector<tzLaz::Chunk> chunks;
+    CloudBuilder progress(options);
+    for (unsigned first = 0; first < n; first += step) {
+        const unsigned count = std::min(step, n - first);
+        records.assign(size_t(count) * size_t(length), 0);
+        for (unsigned i = 0; i < count; ++i) {
+            uchar *r = records.data() + size_t(i) * size_t(length);
+            const TZVector3d g = globalOf(cloud, first + i);
+            for (int d = 0; d < 3; ++d) {
+                const qint32 v = qint32(std::llround((g[d] - offset[d]) / LAS_SCALE));
+                std::memcpy(r + 4 * d, &v, 4);
+            }
+            r[14] = 1 | (1 << 3); // return 1 of 1
+            if (colours) {
+                const tzRgb &c = cloud.getPointColor(first + i);
+                const quint16 rgb[3] = {quint16(c.r * 257), quint16(c.g * 257), quint16(c.b * 257)};
+                std::memcpy(r + 20, rgb, 6);
+            }
+        }
+        if (laz) {
+            encoded.clear();
+            encoder.encode(records.data(), count, encoded);
+            chunks.push_back({quint64(out.pos()), encoded.size(), count});
+            writeAll(out, reinterpret_cast<const char *>(encoded.data()), qint64(encoded.size()));
+        } else {
+            writeAll(out, reinterpret_cast<const char *>(records.data()), qint64(records.size()));
+        }
+        progress.progress(first + count, n);
+    }
+    if (laz) {
+        const qint64 tableOffset = out.pos();
+        std::vector<uchar> table;
+        tzLaz::writeChunkTable(chunks, false, table);
+        writeAll(out, reinterpret_cast<const char *>(table.data()), qint64(table.size()));
+        if (!out.seek(tableOffsetAt))
+            failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
+        writeAll(out, reinterpret_cast<const char *>(&tableOffset), 8);
+    }
+}
+
+void writePly(const tzPointCloud &cloud, QIODevice &out, const LoadOptions &options)
+{
+    const unsigned n = cloud.size();
+    const bool colours = cloud.hasColors();
+    QByteArray head = "ply\nformat binary_little_endian 1.0\ncomment written by Tessaro, global "
+                      "coordinates\nelement vertex "
+        + QByteArray::number(n) + "\nproperty double x\nproperty double y\nproperty double z\n";
+    if (colours)
+        head += "property uchar red\nproperty uchar green\nproperty uchar blue\n";
+    head += "end_header\n";
+    writeAll(out, head.constData(), head.size());
+    QByteArray block;
+    CloudBuilder progress(options);
+    for (unsigned i = 0; i < n; ++i) {
+        const TZVector3d g = globalOf(cloud, i);
+        block.append(reinterpret_cast<const char *>(&g.x), 8);
+        block.append(reinterpret_cast<const char *>(&g.y), 8);
+        block.append(reinterpret_cast<const char *>(&g.z), 8);
+        if (colours) {
+            const tzRgb &c = cloud.getPointColor(i);
+            const char rgb[3] = {char(c.r), char(c.g), char(c.b)};
+            block.append(rgb, 3);
+        }
+        if (block.size() > (1 << 22) || i + 1 == n) {
+            writeAll(out, block.constData(), block.size());
+            block.clear();
+            progress.progress(i + 1, n);
+        }
+    }
+}
+
+} // namespace
+
+const QStringList &writableKinds()
+{
+    static const QStringList kinds {QStringLiteral("las"), QStringLiteral("laz"),
+                                    QStringLiteral("ply")};
+    return kinds;
+}
+
+bool save(const tzPointCloud &cloud, const QString &path, QString &errorText, quint32 chunkSize,
+          const LoadOptions &options)
+{
+    const QString kind = QFileInfo(path).suffix().toLower();
+    if (!writableKinds().contains(kind)) {
+        errorText = QStringLiteral("'%1': clouds are written as LAS, LAZ or PLY, not '.%2'")
+                        .arg(path, kind);
+        return false;
+    }
+    QSaveFile out(path);
+    if (!out.open(QIODevice::WriteOnly)) {
+        errorText = QStringLiteral("'%1': cannot write (%2)").arg(path, out.errorString());
+        return false;
+    }
+    QString failure;
+    try {
+        if (kind == QLatin1String("ply"))
+            writePly(cloud, out, options);
+        else
+            writeLasOrLaz(cloud, kind == QLatin1String("laz"), chunkSize, out, options);
+    } catch (const ReadFailure &f) {
+        failure = f.reason;
+    } catch (const Cancelled &) {
+        failure = QStringLiteral("writing cancelled");
+    } catch (const std::bad_alloc &) {
+        failure = QStringLiteral("not enough memory");
+    }
+    if (!failure.isEmpty()) {
+        out.cancelWriting();
+        errorText = QStringLiteral("'%1': %2").arg(path, failure);
+        return false;
+    }
+    if (!out.commit()) {
+        errorText = QStringLiteral("'%1': cannot write (%2)").arg(path, out.errorString());
+        return false;
+    }
+    return true;
+}
+
+} // namespace tzCloudFile
