@@ -213,10 +213,8 @@ public:
             m_length >>= SYMBOL_LENGTH_SHIFT;
             const std::uint32_t dv = m_value / m_length;
             const std::uint32_t t = dv >> m.m_tableShift;
-            if (t > m.m_tableSize) {
-                m_corrupt = true;
-                return 0;
-            }
+            if (t > m.m_tableSize)
+                return corrupted();
             symbol = m.m_table[t];
             std::uint32_t n = m.m_table[t + 1] + 1;
             while (n > symbol + 1) {
@@ -292,9 +290,23 @@ private:
     }
     void renormalise()
     {
+        if (m_length == 0) {
+            // Only bytes no encoder wrote empty the interval.
+            corrupted();
+            return;
+        }
         do {
             m_value = (m_value << 8) | byte();
         } while ((m_length <<= 8) < MIN_LENGTH);
+    }
+    //! Marks the stream as damaged and puts the coder back in a state it can go on from (what
+    //! it decodes then is not used).
+    std::uint32_t corrupted()
+    {
+        m_corrupt = true;
+        m_length = MAX_LENGTH;
+        m_value = 0;
+        return 0;
     }
 
     const std::uint8_t *m_begin = nullptr;

@@ -363,8 +363,10 @@ void tzLumivert::onLinkLost()
 void tzLumivert::onLinkRestored(int sentLate, int dropped)
 {
     showLinkState(true);
-    printToConsole(
-        QStringLiteral("[tzLumivert] Link with Mensurix back: %1 text(s) sent late").arg(sentLate));
+    printToConsole(sentLate > 0 ? QStringLiteral("[tzLumivert] Link with Mensurix back: %1 text(s) "
+                                                 "sent late")
+                                      .arg(sentLate)
+                                : QStringLiteral("[tzLumivert] Connected to Mensurix"));
     if (dropped > 0) {
         printToConsole(QStringLiteral("[tzLumivert] %1 older text(s) were dropped: at most %2 wait "
                                       "for the link")
