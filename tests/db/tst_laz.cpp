@@ -575,6 +575,10 @@ void TestLaz::damagedFilesAreRefused_data()
     wrongLength[105] = 40;
     QTest::newRow("records of another length")
         << wrongLength << "records of 34 bytes, the header says 40";
+    // Found by the fuzzer: a layered chunk whose bytes empty the coder's interval.
+    QTest::newRow("a layer no encoder wrote")
+        << bytesOf(QStringLiteral(TESSARO_TEST_DATA "/fuzz/laz-empty-interval.laz"))
+        << "its layers cannot be decoded";
 }
 
 void TestLaz::damagedFilesAreRefused()
