@@ -73,12 +73,10 @@ bool writePly(const QString &path, const TZLib::PointCloud &cloud)
     return true;
 }
 
-// LAS 1.2, point format 3, in a national grid (scale 1 mm).
-bool writeLas(const QString &path, const TZLib::PointCloud &cloud)
+// The header of a LAS 1.2 file of count records of point format 3 in a national grid (scale
+// 1 mm), with no VLR.
+QByteArray lasHeader(unsigned count)
 {
-    QFile f(path);
-    if (!f.open(QIODevice::WriteOnly))
-        return false;
     QByteArray h(227, '\0');
     std::memcpy(h.data(), "LASF", 4);
     h[24] = 1;
@@ -88,7 +86,7 @@ bool writeLas(const QString &path, const TZLib::PointCloud &cloud)
     put(96, quint32(227));
     h[104] = 3;
     put(105, quint16(34));
-    put(107, quint32(cloud.size()));
+    put(107, quint32(count));
     const double offsets[3] = {650000, 6860000, 0};
     for (int d = 0; d < 3; ++d) {
         put(131 + 8 * d, 0.001);
@@ -96,7 +94,16 @@ bool writeLas(const QString &path, const TZLib::PointCloud &cloud)
         put(179 + 16 * d, offsets[d] + 600);
         put(187 + 16 * d, offsets[d] - 20);
     }
-    f.write(h);
+    return h;
+}
+
+// LAS 1.2, point format 3, in a national grid (scale 1 mm).
+bool writeLas(const QString &path, const TZLib::PointCloud &cloud)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::WriteOnly))
+        return false;
+    f.write(lasHeader(cloud.size()));
     QByteArray chunk;
     char rec[34] = {};
     for (unsigned i = 0; i < cloud.size(); ++i) {
@@ -124,24 +131,7 @@ bool writeSurveyLas(const QString &path, const TZLib::PointCloud &cloud)
     QFile f(path);
     if (!f.open(QIODevice::WriteOnly))
         return false;
-    QByteArray h(227, '\0');
-    std::memcpy(h.data(), "LASF", 4);
-    h[24] = 1;
-    h[25] = 2;
-    auto put = [&h](int at, auto v) { std::memcpy(h.data() + at, &v, sizeof(v)); };
-    put(94, quint16(227));
-    put(96, quint32(227));
-    h[104] = 3;
-    put(105, quint16(34));
-    put(107, quint32(cloud.size()));
-    const double offsets[3] = {650000, 6860000, 0};
-    for (int d = 0; d < 3; ++d) {
-        put(131 + 8 * d, 0.001);
-        put(155 + 8 * d, offsets[d]);
-        put(179 + 16 * d, offsets[d] + 600);
-        put(187 + 16 * d, offsets[d] - 20);
-    }
-    f.write(h);
+    f.write(lasHeader(cloud.size()));
     QByteArray chunk;
     uchar rec[34] = {};
     quint32 seed = 7;

@@ -181,31 +181,57 @@ tzPointCloud *readPlain(const Bytes &in, const LasHeader &header, const QString 
 
 // ---------------------------------------------------------------- LAZ
 
-tzLaz::Description lazDescription(const Bytes &in, const LasHeader &header)
+//! What went wrong in a chunk (index from 0; count 0 when the chunks are not counted yet).
+QString chunkProblem(size_t index, size_t count, quint64 offset, const std::string &error)
+{
+    const QString which = count ? QStringLiteral("chunk %1 of %2").arg(index + 1).arg(count)
+                                : QStringLiteral("chunk %1").arg(index + 1);
+    return QStringLiteral("%1 at byte %2: %3")
+        .arg(which)
+        .arg(offset)
+        .arg(QString::fromStdString(error));
+}
+
+//! Calls fn(vlr, payload length) for each VLR of the header, in order; fails when one runs past
+//! the point data.
+template<typename Fn> void forEachVlr(const Bytes &in, const LasHeader &header, Fn &&fn)
 {
     size_t at = header.headerSize;
     for (quint32 i = 0; i < header.vlrCount; ++i) {
-        if (at + 54 > header.dataOffset)
+        const quint16 length
+            = at + 54 <= header.dataOffset ? loadAs<quint16>(in.data + at + 20, false) : 0;
+        if (at + 54 + length > header.dataOffset)
             failWith(QStringLiteral("VLR %1 of %2 runs past the point data")
                          .arg(i + 1)
                          .arg(header.vlrCount));
-        const uchar *vlr = in.data + at;
-        const quint16 length = loadAs<quint16>(vlr + 20, false);
-        const QByteArray user(reinterpret_cast<const char *>(vlr + 2),
-                              int(qstrnlen(reinterpret_cast<const char *>(vlr + 2), 16)));
-        if (user == "laszip encoded"
-            && loadAs<quint16>(vlr + 18, false) == tzLaz::Description::RECORD_ID) {
-            if (at + 54 + length > header.dataOffset)
-                failWith(QStringLiteral("the laszip VLR runs past the point data"));
-            tzLaz::Description description;
-            std::string error;
-            if (!tzLaz::parseDescription(vlr + 54, length, description, error))
-                failWith(QString::fromStdString(error));
-            return description;
-        }
+        fn(in.data + at, length);
         at += 54 + length;
     }
-    failWith(QStringLiteral("the point data is compressed but there is no laszip VLR"));
+}
+
+bool isLaszipVlr(const uchar *vlr)
+{
+    return std::memcmp(vlr + 2, "laszip encoded", 14) == 0
+        && loadAs<quint16>(vlr + 18, false) == tzLaz::Description::RECORD_ID;
+}
+
+tzLaz::Description lazDescription(const Bytes &in, const LasHeader &header)
+{
+    const uchar *found = nullptr;
+    quint16 foundLength = 0;
+    forEachVlr(in, header, [&](const uchar *vlr, quint16 length) {
+        if (!found && isLaszipVlr(vlr)) {
+            found = vlr;
+            foundLength = length;
+        }
+    });
+    if (!found)
+        failWith(QStringLiteral("the point data is compressed but there is no laszip VLR"));
+    tzLaz::Description description;
+    std::string error;
+    if (!tzLaz::parseDescription(found + 54, foundLength, description, error))
+        failWith(QString::fromStdString(error));
+    return description;
 }
 
 // Decodes the chunks on every core into the cloud's arrays: each worker takes the next chunk,
@@ -296,11 +322,7 @@ private:
             size_t consumed = 0;
             if (!decoder.decode(m_in.data + chunk.offset, size_t(chunk.bytes), chunk.points,
                                 records.data(), consumed, error)) {
-                stopWith(QStringLiteral("chunk %1 of %2 at byte %3: %4")
-                             .arg(c + 1)
-                             .arg(m_chunks.size())
-                             .arg(chunk.offset)
-                             .arg(QString::fromStdString(error)));
+                stopWith(chunkProblem(c, m_chunks.size(), chunk.offset, error));
                 break;
             }
             m_convert.points(records.data(), chunk.points, m_points + m_firstPoint[c]);
@@ -363,10 +385,7 @@ std::vector<tzLaz::Chunk> chunksInSequence(const Bytes &in, const LasHeader &hea
         size_t consumed = 0;
         if (!decoder.decode(in.data + offset, size_t(in.size - offset), points, records.data(),
                             consumed, error))
-            failWith(QStringLiteral("chunk %1 at byte %2: %3")
-                         .arg(chunks.size() + 1)
-                         .arg(offset)
-                         .arg(QString::fromStdString(error)));
+            failWith(chunkProblem(chunks.size(), 0, offset, error));
         chunks.push_back({offset, consumed, points});
         offset += consumed;
         remaining -= points;
@@ -466,11 +485,7 @@ public:
         std::string error;
         if (!m_decoder->decode(m_in.data + chunk.offset, size_t(chunk.bytes), chunk.points,
                                m_records.data(), consumed, error))
-            failWith(QStringLiteral("chunk %1 of %2 at byte %3: %4")
-                         .arg(m_chunk + 1)
-                         .arg(m_chunks.size())
-                         .arg(chunk.offset)
-                         .arg(QString::fromStdString(error)));
+            failWith(chunkProblem(m_chunk, m_chunks.size(), chunk.offset, error));
         ++m_chunk;
         m_done += chunk.points;
         count = chunk.points;
@@ -515,24 +530,13 @@ void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
     QByteArray vlrs;
     quint32 vlrCount = 0;
     size_t at = header.headerSize;
-    for (quint32 i = 0; i < header.vlrCount; ++i) {
-        if (at + 54 > header.dataOffset)
-            failWith(QStringLiteral("VLR %1 of %2 runs past the point data")
-                         .arg(i + 1)
-                         .arg(header.vlrCount));
-        const quint16 length = loadAs<quint16>(in.data + at + 20, false);
-        if (at + 54 + length > header.dataOffset)
-            failWith(QStringLiteral("VLR %1 of %2 runs past the point data")
-                         .arg(i + 1)
-                         .arg(header.vlrCount));
-        const bool laszip = std::memcmp(in.data + at + 2, "laszip encoded", 14) == 0
-            && loadAs<quint16>(in.data + at + 18, false) == tzLaz::Description::RECORD_ID;
-        if (!laszip) {
-            vlrs.append(reinterpret_cast<const char *>(in.data + at), 54 + length);
+    forEachVlr(in, header, [&](const uchar *vlr, quint16 length) {
+        if (!isLaszipVlr(vlr)) {
+            vlrs.append(reinterpret_cast<const char *>(vlr), 54 + length);
             ++vlrCount;
         }
         at += 54 + length;
-    }
+    });
     // What lies between the VLRs and the points (some writers leave bytes there) stays too.
     const QByteArray between(reinterpret_cast<const char *>(in.data + at),
                              int(header.dataOffset - at));

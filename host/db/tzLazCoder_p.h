@@ -700,6 +700,26 @@ struct LayeredItemDecoder
 
 std::unique_ptr<LayeredItemDecoder> makeLayeredItemDecoder(const Item &item);
 
+//! The models of a colour item: which of the six bytes changed, and each byte's difference
+//! (items of versions 2 and 3 code colours alike).
+struct RgbModels
+{
+    SymbolModel used {128};
+    std::vector<SymbolModel> diff = std::vector<SymbolModel>(6, SymbolModel(256));
+
+    void reset()
+    {
+        used.reset();
+        for (SymbolModel &m : diff)
+            m.reset();
+    }
+};
+//! The colour after last (red, green, blue); green's and blue's bytes are predicted from red's
+//! change.
+void decodeRgb(Decoder &decoder, RgbModels &models, const std::uint16_t *last, std::uint16_t *c);
+void encodeRgb(Encoder &encoder, RgbModels &models, const std::uint16_t *last,
+               const std::uint16_t *c);
+
 //! The item coders of a description's items (null for one this codec does not know).
 std::unique_ptr<ItemDecoder> makeItemDecoder(const Item &item);
 std::unique_ptr<ItemEncoder> makeItemEncoder(const Item &item);

@@ -22,13 +22,12 @@ constexpr std::uint8_t RETURN_LEVEL[8][8]
 
 // ------------------------------------------------------------------ items, version 2
 
-// X, Y, Z, intensity, return and flag bits, classification, scan angle, user data, point
-// source (20 bytes). Each coordinate is predicted from the median of its last differences among
-// the points of the same return kind; which fields changed is one symbol.
-class Point10Decoder final : public ItemDecoder
+// What both directions of the point item keep: the last record, the medians of the last
+// coordinate differences and the last intensities and heights by return kind, and the models.
+class Point10Models
 {
-public:
-    void start(const std::uint8_t *item) override
+protected:
+    void startModels(const std::uint8_t *item)
     {
         for (int i = 0; i < 16; ++i) {
             m_xDiff[i].reset();
@@ -37,10 +36,10 @@ public:
             m_height[i / 2] = 0;
         }
         m_changed.reset();
-        m_intensityDecoder.reset();
+        m_intensityCoder.reset();
         m_scanAngle[0].reset();
         m_scanAngle[1].reset();
-        m_sourceDecoder.reset();
+        m_sourceCoder.reset();
         m_flags.reset();
         m_classification.reset();
         m_userData.reset();
@@ -48,6 +47,29 @@ public:
         m_dy.reset();
         m_z.reset();
         std::memcpy(m_last, item, 20);
+    }
+
+    std::uint8_t m_last[20] = {};
+    Median5 m_xDiff[16], m_yDiff[16];
+    std::uint16_t m_intensity[16] = {};
+    std::int32_t m_height[8] = {};
+    SymbolModel m_changed {64};
+    IntegerCoder m_intensityCoder {16, 4};
+    SymbolModel m_scanAngle[2] {SymbolModel(256), SymbolModel(256)};
+    IntegerCoder m_sourceCoder {16};
+    LazyModels m_flags {256}, m_classification {256}, m_userData {256};
+    IntegerCoder m_dx {32, 2}, m_dy {32, 22}, m_z {32, 20};
+};
+
+// X, Y, Z, intensity, return and flag bits, classification, scan angle, user data, point
+// source (20 bytes). Each coordinate is predicted from the median of its last differences among
+// the points of the same return kind; which fields changed is one symbol.
+class Point10Decoder final : public ItemDecoder, Point10Models
+{
+public:
+    void start(const std::uint8_t *item) override
+    {
+        startModels(item);
         // The intensity is predicted from zero in each chunk.
         m_last[12] = m_last[13] = 0;
     }
@@ -68,7 +90,7 @@ public:
             returns();
             if (changed & 16) {
                 const std::int32_t intensity
-                    = m_intensityDecoder.decode(decoder, m_intensity[slot], slot < 3 ? slot : 3);
+                    = m_intensityCoder.decode(decoder, m_intensity[slot], slot < 3 ? slot : 3);
                 m_intensity[slot] = std::uint16_t(intensity);
             }
             store<std::uint16_t>(m_last + 12, m_intensity[slot]);
@@ -83,7 +105,7 @@ public:
                 m_last[17] = std::uint8_t(decoder.decodeSymbol(m_userData[m_last[17]]));
             if (changed & 1) {
                 const std::int32_t source
-                    = m_sourceDecoder.decode(decoder, load<std::uint16_t>(m_last + 18));
+                    = m_sourceCoder.decode(decoder, load<std::uint16_t>(m_last + 18));
                 store<std::uint16_t>(m_last + 18, std::uint16_t(source));
             }
         } else {
@@ -111,27 +133,21 @@ public:
 
         std::memcpy(item, m_last, 20);
     }
-
-private:
-    std::uint8_t m_last[20] = {};
-    Median5 m_xDiff[16], m_yDiff[16];
-    std::uint16_t m_intensity[16] = {};
-    std::int32_t m_height[8] = {};
-    SymbolModel m_changed {64};
-    IntegerCoder m_intensityDecoder {16, 4};
-    SymbolModel m_scanAngle[2] {SymbolModel(256), SymbolModel(256)};
-    IntegerCoder m_sourceDecoder {16};
-    LazyModels m_flags {256}, m_classification {256}, m_userData {256};
-    IntegerCoder m_dx {32, 2}, m_dy {32, 22}, m_z {32, 20};
 };
 
-// The GPS time (8 bytes, a double taken as a 64-bit integer). Up to four sequences of times are
-// followed at once (interleaved flight lines); a time is a multiple of its sequence's last
-// difference, a new difference, a jump to another sequence or a whole new value.
-class GpsTimeDecoder final : public ItemDecoder
+// What both directions of the GPS time item keep: up to four sequences of times, each with its
+// last value, its last difference and how many times in a row the difference was far from a
+// multiple of it; and the models.
+class GpsTimeModels
 {
-public:
-    void start(const std::uint8_t *item) override
+protected:
+    static constexpr std::int32_t MULTI = 500;
+    static constexpr std::int32_t MULTI_MINUS = -10;
+    static constexpr std::uint32_t UNCHANGED = MULTI - MULTI_MINUS + 1;
+    static constexpr std::uint32_t CODE_FULL = MULTI - MULTI_MINUS + 2;
+    static constexpr std::uint32_t TOTAL = MULTI - MULTI_MINUS + 6;
+
+    void startModels(const std::uint8_t *item)
     {
         m_last = m_next = 0;
         for (int i = 0; i < 4; ++i) {
@@ -144,6 +160,36 @@ public:
         m_integers.reset();
         m_time[0] = load<std::uint64_t>(item);
     }
+    //! factor times diff, wrapping as the format's own coder does.
+    static std::int32_t times(std::int32_t factor, std::int32_t diff)
+    {
+        return std::int32_t(std::uint32_t(factor) * std::uint32_t(diff));
+    }
+    //! A difference far from the last one's multiples: the fourth in a row becomes the new one.
+    void extreme(std::int32_t diff)
+    {
+        if (++m_extremes[m_last] > 3) {
+            m_diff[m_last] = diff;
+            m_extremes[m_last] = 0;
+        }
+    }
+
+    unsigned m_last = 0, m_next = 0;
+    std::uint64_t m_time[4] = {};
+    std::int32_t m_diff[4] = {};
+    std::int32_t m_extremes[4] = {};
+    SymbolModel m_multi {TOTAL};
+    SymbolModel m_zeroDiff {6};
+    IntegerCoder m_integers {32, 9};
+};
+
+// The GPS time (8 bytes, a double taken as a 64-bit integer). Up to four sequences of times are
+// followed at once (interleaved flight lines); a time is a multiple of its sequence's last
+// difference, a new difference, a jump to another sequence or a whole new value.
+class GpsTimeDecoder final : public ItemDecoder, GpsTimeModels
+{
+public:
+    void start(const std::uint8_t *item) override { startModels(item); }
 
     void read(Decoder &decoder, std::uint8_t *item) override
     {
@@ -203,23 +249,6 @@ public:
     }
 
 private:
-    static constexpr std::int32_t MULTI = 500;
-    static constexpr std::int32_t MULTI_MINUS = -10;
-    static constexpr std::uint32_t UNCHANGED = MULTI - MULTI_MINUS + 1;
-    static constexpr std::uint32_t CODE_FULL = MULTI - MULTI_MINUS + 2;
-    static constexpr std::uint32_t TOTAL = MULTI - MULTI_MINUS + 6;
-
-    static std::int32_t times(std::int32_t factor, std::int32_t diff)
-    {
-        return std::int32_t(std::uint32_t(factor) * std::uint32_t(diff)); // wraps as the encoder's
-    }
-    void extreme(std::int32_t diff)
-    {
-        if (++m_extremes[m_last] > 3) {
-            m_diff[m_last] = diff;
-            m_extremes[m_last] = 0;
-        }
-    }
     void fullTime(Decoder &decoder)
     {
         m_next = (m_next + 1) & 3;
@@ -230,14 +259,6 @@ private:
         m_diff[m_last] = 0;
         m_extremes[m_last] = 0;
     }
-
-    unsigned m_last = 0, m_next = 0;
-    std::uint64_t m_time[4] = {};
-    std::int32_t m_diff[4] = {};
-    std::int32_t m_extremes[4] = {};
-    SymbolModel m_multi {TOTAL};
-    SymbolModel m_zeroDiff {6};
-    IntegerCoder m_integers {32, 9};
 };
 
 // Red, green, blue (three 16-bit values). Which of their six bytes changed is one symbol; the
@@ -247,59 +268,15 @@ class RgbDecoder final : public ItemDecoder
 public:
     void start(const std::uint8_t *item) override
     {
-        m_used.reset();
-        for (SymbolModel &m : m_diff)
-            m.reset();
+        m_models.reset();
         for (int i = 0; i < 3; ++i)
             m_last[i] = load<std::uint16_t>(item + 2 * i);
     }
 
     void read(Decoder &decoder, std::uint8_t *item) override
     {
-        const auto byteOf
-            = [](std::uint16_t v, int high) { return std::int32_t(high ? v >> 8 : v & 0xff); };
-        const std::uint32_t used = decoder.decodeSymbol(m_used);
         std::uint16_t c[3];
-        // Red, low byte then high byte.
-        c[0] = (used & 1)
-            ? fold(std::int32_t(decoder.decodeSymbol(m_diff[0])) + byteOf(m_last[0], 0))
-            : std::uint16_t(m_last[0] & 0xff);
-        if (used & 2)
-            c[0] |= std::uint16_t(
-                fold(std::int32_t(decoder.decodeSymbol(m_diff[1])) + byteOf(m_last[0], 1)) << 8);
-        else
-            c[0] |= std::uint16_t(m_last[0] & 0xff00);
-        if (used & 64) {
-            std::int32_t diff = byteOf(c[0], 0) - byteOf(m_last[0], 0);
-            c[1] = (used & 4) ? fold(std::int32_t(decoder.decodeSymbol(m_diff[2]))
-                                     + clamp8(diff + byteOf(m_last[1], 0)))
-                              : std::uint16_t(m_last[1] & 0xff);
-            if (used & 16) {
-                diff = (diff + (byteOf(c[1], 0) - byteOf(m_last[1], 0))) / 2;
-                c[2] = fold(std::int32_t(decoder.decodeSymbol(m_diff[4]))
-                            + clamp8(diff + byteOf(m_last[2], 0)));
-            } else {
-                c[2] = std::uint16_t(m_last[2] & 0xff);
-            }
-            diff = byteOf(c[0], 1) - byteOf(m_last[0], 1);
-            if (used & 8)
-                c[1] |= std::uint16_t(fold(std::int32_t(decoder.decodeSymbol(m_diff[3]))
-                                           + clamp8(diff + byteOf(m_last[1], 1)))
-                                      << 8);
-            else
-                c[1] |= std::uint16_t(m_last[1] & 0xff00);
-            if (used & 32) {
-                diff = (diff + (byteOf(c[1], 1) - byteOf(m_last[1], 1))) / 2;
-                c[2] |= std::uint16_t(fold(std::int32_t(decoder.decodeSymbol(m_diff[5]))
-                                           + clamp8(diff + byteOf(m_last[2], 1)))
-                                      << 8);
-            } else {
-                c[2] |= std::uint16_t(m_last[2] & 0xff00);
-            }
-        } else {
-            // Grey: green and blue are red.
-            c[1] = c[2] = c[0];
-        }
+        decodeRgb(decoder, m_models, m_last, c);
         for (int i = 0; i < 3; ++i) {
             m_last[i] = c[i];
             store<std::uint16_t>(item + 2 * i, c[i]);
@@ -308,25 +285,38 @@ public:
 
 private:
     std::uint16_t m_last[3] = {};
-    SymbolModel m_used {128};
-    std::vector<SymbolModel> m_diff = std::vector<SymbolModel>(6, SymbolModel(256));
+    RgbModels m_models;
 };
 
-// Extra bytes: each byte's difference from the same byte of the record before.
-class BytesDecoder final : public ItemDecoder
+// What both directions of the extra bytes keep: the last bytes and a model for each.
+class BytesModels
 {
-public:
-    explicit BytesDecoder(std::size_t count)
+protected:
+    explicit BytesModels(std::size_t count)
         : m_last(count)
         , m_models(count, SymbolModel(256))
     {
     }
-    void start(const std::uint8_t *item) override
+    void startModels(const std::uint8_t *item)
     {
         for (SymbolModel &m : m_models)
             m.reset();
         std::memcpy(m_last.data(), item, m_last.size());
     }
+
+    std::vector<std::uint8_t> m_last;
+    std::vector<SymbolModel> m_models;
+};
+
+// Extra bytes: each byte's difference from the same byte of the record before.
+class BytesDecoder final : public ItemDecoder, BytesModels
+{
+public:
+    explicit BytesDecoder(std::size_t count)
+        : BytesModels(count)
+    {
+    }
+    void start(const std::uint8_t *item) override { startModels(item); }
     void read(Decoder &decoder, std::uint8_t *item) override
     {
         for (std::size_t i = 0; i < m_last.size(); ++i) {
@@ -335,42 +325,16 @@ public:
             item[i] = m_last[i];
         }
     }
-
-private:
-    std::vector<std::uint8_t> m_last;
-    std::vector<SymbolModel> m_models;
 };
 
 // ------------------------------------------------------------------ items, version 2, encoding
 //
 // Each encoder makes the very choices its decoder above undoes, from the record before.
 
-
-
-class Point10Encoder final : public ItemEncoder
+class Point10Encoder final : public ItemEncoder, Point10Models
 {
 public:
-    void start(const std::uint8_t *item) override
-    {
-        for (int i = 0; i < 16; ++i) {
-            m_xDiff[i].reset();
-            m_yDiff[i].reset();
-            m_intensity[i] = 0;
-            m_height[i / 2] = 0;
-        }
-        m_changed.reset();
-        m_intensityCoder.reset();
-        m_scanAngle[0].reset();
-        m_scanAngle[1].reset();
-        m_sourceCoder.reset();
-        m_flags.reset();
-        m_classification.reset();
-        m_userData.reset();
-        m_dx.reset();
-        m_dy.reset();
-        m_z.reset();
-        std::memcpy(m_last, item, 20);
-    }
+    void start(const std::uint8_t *item) override { startModels(item); }
 
     void write(Encoder &encoder, const std::uint8_t *item) override
     {
@@ -420,48 +384,23 @@ public:
 
         std::memcpy(m_last, item, 20);
     }
-
-private:
-    std::uint8_t m_last[20] = {};
-    Median5 m_xDiff[16], m_yDiff[16];
-    std::uint16_t m_intensity[16] = {};
-    std::int32_t m_height[8] = {};
-    SymbolModel m_changed {64};
-    IntegerCoder m_intensityCoder {16, 4};
-    SymbolModel m_scanAngle[2] {SymbolModel(256), SymbolModel(256)};
-    IntegerCoder m_sourceCoder {16};
-    LazyModels m_flags {256}, m_classification {256}, m_userData {256};
-    IntegerCoder m_dx {32, 2}, m_dy {32, 22}, m_z {32, 20};
 };
 
-class GpsTimeEncoder final : public ItemEncoder
+class GpsTimeEncoder final : public ItemEncoder, GpsTimeModels
 {
 public:
-    void start(const std::uint8_t *item) override
-    {
-        m_last = m_next = 0;
-        for (int i = 0; i < 4; ++i) {
-            m_diff[i] = 0;
-            m_extremes[i] = 0;
-            m_time[i] = 0;
-        }
-        m_multi.reset();
-        m_zeroDiff.reset();
-        m_integers.reset();
-        m_time[0] = load<std::int64_t>(item);
-    }
+    void start(const std::uint8_t *item) override { startModels(item); }
 
     void write(Encoder &encoder, const std::uint8_t *item) override
     {
-        const std::int64_t time = load<std::int64_t>(item);
+        const std::uint64_t time = load<std::uint64_t>(item);
         for (int hop = 0; hop < 2; ++hop) {
             if (time == m_time[m_last]) {
                 encoder.encodeSymbol(m_diff[m_last] == 0 ? m_zeroDiff : m_multi,
                                      m_diff[m_last] == 0 ? 0 : UNCHANGED);
                 return;
             }
-            const std::int64_t wide
-                = std::int64_t(std::uint64_t(time) - std::uint64_t(m_time[m_last]));
+            const std::int64_t wide = std::int64_t(time - m_time[m_last]);
             const bool fits = wide == std::int64_t(std::int32_t(wide));
             if (!fits) {
                 // Another sequence it continues, or a new one.
@@ -475,9 +414,9 @@ public:
                 }
                 encoder.encodeSymbol(m_diff[m_last] == 0 ? m_zeroDiff : m_multi,
                                      m_diff[m_last] == 0 ? 2 : CODE_FULL);
-                m_integers.encode(encoder, std::int32_t(std::uint64_t(m_time[m_last]) >> 32),
-                                  std::int32_t(std::uint64_t(time) >> 32), 8);
-                encoder.writeInt(std::uint32_t(std::uint64_t(time)));
+                m_integers.encode(encoder, std::int32_t(m_time[m_last] >> 32),
+                                  std::int32_t(time >> 32), 8);
+                encoder.writeInt(std::uint32_t(time));
                 m_next = (m_next + 1) & 3;
                 m_last = m_next;
                 m_diff[m_last] = 0;
@@ -500,32 +439,14 @@ public:
     }
 
 private:
-    static constexpr std::int32_t MULTI = 500;
-    static constexpr std::int32_t MULTI_MINUS = -10;
-    static constexpr std::uint32_t UNCHANGED = MULTI - MULTI_MINUS + 1;
-    static constexpr std::uint32_t CODE_FULL = MULTI - MULTI_MINUS + 2;
-    static constexpr std::uint32_t TOTAL = MULTI - MULTI_MINUS + 6;
-
-    static std::int32_t times(std::int32_t factor, std::int32_t diff)
-    {
-        return std::int32_t(std::uint32_t(factor) * std::uint32_t(diff));
-    }
-    int otherSequence(std::int64_t time) const
+    int otherSequence(std::uint64_t time) const
     {
         for (int i = 1; i < 4; ++i) {
-            const std::int64_t d = std::int64_t(
-                std::uint64_t(time) - std::uint64_t(m_time[(m_last + unsigned(i)) & 3]));
+            const std::int64_t d = std::int64_t(time - m_time[(m_last + unsigned(i)) & 3]);
             if (d == std::int64_t(std::int32_t(d)))
                 return i;
         }
         return 0;
-    }
-    void extreme(std::int32_t diff)
-    {
-        if (++m_extremes[m_last] > 3) {
-            m_diff[m_last] = diff;
-            m_extremes[m_last] = 0;
-        }
     }
     void writeMultiple(Encoder &encoder, std::int32_t diff)
     {
@@ -563,14 +484,6 @@ private:
             extreme(diff);
         }
     }
-
-    unsigned m_last = 0, m_next = 0;
-    std::int64_t m_time[4] = {};
-    std::int32_t m_diff[4] = {};
-    std::int32_t m_extremes[4] = {};
-    SymbolModel m_multi {TOTAL};
-    SymbolModel m_zeroDiff {6};
-    IntegerCoder m_integers {32, 9};
 };
 
 class RgbEncoder final : public ItemEncoder
@@ -578,9 +491,7 @@ class RgbEncoder final : public ItemEncoder
 public:
     void start(const std::uint8_t *item) override
     {
-        m_used.reset();
-        for (SymbolModel &m : m_diff)
-            m.reset();
+        m_models.reset();
         for (int i = 0; i < 3; ++i)
             m_last[i] = load<std::uint16_t>(item + 2 * i);
     }
@@ -590,63 +501,23 @@ public:
         std::uint16_t c[3];
         for (int i = 0; i < 3; ++i)
             c[i] = load<std::uint16_t>(item + 2 * i);
-        const auto lo = [](std::uint16_t v) { return std::int32_t(v & 0xff); };
-        const auto hi = [](std::uint16_t v) { return std::int32_t(v >> 8); };
-        std::uint32_t used = 0;
-        for (int i = 0; i < 3; ++i) {
-            used |= std::uint32_t(lo(m_last[i]) != lo(c[i])) << (2 * i);
-            used |= std::uint32_t(hi(m_last[i]) != hi(c[i])) << (2 * i + 1);
-        }
-        used |= std::uint32_t(lo(c[0]) != lo(c[1]) || lo(c[0]) != lo(c[2]) || hi(c[0]) != hi(c[1])
-                              || hi(c[0]) != hi(c[2]))
-            << 6;
-        encoder.encodeSymbol(m_used, used);
-        std::int32_t diffLow = 0, diffHigh = 0;
-        if (used & 1) {
-            diffLow = lo(c[0]) - lo(m_last[0]);
-            encoder.encodeSymbol(m_diff[0], fold(diffLow));
-        }
-        if (used & 2) {
-            diffHigh = hi(c[0]) - hi(m_last[0]);
-            encoder.encodeSymbol(m_diff[1], fold(diffHigh));
-        }
-        if (used & 64) {
-            if (used & 4)
-                encoder.encodeSymbol(m_diff[2], fold(lo(c[1]) - clamp8(diffLow + lo(m_last[1]))));
-            if (used & 16) {
-                diffLow = (diffLow + lo(c[1]) - lo(m_last[1])) / 2;
-                encoder.encodeSymbol(m_diff[4], fold(lo(c[2]) - clamp8(diffLow + lo(m_last[2]))));
-            }
-            if (used & 8)
-                encoder.encodeSymbol(m_diff[3], fold(hi(c[1]) - clamp8(diffHigh + hi(m_last[1]))));
-            if (used & 32) {
-                diffHigh = (diffHigh + hi(c[1]) - hi(m_last[1])) / 2;
-                encoder.encodeSymbol(m_diff[5], fold(hi(c[2]) - clamp8(diffHigh + hi(m_last[2]))));
-            }
-        }
+        encodeRgb(encoder, m_models, m_last, c);
         std::copy(c, c + 3, m_last);
     }
 
 private:
     std::uint16_t m_last[3] = {};
-    SymbolModel m_used {128};
-    std::vector<SymbolModel> m_diff = std::vector<SymbolModel>(6, SymbolModel(256));
+    RgbModels m_models;
 };
 
-class BytesEncoder final : public ItemEncoder
+class BytesEncoder final : public ItemEncoder, BytesModels
 {
 public:
     explicit BytesEncoder(std::size_t count)
-        : m_last(count)
-        , m_models(count, SymbolModel(256))
+        : BytesModels(count)
     {
     }
-    void start(const std::uint8_t *item) override
-    {
-        for (SymbolModel &m : m_models)
-            m.reset();
-        std::memcpy(m_last.data(), item, m_last.size());
-    }
+    void start(const std::uint8_t *item) override { startModels(item); }
     void write(Encoder &encoder, const std::uint8_t *item) override
     {
         for (std::size_t i = 0; i < m_last.size(); ++i) {
@@ -655,13 +526,85 @@ public:
             m_last[i] = item[i];
         }
     }
-
-private:
-    std::vector<std::uint8_t> m_last;
-    std::vector<SymbolModel> m_models;
 };
 
 } // namespace
+
+void decodeRgb(Decoder &decoder, RgbModels &models, const std::uint16_t *last, std::uint16_t *c)
+{
+    const auto byteOf
+        = [](std::uint16_t v, int high) { return std::int32_t(high ? v >> 8 : v & 0xff); };
+    const auto corrected = [&](int model, std::int32_t prediction) {
+        return fold(std::int32_t(decoder.decodeSymbol(models.diff[model])) + prediction);
+    };
+    const std::uint32_t used = decoder.decodeSymbol(models.used);
+    // Red, low byte then high byte.
+    c[0] = (used & 1) ? corrected(0, byteOf(last[0], 0)) : std::uint16_t(last[0] & 0xff);
+    c[0] |= (used & 2) ? std::uint16_t(corrected(1, byteOf(last[0], 1)) << 8)
+                       : std::uint16_t(last[0] & 0xff00);
+    if (!(used & 64)) {
+        // Grey: green and blue are red.
+        c[1] = c[2] = c[0];
+        return;
+    }
+    std::int32_t diff = byteOf(c[0], 0) - byteOf(last[0], 0);
+    c[1] = (used & 4) ? corrected(2, clamp8(diff + byteOf(last[1], 0)))
+                      : std::uint16_t(last[1] & 0xff);
+    if (used & 16) {
+        diff = (diff + (byteOf(c[1], 0) - byteOf(last[1], 0))) / 2;
+        c[2] = corrected(4, clamp8(diff + byteOf(last[2], 0)));
+    } else {
+        c[2] = std::uint16_t(last[2] & 0xff);
+    }
+    diff = byteOf(c[0], 1) - byteOf(last[0], 1);
+    c[1] |= (used & 8) ? std::uint16_t(corrected(3, clamp8(diff + byteOf(last[1], 1))) << 8)
+                       : std::uint16_t(last[1] & 0xff00);
+    if (used & 32) {
+        diff = (diff + (byteOf(c[1], 1) - byteOf(last[1], 1))) / 2;
+        c[2] |= std::uint16_t(corrected(5, clamp8(diff + byteOf(last[2], 1))) << 8);
+    } else {
+        c[2] |= std::uint16_t(last[2] & 0xff00);
+    }
+}
+
+void encodeRgb(Encoder &encoder, RgbModels &models, const std::uint16_t *last,
+               const std::uint16_t *c)
+{
+    const auto lo = [](std::uint16_t v) { return std::int32_t(v & 0xff); };
+    const auto hi = [](std::uint16_t v) { return std::int32_t(v >> 8); };
+    std::uint32_t used = 0;
+    for (int i = 0; i < 3; ++i) {
+        used |= std::uint32_t(lo(last[i]) != lo(c[i])) << (2 * i);
+        used |= std::uint32_t(hi(last[i]) != hi(c[i])) << (2 * i + 1);
+    }
+    used |= std::uint32_t(lo(c[0]) != lo(c[1]) || lo(c[0]) != lo(c[2]) || hi(c[0]) != hi(c[1])
+                          || hi(c[0]) != hi(c[2]))
+        << 6;
+    encoder.encodeSymbol(models.used, used);
+    std::int32_t diffLow = 0, diffHigh = 0;
+    if (used & 1) {
+        diffLow = lo(c[0]) - lo(last[0]);
+        encoder.encodeSymbol(models.diff[0], fold(diffLow));
+    }
+    if (used & 2) {
+        diffHigh = hi(c[0]) - hi(last[0]);
+        encoder.encodeSymbol(models.diff[1], fold(diffHigh));
+    }
+    if (!(used & 64))
+        return;
+    if (used & 4)
+        encoder.encodeSymbol(models.diff[2], fold(lo(c[1]) - clamp8(diffLow + lo(last[1]))));
+    if (used & 16) {
+        diffLow = (diffLow + lo(c[1]) - lo(last[1])) / 2;
+        encoder.encodeSymbol(models.diff[4], fold(lo(c[2]) - clamp8(diffLow + lo(last[2]))));
+    }
+    if (used & 8)
+        encoder.encodeSymbol(models.diff[3], fold(hi(c[1]) - clamp8(diffHigh + hi(last[1]))));
+    if (used & 32) {
+        diffHigh = (diffHigh + hi(c[1]) - hi(last[1])) / 2;
+        encoder.encodeSymbol(models.diff[5], fold(hi(c[2]) - clamp8(diffHigh + hi(last[2]))));
+    }
+}
 
 std::unique_ptr<ItemEncoder> makeItemEncoder(const Item &item)
 {

@@ -442,7 +442,7 @@ public:
         std::uint16_t *last = values->last;
         std::uint16_t c[4];
         if (m_rgbLayer.present) {
-            decodeRgb(m_rgbLayer.decoder, models, last, c);
+            decodeRgb(m_rgbLayer.decoder, models.rgb, last, c);
             std::copy(c, c + 3, last);
         } else {
             std::copy(last, last + 3, c);
@@ -476,16 +476,13 @@ private:
     {
         bool used = false;
         std::uint16_t last[4] = {};
-        SymbolModel rgbUsed {128};
-        std::vector<SymbolModel> diff = std::vector<SymbolModel>(6, SymbolModel(256));
+        RgbModels rgb;
         SymbolModel nirUsed {4};
         std::vector<SymbolModel> nirDiff = std::vector<SymbolModel>(2, SymbolModel(256));
 
         void start(const State &from)
         {
-            rgbUsed.reset();
-            for (SymbolModel &m : diff)
-                m.reset();
+            rgb.reset();
             nirUsed.reset();
             for (SymbolModel &m : nirDiff)
                 m.reset();
@@ -493,51 +490,6 @@ private:
             used = true;
         }
     };
-
-    // As the version 2 item, with the state's models.
-    static void decodeRgb(Decoder &d, State &s, const std::uint16_t *last, std::uint16_t *c)
-    {
-        const auto byteOf
-            = [](std::uint16_t v, int high) { return std::int32_t(high ? v >> 8 : v & 0xff); };
-        const std::uint32_t used = d.decodeSymbol(s.rgbUsed);
-        c[0] = (used & 1) ? fold(std::int32_t(d.decodeSymbol(s.diff[0])) + byteOf(last[0], 0))
-                          : std::uint16_t(last[0] & 0xff);
-        if (used & 2)
-            c[0] |= std::uint16_t(fold(std::int32_t(d.decodeSymbol(s.diff[1])) + byteOf(last[0], 1))
-                                  << 8);
-        else
-            c[0] |= std::uint16_t(last[0] & 0xff00);
-        if (used & 64) {
-            std::int32_t diff = byteOf(c[0], 0) - byteOf(last[0], 0);
-            c[1] = (used & 4)
-                ? fold(std::int32_t(d.decodeSymbol(s.diff[2])) + clamp8(diff + byteOf(last[1], 0)))
-                : std::uint16_t(last[1] & 0xff);
-            if (used & 16) {
-                diff = (diff + (byteOf(c[1], 0) - byteOf(last[1], 0))) / 2;
-                c[2] = fold(std::int32_t(d.decodeSymbol(s.diff[4]))
-                            + clamp8(diff + byteOf(last[2], 0)));
-            } else {
-                c[2] = std::uint16_t(last[2] & 0xff);
-            }
-            diff = byteOf(c[0], 1) - byteOf(last[0], 1);
-            if (used & 8)
-                c[1] |= std::uint16_t(fold(std::int32_t(d.decodeSymbol(s.diff[3]))
-                                           + clamp8(diff + byteOf(last[1], 1)))
-                                      << 8);
-            else
-                c[1] |= std::uint16_t(last[1] & 0xff00);
-            if (used & 32) {
-                diff = (diff + (byteOf(c[1], 1) - byteOf(last[1], 1))) / 2;
-                c[2] |= std::uint16_t(fold(std::int32_t(d.decodeSymbol(s.diff[5]))
-                                           + clamp8(diff + byteOf(last[2], 1)))
-                                      << 8);
-            } else {
-                c[2] |= std::uint16_t(last[2] & 0xff00);
-            }
-        } else {
-            c[1] = c[2] = c[0];
-        }
-    }
 
     bool m_nir;
     Layer m_rgbLayer, m_nirLayer;
