@@ -273,30 +273,47 @@ bool ChunkDecoder::decode(const std::uint8_t *data, std::size_t size, std::uint3
 bool describeFormat(int pointFormat, std::size_t recordLength, std::uint32_t chunkSize,
                     Description &out, std::string &error)
 {
-    static const std::size_t OWN_LENGTH[] = {20, 28, 26, 34};
-    if (pointFormat < 0 || pointFormat > 3) {
+    // The bytes of each format's own fields (-1: not written yet).
+    static const int OWN_LENGTH[] = {20, 28, 26, 34, -1, -1, 30, 36, 38};
+    if (pointFormat < 0 || pointFormat > 8 || OWN_LENGTH[pointFormat] < 0) {
         error = "LAZ writing of point format " + std::to_string(pointFormat)
-            + " is not supported yet (formats 0 to 3 are)";
+            + " is not supported yet (formats 0 to 3 and 6 to 8 are)";
         return false;
     }
-    if (recordLength < OWN_LENGTH[pointFormat] || recordLength > 0xffff) {
+    const std::size_t own = std::size_t(OWN_LENGTH[pointFormat]);
+    if (recordLength < own || recordLength > 0xffff) {
         error = "a record of " + std::to_string(recordLength) + " bytes for point format "
             + std::to_string(pointFormat);
         return false;
     }
     Description d;
-    d.compressor = 2;
     d.coder = 0;
-    d.versionMajor = 2;
-    d.versionMinor = 2;
     d.chunkSize = chunkSize == 0 ? 50000 : chunkSize;
-    d.items.push_back({ITEM_POINT10, 20, 2});
-    if (pointFormat == 1 || pointFormat == 3)
-        d.items.push_back({ITEM_GPSTIME11, 8, 2});
-    if (pointFormat == 2 || pointFormat == 3)
-        d.items.push_back({ITEM_RGB12, 6, 2});
-    if (recordLength > OWN_LENGTH[pointFormat])
-        d.items.push_back({ITEM_BYTE, std::uint16_t(recordLength - OWN_LENGTH[pointFormat]), 2});
+    const std::uint16_t extra = std::uint16_t(recordLength - own);
+    if (pointFormat <= 3) {
+        d.compressor = 2;
+        d.versionMajor = 2;
+        d.versionMinor = 2;
+        d.items.push_back({ITEM_POINT10, 20, 2});
+        if (pointFormat == 1 || pointFormat == 3)
+            d.items.push_back({ITEM_GPSTIME11, 8, 2});
+        if (pointFormat == 2 || pointFormat == 3)
+            d.items.push_back({ITEM_RGB12, 6, 2});
+        if (extra)
+            d.items.push_back({ITEM_BYTE, extra, 2});
+    } else {
+        // LAS 1.4 points: layered chunks.
+        d.compressor = 3;
+        d.versionMajor = 3;
+        d.versionMinor = 4;
+        d.items.push_back({ITEM_POINT14, 30, 3});
+        if (pointFormat == 7)
+            d.items.push_back({ITEM_RGB14, 6, 3});
+        if (pointFormat == 8)
+            d.items.push_back({ITEM_RGBNIR14, 8, 3});
+        if (extra)
+            d.items.push_back({ITEM_BYTE14, extra, 3});
+    }
     out = std::move(d);
     return true;
 }
@@ -326,8 +343,11 @@ struct ChunkEncoder::Impl
 {
     Encoder encoder;
     std::vector<std::unique_ptr<ItemEncoder>> items;
+    std::vector<std::unique_ptr<LayeredItemEncoder>> layeredItems;
     std::vector<std::size_t> offsets;
     std::size_t recordLength = 0;
+    std::vector<std::uint32_t> sizes;
+    std::vector<std::uint8_t> layers;
 };
 
 ChunkEncoder::ChunkEncoder(const Description &description)
@@ -335,7 +355,10 @@ ChunkEncoder::ChunkEncoder(const Description &description)
 {
     for (const Item &item : description.items) {
         d->offsets.push_back(d->recordLength);
-        d->items.push_back(makeItemEncoder(item));
+        if (description.compressor == 3)
+            d->layeredItems.push_back(makeLayeredItemEncoder(item));
+        else
+            d->items.push_back(makeItemEncoder(item));
         d->recordLength += item.size;
     }
 }
@@ -349,6 +372,30 @@ void ChunkEncoder::encode(const std::uint8_t *records, std::uint32_t count,
         return;
     const std::size_t length = d->recordLength;
     out.insert(out.end(), records, records + length);
+    if (!d->layeredItems.empty()) {
+        // The first record, the point count, the size of every layer, then the layers.
+        unsigned context = 0;
+        for (std::size_t i = 0; i < d->layeredItems.size(); ++i)
+            d->layeredItems[i]->start(records + d->offsets[i], context);
+        for (std::uint32_t p = 1; p < count; ++p) {
+            const std::uint8_t *record = records + std::size_t(p) * length;
+            for (std::size_t i = 0; i < d->layeredItems.size(); ++i)
+                d->layeredItems[i]->write(record + d->offsets[i], context);
+        }
+        d->sizes.clear();
+        d->layers.clear();
+        for (const auto &item : d->layeredItems)
+            item->finish(d->sizes, d->layers);
+        std::uint8_t word[4];
+        store<std::uint32_t>(word, count);
+        out.insert(out.end(), word, word + 4);
+        for (std::uint32_t size : d->sizes) {
+            store<std::uint32_t>(word, size);
+            out.insert(out.end(), word, word + 4);
+        }
+        out.insert(out.end(), d->layers.begin(), d->layers.end());
+        return;
+    }
     for (std::size_t i = 0; i < d->items.size(); ++i)
         d->items[i]->start(records + d->offsets[i]);
     d->encoder.start(out);

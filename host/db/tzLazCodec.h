@@ -105,9 +105,10 @@ private:
     std::unique_ptr<Impl> d;
 };
 
-//! The items this encoder writes for records of a LAS point format (0 to 3): the format's own
-//! fields, then what the record holds beyond them as extra bytes. False, with the reason, for
-//! another format. chunkSize 0: the usual 50,000 points.
+//! The items this encoder writes for records of a LAS point format (0 to 3: items of version 2;
+//! 6 to 8: layered items of version 3): the format's own fields, then what the record holds
+//! beyond them as extra bytes. False, with the reason, for another format. chunkSize 0: the
+//! usual 50,000 points.
 bool describeFormat(int pointFormat, std::size_t recordLength, std::uint32_t chunkSize,
                     Description &out, std::string &error);
 //! The payload of the "laszip encoded" VLR.

@@ -700,6 +700,19 @@ struct LayeredItemDecoder
 
 std::unique_ptr<LayeredItemDecoder> makeLayeredItemDecoder(const Item &item);
 
+//! The encoding side of a layered item: each layer written into a buffer of its own.
+struct LayeredItemEncoder
+{
+    virtual ~LayeredItemEncoder() = default;
+    virtual unsigned layerCount() const = 0;
+    virtual void start(const std::uint8_t *item, unsigned &context) = 0;
+    virtual void write(const std::uint8_t *item, unsigned &context) = 0;
+    //! Appends the size of each layer (0 for one the decoder does not need) and their bytes.
+    virtual void finish(std::vector<std::uint32_t> &sizes, std::vector<std::uint8_t> &bytes) = 0;
+};
+
+std::unique_ptr<LayeredItemEncoder> makeLayeredItemEncoder(const Item &item);
+
 //! The models of a colour item: which of the six bytes changed, and each byte's difference
 //! (items of versions 2 and 3 code colours alike).
 struct RgbModels

@@ -101,6 +101,90 @@ struct Layer
     bool failed() const { return present && decoder.failed(); }
 };
 
+// The GPS time codes of the layered point item (no "unchanged" code: the point says whether
+// its time changed).
+constexpr std::int32_t MULTI = 500;
+constexpr std::int32_t MULTI_MINUS = -10;
+constexpr std::uint32_t CODE_FULL = MULTI - MULTI_MINUS + 1;
+constexpr std::uint32_t TIME_TOTAL = MULTI - MULTI_MINUS + 5;
+
+inline std::int32_t times(std::int32_t factor, std::int32_t diff)
+{
+    return std::int32_t(std::uint32_t(factor) * std::uint32_t(diff));
+}
+
+// What the point item keeps for one scanner channel, in both directions.
+struct Point14Channel
+{
+    bool used = false;
+    Point14 last;
+    std::vector<SymbolModel> changed = std::vector<SymbolModel>(8, SymbolModel(128));
+    SymbolModel channelModel {3};
+    LazyModels returnsModels {16}, returnNumberModels {16};
+    SymbolModel returnNumberSameTime {13};
+    IntegerCoder dx {32, 2}, dy {32, 22}, z {32, 20};
+    Median5 xDiff[12], yDiff[12];
+    std::int32_t lastZ[8] = {};
+    LazyModels classification {256}, flags {64}, userData {256};
+    IntegerCoder intensity {16, 4};
+    std::uint16_t lastIntensity[8] = {};
+    IntegerCoder scanAngle {16, 2};
+    IntegerCoder source {16};
+    // The GPS time sequences, as in the version 2 item.
+    unsigned lastSeq = 0, nextSeq = 0;
+    std::uint64_t time[4] = {};
+    std::int32_t timeDiff[4] = {};
+    std::int32_t extremes[4] = {};
+    SymbolModel timeMulti {TIME_TOTAL};
+    SymbolModel timeZeroDiff {5};
+    IntegerCoder times {32, 9};
+
+    //! Starts from a record (the chunk's first, or the last one of the channel before).
+    void start(const Point14 &from)
+    {
+        for (SymbolModel &m : changed)
+            m.reset();
+        channelModel.reset();
+        returnsModels.reset();
+        returnNumberModels.reset();
+        returnNumberSameTime.reset();
+        dx.reset();
+        dy.reset();
+        for (int i = 0; i < 12; ++i) {
+            xDiff[i].reset();
+            yDiff[i].reset();
+        }
+        z.reset();
+        std::fill(std::begin(lastZ), std::end(lastZ), from.z);
+        classification.reset();
+        flags.reset();
+        userData.reset();
+        intensity.reset();
+        std::fill(std::begin(lastIntensity), std::end(lastIntensity), from.intensity);
+        scanAngle.reset();
+        source.reset();
+        timeMulti.reset();
+        timeZeroDiff.reset();
+        times.reset();
+        lastSeq = nextSeq = 0;
+        std::fill(std::begin(timeDiff), std::end(timeDiff), 0);
+        std::fill(std::begin(extremes), std::end(extremes), 0);
+        time[0] = from.gpsTime;
+        time[1] = time[2] = time[3] = 0;
+        last = from;
+        last.gpsTimeChanged = false;
+        used = true;
+    }
+    //! A difference far from the last one's multiples: the fourth in a row becomes the new one.
+    void extreme(std::int32_t diff)
+    {
+        if (++extremes[lastSeq] > 3) {
+            timeDiff[lastSeq] = diff;
+            extremes[lastSeq] = 0;
+        }
+    }
+};
+
 // The point's own fields, in nine layers.
 class Point14Decoder final : public LayeredItemDecoder
 {
@@ -111,18 +195,18 @@ public:
     {
         for (int i = 0; i < 9; ++i)
             m_layers[i].start(layers[i]);
-        for (Channel &c : m_channels)
+        for (Point14Channel &c : m_channels)
             c.used = false;
         Point14 first;
         first.read(item);
         m_current = first.channel;
         context = m_current;
-        startChannel(m_current, first);
+        m_channels[m_current].start(first);
     }
 
     void read(std::uint8_t *item, unsigned &context) override
     {
-        Channel *c = &m_channels[m_current];
+        Point14Channel *c = &m_channels[m_current];
         Decoder &xy = m_layers[XY].decoder;
         // The kind of the last return (single, first, last, other) and whether its time
         // changed choose the model of what changed.
@@ -134,7 +218,7 @@ public:
             const std::uint32_t step = xy.decodeSymbol(c->channelModel);
             const unsigned channel = (m_current + step + 1) % 4;
             if (!m_channels[channel].used)
-                startChannel(channel, c->last);
+                m_channels[channel].start(c->last);
             m_current = channel;
             c = &m_channels[m_current];
             c->last.channel = channel;
@@ -232,87 +316,9 @@ public:
 
 private:
     enum { XY, Z, CLASSIFICATION, FLAGS, INTENSITY, SCAN_ANGLE, USER_DATA, SOURCE, GPS_TIME };
-    static constexpr std::int32_t MULTI = 500;
-    static constexpr std::int32_t MULTI_MINUS = -10;
-    static constexpr std::uint32_t CODE_FULL = MULTI - MULTI_MINUS + 1;
-    static constexpr std::uint32_t TOTAL = MULTI - MULTI_MINUS + 5;
-
-    struct Channel
+    std::uint64_t readTime(Point14Channel &c, Decoder &decoder)
     {
-        bool used = false;
-        Point14 last;
-        std::vector<SymbolModel> changed = std::vector<SymbolModel>(8, SymbolModel(128));
-        SymbolModel channelModel {3};
-        LazyModels returnsModels {16}, returnNumberModels {16};
-        SymbolModel returnNumberSameTime {13};
-        IntegerCoder dx {32, 2}, dy {32, 22}, z {32, 20};
-        Median5 xDiff[12], yDiff[12];
-        std::int32_t lastZ[8] = {};
-        LazyModels classification {256}, flags {64}, userData {256};
-        IntegerCoder intensity {16, 4};
-        std::uint16_t lastIntensity[8] = {};
-        IntegerCoder scanAngle {16, 2};
-        IntegerCoder source {16};
-        // The GPS time sequences, as in the version 2 item.
-        unsigned lastSeq = 0, nextSeq = 0;
-        std::uint64_t time[4] = {};
-        std::int32_t timeDiff[4] = {};
-        std::int32_t extremes[4] = {};
-        SymbolModel timeMulti {TOTAL};
-        SymbolModel timeZeroDiff {5};
-        IntegerCoder times {32, 9};
-    };
-
-    void startChannel(unsigned index, const Point14 &from)
-    {
-        Channel &c = m_channels[index];
-        for (SymbolModel &m : c.changed)
-            m.reset();
-        c.channelModel.reset();
-        c.returnsModels.reset();
-        c.returnNumberModels.reset();
-        c.returnNumberSameTime.reset();
-        c.dx.reset();
-        c.dy.reset();
-        for (int i = 0; i < 12; ++i) {
-            c.xDiff[i].reset();
-            c.yDiff[i].reset();
-        }
-        c.z.reset();
-        std::fill(std::begin(c.lastZ), std::end(c.lastZ), from.z);
-        c.classification.reset();
-        c.flags.reset();
-        c.userData.reset();
-        c.intensity.reset();
-        std::fill(std::begin(c.lastIntensity), std::end(c.lastIntensity), from.intensity);
-        c.scanAngle.reset();
-        c.source.reset();
-        c.timeMulti.reset();
-        c.timeZeroDiff.reset();
-        c.times.reset();
-        c.lastSeq = c.nextSeq = 0;
-        std::fill(std::begin(c.timeDiff), std::end(c.timeDiff), 0);
-        std::fill(std::begin(c.extremes), std::end(c.extremes), 0);
-        c.time[0] = from.gpsTime;
-        c.time[1] = c.time[2] = c.time[3] = 0;
-        c.last = from;
-        c.last.gpsTimeChanged = false;
-        c.used = true;
-    }
-
-    static std::int32_t times(std::int32_t factor, std::int32_t diff)
-    {
-        return std::int32_t(std::uint32_t(factor) * std::uint32_t(diff));
-    }
-
-    std::uint64_t readTime(Channel &c, Decoder &decoder)
-    {
-        const auto extreme = [&c](std::int32_t diff) {
-            if (++c.extremes[c.lastSeq] > 3) {
-                c.timeDiff[c.lastSeq] = diff;
-                c.extremes[c.lastSeq] = 0;
-            }
-        };
+        const auto extreme = [&c](std::int32_t diff) { c.extreme(diff); };
         const auto fullTime = [&] {
             c.nextSeq = (c.nextSeq + 1) & 3;
             const std::int32_t high
@@ -376,7 +382,7 @@ private:
     }
 
     Layer m_layers[9];
-    Channel m_channels[4];
+    Point14Channel m_channels[4];
     unsigned m_current = 0;
 };
 
@@ -471,7 +477,7 @@ public:
 
     bool failed() const override { return m_rgbLayer.failed() || (m_nir && m_nirLayer.failed()); }
 
-private:
+    //! The models and last values of one channel (the encoder keeps the same).
     struct State
     {
         bool used = false;
@@ -491,6 +497,7 @@ private:
         }
     };
 
+private:
     bool m_nir;
     Layer m_rgbLayer, m_nirLayer;
     ChannelStates<State> m_states;
@@ -534,7 +541,7 @@ public:
                            [](const Layer &l) { return l.failed(); });
     }
 
-private:
+    //! The models and last values of one channel (the encoder keeps the same).
     struct State
     {
         bool used = false;
@@ -552,7 +559,345 @@ private:
         }
     };
 
+private:
     std::vector<Layer> m_layers;
+    std::size_t m_count;
+    ChannelStates<State> m_states;
+};
+
+// ------------------------------------------------------------------ encoding
+//
+// Each layer gets a coder of its own writing into a buffer; at the chunk's end a layer whose
+// attribute never changed in the chunk is left out (its size is 0), as the decoder expects.
+
+struct OutLayer
+{
+    std::vector<std::uint8_t> bytes;
+    Encoder encoder;
+    bool changed = false;
+
+    void start()
+    {
+        bytes.clear();
+        encoder.start(bytes);
+        changed = false;
+    }
+    //! The layer's size and bytes, appended; kept: whether the decoder needs it.
+    void finish(bool kept, std::vector<std::uint32_t> &sizes, std::vector<std::uint8_t> &out)
+    {
+        encoder.finish();
+        sizes.push_back(kept ? std::uint32_t(bytes.size()) : 0);
+        if (kept)
+            out.insert(out.end(), bytes.begin(), bytes.end());
+    }
+};
+
+class Point14Encoder final : public LayeredItemEncoder
+{
+public:
+    unsigned layerCount() const override { return 9; }
+
+    void start(const std::uint8_t *item, unsigned &context) override
+    {
+        for (OutLayer &l : m_layers)
+            l.start();
+        for (Point14Channel &c : m_channels)
+            c.used = false;
+        Point14 first;
+        first.read(item);
+        m_current = first.channel;
+        context = m_current;
+        m_channels[m_current].start(first);
+    }
+
+    void write(const std::uint8_t *item, unsigned &context) override
+    {
+        Point14 p;
+        p.read(item);
+        Point14Channel *c = &m_channels[m_current];
+        const Point14 *last = &c->last;
+        const unsigned lastKind = (last->returnNumber == 1 ? 1u : 0u)
+            + (last->returnNumber >= last->returns ? 2u : 0u) + (last->gpsTimeChanged ? 4u : 0u);
+        // Compared with the last record of the point's own channel when it was met before.
+        if (p.channel != m_current && m_channels[p.channel].used)
+            last = &m_channels[p.channel].last;
+        const bool sourceChanged = p.source != last->source;
+        const bool timeChanged = p.gpsTime != last->gpsTime;
+        const bool angleChanged = p.scanAngle != last->scanAngle;
+        const unsigned lastN = last->returns, lastR = last->returnNumber;
+        const unsigned n = p.returns, r = p.returnNumber;
+        std::uint32_t changed = (std::uint32_t(p.channel != m_current) << 6)
+            | (std::uint32_t(sourceChanged) << 5) | (std::uint32_t(timeChanged) << 4)
+            | (std::uint32_t(angleChanged) << 3) | (std::uint32_t(n != lastN) << 2);
+        if (r != lastR)
+            changed |= r == (lastR + 1) % 16 ? 1u : (r == (lastR + 15) % 16 ? 2u : 3u);
+        Encoder &xy = m_layers[XY].encoder;
+        xy.encodeSymbol(c->changed[lastKind], changed);
+        if (changed & (1u << 6)) {
+            const int diff = int(p.channel) - int(m_current);
+            xy.encodeSymbol(c->channelModel, std::uint32_t(diff > 0 ? diff - 1 : diff + 3));
+            if (!m_channels[p.channel].used)
+                m_channels[p.channel].start(c->last);
+            m_current = p.channel;
+            c = &m_channels[m_current];
+        }
+        context = m_current;
+        Point14 &state = c->last;
+        if (changed & (1u << 2))
+            xy.encodeSymbol(c->returnsModels[lastN], n);
+        if ((changed & 3) == 3) {
+            if (timeChanged) {
+                xy.encodeSymbol(c->returnNumberModels[lastR], r);
+            } else {
+                const int diff = int(r) - int(lastR);
+                xy.encodeSymbol(c->returnNumberSameTime,
+                                std::uint32_t(diff > 1 ? diff - 2 : diff + 14));
+            }
+        }
+        const unsigned slot = RETURN_SLOT14[n][r];
+        const unsigned level = returnLevel(n, r);
+        const unsigned kind = (r == 1 ? 2u : 0u) + (r >= n ? 1u : 0u);
+        const unsigned medianSlot = (slot << 1) | (timeChanged ? 1u : 0u);
+
+        std::int32_t diff = std::int32_t(std::uint32_t(p.x) - std::uint32_t(state.x));
+        c->dx.encode(xy, c->xDiff[medianSlot].get(), diff, n == 1);
+        c->xDiff[medianSlot].add(diff);
+        unsigned kBits = c->dx.k();
+        diff = std::int32_t(std::uint32_t(p.y) - std::uint32_t(state.y));
+        c->dy.encode(xy, c->yDiff[medianSlot].get(), diff,
+                     (n == 1) + (kBits < 20 ? (kBits & ~1u) : 20));
+        c->yDiff[medianSlot].add(diff);
+
+        kBits = (c->dx.k() + c->dy.k()) / 2;
+        c->z.encode(m_layers[Z].encoder, c->lastZ[level], p.z,
+                    (n == 1) + (kBits < 18 ? (kBits & ~1u) : 18));
+        c->lastZ[level] = p.z;
+
+        m_layers[CLASSIFICATION].changed |= p.classification != state.classification;
+        const unsigned classContext = ((state.classification & 0x1f) << 1) + (kind == 3 ? 1 : 0);
+        m_layers[CLASSIFICATION].encoder.encodeSymbol(c->classification[classContext],
+                                                      p.classification);
+
+        const unsigned lastFlags
+            = (state.edge << 5) | (state.scanDirection << 4) | state.classFlags;
+        const unsigned flags = (p.edge << 5) | (p.scanDirection << 4) | p.classFlags;
+        m_layers[FLAGS].changed |= flags != lastFlags;
+        m_layers[FLAGS].encoder.encodeSymbol(c->flags[lastFlags], flags);
+
+        m_layers[INTENSITY].changed |= p.intensity != state.intensity;
+        const unsigned at = (kind << 1) | (timeChanged ? 1u : 0u);
+        c->intensity.encode(m_layers[INTENSITY].encoder, c->lastIntensity[at], p.intensity, kind);
+        c->lastIntensity[at] = p.intensity;
+
+        if (angleChanged) {
+            m_layers[SCAN_ANGLE].changed = true;
+            c->scanAngle.encode(m_layers[SCAN_ANGLE].encoder, state.scanAngle, p.scanAngle,
+                                timeChanged);
+        }
+        m_layers[USER_DATA].changed |= p.userData != state.userData;
+        m_layers[USER_DATA].encoder.encodeSymbol(c->userData[state.userData / 4], p.userData);
+        if (sourceChanged) {
+            m_layers[SOURCE].changed = true;
+            c->source.encode(m_layers[SOURCE].encoder, state.source, p.source);
+        }
+        if (timeChanged) {
+            m_layers[GPS_TIME].changed = true;
+            writeTime(*c, m_layers[GPS_TIME].encoder, p.gpsTime);
+        }
+        state = p;
+        state.gpsTimeChanged = timeChanged;
+    }
+
+    void finish(std::vector<std::uint32_t> &sizes, std::vector<std::uint8_t> &bytes) override
+    {
+        // The coordinates and the heights always go; the others when they changed.
+        for (int i = 0; i < 9; ++i)
+            m_layers[i].finish(i == XY || i == Z || m_layers[i].changed, sizes, bytes);
+    }
+
+private:
+    enum { XY, Z, CLASSIFICATION, FLAGS, INTENSITY, SCAN_ANGLE, USER_DATA, SOURCE, GPS_TIME };
+
+    static bool fits(std::int64_t d) { return d == std::int64_t(std::int32_t(d)); }
+
+    void writeTime(Point14Channel &c, Encoder &encoder, std::uint64_t time)
+    {
+        for (int hop = 0; hop < 2; ++hop) {
+            const std::int64_t wide = std::int64_t(time - c.time[c.lastSeq]);
+            if (!fits(wide)) {
+                int other = 0;
+                for (int i = 1; i < 4 && !other; ++i) {
+                    if (fits(std::int64_t(time - c.time[(c.lastSeq + unsigned(i)) & 3])))
+                        other = i;
+                }
+                const bool zero = c.timeDiff[c.lastSeq] == 0;
+                if (other) {
+                    encoder.encodeSymbol(zero ? c.timeZeroDiff : c.timeMulti,
+                                         zero ? std::uint32_t(other + 1)
+                                              : CODE_FULL + std::uint32_t(other));
+                    c.lastSeq = (c.lastSeq + unsigned(other)) & 3;
+                    continue;
+                }
+                encoder.encodeSymbol(zero ? c.timeZeroDiff : c.timeMulti, zero ? 1 : CODE_FULL);
+                c.times.encode(encoder, std::int32_t(c.time[c.lastSeq] >> 32),
+                               std::int32_t(time >> 32), 8);
+                encoder.writeInt(std::uint32_t(time));
+                c.nextSeq = (c.nextSeq + 1) & 3;
+                c.lastSeq = c.nextSeq;
+                c.timeDiff[c.lastSeq] = 0;
+                c.extremes[c.lastSeq] = 0;
+                c.time[c.lastSeq] = time;
+                return;
+            }
+            const std::int32_t diff = std::int32_t(wide);
+            const std::int32_t last = c.timeDiff[c.lastSeq];
+            if (last == 0) {
+                encoder.encodeSymbol(c.timeZeroDiff, 0);
+                c.times.encode(encoder, 0, diff, 0);
+                c.timeDiff[c.lastSeq] = diff;
+                c.extremes[c.lastSeq] = 0;
+            } else {
+                // The multiple of the last difference, rounded half away from zero in single
+                // precision as the format's own encoder does it.
+                const float ratio = float(diff) / float(last);
+                const std::int32_t multi
+                    = ratio >= 0 ? std::int32_t(ratio + 0.5f) : std::int32_t(ratio - 0.5f);
+                if (multi == 1) {
+                    encoder.encodeSymbol(c.timeMulti, 1);
+                    c.times.encode(encoder, last, diff, 1);
+                    c.extremes[c.lastSeq] = 0;
+                } else if (multi > 0 && multi < MULTI) {
+                    encoder.encodeSymbol(c.timeMulti, std::uint32_t(multi));
+                    c.times.encode(encoder, times(multi, last), diff, multi < 10 ? 2 : 3);
+                } else if (multi >= MULTI) {
+                    encoder.encodeSymbol(c.timeMulti, MULTI);
+                    c.times.encode(encoder, times(MULTI, last), diff, 4);
+                    c.extreme(diff);
+                } else if (multi < 0 && multi > MULTI_MINUS) {
+                    encoder.encodeSymbol(c.timeMulti, std::uint32_t(MULTI - multi));
+                    c.times.encode(encoder, times(multi, last), diff, 5);
+                } else if (multi < 0) {
+                    encoder.encodeSymbol(c.timeMulti, std::uint32_t(MULTI - MULTI_MINUS));
+                    c.times.encode(encoder, times(MULTI_MINUS, last), diff, 6);
+                    c.extreme(diff);
+                } else {
+                    encoder.encodeSymbol(c.timeMulti, 0);
+                    c.times.encode(encoder, 0, diff, 7);
+                    c.extreme(diff);
+                }
+            }
+            c.time[c.lastSeq] = time;
+            return;
+        }
+    }
+
+    OutLayer m_layers[9];
+    Point14Channel m_channels[4];
+    unsigned m_current = 0;
+};
+
+class Rgb14Encoder final : public LayeredItemEncoder
+{
+public:
+    explicit Rgb14Encoder(bool nir)
+        : m_nir(nir)
+    {
+    }
+    unsigned layerCount() const override { return m_nir ? 2 : 1; }
+
+    void start(const std::uint8_t *item, unsigned &context) override
+    {
+        m_rgbLayer.start();
+        m_nirLayer.start();
+        State first;
+        for (int i = 0; i < (m_nir ? 4 : 3); ++i)
+            first.last[i] = load<std::uint16_t>(item + 2 * i);
+        m_states.startAt(context, first);
+    }
+
+    void write(const std::uint8_t *item, unsigned &context) override
+    {
+        State *values = nullptr;
+        State &models = m_states.follow(context, values);
+        std::uint16_t *last = values->last;
+        std::uint16_t c[4] = {};
+        for (int i = 0; i < (m_nir ? 4 : 3); ++i)
+            c[i] = load<std::uint16_t>(item + 2 * i);
+        m_rgbLayer.changed |= c[0] != last[0] || c[1] != last[1] || c[2] != last[2];
+        encodeRgb(m_rgbLayer.encoder, models.rgb, last, c);
+        if (m_nir) {
+            const std::uint32_t used = std::uint32_t((c[3] & 0xff) != (last[3] & 0xff))
+                | (std::uint32_t((c[3] >> 8) != (last[3] >> 8)) << 1);
+            Encoder &e = m_nirLayer.encoder;
+            e.encodeSymbol(models.nirUsed, used);
+            if (used & 1)
+                e.encodeSymbol(models.nirDiff[0],
+                               fold(std::int32_t(c[3] & 0xff) - std::int32_t(last[3] & 0xff)));
+            if (used & 2)
+                e.encodeSymbol(models.nirDiff[1],
+                               fold(std::int32_t(c[3] >> 8) - std::int32_t(last[3] >> 8)));
+            m_nirLayer.changed |= used != 0;
+        }
+        std::copy(c, c + (m_nir ? 4 : 3), last);
+    }
+
+    void finish(std::vector<std::uint32_t> &sizes, std::vector<std::uint8_t> &bytes) override
+    {
+        m_rgbLayer.finish(m_rgbLayer.changed, sizes, bytes);
+        if (m_nir)
+            m_nirLayer.finish(m_nirLayer.changed, sizes, bytes);
+    }
+
+private:
+    using State = Rgb14Decoder::State;
+
+    bool m_nir;
+    OutLayer m_rgbLayer, m_nirLayer;
+    ChannelStates<State> m_states;
+};
+
+class Bytes14Encoder final : public LayeredItemEncoder
+{
+public:
+    explicit Bytes14Encoder(std::size_t count)
+        : m_layers(count)
+        , m_count(count)
+    {
+    }
+    unsigned layerCount() const override { return unsigned(m_count); }
+
+    void start(const std::uint8_t *item, unsigned &context) override
+    {
+        for (OutLayer &l : m_layers)
+            l.start();
+        State first;
+        first.last.assign(item, item + m_count);
+        m_states.startAt(context, first);
+    }
+
+    void write(const std::uint8_t *item, unsigned &context) override
+    {
+        State *values = nullptr;
+        State &models = m_states.follow(context, values);
+        std::vector<std::uint8_t> &last = values->last;
+        for (std::size_t i = 0; i < m_count; ++i) {
+            m_layers[i].changed |= item[i] != last[i];
+            m_layers[i].encoder.encodeSymbol(models.models[i],
+                                             fold(std::int32_t(item[i]) - std::int32_t(last[i])));
+            last[i] = item[i];
+        }
+    }
+
+    void finish(std::vector<std::uint32_t> &sizes, std::vector<std::uint8_t> &bytes) override
+    {
+        for (OutLayer &l : m_layers)
+            l.finish(l.changed, sizes, bytes);
+    }
+
+private:
+    using State = Bytes14Decoder::State;
+
+    std::vector<OutLayer> m_layers;
     std::size_t m_count;
     ChannelStates<State> m_states;
 };
@@ -572,6 +917,30 @@ std::unique_ptr<LayeredItemDecoder> makeLayeredItemDecoder(const Item &item)
         return item.size == 8 ? std::make_unique<Rgb14Decoder>(true) : nullptr;
     case ITEM_BYTE14:
         return item.size > 0 ? std::make_unique<Bytes14Decoder>(item.size) : nullptr;
+    default:
+        return nullptr;
+    }
+}
+
+} // namespace detail
+} // namespace tzLaz
+
+namespace tzLaz {
+namespace detail {
+
+std::unique_ptr<LayeredItemEncoder> makeLayeredItemEncoder(const Item &item)
+{
+    if (item.version != 3)
+        return nullptr;
+    switch (item.type) {
+    case ITEM_POINT14:
+        return item.size == 30 ? std::make_unique<Point14Encoder>() : nullptr;
+    case ITEM_RGB14:
+        return item.size == 6 ? std::make_unique<Rgb14Encoder>(false) : nullptr;
+    case ITEM_RGBNIR14:
+        return item.size == 8 ? std::make_unique<Rgb14Encoder>(true) : nullptr;
+    case ITEM_BYTE14:
+        return item.size > 0 ? std::make_unique<Bytes14Encoder>(item.size) : nullptr;
     default:
         return nullptr;
     }
