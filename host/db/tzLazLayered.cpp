@@ -902,48 +902,36 @@ private:
     ChannelStates<State> m_states;
 };
 
-} // namespace
-
-std::unique_ptr<LayeredItemDecoder> makeLayeredItemDecoder(const Item &item)
+// Which layered item a description names, its size checked, for either direction.
+template <class Base, class Point, class Colour, class Bytes>
+std::unique_ptr<Base> makeLayeredItem(const Item &item)
 {
     if (item.version != 3)
         return nullptr;
     switch (item.type) {
     case ITEM_POINT14:
-        return item.size == 30 ? std::make_unique<Point14Decoder>() : nullptr;
+        return item.size == 30 ? std::make_unique<Point>() : nullptr;
     case ITEM_RGB14:
-        return item.size == 6 ? std::make_unique<Rgb14Decoder>(false) : nullptr;
+        return item.size == 6 ? std::make_unique<Colour>(false) : nullptr;
     case ITEM_RGBNIR14:
-        return item.size == 8 ? std::make_unique<Rgb14Decoder>(true) : nullptr;
+        return item.size == 8 ? std::make_unique<Colour>(true) : nullptr;
     case ITEM_BYTE14:
-        return item.size > 0 ? std::make_unique<Bytes14Decoder>(item.size) : nullptr;
+        return item.size > 0 ? std::make_unique<Bytes>(item.size) : nullptr;
     default:
         return nullptr;
     }
 }
 
-} // namespace detail
-} // namespace tzLaz
+} // namespace
 
-namespace tzLaz {
-namespace detail {
+std::unique_ptr<LayeredItemDecoder> makeLayeredItemDecoder(const Item &item)
+{
+    return makeLayeredItem<LayeredItemDecoder, Point14Decoder, Rgb14Decoder, Bytes14Decoder>(item);
+}
 
 std::unique_ptr<LayeredItemEncoder> makeLayeredItemEncoder(const Item &item)
 {
-    if (item.version != 3)
-        return nullptr;
-    switch (item.type) {
-    case ITEM_POINT14:
-        return item.size == 30 ? std::make_unique<Point14Encoder>() : nullptr;
-    case ITEM_RGB14:
-        return item.size == 6 ? std::make_unique<Rgb14Encoder>(false) : nullptr;
-    case ITEM_RGBNIR14:
-        return item.size == 8 ? std::make_unique<Rgb14Encoder>(true) : nullptr;
-    case ITEM_BYTE14:
-        return item.size > 0 ? std::make_unique<Bytes14Encoder>(item.size) : nullptr;
-    default:
-        return nullptr;
-    }
+    return makeLayeredItem<LayeredItemEncoder, Point14Encoder, Rgb14Encoder, Bytes14Encoder>(item);
 }
 
 } // namespace detail
