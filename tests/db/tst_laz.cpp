@@ -459,8 +459,10 @@ void TestLaz::conversionKeepsEveryByte()
     QCOMPARE(bytesOf(back), bytesOf(las));
     const QByteArray ours = bytesOf(laz);
     QVERIFY(ours.size() - int(at<quint32>(ours, 96)) < lasRecords(bytesOf(las)).size() * 2 / 3);
-    if (las.endsWith(QLatin1String("simple.las"))) {
-        const QByteArray peer = bytesOf(data("simple.laz"));
+    // Where the peer library compressed the same file, our bytes are its bytes.
+    const QString twin = las.left(las.size() - 4) + QLatin1String(".laz");
+    if (QFile::exists(twin)) {
+        const QByteArray peer = bytesOf(twin);
         QCOMPARE(ours.mid(int(at<quint32>(ours, 96)) + 8),
                  peer.mid(int(at<quint32>(peer, 96)) + 8));
     }
