@@ -175,6 +175,13 @@ struct Point14Channel
         last.gpsTimeChanged = false;
         used = true;
     }
+    //! The kind of the last return (single, first, last, other) and whether its time changed:
+    //! they choose the model of what changed in the next record.
+    unsigned lastKind() const
+    {
+        return (last.returnNumber == 1 ? 1u : 0u) + (last.returnNumber >= last.returns ? 2u : 0u)
+            + (last.gpsTimeChanged ? 4u : 0u);
+    }
     //! A difference far from the last one's multiples: the fourth in a row becomes the new one.
     void extreme(std::int32_t diff)
     {
@@ -184,6 +191,17 @@ struct Point14Channel
         }
     }
 };
+
+//! A chunk's channels, none met yet but the first record's; returns that record's channel.
+unsigned startChannels(Point14Channel (&channels)[4], const std::uint8_t *item)
+{
+    for (Point14Channel &c : channels)
+        c.used = false;
+    Point14 first;
+    first.read(item);
+    channels[first.channel].start(first);
+    return first.channel;
+}
 
 // The point's own fields, in nine layers.
 class Point14Decoder final : public LayeredItemDecoder
@@ -195,25 +213,15 @@ public:
     {
         for (int i = 0; i < 9; ++i)
             m_layers[i].start(layers[i]);
-        for (Point14Channel &c : m_channels)
-            c.used = false;
-        Point14 first;
-        first.read(item);
-        m_current = first.channel;
+        m_current = startChannels(m_channels, item);
         context = m_current;
-        m_channels[m_current].start(first);
     }
 
     void read(std::uint8_t *item, unsigned &context) override
     {
         Point14Channel *c = &m_channels[m_current];
         Decoder &xy = m_layers[XY].decoder;
-        // The kind of the last return (single, first, last, other) and whether its time
-        // changed choose the model of what changed.
-        unsigned lastKind = (c->last.returnNumber == 1 ? 1u : 0u)
-            + (c->last.returnNumber >= c->last.returns ? 2u : 0u)
-            + (c->last.gpsTimeChanged ? 4u : 0u);
-        const std::uint32_t changed = xy.decodeSymbol(c->changed[lastKind]);
+        const std::uint32_t changed = xy.decodeSymbol(c->changed[c->lastKind()]);
         if (changed & (1u << 6)) {
             const std::uint32_t step = xy.decodeSymbol(c->channelModel);
             const unsigned channel = (m_current + step + 1) % 4;
@@ -601,13 +609,8 @@ public:
     {
         for (OutLayer &l : m_layers)
             l.start();
-        for (Point14Channel &c : m_channels)
-            c.used = false;
-        Point14 first;
-        first.read(item);
-        m_current = first.channel;
+        m_current = startChannels(m_channels, item);
         context = m_current;
-        m_channels[m_current].start(first);
     }
 
     void write(const std::uint8_t *item, unsigned &context) override
@@ -616,8 +619,6 @@ public:
         p.read(item);
         Point14Channel *c = &m_channels[m_current];
         const Point14 *last = &c->last;
-        const unsigned lastKind = (last->returnNumber == 1 ? 1u : 0u)
-            + (last->returnNumber >= last->returns ? 2u : 0u) + (last->gpsTimeChanged ? 4u : 0u);
         // Compared with the last record of the point's own channel when it was met before.
         if (p.channel != m_current && m_channels[p.channel].used)
             last = &m_channels[p.channel].last;
@@ -632,7 +633,7 @@ public:
         if (r != lastR)
             changed |= r == (lastR + 1) % 16 ? 1u : (r == (lastR + 15) % 16 ? 2u : 3u);
         Encoder &xy = m_layers[XY].encoder;
-        xy.encodeSymbol(c->changed[lastKind], changed);
+        xy.encodeSymbol(c->changed[c->lastKind()], changed);
         if (changed & (1u << 6)) {
             const int diff = int(p.channel) - int(m_current);
             xy.encodeSymbol(c->channelModel, std::uint32_t(diff > 0 ? diff - 1 : diff + 3));
