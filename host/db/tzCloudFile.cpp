@@ -5,7 +5,6 @@
 
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 
 #include <algorithm>
 #include <charconv>
@@ -401,34 +400,9 @@ bool convert(const QString &inPath, const QString &outPath, QString &errorText, 
             bytes.size = size_t(copy.size());
         }
     }
-    // Written beside the output and put in its place at the end: a failure leaves nothing.
-    QSaveFile out(outPath);
-    if (!out.open(QIODevice::WriteOnly)) {
-        errorText = QStringLiteral("'%1': cannot write (%2)").arg(outPath, out.errorString());
-        return false;
-    }
-    QString failure, culprit = inPath;
-    try {
+    return writeWhole(outPath, inPath, QStringLiteral("conversion"), [&](QIODevice &out) {
         convertLas(bytes, outKind == QLatin1String("laz"), chunkSize, out, options);
-    } catch (const ReadFailure &f) {
-        failure = f.reason;
-        if (f.reason.startsWith(QLatin1String("cannot write")))
-            culprit = outPath;
-    } catch (const Cancelled &) {
-        failure = QStringLiteral("conversion cancelled");
-    } catch (const std::bad_alloc &) {
-        failure = QStringLiteral("not enough memory");
-    }
-    if (!failure.isEmpty()) {
-        out.cancelWriting();
-        errorText = QStringLiteral("'%1': %2").arg(culprit, failure);
-        return false;
-    }
-    if (!out.commit()) {
-        errorText = QStringLiteral("'%1': cannot write (%2)").arg(outPath, out.errorString());
-        return false;
-    }
-    return true;
+    }, errorText);
 }
 
 tzPointCloud *load(const QString &path, QString &errorText, const LoadOptions &options)

@@ -13,6 +13,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -173,6 +174,11 @@ tzPointCloud *readLas(const Bytes &in, const QString &name, const LoadOptions &o
 //! LAZ (chunks of chunkSize points, 0: the usual), the records byte for byte (tzCloudLas.cpp).
 void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
                 const LoadOptions &options);
+//! Runs write into a file made beside path and put in its place only when it succeeds: a
+//! failure, a cancel or a full disk leaves nothing at path. Problems of the input are said of
+//! source, those of writing of path; cancelled names the work ("conversion") (tzCloudWrite.cpp).
+bool writeWhole(const QString &path, const QString &source, const QString &work,
+                const std::function<void(QIODevice &)> &write, QString &errorText);
 //! PCD, ascii and binary (tzCloudPcd.cpp).
 tzPointCloud *readPcd(const Bytes &in, const QString &name, const LoadOptions &options);
 

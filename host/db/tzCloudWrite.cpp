@@ -191,27 +191,39 @@ bool save(const tzPointCloud &cloud, const QString &path, QString &errorText, qu
                         .arg(path, kind);
         return false;
     }
+    return writeWhole(path, path, QStringLiteral("writing"), [&](QIODevice &out) {
+        if (kind == QLatin1String("ply"))
+            writePly(cloud, out, options);
+        else
+            writeLasOrLaz(cloud, kind == QLatin1String("laz"), chunkSize, out, options);
+    }, errorText);
+}
+
+namespace detail {
+
+bool writeWhole(const QString &path, const QString &source, const QString &work,
+                const std::function<void(QIODevice &)> &write, QString &errorText)
+{
     QSaveFile out(path);
     if (!out.open(QIODevice::WriteOnly)) {
         errorText = QStringLiteral("'%1': cannot write (%2)").arg(path, out.errorString());
         return false;
     }
-    QString failure;
+    QString failure, culprit = source;
     try {
-        if (kind == QLatin1String("ply"))
-            writePly(cloud, out, options);
-        else
-            writeLasOrLaz(cloud, kind == QLatin1String("laz"), chunkSize, out, options);
+        write(out);
     } catch (const ReadFailure &f) {
         failure = f.reason;
+        if (f.reason.startsWith(QLatin1String("cannot write")))
+            culprit = path;
     } catch (const Cancelled &) {
-        failure = QStringLiteral("writing cancelled");
+        failure = work + QLatin1String(" cancelled");
     } catch (const std::bad_alloc &) {
         failure = QStringLiteral("not enough memory");
     }
     if (!failure.isEmpty()) {
         out.cancelWriting();
-        errorText = QStringLiteral("'%1': %2").arg(path, failure);
+        errorText = QStringLiteral("'%1': %2").arg(culprit, failure);
         return false;
     }
     if (!out.commit()) {
@@ -220,5 +232,7 @@ bool save(const tzPointCloud &cloud, const QString &path, QString &errorText, qu
     }
     return true;
 }
+
+} // namespace detail
 
 } // namespace tzCloudFile
