@@ -5,12 +5,15 @@
 // (intensity, returns, classes, GPS times, colours): our decoding on one thread and on every
 // core against laz-perf (the format's reference decoder compiled to WebAssembly, run by Node.js
 // from the build tree's peer/ folder, installed by scripts/setup --peer), both timed the same
-// way: the file in memory, from the first chunk to the last record. Then opening the LAZ against
+// way: the file in memory, from the first chunk to the last record, the best of three runs in
+// one process. Then opening the LAZ against
 // the LAS in the viewer (from the file to the first frame that shows it), encoding against
 // decoding, and the sizes. The table at the end gives each figure, ours, the other side's and
 // the ratio (ours over theirs: below 1 is faster or smaller).
 //
-//   bench_cloudio [--points=N] [--peer=DIR]
+//   bench_cloudio [--points=N] [--peer=DIR] [--keep=DIR]
+//
+// --keep writes the benchmark's files into DIR and leaves them there (for profiling by hand).
 
 #include "SurveyViewer.h"
 #include "Terrain.h"
@@ -23,6 +26,7 @@
 #include <QProcess>
 #include <QSurfaceFormat>
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
@@ -261,7 +265,8 @@ double peerSeconds(const QString &peerDir, const QString &laz, const QString &re
     if (!QFile::exists(peerDir + QStringLiteral("/node_modules/laz-perf/package.json")))
         return -1;
     QProcess node;
-    node.start(QStringLiteral("node"), {QStringLiteral(LAZ_PEER_SCRIPT), peerDir, laz, records});
+    node.start(QStringLiteral("node"),
+               {QStringLiteral(LAZ_PEER_SCRIPT), peerDir, laz, records, QStringLiteral("3")});
     if (!node.waitForFinished(600000) || node.exitCode() != 0) {
         std::fprintf(stderr, "laz-perf: %s\n", node.readAllStandardError().constData());
         return -1;
@@ -280,16 +285,19 @@ int main(int argc, char **argv)
     QApplication::setApplicationName(QStringLiteral("bench_cloudio"));
     bench::silenceDebugLines();
     unsigned points = 10000000;
-    QString peerDir = QStringLiteral(LAZ_PEER_DIR);
+    QString peerDir = QStringLiteral(LAZ_PEER_DIR), keep;
     for (int i = 1; i < argc; ++i) {
         if (std::strncmp(argv[i], "--points=", 9) == 0)
             points = unsigned(std::strtoul(argv[i] + 9, nullptr, 10));
         else if (std::strncmp(argv[i], "--peer=", 7) == 0)
             peerDir = QString::fromLocal8Bit(argv[i] + 7);
+        else if (std::strncmp(argv[i], "--keep=", 7) == 0)
+            keep = QString::fromLocal8Bit(argv[i] + 7);
     }
     bench::Terrain terrain;
     bench::makeTerrain(terrain, points);
-    QTemporaryDir dir;
+    QTemporaryDir temporary;
+    const QDir dir(keep.isEmpty() ? temporary.path() : keep);
     const QString ply = dir.filePath("terrain.ply"), las = dir.filePath("terrain.las");
     if (!writePly(ply, terrain.cloud) || !writeLas(las, terrain.cloud)) {
         std::fprintf(stderr, "cannot write the benchmark files in %s\n", qPrintable(dir.path()));

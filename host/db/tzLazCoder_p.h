@@ -64,7 +64,7 @@ public:
         : m_symbols(symbols)
         , m_last(symbols - 1)
     {
-        if (forDecoding && symbols > 16) {
+        if (forDecoding && symbols > 4) {
             // About one table entry a symbol, so that the search after the look-up is mostly
             // over (the table only speeds the decoder up: what it decodes is the same). At
             // most 2^8 entries: a coded value may exceed the 15-bit range by up to 64, which
@@ -208,41 +208,23 @@ public:
 
     std::uint32_t decodeSymbol(SymbolModel &m)
     {
-        std::uint32_t symbol, x, y = m_length;
+        const std::uint32_t y0 = m_length;
+        m_length >>= SYMBOL_LENGTH_SHIFT;
+        // The symbol is the last whose distribution entry is at most value / length: the
+        // table narrows the search to a few symbols, a short walk up ends it.
+        const std::uint32_t dv = m_value / m_length;
+        std::uint32_t symbol = 0, top = m.m_last;
         if (m.m_tableSize) {
-            m_length >>= SYMBOL_LENGTH_SHIFT;
-            const std::uint32_t dv = m_value / m_length;
             const std::uint32_t t = dv >> m.m_tableShift;
             if (t > m.m_tableSize)
                 return corrupted();
             symbol = m.m_table[t];
-            std::uint32_t n = m.m_table[t + 1] + 1;
-            while (n > symbol + 1) {
-                const std::uint32_t k = (symbol + n) >> 1;
-                if (m.m_distribution[k] > dv)
-                    n = k;
-                else
-                    symbol = k;
-            }
-            x = m.m_distribution[symbol] * m_length;
-            if (symbol != m.m_last)
-                y = m.m_distribution[symbol + 1] * m_length;
-        } else {
-            x = symbol = 0;
-            m_length >>= SYMBOL_LENGTH_SHIFT;
-            std::uint32_t n = m.m_symbols;
-            std::uint32_t k = n >> 1;
-            do {
-                const std::uint32_t z = m_length * m.m_distribution[k];
-                if (z > m_value) {
-                    n = k;
-                    y = z;
-                } else {
-                    symbol = k;
-                    x = z;
-                }
-            } while ((k = (symbol + n) >> 1) != symbol);
+            top = m.m_table[t + 1];
         }
+        while (symbol < top && m.m_distribution[symbol + 1] <= dv)
+            ++symbol;
+        const std::uint32_t x = m.m_distribution[symbol] * m_length;
+        const std::uint32_t y = symbol != m.m_last ? m.m_distribution[symbol + 1] * m_length : y0;
         m_value -= x;
         m_length = y - x;
         if (m_length < MIN_LENGTH)
