@@ -393,6 +393,27 @@ std::vector<tzLaz::Chunk> chunksInSequence(const Bytes &in, const LasHeader &hea
     return chunks;
 }
 
+//! Where the chunks of a LAZ file's points lie: from its chunk table, or found one after the
+//! other when the table is missing or damaged; the points of the first writers are one stream.
+std::vector<tzLaz::Chunk> lazChunks(const Bytes &in, const LasHeader &header,
+                                    const tzLaz::Description &description)
+{
+    std::vector<tzLaz::Chunk> chunks;
+    if (header.count == 0)
+        return chunks;
+    if (description.compressor == 1) {
+        if (header.dataOffset >= in.size)
+            failWith(QStringLiteral("the point data is truncated"));
+        chunks.push_back({header.dataOffset, in.size - header.dataOffset, quint32(header.count)});
+        return chunks;
+    }
+    std::string tableError;
+    if (!tzLaz::readChunkTable(in.data, in.size, header.dataOffset, header.count, description,
+                               chunks, tableError))
+        chunks = chunksInSequence(in, header, description);
+    return chunks;
+}
+
 tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QString &name,
                              const LoadOptions &options)
 {
@@ -405,19 +426,12 @@ tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QSt
     if (header.count > 0xffffffffull)
         failWith(QStringLiteral("%1 points are more than a cloud holds").arg(header.count));
     const size_t n = size_t(header.count);
-    std::vector<tzLaz::Chunk> chunks;
-    std::string tableError;
-    if (n > 0
-        && !tzLaz::readChunkTable(in.data, in.size, header.dataOffset, header.count, description,
-                                  chunks, tableError)) {
-        // Read one after the other instead (the decoder finds where each ends).
-        chunks = chunksInSequence(in, header, description);
-    }
+    std::vector<tzLaz::Chunk> chunks = lazChunks(in, header, description);
     CloudBuilder builder(options);
     if (n > 0) {
-        if (header.dataOffset + 8 + header.recordLength > in.size)
+        if (chunks.front().offset + header.recordLength > in.size)
             failWith(QStringLiteral("the point data is truncated"));
-        decideShift(builder, header, in.data + header.dataOffset + 8);
+        decideShift(builder, header, in.data + chunks.front().offset);
     }
     const RecordConverter convert {header, builder.shift()};
     std::vector<TZVector3> points;
@@ -458,11 +472,7 @@ public:
                          "the laszip VLR's items make records of %1 bytes, the header says %2")
                          .arg(m_description.recordLength())
                          .arg(header.recordLength));
-        std::string error;
-        if (header.count > 0
-            && !tzLaz::readChunkTable(in.data, in.size, header.dataOffset, header.count,
-                                      m_description, m_chunks, error))
-            m_chunks = chunksInSequence(in, header, m_description);
+        m_chunks = lazChunks(in, header, m_description);
         m_decoder = std::make_unique<tzLaz::ChunkDecoder>(m_description);
     }
 
@@ -492,7 +502,7 @@ public:
         return m_records.data();
     }
     quint64 done() const { return m_done; }
-    //! Where the point data ends (the chunk table included).
+    //! Where the point data ends (in LAZ, the last chunk; the chunk table follows).
     quint64 pointDataEnd() const
     {
         if (!m_header.compressed)
@@ -617,18 +627,35 @@ void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
         write(reinterpret_cast<const char *>(&tableOffset), 8);
         out.seek(end);
     }
-    // LAS 1.4's extended VLRs follow the point data: copied, and the header told where.
-    if (minor >= 4 && header.headerSize >= 375) {
-        const quint64 evlrStart = loadAs<quint64>(in.data + 235, false);
-        const quint32 evlrCount = loadAs<quint32>(in.data + 243, false);
-        if (evlrCount > 0 && evlrStart >= source.pointDataEnd() && evlrStart <= in.size) {
-            const qint64 newStart = out.pos() - start;
-            write(reinterpret_cast<const char *>(in.data + evlrStart), qint64(in.size - evlrStart));
-            const qint64 end = out.pos();
-            if (!out.seek(start + 235))
-                failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
-            write(reinterpret_cast<const char *>(&newStart), 8);
-            out.seek(end);
+    // What follows the point data (LAS 1.3's waveform data, LAS 1.4's extended VLRs) follows it
+    // again, and the header is told where it went.
+    if (minor >= 3 && header.headerSize >= 235) {
+        const quint64 end = source.pointDataEnd();
+        const auto after = [&](quint64 offset) { return offset >= end && offset < in.size; };
+        const quint64 waveStart = loadAs<quint64>(in.data + 227, false);
+        quint64 evlrStart = 0;
+        if (minor >= 4 && header.headerSize >= 375 && loadAs<quint32>(in.data + 243, false) > 0)
+            evlrStart = loadAs<quint64>(in.data + 235, false);
+        quint64 tail = in.size;
+        for (const quint64 offset : {waveStart, evlrStart}) {
+            if (after(offset))
+                tail = std::min(tail, offset);
+        }
+        if (tail < in.size) {
+            const qint64 newTail = out.pos() - start;
+            write(reinterpret_cast<const char *>(in.data + tail), qint64(in.size - tail));
+            const qint64 finished = out.pos();
+            const auto moved = [&](int field, quint64 offset) {
+                const qint64 now = qint64(offset - tail) + newTail;
+                if (!out.seek(start + field))
+                    failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
+                write(reinterpret_cast<const char *>(&now), 8);
+            };
+            if (after(waveStart))
+                moved(227, waveStart);
+            if (after(evlrStart))
+                moved(235, evlrStart);
+            out.seek(finished);
         }
     }
 }

@@ -50,9 +50,8 @@ bool parseDescription(const std::uint8_t *data, std::size_t size, Description &o
         error = "LAZ coder " + std::to_string(d.coder) + " is not supported";
         return false;
     }
-    if (d.compressor != 2 && d.compressor != 3) {
-        error = "LAZ compressor " + std::to_string(d.compressor) + " is not supported"
-            + (d.compressor == 1 ? " (points compressed without chunks)" : "");
+    if (d.compressor < 1 || d.compressor > 3) {
+        error = "LAZ compressor " + std::to_string(d.compressor) + " is not supported";
         return false;
     }
     if (d.items.empty()) {
@@ -67,7 +66,8 @@ bool parseDescription(const std::uint8_t *data, std::size_t size, Description &o
             return false;
         }
     }
-    if (d.chunkSize == 0) {
+    // The first writers made one stream of all the points (compressor 1): no chunks to size.
+    if (d.compressor != 1 && d.chunkSize == 0) {
         error = "the laszip VLR gives a chunk size of 0";
         return false;
     }
@@ -273,11 +273,11 @@ bool ChunkDecoder::decode(const std::uint8_t *data, std::size_t size, std::uint3
 bool describeFormat(int pointFormat, std::size_t recordLength, std::uint32_t chunkSize,
                     Description &out, std::string &error)
 {
-    // The bytes of each format's own fields (-1: not written yet).
-    static const int OWN_LENGTH[] = {20, 28, 26, 34, -1, -1, 30, 36, 38};
-    if (pointFormat < 0 || pointFormat > 8 || OWN_LENGTH[pointFormat] < 0) {
+    // The bytes of each format's own fields.
+    static const int OWN_LENGTH[] = {20, 28, 26, 34, 57, 63, 30, 36, 38, 59, 67};
+    if (pointFormat < 0 || pointFormat > 10) {
         error = "LAZ writing of point format " + std::to_string(pointFormat)
-            + " is not supported yet (formats 0 to 3 and 6 to 8 are)";
+            + " is not supported (formats 0 to 10 are)";
         return false;
     }
     const std::size_t own = std::size_t(OWN_LENGTH[pointFormat]);
@@ -290,15 +290,17 @@ bool describeFormat(int pointFormat, std::size_t recordLength, std::uint32_t chu
     d.coder = 0;
     d.chunkSize = chunkSize == 0 ? 50000 : chunkSize;
     const std::uint16_t extra = std::uint16_t(recordLength - own);
-    if (pointFormat <= 3) {
+    if (pointFormat <= 5) {
         d.compressor = 2;
         d.versionMajor = 2;
         d.versionMinor = 2;
         d.items.push_back({ITEM_POINT10, 20, 2});
-        if (pointFormat == 1 || pointFormat == 3)
+        if (pointFormat != 0 && pointFormat != 2)
             d.items.push_back({ITEM_GPSTIME11, 8, 2});
-        if (pointFormat == 2 || pointFormat == 3)
+        if (pointFormat == 2 || pointFormat == 3 || pointFormat == 5)
             d.items.push_back({ITEM_RGB12, 6, 2});
+        if (pointFormat >= 4)
+            d.items.push_back({ITEM_WAVEPACKET13, std::uint16_t(WAVE_PACKET_SIZE), 1});
         if (extra)
             d.items.push_back({ITEM_BYTE, extra, 2});
     } else {
@@ -309,8 +311,10 @@ bool describeFormat(int pointFormat, std::size_t recordLength, std::uint32_t chu
         d.items.push_back({ITEM_POINT14, 30, 3});
         if (pointFormat == 7)
             d.items.push_back({ITEM_RGB14, 6, 3});
-        if (pointFormat == 8)
+        if (pointFormat == 8 || pointFormat == 10)
             d.items.push_back({ITEM_RGBNIR14, 8, 3});
+        if (pointFormat >= 9)
+            d.items.push_back({ITEM_WAVEPACKET14, std::uint16_t(WAVE_PACKET_SIZE), 3});
         if (extra)
             d.items.push_back({ITEM_BYTE14, extra, 3});
     }

@@ -715,6 +715,45 @@ void decodeRgb(Decoder &decoder, RgbModels &models, const std::uint16_t *last, s
 void encodeRgb(Encoder &encoder, RgbModels &models, const std::uint16_t *last,
                const std::uint16_t *c);
 
+//! The bytes of a wave packet: the descriptor's index, the offset and size of its samples, the
+//! return point's place in them and the direction (x, y, z) of the pulse.
+constexpr std::size_t WAVE_PACKET_SIZE = 29;
+
+//! The models of a wave packet item and what they follow (items of versions 1 and 3 code wave
+//! packets alike): the index, how the offset follows the packet before (the same, right after
+//! it, a difference, or a whole new one), the size, the return point and the direction.
+struct WavePacketModels
+{
+    SymbolModel index {256};
+    std::vector<SymbolModel> offsetKind = std::vector<SymbolModel>(4, SymbolModel(4));
+    IntegerCoder offsetDiff {32}, size {32}, returnPoint {32}, direction {32, 3};
+    std::int32_t lastDiff = 0;
+    std::uint32_t lastKind = 0;
+
+    void reset()
+    {
+        index.reset();
+        for (SymbolModel &m : offsetKind)
+            m.reset();
+        offsetDiff.reset();
+        size.reset();
+        returnPoint.reset();
+        direction.reset();
+        lastDiff = 0;
+        lastKind = 0;
+    }
+};
+//! The wave packet (WAVE_PACKET_SIZE bytes) after last.
+void decodeWavePacket(Decoder &decoder, WavePacketModels &models, const std::uint8_t *last,
+                      std::uint8_t *item);
+void encodeWavePacket(Encoder &encoder, WavePacketModels &models, const std::uint8_t *last,
+                      const std::uint8_t *item);
+
+//! The decoders of items of version 1 (what the first LAZ writers made; null for others).
+std::unique_ptr<ItemDecoder> makeItemDecoderV1(const Item &item);
+//! The encoder of wave packets of point formats 4 and 5 (an item of version 1).
+std::unique_ptr<ItemEncoder> makeWavePacketEncoder();
+
 //! The item coders of a description's items (null for one this codec does not know).
 std::unique_ptr<ItemDecoder> makeItemDecoder(const Item &item);
 std::unique_ptr<ItemEncoder> makeItemEncoder(const Item &item);

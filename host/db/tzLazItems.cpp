@@ -1,5 +1,5 @@
 // The items of LAZ records of point formats 0 to 5, version 2: how each is predicted from the
-// record before and coded, in both directions.
+// record before and coded, in both directions (version 1 and wave packets: tzLazItemsV1.cpp).
 
 #include "tzLazCoder_p.h"
 
@@ -608,6 +608,11 @@ void encodeRgb(Encoder &encoder, RgbModels &models, const std::uint16_t *last,
 
 std::unique_ptr<ItemEncoder> makeItemEncoder(const Item &item)
 {
+    // Wave packets have a version 1 only (some writers call it 2: it is the same).
+    if (item.type == ITEM_WAVEPACKET13)
+        return (item.version == 1 || item.version == 2) && item.size == WAVE_PACKET_SIZE
+            ? makeWavePacketEncoder()
+            : nullptr;
     if (item.version != 2)
         return nullptr;
     switch (item.type) {
@@ -626,6 +631,8 @@ std::unique_ptr<ItemEncoder> makeItemEncoder(const Item &item)
 
 std::unique_ptr<ItemDecoder> makeItemDecoder(const Item &item)
 {
+    if (item.version == 1 || (item.version == 2 && item.type == ITEM_WAVEPACKET13))
+        return makeItemDecoderV1(item);
     if (item.version != 2)
         return nullptr;
     switch (item.type) {

@@ -573,6 +573,54 @@ private:
     ChannelStates<State> m_states;
 };
 
+// The wave packet of LAS 1.4 points: one layer, each packet coded as in formats 4 and 5.
+class WavePacket14Decoder final : public LayeredItemDecoder
+{
+public:
+    unsigned layerCount() const override { return 1; }
+
+    void start(const std::uint8_t *item, const LayerBytes *layers, unsigned &context) override
+    {
+        m_layer.start(layers[0]);
+        State first;
+        std::memcpy(first.last, item, WAVE_PACKET_SIZE);
+        m_states.startAt(context, first);
+    }
+
+    void read(std::uint8_t *item, unsigned &context) override
+    {
+        State *values = nullptr;
+        State &models = m_states.follow(context, values);
+        if (m_layer.present) {
+            decodeWavePacket(m_layer.decoder, models.models, values->last, item);
+            std::memcpy(values->last, item, WAVE_PACKET_SIZE);
+        } else {
+            std::memcpy(item, values->last, WAVE_PACKET_SIZE);
+        }
+    }
+
+    bool failed() const override { return m_layer.failed(); }
+
+    //! The models and last packet of one channel (the encoder keeps the same).
+    struct State
+    {
+        bool used = false;
+        std::uint8_t last[WAVE_PACKET_SIZE] = {};
+        WavePacketModels models;
+
+        void start(const State &from)
+        {
+            models.reset();
+            std::memcpy(last, from.last, WAVE_PACKET_SIZE);
+            used = true;
+        }
+    };
+
+private:
+    Layer m_layer;
+    ChannelStates<State> m_states;
+};
+
 // ------------------------------------------------------------------ encoding
 //
 // Each layer gets a coder of its own writing into a buffer; at the chunk's end a layer whose
@@ -903,8 +951,42 @@ private:
     ChannelStates<State> m_states;
 };
 
+class WavePacket14Encoder final : public LayeredItemEncoder
+{
+public:
+    unsigned layerCount() const override { return 1; }
+
+    void start(const std::uint8_t *item, unsigned &context) override
+    {
+        m_layer.start();
+        State first;
+        std::memcpy(first.last, item, WAVE_PACKET_SIZE);
+        m_states.startAt(context, first);
+    }
+
+    void write(const std::uint8_t *item, unsigned &context) override
+    {
+        State *values = nullptr;
+        State &models = m_states.follow(context, values);
+        m_layer.changed |= std::memcmp(item, values->last, WAVE_PACKET_SIZE) != 0;
+        encodeWavePacket(m_layer.encoder, models.models, values->last, item);
+        std::memcpy(values->last, item, WAVE_PACKET_SIZE);
+    }
+
+    void finish(std::vector<std::uint32_t> &sizes, std::vector<std::uint8_t> &bytes) override
+    {
+        m_layer.finish(m_layer.changed, sizes, bytes);
+    }
+
+private:
+    using State = WavePacket14Decoder::State;
+
+    OutLayer m_layer;
+    ChannelStates<State> m_states;
+};
+
 // Which layered item a description names, its size checked, for either direction.
-template <class Base, class Point, class Colour, class Bytes>
+template<class Base, class Point, class Colour, class Wave, class Bytes>
 std::unique_ptr<Base> makeLayeredItem(const Item &item)
 {
     if (item.version != 3)
@@ -916,6 +998,8 @@ std::unique_ptr<Base> makeLayeredItem(const Item &item)
         return item.size == 6 ? std::make_unique<Colour>(false) : nullptr;
     case ITEM_RGBNIR14:
         return item.size == 8 ? std::make_unique<Colour>(true) : nullptr;
+    case ITEM_WAVEPACKET14:
+        return item.size == WAVE_PACKET_SIZE ? std::make_unique<Wave>() : nullptr;
     case ITEM_BYTE14:
         return item.size > 0 ? std::make_unique<Bytes>(item.size) : nullptr;
     default:
@@ -927,12 +1011,14 @@ std::unique_ptr<Base> makeLayeredItem(const Item &item)
 
 std::unique_ptr<LayeredItemDecoder> makeLayeredItemDecoder(const Item &item)
 {
-    return makeLayeredItem<LayeredItemDecoder, Point14Decoder, Rgb14Decoder, Bytes14Decoder>(item);
+    return makeLayeredItem<LayeredItemDecoder, Point14Decoder, Rgb14Decoder, WavePacket14Decoder,
+                           Bytes14Decoder>(item);
 }
 
 std::unique_ptr<LayeredItemEncoder> makeLayeredItemEncoder(const Item &item)
 {
-    return makeLayeredItem<LayeredItemEncoder, Point14Encoder, Rgb14Encoder, Bytes14Encoder>(item);
+    return makeLayeredItem<LayeredItemEncoder, Point14Encoder, Rgb14Encoder, WavePacket14Encoder,
+                           Bytes14Encoder>(item);
 }
 
 } // namespace detail

@@ -152,6 +152,7 @@ private slots:
     void cloudWrittenInEachFormatReadsBack();
     void failedConversionLeavesNothing();
     void convertFromTheCommandLine();
+    void pointsInOneStreamOpen();
     void damagedFilesAreRefused_data();
     void damagedFilesAreRefused();
 };
@@ -372,6 +373,42 @@ QByteArray syntheticRecords14(int format, int count)
     return records;
 }
 
+// The records with a wave packet after each point's own fields (formats 4, 5, 9 and 10): the
+// descriptor changing now and then, the samples mostly right after the last ones, sometimes
+// the same, a difference or a jump past 4 GB; the direction drifting. Alike: every packet the
+// first one (the layered encoder leaves the unchanging layer out).
+QByteArray withWavePackets(const QByteArray &records, int length, bool alike = false)
+{
+    const int count = records.size() / length;
+    QByteArray out;
+    quint64 offset = 60;
+    quint32 size = 96;
+    float direction[3] = {0.0001f, -0.0002f, -0.99f};
+    for (int i = 0; i < count; ++i) {
+        out += records.mid(i * length, length);
+        uchar packet[29];
+        packet[0] = uchar(1 + (i / 200) % 3);
+        if (i % 17 == 5)
+            offset += quint64(i) * 1000; // a difference
+        else if (i % 101 == 7)
+            offset = 5000000000ull + quint64(i); // past 4 GB
+        else if (i % 9 != 3)
+            offset += size; // right after
+        size = i % 13 == 0 ? 192 : 96;
+        const float returnPoint = 1000.0f + float(i % 40) * 12.5f;
+        direction[0] += i % 5 == 0 ? 1e-6f : 0.0f;
+        std::memcpy(packet + 1, &offset, 8);
+        std::memcpy(packet + 9, &size, 4);
+        std::memcpy(packet + 13, &returnPoint, 4);
+        std::memcpy(packet + 17, direction, 12);
+        if (alike && i > 0)
+            out.append(out.mid(length, 29)); // the first record's packet
+        else
+            out.append(reinterpret_cast<const char *>(packet), 29);
+    }
+    return out;
+}
+
 void TestLaz::encodedRecordsDecodeToThemselves_data()
 {
     QTest::addColumn<QByteArray>("records");
@@ -395,6 +432,16 @@ void TestLaz::encodedRecordsDecodeToThemselves_data()
         << lasRecords(bytesOf(data("test1_4.las"))) << 6 << 30 << 7;
     QTest::newRow("peer's format 7, one chunk")
         << lasRecords(bytesOf(data("simple1_4.las"))) << 7 << 36 << 50000;
+    QTest::newRow("format 4, chunks of 500")
+        << withWavePackets(syntheticRecords(1, 3000, 0), 28) << 4 << 57 << 500;
+    QTest::newRow("format 5, one chunk")
+        << withWavePackets(syntheticRecords(3, 3000, 0), 34) << 5 << 63 << 50000;
+    QTest::newRow("format 9, chunks of 1000 (channels switching)")
+        << withWavePackets(syntheticRecords14(6, 4000), 30) << 9 << 59 << 1000;
+    QTest::newRow("format 10, chunks of 1")
+        << withWavePackets(syntheticRecords14(8, 200), 38) << 10 << 67 << 1;
+    QTest::newRow("format 10, wave packets alike in each chunk")
+        << withWavePackets(syntheticRecords14(8, 2000), 38, true) << 10 << 67 << 1000;
     static const int OWN14[] = {30, 36, 38};
     for (int format = 6; format <= 8; ++format) {
         QTest::addRow("format %d, chunks of 1", format)
@@ -444,6 +491,7 @@ void TestLaz::conversionKeepsEveryByte_data()
     QTest::newRow("1.4, format 6") << data("test1_4.las");
     QTest::newRow("1.4, format 6, extended VLRs") << data("1_4_w_evlr.las");
     QTest::newRow("1.4, format 7") << data("simple1_4.las");
+    QTest::newRow("1.3, format 4, waveform data after the points") << data("simple1_3.las");
 }
 
 void TestLaz::conversionKeepsEveryByte()
@@ -457,6 +505,13 @@ void TestLaz::conversionKeepsEveryByte()
     QVERIFY2(tzCloudFile::convert(las, laz, error), qPrintable(error));
     QVERIFY2(tzCloudFile::convert(laz, back, error), qPrintable(error));
     QCOMPARE(bytesOf(back), bytesOf(las));
+    // Opened, the LAZ is the LAS's cloud.
+    const auto cloud = open(laz, error);
+    QVERIFY2(cloud, qPrintable(error));
+    const auto plain = open(las, error);
+    QCOMPARE(cloud->size(), plain->size());
+    for (unsigned i = 0; i < plain->size(); i += 13)
+        QCOMPARE(*cloud->getPoint(i), *plain->getPoint(i));
     const QByteArray ours = bytesOf(laz);
     QVERIFY(ours.size() - int(at<quint32>(ours, 96)) < lasRecords(bytesOf(las)).size() * 2 / 3);
     // Where the peer library compressed the same file, our bytes are its bytes.
@@ -584,10 +639,11 @@ void TestLaz::failedConversionLeavesNothing()
 {
     QTemporaryDir dir;
     QString error;
-    // A point format this writer does not compress yet.
+    // A LAS file cut short: found out after the header, with part of the output written.
+    const QString cut = writeBytes(dir, "cut.las", bytesOf(data("simple.las")).left(20000));
     const QString out = dir.filePath(QStringLiteral("out.laz"));
-    QVERIFY(!tzCloudFile::convert(data("simple1_3.las"), out, error));
-    QVERIFY2(error.contains(QStringLiteral("point format 4")), qPrintable(error));
+    QVERIFY(!tzCloudFile::convert(cut, out, error));
+    QVERIFY2(error.contains(QStringLiteral("truncated")), qPrintable(error));
     QVERIFY(!QFile::exists(out));
     // A damaged input: named, and no output.
     QByteArray damaged = bytesOf(data("simple.laz"));
@@ -597,7 +653,7 @@ void TestLaz::failedConversionLeavesNothing()
     QVERIFY(!tzCloudFile::convert(in, dir.filePath(QStringLiteral("out.las")), error));
     QVERIFY2(error.startsWith(QLatin1Char('\'') + in + QLatin1Char('\'')), qPrintable(error));
     QVERIFY(!QFile::exists(dir.filePath(QStringLiteral("out.las"))));
-    QVERIFY(QDir(dir.path()).entryList(QDir::Files) == QStringList {"damaged.laz"});
+    QVERIFY(QDir(dir.path()).entryList(QDir::Files) == (QStringList {"cut.las", "damaged.laz"}));
 }
 
 void TestLaz::convertFromTheCommandLine()
@@ -618,6 +674,34 @@ void TestLaz::convertFromTheCommandLine()
     QVERIFY(tessaro.waitForFinished(30000));
     QVERIFY(tessaro.exitCode() != 0);
     QVERIFY(tessaro.readAllStandardError().contains("missing.las': cannot open"));
+}
+
+void TestLaz::pointsInOneStreamOpen()
+{
+    // The first writers coded all the points as one stream after the VLRs, with no chunk table
+    // (compressor 1): made here from a LAZ of one chunk.
+    QTemporaryDir dir;
+    const QString chunked = dir.filePath(QStringLiteral("chunked.laz"));
+    QString error;
+    QVERIFY2(tzCloudFile::convert(data("simple.las"), chunked, error, 1000000), qPrintable(error));
+    QByteArray laz = bytesOf(chunked);
+    const int pointData = int(at<quint32>(laz, 96));
+    const qint64 table = at<qint64>(laz, pointData);
+    laz = laz.left(int(table)).remove(pointData, 8);
+    int vlr = at<quint16>(laz, 94);
+    while (laz.mid(vlr + 2, 14) != "laszip encoded")
+        vlr += 54 + at<quint16>(laz, vlr + 20);
+    laz[vlr + 54] = 1;
+    const QString stream = writeBytes(dir, "stream.laz", laz);
+    const auto cloud = open(stream, error);
+    QVERIFY2(cloud, qPrintable(error));
+    const auto twin = open(data("simple.las"), error);
+    QCOMPARE(cloud->size(), twin->size());
+    for (unsigned i = 0; i < twin->size(); i += 97)
+        QCOMPARE(*cloud->getPoint(i), *twin->getPoint(i));
+    const QString back = dir.filePath(QStringLiteral("back.las"));
+    QVERIFY2(tzCloudFile::convert(stream, back, error), qPrintable(error));
+    QCOMPARE(lasRecords(bytesOf(back)), lasRecords(bytesOf(data("simple.las"))));
 }
 
 void TestLaz::damagedFilesAreRefused_data()
