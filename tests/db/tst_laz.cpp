@@ -153,6 +153,7 @@ private slots:
     void failedConversionLeavesNothing();
     void convertFromTheCommandLine();
     void pointsInOneStreamOpen();
+    void octreeNodeChunksOpen();
     void damagedFilesAreRefused_data();
     void damagedFilesAreRefused();
 };
@@ -702,6 +703,88 @@ void TestLaz::pointsInOneStreamOpen()
     const QString back = dir.filePath(QStringLiteral("back.las"));
     QVERIFY2(tzCloudFile::convert(stream, back, error), qPrintable(error));
     QCOMPARE(lasRecords(bytesOf(back)), lasRecords(bytesOf(data("simple.las"))));
+}
+
+void TestLaz::octreeNodeChunksOpen()
+{
+    // A cloud optimised for streaming: LAZ 1.4 whose chunks are octree nodes of any size (the
+    // chunk table gives each one's points), its description VLR first and its hierarchy in an
+    // extended VLR after the points. Made here from the peer's format 7 file.
+    const QByteArray las = bytesOf(data("simple1_4.las"));
+    const QByteArray records = lasRecords(las);
+    const int length = 36;
+    const quint32 points = quint32(records.size() / length);
+    tzLaz::Description description;
+    std::string error;
+    QVERIFY(tzLaz::describeFormat(7, length, tzLaz::Description::VARIABLE_CHUNK_SIZE, description,
+                                  error));
+    const std::vector<uchar> payload = tzLaz::descriptionBytes(description);
+    const auto vlr = [](const char *user, quint16 id, const QByteArray &body) {
+        QByteArray v(54, '\0');
+        std::memcpy(v.data() + 2, user, std::strlen(user));
+        std::memcpy(v.data() + 18, &id, 2);
+        const quint16 size = quint16(body.size());
+        std::memcpy(v.data() + 20, &size, 2);
+        return v + body;
+    };
+    const int lasVlrs = int(at<quint32>(las, 96)) - 375;
+    QByteArray out = las.left(375) + vlr("copc", 1, QByteArray(160, '\x01')) + las.mid(375, lasVlrs)
+        + vlr("laszip encoded", tzLaz::Description::RECORD_ID,
+              QByteArray(reinterpret_cast<const char *>(payload.data()), int(payload.size())));
+    const quint32 dataOffset = quint32(out.size());
+    std::memcpy(out.data() + 96, &dataOffset, 4);
+    const quint32 vlrCount = at<quint32>(las, 100) + 2;
+    std::memcpy(out.data() + 100, &vlrCount, 4);
+    out[104] = char(7 | 0x80);
+    out += QByteArray(8, '\0');
+    tzLaz::ChunkEncoder encoder(description);
+    std::vector<tzLaz::Chunk> chunks;
+    const quint32 sizes[] = {1, 4000, 37, 9000, 2};
+    for (quint32 first = 0, i = 0; first < points; ++i) {
+        const quint32 n = i < 5 ? std::min(sizes[i], points - first) : points - first;
+        std::vector<uchar> bytes;
+        encoder.encode(reinterpret_cast<const uchar *>(records.constData()) + first * length, n,
+                       bytes);
+        chunks.push_back({quint64(out.size()), bytes.size(), n});
+        out.append(reinterpret_cast<const char *>(bytes.data()), int(bytes.size()));
+        first += n;
+    }
+    const qint64 tableOffset = out.size();
+    std::memcpy(out.data() + dataOffset, &tableOffset, 8);
+    std::vector<uchar> table;
+    tzLaz::writeChunkTable(chunks, true, table);
+    out.append(reinterpret_cast<const char *>(table.data()), int(table.size()));
+    const quint64 evlrStart = quint64(out.size());
+    std::memcpy(out.data() + 235, &evlrStart, 8);
+    const quint32 evlrCount = 1;
+    std::memcpy(out.data() + 243, &evlrCount, 4);
+    QByteArray evlr(60, '\0');
+    std::memcpy(evlr.data() + 2, "copc", 4);
+    const quint16 hierarchy = 1000;
+    std::memcpy(evlr.data() + 18, &hierarchy, 2);
+    const quint64 entryBytes = 32;
+    std::memcpy(evlr.data() + 20, &entryBytes, 8);
+    out += evlr + QByteArray(32, '\0');
+
+    QTemporaryDir dir;
+    const QString copc = writeBytes(dir, "survey.copc.laz", out);
+    QString problem;
+    QCOMPARE(lazRecords(out, problem), records);
+    QVERIFY2(problem.isEmpty(), qPrintable(problem));
+    const auto cloud = open(copc, problem);
+    QVERIFY2(cloud, qPrintable(problem));
+    const auto twin = open(data("simple1_4.las"), problem);
+    QCOMPARE(cloud->size(), twin->size());
+    for (unsigned i = 0; i < twin->size(); i += 7) {
+        QCOMPARE(*cloud->getPoint(i), *twin->getPoint(i));
+        QVERIFY(cloud->getPointColor(i) == twin->getPointColor(i));
+    }
+    // Converted to LAS: the records, and the hierarchy after them.
+    const QString back = dir.filePath(QStringLiteral("survey.las"));
+    QVERIFY2(tzCloudFile::convert(copc, back, problem), qPrintable(problem));
+    const QByteArray plain = bytesOf(back);
+    QCOMPARE(lasRecords(plain), records);
+    QCOMPARE(plain.mid(int(at<quint64>(plain, 235)), 60), evlr);
 }
 
 void TestLaz::damagedFilesAreRefused_data()
