@@ -69,7 +69,7 @@ void tzFileLoader::start()
 
 bool tzFileLoader::isSceneFile(const QString &path)
 {
-    return path.endsWith(QLatin1String(".tzs"), Qt::CaseInsensitive);
+    return tzCloudFile::isScene(path);
 }
 
 tzHObject *tzFileLoader::read(QString &error)

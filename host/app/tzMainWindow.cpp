@@ -125,11 +125,8 @@ void tzMainWindow::createMenus()
         QSettings settings;
         settings.beginGroup(QStringLiteral("LoadFile"));
         const QString folder = settings.value(QStringLiteral("currentPath")).toString();
-        const QStringList paths
-            = QFileDialog::getOpenFileNames(this, tr("Open point clouds"), folder,
-                                            tr("Point clouds (*.ply *.las *.laz *.pcd *.xyz *.txt "
-                                               "*.asc *.pts *.csv *.xyzrgb *.xyzn);;"
-                                               "All files (*)"));
+        const QStringList paths = QFileDialog::getOpenFileNames(this, tr("Open point clouds"),
+                                                                folder, tzCloudFile::openFilter());
         openFiles(paths);
     });
     open->setShortcut(QKeySequence::Open);

@@ -38,6 +38,10 @@ QTZ_DB_LIB_API TZVector3d suggestShift(const TZVector3d &p);
 
 //! The extensions of the clouds in text files: xyz, txt, asc, pts, csv, xyzrgb, xyzn.
 QTZ_DB_LIB_API const QStringList &textKinds();
+//! Whether the file is a saved scene (.tzs, read by tzSceneFile) rather than a cloud.
+QTZ_DB_LIB_API bool isScene(const QString &path);
+//! The open dialog's filter: every cloud format read, each alone, then all files.
+QTZ_DB_LIB_API QString openFilter();
 //! Reads the file by its extension (.ply, .las, .laz, .pcd, or one of the text kinds).
 QTZ_DB_LIB_API tzPointCloud *load(const QString &path, QString &errorText,
                                   const LoadOptions &options = {});

@@ -366,6 +366,18 @@ void TestCloudFile::loadByExtensionNamesTheFile()
              qPrintable(error));
     QVERIFY(!tzCloudFile::load(dir.filePath("cloud.e57"), error));
     QVERIFY(error.contains("unknown cloud file extension '.e57'"));
+    // What the open dialog offers is what opens (in any case), and scenes are not clouds.
+    const QString filter = tzCloudFile::openFilter();
+    const QString clouds = filter.section(QLatin1Char('('), 1, 1).section(QLatin1Char(')'), 0, 0);
+    QVERIFY2(clouds.contains("*.laz") && clouds.contains("*.xyzn") && !clouds.contains("*.tzs"),
+             qPrintable(filter));
+    for (QString pattern : clouds.split(QLatin1Char(' '))) {
+        const QString path = dir.filePath("missing" + pattern.mid(1).toUpper());
+        QVERIFY(!tzCloudFile::load(path, error));
+        QVERIFY2(error.contains("cannot open"), qPrintable(error));
+    }
+    QVERIFY(tzCloudFile::isScene(dir.filePath("survey.TZS")));
+    QVERIFY(!tzCloudFile::isScene(dir.filePath("survey.laz")));
 }
 
 void TestCloudFile::cancelLeavesNoCloud()

@@ -12,7 +12,7 @@
 // ("//X Y Z R G B", "x,y,z,red,green,blue", "Easting;Northing;Elevation"): the names then say
 // which column is which. Points with a coordinate that is not a finite number are skipped.
 
-#include "tzCloudFile_p.h"
+#include "tzCloudFormats_p.h"
 
 #include <QRegularExpression>
 #include <QStringList>

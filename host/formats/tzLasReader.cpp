@@ -1,7 +1,7 @@
 // LAS 1.0 to 1.4, every point format (0 to 10; waveform packets are not read), plain or
 // compressed as LAZ.
 
-#include "tzCloudFile_p.h"
+#include "tzCloudFormats_p.h"
 #include "tzLazCodec.h"
 
 #include <QtGlobal>
@@ -660,7 +660,8 @@ void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
     }
 }
 
-tzPointCloud *readLas(const Bytes &in, const QString &name, const LoadOptions &options)
+tzPointCloud *readLas(const Bytes &in, const QString &name, const QString &,
+                      const LoadOptions &options)
 {
     const LasHeader header = parseHeader(in);
     return header.compressed ? readCompressed(in, header, name, options)

@@ -1,6 +1,6 @@
 // Writing a cloud of the scene to a file, in its global coordinates: LAS 1.2, LAZ, binary PLY.
 
-#include "tzCloudFile_p.h"
+#include "tzCloudFormats_p.h"
 #include "tzLazCodec.h"
 
 #include <QFileInfo>
@@ -191,12 +191,15 @@ bool save(const tzPointCloud &cloud, const QString &path, QString &errorText, qu
                         .arg(path, kind);
         return false;
     }
-    return writeWhole(path, path, QStringLiteral("writing"), [&](QIODevice &out) {
-        if (kind == QLatin1String("ply"))
-            writePly(cloud, out, options);
-        else
-            writeLasOrLaz(cloud, kind == QLatin1String("laz"), chunkSize, out, options);
-    }, errorText);
+    return writeWhole(
+        path, path, QStringLiteral("writing"),
+        [&](QIODevice &out) {
+            if (kind == QLatin1String("ply"))
+                writePly(cloud, out, options);
+            else
+                writeLasOrLaz(cloud, kind == QLatin1String("laz"), chunkSize, out, options);
+        },
+        errorText);
 }
 
 namespace detail {

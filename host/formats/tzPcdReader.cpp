@@ -4,7 +4,7 @@
 // stored as an unsigned integer or as the bits of a float. Organised clouds mark missing points
 // with NaN coordinates; those are skipped. Compressed data ("binary_compressed") is refused.
 
-#include "tzCloudFile_p.h"
+#include "tzCloudFormats_p.h"
 
 #include <QByteArray>
 #include <QList>
@@ -85,7 +85,8 @@ tzRgb unpack(quint32 v)
 
 } // namespace
 
-tzPointCloud *readPcd(const Bytes &in, const QString &name, const LoadOptions &options)
+tzPointCloud *readPcd(const Bytes &in, const QString &name, const QString &,
+                      const LoadOptions &options)
 {
     const char *const begin = reinterpret_cast<const char *>(in.data);
     const char *const end = begin + in.size;

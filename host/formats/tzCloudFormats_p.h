@@ -1,13 +1,15 @@
 #pragma once
 
-// What the cloud file readers share: their failures, the view of a file's bytes, the builder of
-// the cloud, and the small text helpers. Private to the readers (tzCloudFile*.cpp).
+// What the cloud file formats share: their failures, the view of a file's bytes, the builder of
+// the cloud, the small text helpers, and the table of formats with their readers. Private to
+// the formats (host/formats/) and tzCloudFile.cpp.
 
 #include "tzCloudFile.h"
 #include "tzPointCloud.h"
 
 #include <QIODevice>
 #include <QString>
+#include <QStringList>
 
 #include <algorithm>
 #include <charconv>
@@ -164,23 +166,49 @@ inline const char *parseNumber(const char *p, const char *end, double &value)
     return result.ptr;
 }
 
-//! The text layouts (tzCloudText.cpp); kind is the file's extension, which settles the columns
-//! of a file that does not name them ("pts", "xyzrgb", "xyzn", ...).
-tzPointCloud *readText(const Bytes &in, const QString &name, const QString &kind,
+// ---------------------------------------------------------------- the formats
+//
+// Each reader takes the file's bytes, its name (for messages) and its extension (lower case,
+// which settles the columns of a text file that does not name them).
+
+using Reader = tzPointCloud *(*)(const Bytes &in, const QString &name, const QString &extension,
+                                 const LoadOptions &options);
+
+//! A format of files the viewer opens: what it is, the extensions it goes by (lower case), and
+//! its reader (none for scenes, which tzSceneFile reads).
+struct Format
+{
+    QString description;
+    QStringList extensions;
+    Reader read = nullptr;
+};
+//! Every format opened, in the order the open dialog lists them (tzCloudFormats.cpp).
+const std::vector<Format> &formats();
+//! The format of files with this extension (any case), or null.
+const Format *formatOf(const QString &extension);
+
+tzPointCloud *readPly(const Bytes &in, const QString &name, const QString &extension,
+                      const LoadOptions &options);
+//! LAS 1.0 to 1.4, plain or compressed (LAZ).
+tzPointCloud *readLas(const Bytes &in, const QString &name, const QString &extension,
+                      const LoadOptions &options);
+//! PCD, ascii and binary.
+tzPointCloud *readPcd(const Bytes &in, const QString &name, const QString &extension,
+                      const LoadOptions &options);
+//! The text layouts (x y z, with intensity, colours or normals).
+tzPointCloud *readText(const Bytes &in, const QString &name, const QString &extension,
                        const LoadOptions &options);
-//! LAS 1.0 to 1.4, plain or compressed (LAZ) (tzCloudLas.cpp).
-tzPointCloud *readLas(const Bytes &in, const QString &name, const LoadOptions &options);
+
 //! Copies a LAS or LAZ file's header, VLRs and point records to out as LAS (toLaz false) or
-//! LAZ (chunks of chunkSize points, 0: the usual), the records byte for byte (tzCloudLas.cpp).
+//! LAZ (chunks of chunkSize points, 0: the usual), the records byte for byte (tzLasReader.cpp).
 void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
                 const LoadOptions &options);
 //! Runs write into a file made beside path and put in its place only when it succeeds: a
 //! failure, a cancel or a full disk leaves nothing at path. Problems of the input are said of
-//! source, those of writing of path; cancelled names the work ("conversion") (tzCloudWrite.cpp).
+//! source, those of writing of path; cancelled names the work ("conversion")
+//! (tzCloudWriters.cpp).
 bool writeWhole(const QString &path, const QString &source, const QString &work,
                 const std::function<void(QIODevice &)> &write, QString &errorText);
-//! PCD, ascii and binary (tzCloudPcd.cpp).
-tzPointCloud *readPcd(const Bytes &in, const QString &name, const LoadOptions &options);
 
 } // namespace detail
 } // namespace tzCloudFile
