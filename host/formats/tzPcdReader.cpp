@@ -83,21 +83,35 @@ tzRgb unpack(quint32 v)
     return {quint8(v >> 16), quint8(v >> 8), quint8(v)};
 }
 
-} // namespace
+//! What a PCD header says: the fields and their places, the point count, the encoding and
+//! where the points start.
+struct PcdHeader
+{
+    QList<Field> fields;
+    qint64 points = -1;
+    QByteArray data; // ascii, binary, ...
+    size_t bodyOffset = 0;
+    int record = 0; // bytes of a binary record
+    int columns = 0; // values of a text line
+    int axis[3] = {-1, -1, -1}; // fields of x, y, z
+    int color = -1; // field of rgb or rgba
 
-tzPointCloud *readPcd(const Bytes &in, const QString &name, const QString &,
-                      const LoadOptions &options)
+    const Field &axisField(int d) const { return fields[axis[d]]; }
+    const Field *colorField() const { return color >= 0 ? &fields[color] : nullptr; }
+};
+
+PcdHeader parsePcdHeader(const Bytes &in)
 {
     const char *const begin = reinterpret_cast<const char *>(in.data);
     const char *const end = begin + in.size;
-    QList<Field> fields;
+    PcdHeader header;
+    QList<Field> &fields = header.fields;
     QList<int> sizes;
     QByteArray types;
     QList<int> counts;
-    qint64 points = -1;
     qint64 width = -1;
     qint64 height = 1;
-    QByteArray data;
+    QByteArray &data = header.data;
     const char *p = begin;
     int lineNumber = 0;
     while (p < end && data.isEmpty()) {
@@ -133,7 +147,7 @@ tzPointCloud *readPcd(const Bytes &in, const QString &name, const QString &,
         } else if (key == "HEIGHT") {
             height = values.value(0).toLongLong(&ok);
         } else if (key == "POINTS") {
-            points = values.value(0).toLongLong(&ok);
+            header.points = values.value(0).toLongLong(&ok);
         } else if (key == "DATA") {
             data = values.value(0).toLower();
             ok = !data.isEmpty();
@@ -147,22 +161,19 @@ tzPointCloud *readPcd(const Bytes &in, const QString &name, const QString &,
                          .arg(lineNumber)
                          .arg(QString::fromLatin1(line.left(80))));
     }
+    header.bodyOffset = size_t(p - begin);
     if (data.isEmpty())
         failWith(QStringLiteral("not a PCD file: no DATA line in the header"));
     if (fields.isEmpty())
         failWith(QStringLiteral("PCD header without FIELDS"));
-    if (points < 0)
-        points = width >= 0 ? width * height : -1;
-    if (points < 0 || points > 0xffffffffLL)
+    if (header.points < 0)
+        header.points = width >= 0 ? width * height : -1;
+    if (header.points < 0 || header.points > 0xffffffffLL)
         failWith(QStringLiteral("PCD header without a valid POINTS (or WIDTH and HEIGHT)"));
     if (sizes.size() != fields.size() || types.size() != fields.size()
         || (!counts.isEmpty() && counts.size() != fields.size()))
         failWith(QStringLiteral("PCD header: FIELDS, SIZE, TYPE and COUNT do not match"));
 
-    int record = 0;
-    int column = 0;
-    const Field *axis[3] = {nullptr, nullptr, nullptr};
-    const Field *color = nullptr;
     for (int i = 0; i < fields.size(); ++i) {
         Field &f = fields[i];
         f.size = sizes[i];
@@ -172,94 +183,122 @@ tzPointCloud *readPcd(const Bytes &in, const QString &name, const QString &,
             || (f.type != 'F' && f.type != 'U' && f.type != 'I') || (f.type == 'F' && f.size < 4))
             failWith(QStringLiteral("PCD field '%1' has an unsupported size or type")
                          .arg(QString::fromLatin1(f.name)));
-        f.offset = record;
-        f.column = column;
-        record += f.size * f.count;
-        column += f.count;
-    }
-    for (const Field &f : fields) {
+        f.offset = header.record;
+        f.column = header.columns;
+        header.record += f.size * f.count;
+        header.columns += f.count;
         for (int d = 0; d < 3; ++d) {
             if (f.name == QByteArray(1, char('x' + d)))
-                axis[d] = &f;
+                header.axis[d] = i;
         }
         if ((f.name == "rgb" || f.name == "rgba") && f.size == 4)
-            color = &f;
+            header.color = i;
     }
-    if (!axis[0] || !axis[1] || !axis[2])
+    if (header.axis[0] < 0 || header.axis[1] < 0 || header.axis[2] < 0)
         failWith(QStringLiteral("PCD file without x, y and z fields"));
+    return header;
+}
 
-    const size_t n = size_t(points);
+//! Where the points go: organised clouds mark missing points with NaN coordinates, skipped.
+using AddPoint = std::function<void(const double xyz[3], tzRgb rgb)>;
+
+// One point a line, its values separated by blanks.
+void readPcdAscii(const Bytes &in, const PcdHeader &header, const AddPoint &add,
+                  CloudBuilder &builder)
+{
+    const char *const end = reinterpret_cast<const char *>(in.data) + in.size;
+    const char *p = reinterpret_cast<const char *>(in.data) + header.bodyOffset;
+    const size_t n = size_t(header.points);
+    const Field *color = header.colorField();
+    std::vector<const char *> token(size_t(header.columns) + 1);
+    for (size_t i = 0; i < n; ++i) {
+        const char *eol
+            = p < end ? static_cast<const char *>(std::memchr(p, '\n', size_t(end - p))) : nullptr;
+        const char *stop = eol ? eol : end;
+        if (p >= end)
+            failWith(QStringLiteral("%1 points announced, %2 found").arg(n).arg(i));
+        int found = 0;
+        for (const char *q = p; found < header.columns;) {
+            while (q < stop && (*q == ' ' || *q == '\t' || *q == '\r'))
+                ++q;
+            if (q == stop)
+                break;
+            token[size_t(found++)] = q;
+            while (q < stop && *q != ' ' && *q != '\t' && *q != '\r')
+                ++q;
+        }
+        if (found < header.columns)
+            failWith(QStringLiteral("point %1: expected %2 values").arg(i + 1).arg(header.columns));
+        double xyz[3];
+        for (int d = 0; d < 3; ++d) {
+            if (!parseNumber(token[size_t(header.axisField(d).column)], stop, xyz[d]))
+                failWith(QStringLiteral("point %1: bad coordinate").arg(i + 1));
+        }
+        add(xyz,
+            color ? unpack(packedColor(token[size_t(color->column)], stop, *color))
+                  : tzRgb {0, 0, 0});
+        p = eol ? eol + 1 : end;
+        if ((i & 0xffff) == 0)
+            builder.progress(size_t(p - reinterpret_cast<const char *>(in.data)), in.size);
+    }
+}
+
+// Packed little-endian records.
+void readPcdBinary(const Bytes &in, const PcdHeader &header, const AddPoint &add,
+                   CloudBuilder &builder)
+{
+    const size_t n = size_t(header.points);
+    const size_t available = in.size - header.bodyOffset;
+    if (header.record == 0 || available / size_t(header.record) < n)
+        failWith(QStringLiteral("%1 points of %2 bytes announced, the data holds %3 bytes")
+                     .arg(n)
+                     .arg(header.record)
+                     .arg(available));
+    const Field *color = header.colorField();
+    const uchar *rec = in.data + header.bodyOffset;
+    for (size_t i = 0; i < n; ++i, rec += header.record) {
+        double xyz[3];
+        for (int d = 0; d < 3; ++d)
+            xyz[d] = binaryValue(rec + header.axisField(d).offset, header.axisField(d));
+        add(xyz, color ? unpack(packedColor(rec + color->offset)) : tzRgb {0, 0, 0});
+        if ((i & 0xfffff) == 0)
+            builder.progress(i, n);
+    }
+}
+
+} // namespace
+
+tzPointCloud *readPcd(const Bytes &in, const QString &name, const QString &,
+                      const LoadOptions &options)
+{
+    const PcdHeader header = parsePcdHeader(in);
+    if (header.data == "binary_compressed")
+        failWith(QStringLiteral("compressed PCD data (binary_compressed) is not supported: save "
+                                "the cloud as ascii or binary"));
+    if (header.data != "ascii" && header.data != "binary")
+        failWith(
+            QStringLiteral("unknown PCD data format '%1'").arg(QString::fromLatin1(header.data)));
+    const size_t n = size_t(header.points);
     // A text point takes a few bytes at least: a false count reserves no more than the file holds.
-    const size_t reserved = data == "binary" ? n : std::min(n, size_t(end - p) / 4 + 1);
+    const size_t reserved
+        = header.data == "binary" ? n : std::min(n, (in.size - header.bodyOffset) / 4 + 1);
     CloudBuilder builder(options);
     builder.reserve(reserved, false);
     std::vector<tzRgb> colors;
-    if (color)
+    const bool withColors = header.color >= 0;
+    if (withColors)
         colors.reserve(reserved);
-    const auto add = [&](const double xyz[3], tzRgb rgb) {
+    const AddPoint add = [&](const double xyz[3], tzRgb rgb) {
         if (!std::isfinite(xyz[0]) || !std::isfinite(xyz[1]) || !std::isfinite(xyz[2]))
             return;
         builder.add(xyz[0], xyz[1], xyz[2]);
-        if (color)
+        if (withColors)
             colors.push_back(rgb);
     };
-
-    if (data == "ascii") {
-        std::vector<const char *> token(size_t(column) + 1);
-        for (size_t i = 0; i < n; ++i) {
-            const char *eol = p < end
-                ? static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)))
-                : nullptr;
-            const char *stop = eol ? eol : end;
-            if (p >= end)
-                failWith(QStringLiteral("%1 points announced, %2 found").arg(n).arg(i));
-            int found = 0;
-            for (const char *q = p; found < column;) {
-                while (q < stop && (*q == ' ' || *q == '\t' || *q == '\r'))
-                    ++q;
-                if (q == stop)
-                    break;
-                token[size_t(found++)] = q;
-                while (q < stop && *q != ' ' && *q != '\t' && *q != '\r')
-                    ++q;
-            }
-            if (found < column)
-                failWith(QStringLiteral("point %1: expected %2 values").arg(i + 1).arg(column));
-            double xyz[3];
-            for (int d = 0; d < 3; ++d) {
-                if (!parseNumber(token[size_t(axis[d]->column)], stop, xyz[d]))
-                    failWith(QStringLiteral("point %1: bad coordinate").arg(i + 1));
-            }
-            const tzRgb rgb = color
-                ? unpack(packedColor(token[size_t(color->column)], stop, *color))
-                : tzRgb {0, 0, 0};
-            add(xyz, rgb);
-            p = eol ? eol + 1 : end;
-            if ((i & 0xffff) == 0)
-                builder.progress(size_t(p - begin), in.size);
-        }
-    } else if (data == "binary") {
-        const size_t available = size_t(end - p);
-        if (record == 0 || available / size_t(record) < n)
-            failWith(QStringLiteral("%1 points of %2 bytes announced, the data holds %3 bytes")
-                         .arg(n)
-                         .arg(record)
-                         .arg(available));
-        const uchar *rec = reinterpret_cast<const uchar *>(p);
-        for (size_t i = 0; i < n; ++i, rec += record) {
-            const double xyz[3] = {binaryValue(rec + axis[0]->offset, *axis[0]),
-                                   binaryValue(rec + axis[1]->offset, *axis[1]),
-                                   binaryValue(rec + axis[2]->offset, *axis[2])};
-            add(xyz, color ? unpack(packedColor(rec + color->offset)) : tzRgb {0, 0, 0});
-            if ((i & 0xfffff) == 0)
-                builder.progress(i, n);
-        }
-    } else if (data == "binary_compressed") {
-        failWith(QStringLiteral("compressed PCD data (binary_compressed) is not supported: save "
-                                "the cloud as ascii or binary"));
-    } else {
-        failWith(QStringLiteral("unknown PCD data format '%1'").arg(QString::fromLatin1(data)));
-    }
+    if (header.data == "ascii")
+        readPcdAscii(in, header, add, builder);
+    else
+        readPcdBinary(in, header, add, builder);
     if (builder.count() == 0)
         failWith(QStringLiteral("no point with finite coordinates in the file"));
     for (const tzRgb &c : colors)
