@@ -422,13 +422,28 @@ void tzMainWindow::saveCloudAs()
         return;
     if (QFileInfo(path).suffix().isEmpty())
         path += QStringLiteral(".laz");
+    // Written here, the progress shown after a moment with its Cancel (the dialog keeps the
+    // window's input away meanwhile; before it shows, only painting goes on).
+    const QString fileName = QFileInfo(path).fileName();
+    tzProgressDialog progress(tr("Writing %1...").arg(fileName), m_options.progressDelay, this);
+    bool cancelled = false;
+    connect(&progress, &tzProgressDialog::canceled, this, [&cancelled] { cancelled = true; });
+    tzCloudFile::LoadOptions options;
+    options.progress = [&](int percent) {
+        progress.setProgress(percent, tr("Writing %1...").arg(fileName));
+        QCoreApplication::processEvents(progress.isVisible() ? QEventLoop::AllEvents
+                                                             : QEventLoop::ExcludeUserInputEvents);
+        return !cancelled;
+    };
     QApplication::setOverrideCursor(Qt::WaitCursor);
     QString error;
-    const bool saved = tzCloudFile::save(*cloud, path, error);
+    const bool saved = tzCloudFile::save(*cloud, path, error, 0, options);
     QApplication::restoreOverrideCursor();
+    progress.hide();
     if (!saved) {
-        printToConsole(error, ERR_CONSOLE_MESSAGE);
-        QMessageBox::warning(this, tr("Save cloud as"), error);
+        printToConsole(error, cancelled ? WRN_CONSOLE_MESSAGE : ERR_CONSOLE_MESSAGE);
+        if (!cancelled)
+            QMessageBox::warning(this, tr("Save cloud as"), error);
         return;
     }
     printToConsole(QStringLiteral("Cloud '%1' written to '%2' (%3 points)")
