@@ -19,6 +19,37 @@ namespace {
 
 using namespace detail;
 
+//! A file's bytes, mapped (read at memory speed) or, where mapping fails, read whole; an
+//! empty file cannot be mapped and gives no bytes.
+class FileBytes
+{
+public:
+    bool open(const QString &path, QString &errorText)
+    {
+        m_file.setFileName(path);
+        if (!m_file.open(QIODevice::ReadOnly)) {
+            errorText = QStringLiteral("'%1': cannot open (%2)").arg(path, m_file.errorString());
+            return false;
+        }
+        if (m_file.size() > 0) {
+            m_bytes.data = m_file.map(0, m_file.size());
+            m_bytes.size = size_t(m_file.size());
+            if (!m_bytes.data) {
+                m_copy = m_file.readAll();
+                m_bytes.data = reinterpret_cast<const uchar *>(m_copy.constData());
+                m_bytes.size = size_t(m_copy.size());
+            }
+        }
+        return true;
+    }
+    const Bytes &bytes() const { return m_bytes; }
+
+private:
+    QFile m_file;
+    QByteArray m_copy;
+    Bytes m_bytes;
+};
+
 tzPointCloud *readAny(const Bytes &bytes, const QString &extension, const QString &name,
                       QString &errorText, const LoadOptions &options)
 {
@@ -86,25 +117,15 @@ bool convert(const QString &inPath, const QString &outPath, QString &errorText, 
         const std::unique_ptr<tzPointCloud> cloud(load(inPath, errorText, options));
         return cloud && save(*cloud, outPath, errorText, chunkSize, options);
     }
-    QFile in(inPath);
-    if (!in.open(QIODevice::ReadOnly)) {
-        errorText = QStringLiteral("'%1': cannot open (%2)").arg(inPath, in.errorString());
+    FileBytes in;
+    if (!in.open(inPath, errorText))
         return false;
-    }
-    Bytes bytes;
-    QByteArray copy;
-    if (in.size() > 0) {
-        bytes.data = in.map(0, in.size());
-        bytes.size = size_t(in.size());
-        if (!bytes.data) {
-            copy = in.readAll();
-            bytes.data = reinterpret_cast<const uchar *>(copy.constData());
-            bytes.size = size_t(copy.size());
-        }
-    }
-    return writeWhole(outPath, inPath, QStringLiteral("conversion"), [&](QIODevice &out) {
-        convertLas(bytes, outKind == QLatin1String("laz"), chunkSize, out, options);
-    }, errorText);
+    return writeWhole(
+        outPath, inPath, QStringLiteral("conversion"),
+        [&](QIODevice &out) {
+            convertLas(in.bytes(), outKind == QLatin1String("laz"), chunkSize, out, options);
+        },
+        errorText);
 }
 
 tzPointCloud *load(const QString &path, QString &errorText, const LoadOptions &options)
@@ -116,24 +137,10 @@ tzPointCloud *load(const QString &path, QString &errorText, const LoadOptions &o
         errorText = QStringLiteral("'%1': unknown cloud file extension '.%2'").arg(path, suffix);
         return nullptr;
     }
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        errorText = QStringLiteral("'%1': cannot open (%2)").arg(path, file.errorString());
+    FileBytes file;
+    if (!file.open(path, errorText))
         return nullptr;
-    }
-    // Mapped, the file is read at memory speed; an empty file cannot be mapped.
-    Bytes bytes;
-    QByteArray copy;
-    if (file.size() > 0) {
-        bytes.data = file.map(0, file.size());
-        bytes.size = size_t(file.size());
-        if (!bytes.data) {
-            copy = file.readAll();
-            bytes.data = reinterpret_cast<const uchar *>(copy.constData());
-            bytes.size = size_t(copy.size());
-        }
-    }
-    tzPointCloud *cloud = readAny(bytes, suffix, path, errorText, options);
+    tzPointCloud *cloud = readAny(file.bytes(), suffix, path, errorText, options);
     if (cloud)
         cloud->setName(info.completeBaseName());
     return cloud;
