@@ -14,9 +14,14 @@ uint8_t channel(double value)
     return uint8_t(std::clamp(value, 0.0, 255.0));
 }
 
-Point point(double x, double y, double z, double r, double g, double b)
+// A point of a surface of a class, its intensity that of the material (0-255 scale, as
+// scanners' 16-bit values go: times 256).
+Point point(double x, double y, double z, double r, double g, double b, Class classification,
+            double intensity)
 {
-    return {float(x), float(y), float(z), channel(r), channel(g), channel(b)};
+    return {
+        float(x),   float(y),   float(z),       channel(r),
+        channel(g), channel(b), classification, uint16_t(std::clamp(intensity, 0.0, 255.0) * 256)};
 }
 
 struct Palette
@@ -180,7 +185,8 @@ void Scene::scanGround(std::vector<Point> &points) const
         if (const Building *b = buildingAt(x, y)) {
             const Palette &palette = PALETTES[size_t(b - m_buildings.data()) % 3];
             points.push_back(point(x, y, roofZ(*b, x, y), palette.roof[0] + grain,
-                                   palette.roof[1] + grain, palette.roof[2] + grain));
+                                   palette.roof[1] + grain, palette.roof[2] + grain, BUILDING,
+                                   110 + 2 * grain));
             continue;
         }
         const double road = roadDistance(x, y);
@@ -191,17 +197,19 @@ void Scene::scanGround(std::vector<Point> &points) const
             const bool line = std::abs(road - (edge - 0.3)) < 0.08
                 || (road < 0.07 && std::fmod(x, 2 * dash) < dash);
             if (road > edge)
-                points.push_back(point(x, y, z, 150 + grain, 140 + grain, 118 + grain)); // verge
+                points.push_back(point(x, y, z, 150 + grain, 140 + grain, 118 + grain, GROUND,
+                                       95 + grain)); // verge
             else if (line)
-                points.push_back(point(x, y, z, 232, 232, 228));
+                points.push_back(point(x, y, z, 232, 232, 228, ROAD, 235)); // paint
             else
-                points.push_back(point(x, y, z, 66 + grain, 66 + grain, 72 + grain));
+                points.push_back(
+                    point(x, y, z, 66 + grain, 66 + grain, 72 + grain, ROAD, 40 + grain));
             continue;
         }
         const double z = ground(x, y);
         const double shade = 0.85 + 0.05 * z + 0.1 * std::sin(0.11 * x) * std::cos(0.13 * y);
         points.push_back(point(x, y, z, (92 + grain) * shade, (126 + grain) * shade,
-                               (58 + grain * 0.5) * shade));
+                               (58 + grain * 0.5) * shade, GROUND, 150 + 2 * grain));
     }
 }
 
@@ -239,9 +247,9 @@ void Scene::scanWalls(std::vector<Point> &points, unsigned long count) const
         // A dark band of windows on each floor.
         const double level = std::fmod(z - b.base, 3.0);
         const double window = (level > 1.0 && level < 2.2 && std::fmod(t, 4.0) > 1.5) ? 0.45 : 1.0;
-        points.push_back(point(x, y, z, (palette.wall[0] + grain) * window,
-                               (palette.wall[1] + grain) * window,
-                               (palette.wall[2] + grain) * window));
+        points.push_back(
+            point(x, y, z, (palette.wall[0] + grain) * window, (palette.wall[1] + grain) * window,
+                  (palette.wall[2] + grain) * window, BUILDING, (90 + 3 * grain) * window));
     }
 }
 
@@ -254,7 +262,7 @@ void Scene::scanPlants(std::vector<Point> &points, unsigned long count) const
         // No room for plants: the rest of the budget is more ground.
         for (unsigned long i = 0; i < count; ++i) {
             const double x = m_side * u(rng), y = m_side * u(rng);
-            points.push_back(point(x, y, ground(x, y), 100, 130, 62));
+            points.push_back(point(x, y, ground(x, y), 100, 130, 62, GROUND, 150));
         }
         return;
     }
@@ -269,7 +277,8 @@ void Scene::scanPlants(std::vector<Point> &points, unsigned long count) const
         if (p.tree && u(rng) < 0.07) {
             const double a = 2 * PI * u(rng), r = 0.12 + 0.03 * p.radius;
             const double z = base + bottom * u(rng);
-            points.push_back(point(p.x + r * std::cos(a), p.y + r * std::sin(a), z, 92, 66, 44));
+            points.push_back(point(p.x + r * std::cos(a), p.y + r * std::sin(a), z, 92, 66, 44,
+                                   HIGH_VEGETATION, 70));
             continue;
         }
         double dx = n(rng), dy = n(rng), dz = n(rng);
@@ -277,9 +286,13 @@ void Scene::scanPlants(std::vector<Point> &points, unsigned long count) const
         const double depth = 0.75 + 0.25 * u(rng); // leaves inside the crown too
         dx *= depth / norm, dy *= depth / norm, dz *= depth / norm;
         const double light = 0.8 + 0.3 * dz + 0.1 * u(rng); // lit from above
-        points.push_back(point(p.x + p.radius * dx, p.y + p.radius * dy,
-                               base + p.crownZ + p.tall * dz, p.r * light, p.g * light,
-                               p.b * light));
+        // Classed by the height above the ground, as a classifier does.
+        const double height = p.crownZ + p.tall * dz;
+        const Class kind = height < 1.0 ? LOW_VEGETATION
+            : height < 3.0              ? MEDIUM_VEGETATION
+                                        : HIGH_VEGETATION;
+        points.push_back(point(p.x + p.radius * dx, p.y + p.radius * dy, base + height, p.r * light,
+                               p.g * light, p.b * light, kind, 60 + 50 * u(rng)));
     }
 }
 

@@ -14,10 +14,22 @@ constexpr double ORIGIN_X = 651200.0;
 constexpr double ORIGIN_Y = 6861400.0;
 constexpr double ORIGIN_Z = 112.0;
 
+//! Classes of the LAS standard the site's points are given.
+enum Class : uint8_t {
+    GROUND = 2,
+    LOW_VEGETATION = 3,
+    MEDIUM_VEGETATION = 4,
+    HIGH_VEGETATION = 5,
+    BUILDING = 6,
+    ROAD = 11,
+};
+
 struct Point
 {
     float x, y, z;
     uint8_t r, g, b;
+    uint8_t classification = GROUND;
+    uint16_t intensity = 0; // the return's strength, by the surface's material
 };
 
 struct Building

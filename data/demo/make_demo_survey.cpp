@@ -2,7 +2,8 @@
 // in a national grid (X about 651 000, Y about 6 861 000), coloured, as a binary little-endian
 // PLY with double coordinates; beside it, in <name>.img/, the photos of a few camera stations
 // rendered from that cloud with their list, images.json; and <name>.companion.jsonl, the
-// companion's objects on the site as a script for mensurix-sim.
+// companion's objects on the site as a script for mensurix-sim. Named .las, the cloud is written
+// as an airborne survey is delivered: no colours, the intensity and the class of each point.
 
 #include "DemoCompanion.h"
 #include "DemoPhotos.h"
@@ -14,7 +15,9 @@
 #include <QFileInfo>
 #include <QSaveFile>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,7 +25,8 @@
 
 namespace {
 
-const char USAGE[] = "usage: make_demo_survey [--no-photos] <out.ply> [points (default 2000000)] [seed]\n";
+const char USAGE[]
+    = "usage: make_demo_survey [--no-photos] <out.ply|out.las> [points (default 2000000)] [seed]\n";
 
 #pragma pack(push, 1)
 struct Record
@@ -54,6 +58,77 @@ bool writeCloud(const QString &path, const std::vector<demo::Point> &points)
         if (batch.size() == batch.capacity() || i + 1 == points.size()) {
             file.write(reinterpret_cast<const char *>(batch.data()),
                        qint64(batch.size() * sizeof(Record)));
+            batch.clear();
+        }
+    }
+    if (!file.commit()) {
+        std::fprintf(stderr, "make_demo_survey: write error on '%s': %s\n", qPrintable(path),
+                     qPrintable(file.errorString()));
+        return false;
+    }
+    return true;
+}
+
+// The site as an airborne survey is delivered: LAS 1.2 of point format 1 (no colours; the
+// intensity, the class and the GPS time of each return), coordinates in millimetres.
+bool writeLas(const QString &path, const std::vector<demo::Point> &points)
+{
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly)) {
+        std::fprintf(stderr, "make_demo_survey: cannot write '%s': %s\n", qPrintable(path),
+                     qPrintable(file.errorString()));
+        return false;
+    }
+    constexpr int HEADER = 227, RECORD = 28;
+    const double origin[3] = {demo::ORIGIN_X, demo::ORIGIN_Y, demo::ORIGIN_Z};
+    double low[3] = {1e300, 1e300, 1e300}, high[3] = {-1e300, -1e300, -1e300};
+    for (const demo::Point &p : points) {
+        const double xyz[3] = {p.x, p.y, p.z};
+        for (int d = 0; d < 3; ++d) {
+            low[d] = std::min(low[d], origin[d] + xyz[d]);
+            high[d] = std::max(high[d], origin[d] + xyz[d]);
+        }
+    }
+    QByteArray header(HEADER, '\0');
+    const auto put = [&header](int at, const auto value) {
+        std::memcpy(header.data() + at, &value, sizeof value);
+    };
+    std::memcpy(header.data(), "LASF", 4);
+    header[24] = 1;
+    header[25] = 2;
+    std::memcpy(header.data() + 26, "demo survey", 11);
+    std::memcpy(header.data() + 58, "make_demo_survey", 16);
+    put(90, quint16(327));
+    put(92, quint16(2026));
+    put(94, quint16(HEADER));
+    put(96, quint32(HEADER));
+    header[104] = 1;
+    put(105, quint16(RECORD));
+    put(107, quint32(points.size()));
+    put(111, quint32(points.size())); // all first returns
+    for (int d = 0; d < 3; ++d) {
+        put(131 + 8 * d, 0.001);
+        put(155 + 8 * d, origin[d]);
+        put(179 + 16 * d, high[d]);
+        put(187 + 16 * d, low[d]);
+    }
+    file.write(header);
+    QByteArray batch;
+    batch.reserve(RECORD * 65536);
+    char record[RECORD] = {};
+    for (size_t i = 0; i < points.size(); ++i) {
+        const demo::Point &p = points[i];
+        const qint32 xyz[3] = {qint32(std::lround(p.x * 1000.0)), qint32(std::lround(p.y * 1000.0)),
+                               qint32(std::lround(p.z * 1000.0))};
+        std::memcpy(record, xyz, 12);
+        std::memcpy(record + 12, &p.intensity, 2);
+        record[14] = char(1 | (1 << 3)); // return 1 of 1
+        record[15] = char(p.classification);
+        const double time = 386400.0 + double(i) * 2e-6;
+        std::memcpy(record + 20, &time, 8);
+        batch.append(record, RECORD);
+        if (batch.size() >= RECORD * 65536 || i + 1 == points.size()) {
+            file.write(batch);
             batch.clear();
         }
     }
@@ -134,7 +209,8 @@ int main(int argc, char **argv)
         && !writePhotos(info.dir().filePath(info.completeBaseName() + QStringLiteral(".img")),
                         scene, points))
         return 1;
-    if (!writeCloud(out, points))
+    const bool las = out.endsWith(QStringLiteral(".las"), Qt::CaseInsensitive);
+    if (!(las ? writeLas(out, points) : writeCloud(out, points)))
         return 1;
     std::printf("%s: %zu points, %.0f m x %.0f m\n", qPrintable(out), points.size(), scene.side(),
                 scene.side());

@@ -1,6 +1,8 @@
 // tessaro: the point-cloud viewer.
 //
-//   tessaro [--auto-shift] [--oblique] [--action <name>] [--screenshot <png>] [files...]
+//   tessaro [--auto-shift] [--oblique] [--action <name>] [--screenshot <png>]
+//           [--colour rgb|intensity|elevation|classification] [--point-size N]
+//           [--shading edl|none] [files...]
 //   tessaro --convert IN OUT [--chunk-size N]     (LAS and LAZ, by extension; no window)
 //
 // Opens the clouds (PLY, LAS, LAZ, PCD, text) and scenes (.tzs) given, and loads the plug-ins found
@@ -101,13 +103,59 @@ int main(int argc, char **argv)
                                              "this name (as its button does)."),
                               QStringLiteral("name"));
     parser.addOption(action);
+    QCommandLineOption colour(QStringLiteral("colour"),
+                              QStringLiteral("Show every cloud opened by rgb, intensity, elevation "
+                                             "or classification."),
+                              QStringLiteral("mode"));
+    parser.addOption(colour);
+    QCommandLineOption pointSize(QStringLiteral("point-size"),
+                                 QStringLiteral("Draw the points of every cloud opened N pixels "
+                                                "wide (1 to 10)."),
+                                 QStringLiteral("N"));
+    parser.addOption(pointSize);
+    QCommandLineOption shading(QStringLiteral("shading"),
+                               QStringLiteral("Eye-dome shading of the clouds: edl or none (by "
+                                              "default on while a cloud is shown without its "
+                                              "colours)."),
+                               QStringLiteral("edl|none"));
+    parser.addOption(shading);
     parser.addPositionalArgument(QStringLiteral("files"), QStringLiteral("Point clouds to open."),
                                  QStringLiteral("[files...]"));
     parser.process(app);
 
     tzMainWindow::Options options;
     options.autoShift = parser.isSet(autoShift);
+    const auto refuse = [](const QString &text) {
+        std::fprintf(stderr, "tessaro: %s\n", qPrintable(text));
+        return 2;
+    };
+    if (parser.isSet(colour)) {
+        tzPointDisplay::ColourMode mode;
+        if (!tzPointDisplay::modeFromName(parser.value(colour), mode))
+            return refuse(QStringLiteral("--colour takes rgb, intensity, elevation or "
+                                         "classification, not '%1'")
+                              .arg(parser.value(colour)));
+        options.colourMode = int(mode);
+    }
+    if (parser.isSet(pointSize)) {
+        bool ok = false;
+        options.pointSize = parser.value(pointSize).toInt(&ok);
+        if (!ok || options.pointSize < 1 || options.pointSize > 10)
+            return refuse(QStringLiteral("--point-size takes a number of pixels from 1 to 10, "
+                                         "not '%1'")
+                              .arg(parser.value(pointSize)));
+    }
+    const QString shadingName = parser.value(shading).toLower();
+    if (parser.isSet(shading) && shadingName != QLatin1String("edl")
+        && shadingName != QLatin1String("none"))
+        return refuse(
+            QStringLiteral("--shading takes edl or none, not '%1'").arg(parser.value(shading)));
     tzMainWindow window(options);
+    if (parser.isSet(shading)) {
+        window.activeView()->setShading(shadingName == QLatin1String("edl")
+                                            ? tzGLWindow::Shading::EyeDome
+                                            : tzGLWindow::Shading::None);
+    }
     window.show();
     if (parser.isSet(oblique)) {
         QObject::connect(&window, &tzMainWindow::fileOpened, &window, [&window] {

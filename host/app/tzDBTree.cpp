@@ -49,6 +49,11 @@ tzDBTree::tzDBTree(tzHObject *root, QWidget *parent)
             }
         }
     });
+    setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(this, &QWidget::customContextMenuRequested, this, [this](const QPoint &pos) {
+        if (tzHObject *object = objectOf(itemAt(pos)))
+            emit contextMenuAsked(object, viewport()->mapToGlobal(pos));
+    });
     rebuild();
 }
 

@@ -44,6 +44,8 @@ public:
 signals:
     void objectSelectionChanged();
     void visibilityChanged(tzHObject *object);
+    //! A context menu was asked for on an object's item (global position).
+    void contextMenuAsked(tzHObject *object, const QPoint &globalPos);
 
 private:
     QTreeWidgetItem *addItem(tzHObject *object, QTreeWidgetItem *parentItem);

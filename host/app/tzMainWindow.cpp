@@ -1,5 +1,6 @@
 #include "tzMainWindow.h"
 
+#include "tzCloudDisplayMenu.h"
 #include "tzCloudFile.h"
 #include "tzConsole.h"
 #include "tzDBTree.h"
@@ -30,6 +31,7 @@
 #include <QLabel>
 #include <QMdiArea>
 #include <QMdiSubWindow>
+#include <QMenu>
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QMoveEvent>
@@ -85,6 +87,16 @@ tzMainWindow::tzMainWindow(const Options &options)
     addDockWidget(Qt::LeftDockWidgetArea, treeDock);
     connect(m_tree, &tzDBTree::objectSelectionChanged, this, &tzMainWindow::onSelectionChanged);
     connect(m_tree, &tzDBTree::visibilityChanged, this, [this] { m_view->redraw(); });
+    connect(m_tree, &tzDBTree::contextMenuAsked, this, [this](tzHObject *object, const QPoint &at) {
+        // A cloud's display, or that of the clouds under a group.
+        std::vector<tzPointCloud *> clouds = cloudsOf(object);
+        if (clouds.empty())
+            return;
+        QMenu menu(this);
+        menu.setObjectName(QStringLiteral("cloudContextMenu"));
+        tzCloudDisplayMenu::fill(&menu, clouds, [this] { m_view->redraw(); });
+        menu.exec(at);
+    });
 
     auto *consoleDock = new QDockWidget(tr("Console"), this);
     consoleDock->setObjectName(QStringLiteral("consoleDock"));
@@ -144,18 +156,41 @@ void tzMainWindow::createMenus()
     QAction *quit = file->addAction(tr("&Quit"), this, &QWidget::close);
     quit->setShortcut(QKeySequence::Quit);
 
+    // The view's entries stay; the clouds' ones are made again each time the menu opens, for
+    // the selected clouds (or every cloud when none is selected).
     QMenu *display = menuBar()->addMenu(tr("&Display"));
-    display->addAction(tr("&Zoom on everything"), this, [this] { m_view->zoomGlobal(); });
-    display->addAction(tr("&Top view"), this, [this] { m_view->setTopView(); });
-    display->addAction(tr("&Oblique view"), this, [this] { m_view->setObliqueView(); });
-    QAction *perspective = display->addAction(tr("&Perspective"));
+    display->setObjectName(QStringLiteral("displayMenu"));
+    std::vector<QAction *> viewActions;
+    const auto viewAction = [this, &viewActions](const QString &text, auto slot) {
+        auto *action = new QAction(text, this);
+        connect(action, &QAction::triggered, this, slot);
+        viewActions.push_back(action);
+        return action;
+    };
+    viewAction(tr("&Zoom on everything"), [this] { m_view->zoomGlobal(); });
+    viewAction(tr("&Top view"), [this] { m_view->setTopView(); });
+    viewAction(tr("&Oblique view"), [this] { m_view->setObliqueView(); });
+    QAction *perspective = viewAction(tr("&Perspective"),
+                                      [this](bool on) { m_view->setPerspectiveState(on, true); });
     perspective->setCheckable(true);
-    connect(perspective, &QAction::toggled, this,
-            [this](bool on) { m_view->setPerspectiveState(on, true); });
-    display->addAction(tr("&Larger points"), this,
-                       [this] { m_view->setPointSize(m_view->getPointSize() + 1); });
-    display->addAction(tr("&Smaller points"), this,
-                       [this] { m_view->setPointSize(std::max(1.f, m_view->getPointSize() - 1)); });
+    QAction *shading = viewAction(tr("&Eye-dome shading"), [this](bool on) {
+        m_view->setShading(on ? tzGLWindow::Shading::EyeDome : tzGLWindow::Shading::None);
+    });
+    shading->setObjectName(QStringLiteral("eyeDomeShading"));
+    shading->setCheckable(true);
+    viewAction(tr("&Larger points"), [this] { m_view->setPointSize(m_view->getPointSize() + 1); });
+    viewAction(tr("&Smaller points"),
+               [this] { m_view->setPointSize(std::max(1.f, m_view->getPointSize() - 1)); });
+    connect(display, &QMenu::aboutToShow, this, [this, display, viewActions, shading] {
+        display->clear();
+        for (QAction *action : viewActions)
+            display->addAction(action);
+        shading->setChecked(m_view->eyeDomeShown());
+        std::vector<tzPointCloud *> clouds = selectedClouds();
+        if (clouds.empty())
+            clouds = cloudsOf(m_root.get());
+        tzCloudDisplayMenu::fill(display, clouds, [this] { m_view->redraw(); });
+    });
 
     m_pluginMenu = menuBar()->addMenu(tr("&Plugins"));
     m_pluginToolBar = addToolBar(tr("Plugins"));
@@ -583,6 +618,10 @@ void tzMainWindow::openNextFile()
         m_uploading->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
         for (tzHObject *cloud : clouds)
             m_uploadClouds.push_back(static_cast<tzGenericPointCloud *>(cloud));
+        if (!tzFileLoader::isSceneFile(path)) {
+            for (tzGenericPointCloud *cloud : m_uploadClouds)
+                applyDisplayOptions(cloud, path);
+        }
         m_uploadCloud = 0;
         m_uploadedPoints = 0;
         m_uploadTimer.start();
@@ -592,6 +631,54 @@ void tzMainWindow::openNextFile()
             [finish](const QString &error) { finish(false, error, false); });
     connect(m_loader, &tzFileLoader::cancelled, this, [finish] { finish(false, QString(), true); });
     m_loader->start();
+}
+
+std::vector<tzPointCloud *> tzMainWindow::selectedClouds() const
+{
+    std::vector<tzPointCloud *> clouds;
+    for (tzHObject *object : m_selected) {
+        if (auto *cloud = dynamic_cast<tzPointCloud *>(object))
+            clouds.push_back(cloud);
+    }
+    return clouds;
+}
+
+std::vector<tzPointCloud *> tzMainWindow::cloudsOf(tzHObject *object)
+{
+    std::vector<tzPointCloud *> clouds;
+    if (!object)
+        return clouds;
+    if (auto *cloud = dynamic_cast<tzPointCloud *>(object))
+        clouds.push_back(cloud);
+    tzHObject::Container children;
+    object->filterChildren(children, true, TZ_TYPES::POINT_CLOUD);
+    for (tzHObject *child : children) {
+        if (auto *cloud = dynamic_cast<tzPointCloud *>(child))
+            clouds.push_back(cloud);
+    }
+    return clouds;
+}
+
+void tzMainWindow::applyDisplayOptions(tzGenericPointCloud *opened, const QString &path)
+{
+    auto *cloud = dynamic_cast<tzPointCloud *>(opened);
+    if (!cloud)
+        return;
+    if (m_options.pointSize > 0)
+        cloud->setPointSize(quint8(m_options.pointSize));
+    if (m_options.colourMode < 0)
+        return;
+    const auto mode = tzPointDisplay::ColourMode(m_options.colourMode);
+    const QString lacking = tzCloudDisplayMenu::applyMode(cloud, mode);
+    if (!lacking.isEmpty()) {
+        printToConsole(
+            QStringLiteral("'%1': %2, shown by %3 instead of %4")
+                .arg(path, lacking,
+                     tzPointDisplay::modeName(cloud->plainColour() ? tzPointDisplay::ColourMode::Rgb
+                                                                   : cloud->colourMode()),
+                     tzPointDisplay::modeName(mode)),
+            WRN_CONSOLE_MESSAGE);
+    }
 }
 
 void tzMainWindow::uploadStep()

@@ -44,6 +44,10 @@ public:
         //! How many points go to the GPU in one step of a load's last phase (24 MB of
         //! coordinates); the event loop, and Cancel, run between the steps.
         unsigned uploadStepPoints = 2000000;
+        //! How every cloud opened is shown: a tzPointDisplay::ColourMode (-1: as it comes), a
+        //! point size (0: the view's).
+        int colourMode = -1;
+        int pointSize = 0;
     };
 
     explicit tzMainWindow(const Options &options);
@@ -115,6 +119,11 @@ private slots:
 
 private:
     void createMenus();
+    //! The selected clouds; the clouds in and under an object.
+    std::vector<tzPointCloud *> selectedClouds() const;
+    static std::vector<tzPointCloud *> cloudsOf(tzHObject *object);
+    //! Shows a cloud just opened as the command line asked.
+    void applyDisplayOptions(tzGenericPointCloud *cloud, const QString &path);
     void createStatusBar();
     //! The global coordinates of the cloud point under the last cursor position.
     void showCursorPoint();

@@ -3,6 +3,8 @@
 #include "tzDrawContext.h"
 #include "tzSerialization.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 
 using namespace tzSerialization;
@@ -110,28 +112,199 @@ void tzPointCloud::setColors(std::vector<tzRgb> &&colors)
     ++m_contentVersion;
 }
 
+void tzPointCloud::showColors(bool state)
+{
+    if (state == m_colorsShown)
+        return;
+    m_colorsShown = state;
+    ++m_displayVersion;
+}
+
+void tzPointCloud::setAttributes(std::vector<tzPointAttributes> &&attributes, quint8 kinds)
+{
+    m_attributes = kinds ? std::move(attributes) : std::vector<tzPointAttributes> {};
+    m_attributeKinds = m_attributes.empty() ? 0 : kinds;
+    ++m_contentVersion;
+}
+
 void tzPointCloud::reset()
 {
     m_colors = {};
+    m_attributes = {};
+    m_attributeKinds = 0;
     tzGenericPointCloud::reset();
 }
 
 void tzPointCloud::onPointsChanged()
 {
     tzGenericPointCloud::onPointsChanged();
-    // Points added one by one after colours were given get a default colour.
+    // Points added one by one after colours or attributes were given get default ones.
     if (!m_colors.empty() && m_colors.size() < m_points.size())
         m_colors.resize(m_points.size());
+    if (!m_attributes.empty() && m_attributes.size() < m_points.size())
+        m_attributes.resize(m_points.size());
 }
+
+// ---------------------------------------------------------------- display
+
+bool tzPointCloud::canShow(ColourMode mode) const
+{
+    switch (mode) {
+    case ColourMode::Rgb:
+        return hasColors();
+    case ColourMode::Intensity:
+        return hasAttribute(tzPointDisplay::INTENSITY);
+    case ColourMode::Classification:
+        return hasAttribute(tzPointDisplay::CLASSIFICATION);
+    case ColourMode::Elevation:
+        return true;
+    }
+    return false;
+}
+
+tzPointCloud::ColourMode tzPointCloud::colourMode() const
+{
+    if (m_modeChosen && canShow(m_colourMode))
+        return m_colourMode;
+    return ColourMode::Rgb;
+}
+
+bool tzPointCloud::plainColour() const
+{
+    return colourMode() == ColourMode::Rgb && !(hasColors() && m_colorsShown);
+}
+
+bool tzPointCloud::setColourMode(ColourMode mode)
+{
+    if (!canShow(mode))
+        return false;
+    if (!m_modeChosen || m_colourMode != mode) {
+        m_modeChosen = true;
+        m_colourMode = mode;
+        ++m_displayVersion;
+    }
+    return true;
+}
+
+void tzPointCloud::updateStatistics() const
+{
+    Statistics &s = m_statistics;
+    if (s.version == m_contentVersion)
+        return;
+    s = Statistics {};
+    s.version = m_contentVersion;
+    const size_t n = m_points.size();
+    if (n == 0)
+        return;
+    // The percentiles from a sample of at most a million points, spread over the cloud (a
+    // survey's points come in scan order); exact for smaller clouds.
+    const size_t stride = std::max<size_t>(1, n / 1000000);
+    const auto percentile = [](std::vector<float> &values, double p) {
+        const size_t k = std::min(values.size() - 1, size_t(p * double(values.size() - 1) + 0.5));
+        std::nth_element(values.begin(), values.begin() + std::ptrdiff_t(k), values.end());
+        return values[k];
+    };
+    std::vector<float> sample;
+    sample.reserve(n / stride + 1);
+    for (size_t i = 0; i < n; i += stride)
+        sample.push_back(m_points[i].z);
+    s.zLow = percentile(sample, 0.02);
+    s.zHigh = percentile(sample, 0.98);
+    if (hasAttribute(tzPointDisplay::INTENSITY)) {
+        sample.clear();
+        for (size_t i = 0; i < n; i += stride)
+            sample.push_back(float(m_attributes[i].intensity));
+        s.intensityLow = quint16(percentile(sample, 0.02));
+        s.intensityHigh = quint16(percentile(sample, 0.98));
+    }
+    if (hasAttribute(tzPointDisplay::CLASSIFICATION)) {
+        for (const tzPointAttributes &a : m_attributes)
+            ++s.classCounts[a.classification];
+    }
+}
+
+void tzPointCloud::elevationRange(double &low, double &high) const
+{
+    if (m_elevationRangeSet) {
+        low = m_elevationLow;
+        high = m_elevationHigh;
+        return;
+    }
+    updateStatistics();
+    // Back to global z.
+    low = double(m_statistics.zLow) / m_globalScale - m_globalShift.z;
+    high = double(m_statistics.zHigh) / m_globalScale - m_globalShift.z;
+}
+
+void tzPointCloud::setElevationRange(double low, double high)
+{
+    if (!std::isfinite(low) || !std::isfinite(high))
+        return;
+    m_elevationRangeSet = true;
+    m_elevationLow = std::min(low, high);
+    m_elevationHigh = std::max(low, high);
+    ++m_displayVersion;
+}
+
+void tzPointCloud::resetElevationRange()
+{
+    m_elevationRangeSet = false;
+    ++m_displayVersion;
+}
+
+void tzPointCloud::intensityRange(quint16 &low, quint16 &high) const
+{
+    updateStatistics();
+    low = m_statistics.intensityLow;
+    high = m_statistics.intensityHigh;
+}
+
+void tzPointCloud::showClass(int classification, bool shown)
+{
+    if (classification < 0 || classification > 255 || isClassShown(classification) == shown)
+        return;
+    m_hiddenClasses[size_t(classification)] = !shown;
+    ++m_displayVersion;
+}
+
+bool tzPointCloud::isPointShown(unsigned index) const
+{
+    return colourMode() != ColourMode::Classification || m_hiddenClasses.none()
+        || index >= m_attributes.size() || isClassShown(m_attributes[index].classification);
+}
+
+const std::array<quint32, 256> &tzPointCloud::classCounts() const
+{
+    updateStatistics();
+    return m_statistics.classCounts;
+}
+
+// ---------------------------------------------------------------- scene files
 
 bool tzPointCloud::toFile_MeOnly(QIODevice &out) const
 {
     if (!tzGenericPointCloud::toFile_MeOnly(out))
         return false;
     static_assert(sizeof(tzRgb) == 3, "colours are written as packed bytes");
-    const bool ok = write<quint8>(out, hasColors())
+    bool ok = write<quint8>(out, hasColors())
         && (!hasColors() || writeBytes(out, m_colors.data(), qint64(m_colors.size() * 3)))
         && write<quint8>(out, m_colorsShown) && write<quint8>(out, m_sfShown);
+    if (writtenVersion() < 22)
+        return ok || fail(WriteError);
+    // Since version 22: the attributes and how the points are shown.
+    ok = ok && write<quint8>(out, m_attributeKinds)
+        && (!m_attributeKinds
+            || writeBytes(out, m_attributes.data(),
+                          qint64(m_attributes.size() * sizeof(tzPointAttributes))))
+        && write<quint8>(out, m_modeChosen ? quint8(m_colourMode) : quint8(0xff))
+        && write<quint8>(out, m_elevationRangeSet) && write(out, m_elevationLow)
+        && write(out, m_elevationHigh);
+    for (size_t word = 0; ok && word < 8; ++word) {
+        quint32 bits = 0;
+        for (size_t b = 0; b < 32; ++b)
+            bits |= quint32(m_hiddenClasses[word * 32 + b]) << b;
+        ok = write(out, bits);
+    }
     return ok || fail(WriteError);
 }
 
@@ -139,25 +312,53 @@ bool tzPointCloud::fromFile_MeOnly(QIODevice &in, short dataVersion, LoadedIDMap
 {
     if (!tzGenericPointCloud::fromFile_MeOnly(in, dataVersion, oldToNew))
         return false;
+    const auto sized = [&](auto &values, quint64 bytesEach) {
+        if (!hasRoomFor(in, quint64(size()) * bytesEach))
+            return fail(ReadError);
+        try {
+            values.resize(size());
+        } catch (const std::bad_alloc &) {
+            return fail(MemoryError);
+        }
+        return readBytes(in, values.data(), qint64(values.size() * bytesEach)) || fail(ReadError);
+    };
     quint8 withColors = 0, shown = 0, sf = 0;
     if (!read(in, withColors))
         return fail(ReadError);
     std::vector<tzRgb> colors;
-    if (withColors) {
-        if (!hasRoomFor(in, quint64(size()) * 3))
-            return fail(ReadError);
-        try {
-            colors.resize(size());
-        } catch (const std::bad_alloc &) {
-            return fail(MemoryError);
-        }
-        if (!readBytes(in, colors.data(), qint64(colors.size() * 3)))
-            return fail(ReadError);
-    }
+    if (withColors && !sized(colors, 3))
+        return false;
     if (!read(in, shown) || !read(in, sf))
         return fail(ReadError);
+    std::vector<tzPointAttributes> attributes;
+    quint8 kinds = 0, mode = 0xff, rangeSet = 0;
+    double rangeLow = 0, rangeHigh = 0;
+    std::bitset<256> hidden;
+    if (dataVersion >= 22) {
+        if (!read(in, kinds) || (kinds && !sized(attributes, sizeof(tzPointAttributes))))
+            return kinds ? false : fail(ReadError);
+        if (!read(in, mode) || !read(in, rangeSet) || !read(in, rangeLow) || !read(in, rangeHigh))
+            return fail(ReadError);
+        for (size_t word = 0; word < 8; ++word) {
+            quint32 bits = 0;
+            if (!read(in, bits))
+                return fail(ReadError);
+            for (size_t b = 0; b < 32; ++b)
+                hidden[word * 32 + b] = (bits >> b) & 1;
+        }
+    }
     m_colors = std::move(colors);
     m_colorsShown = shown;
     m_sfShown = sf;
+    m_attributes = std::move(attributes);
+    m_attributeKinds = m_attributes.empty() ? 0 : kinds;
+    m_modeChosen = mode < tzPointDisplay::COLOUR_MODES;
+    m_colourMode = m_modeChosen ? ColourMode(mode) : ColourMode::Rgb;
+    m_elevationRangeSet = rangeSet && std::isfinite(rangeLow) && std::isfinite(rangeHigh);
+    m_elevationLow = rangeLow;
+    m_elevationHigh = rangeHigh;
+    m_hiddenClasses = hidden;
+    ++m_contentVersion;
+    ++m_displayVersion;
     return true;
 }

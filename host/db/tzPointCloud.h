@@ -4,7 +4,10 @@
 #include "PointCloudTpl.h"
 #include "qtz_db_global.h"
 #include "tzHObject.h"
+#include "tzPointDisplay.h"
 
+#include <array>
+#include <bitset>
 #include <memory>
 #include <vector>
 
@@ -75,10 +78,13 @@ protected:
     std::unique_ptr<TZLib::Octree> m_octree;
 };
 
-//! A point cloud with optional colours and display options.
+//! A point cloud with optional colours, optional survey attributes (intensity, classification,
+//! returns) and how its points are shown (colour mode, elevation range, hidden classes).
 class QTZ_DB_LIB_API tzPointCloud : public tzGenericPointCloud
 {
 public:
+    using ColourMode = tzPointDisplay::ColourMode;
+
     explicit tzPointCloud(const QString &name = QString());
 
     bool hasColors() const { return !m_colors.empty(); }
@@ -94,14 +100,62 @@ public:
     const tzRgb *colorData() const { return m_colors.data(); }
     void unallocateColors() { m_colors = {}; }
 
-    bool colorsShown() const { return m_colorsShown && hasColors(); }
-    void showColors(bool state)
+    //! Whether the colours are shown when the cloud is shown by RGB.
+    bool colorsShown() const
     {
-        m_colorsShown = state;
-        ++m_contentVersion;
+        return m_colorsShown && hasColors() && colourMode() == ColourMode::Rgb;
     }
+    void showColors(bool state);
     bool sfShown() const { return m_sfShown; }
     void showSF(bool state) { m_sfShown = state; }
+
+    // Attributes.
+
+    //! The attributes the cloud's file had (tzPointDisplay::Attribute bits); 0: none kept.
+    quint8 attributeKinds() const { return m_attributeKinds; }
+    bool hasAttribute(tzPointDisplay::Attribute attribute) const
+    {
+        return (m_attributeKinds & attribute) != 0;
+    }
+    //! One value per point, or none (kinds 0); kinds says which fields the file gave.
+    void setAttributes(std::vector<tzPointAttributes> &&attributes, quint8 kinds);
+    const tzPointAttributes *attributeData() const { return m_attributes.data(); }
+    const tzPointAttributes &getPointAttributes(unsigned index) const
+    {
+        return m_attributes.at(index);
+    }
+
+    // How the points are shown.
+
+    //! Whether the cloud has what a mode shows (elevation: always).
+    bool canShow(ColourMode mode) const;
+    //! The mode shown: the one chosen when the cloud can show it, else RGB when it has colours,
+    //! else none (plain colour).
+    ColourMode colourMode() const;
+    //! Whether the points are drawn in one plain colour (no mode chosen, no colours).
+    bool plainColour() const;
+    //! False (nothing changed) when the cloud cannot show the mode.
+    bool setColourMode(ColourMode mode);
+    //! The global z range of the elevation ramp: the 2nd and 98th percentiles of z unless set.
+    void elevationRange(double &low, double &high) const;
+    bool elevationRangeSet() const { return m_elevationRangeSet; }
+    void setElevationRange(double low, double high);
+    void resetElevationRange();
+    //! The intensities the grey ramp stretches between: the 2nd and 98th percentiles.
+    void intensityRange(quint16 &low, quint16 &high) const;
+    bool isClassShown(int classification) const
+    {
+        return classification < 0 || classification > 255
+            || !m_hiddenClasses[size_t(classification)];
+    }
+    void showClass(int classification, bool shown);
+    //! Whether a point is drawn (its class is not hidden, when shown by classification).
+    bool isPointShown(unsigned index) const;
+    //! How many points each class has (all zero without classification).
+    const std::array<quint32, 256> &classCounts() const;
+    //! Grows whenever how the points are coloured changes (the views redraw, their buffers of
+    //! points stay).
+    quint64 displayVersion() const { return m_displayVersion; }
 
     void reset() override;
 
@@ -109,8 +163,27 @@ protected:
     void onPointsChanged() override;
     bool toFile_MeOnly(QIODevice &out) const override;
     bool fromFile_MeOnly(QIODevice &in, short dataVersion, LoadedIDMap &oldToNew) override;
+    //! The percentiles and class counts, computed once per content.
+    void updateStatistics() const;
 
     std::vector<tzRgb> m_colors;
+    std::vector<tzPointAttributes> m_attributes;
+    quint8 m_attributeKinds = 0;
     bool m_colorsShown = true;
     bool m_sfShown = false;
+    bool m_modeChosen = false;
+    ColourMode m_colourMode = ColourMode::Rgb;
+    bool m_elevationRangeSet = false;
+    double m_elevationLow = 0, m_elevationHigh = 0; // global z, when set
+    std::bitset<256> m_hiddenClasses;
+    quint64 m_displayVersion = 0;
+
+    struct Statistics
+    {
+        quint64 version = ~quint64(0); // the content version they were computed for
+        float zLow = 0, zHigh = 0; // local
+        quint16 intensityLow = 0, intensityHigh = 0;
+        std::array<quint32, 256> classCounts {};
+    };
+    mutable Statistics m_statistics;
 };

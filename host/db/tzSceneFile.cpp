@@ -57,9 +57,12 @@ bool write(const tzHObject *root, QIODevice &out, short dataVersion)
 {
     if (!root)
         return false;
-    return (writeBytes(out, MAGIC, 4) && tzSerialization::write<quint16>(out, quint16(dataVersion)))
-        ? root->toFile(out)
-        : fail(WriteError);
+    if (!writeBytes(out, MAGIC, 4) || !tzSerialization::write<quint16>(out, quint16(dataVersion)))
+        return fail(WriteError);
+    tzSerialization::setWrittenVersion(dataVersion);
+    const bool written = root->toFile(out);
+    tzSerialization::setWrittenVersion(CURRENT_DATA_VERSION);
+    return written;
 }
 
 namespace {

@@ -12,7 +12,7 @@
 
 namespace tzSceneFile {
 
-constexpr short CURRENT_DATA_VERSION = 21;
+constexpr short CURRENT_DATA_VERSION = 22;
 constexpr short OLDEST_DATA_VERSION = 20;
 
 //! Writes the scene under root to a temporary file and renames it over path: a failed save

@@ -2,7 +2,7 @@
 
 #include "tzLog.h"
 
-
+#include <climits>
 #include <limits>
 
 namespace tzSerialization {
@@ -15,6 +15,20 @@ bool fail(const char *text)
 {
     tzLog::Error(QString::fromLatin1(text));
     return false;
+}
+
+namespace {
+thread_local short t_writtenVersion = SHRT_MAX;
+}
+
+short writtenVersion()
+{
+    return t_writtenVersion;
+}
+
+void setWrittenVersion(short version)
+{
+    t_writtenVersion = version;
 }
 
 bool writeBytes(QIODevice &out, const void *data, qint64 size)

@@ -18,6 +18,11 @@ QTZ_DB_LIB_API extern const char *const MemoryError; // "Not enough memory"
 //! Logs the text as an error and returns false, for one-line failure exits.
 QTZ_DB_LIB_API bool fail(const char *text);
 
+//! The data version of the scene file being written on this thread: objects leave out what a
+//! file of an older version does not hold (tzSceneFile::write sets it).
+QTZ_DB_LIB_API short writtenVersion();
+QTZ_DB_LIB_API void setWrittenVersion(short version);
+
 QTZ_DB_LIB_API bool writeBytes(QIODevice &out, const void *data, qint64 size);
 QTZ_DB_LIB_API bool readBytes(QIODevice &in, void *data, qint64 size);
 

@@ -73,12 +73,17 @@ public:
     {
     }
 
-    void reserve(size_t n, bool colors)
+    void reserve(size_t n, bool colors, bool attributes = false)
     {
         try {
             m_points.reserve(n);
             if (colors)
                 m_colors.reserve(n);
+            if (attributes) {
+                m_attributes.reserve(n);
+                if (m_attributeKinds & tzPointDisplay::INTENSITY)
+                    m_rawIntensities.reserve(n);
+            }
         } catch (const std::bad_alloc &) {
             failWith(QStringLiteral("not enough memory for %1 points").arg(n));
         }
@@ -108,13 +113,35 @@ public:
     //! The global shift decided (zero until then).
     const TZVector3d &shift() const { return m_shift; }
 
-    //! The cloud of points and colours made elsewhere (in the shift decided here).
+    //! The cloud of points, colours and attributes made elsewhere (in the shift decided here);
+    //! attributeKinds says which attributes the file gave (none: the array may be empty).
     tzPointCloud *finish(const QString &name, std::vector<TZVector3> &&points,
-                         std::vector<tzRgb> &&colors)
+                         std::vector<tzRgb> &&colors,
+                         std::vector<tzPointAttributes> &&attributes = {},
+                         quint8 attributeKinds = 0)
     {
         m_points = std::move(points);
         m_colors = std::move(colors);
+        m_attributes = std::move(attributes);
+        m_attributeKinds = attributeKinds;
         return finish(name);
+    }
+
+    //! Keeps these attributes of the points added one by one (addAttributes after each add).
+    void keepAttributes(quint8 kinds) { m_attributeKinds = kinds; }
+    //! The attributes of the point added last, as the file gives them: intensities of any
+    //! range (they are fitted to 16 bits at the end), class and returns as numbers.
+    void addAttributes(double intensity, double classification, double returnNumber,
+                       double numberOfReturns)
+    {
+        const auto small
+            = [](double v, int max) { return quint8(std::clamp(v, 0.0, double(max))); };
+        tzPointAttributes a;
+        a.classification = small(classification, 255);
+        a.returns = quint8(small(returnNumber, 15) | small(numberOfReturns, 15) << 4);
+        m_attributes.push_back(a);
+        if (m_attributeKinds & tzPointDisplay::INTENSITY)
+            m_rawIntensities.push_back(std::isfinite(intensity) ? float(intensity) : 0.f);
     }
 
     tzPointCloud *finish(const QString &name)
@@ -125,17 +152,78 @@ public:
             failWith(QStringLiteral("colours for %1 of %2 points")
                          .arg(m_colors.size())
                          .arg(m_points.size()));
+        fitIntensities();
+        dropEmptyAttributes();
+        const bool withAttributes = m_attributeKinds != 0;
+        if (withAttributes && m_attributes.size() != m_points.size())
+            failWith(QStringLiteral("attributes for %1 of %2 points")
+                         .arg(m_attributes.size())
+                         .arg(m_points.size()));
         cloud->setPoints(std::move(m_points));
         if (withColors)
             cloud->setColors(std::move(m_colors));
+        if (withAttributes)
+            cloud->setAttributes(std::move(m_attributes), m_attributeKinds);
+        // A survey without colours is shown by elevation, which tells ground from roofs.
+        if (!withColors)
+            cloud->setColourMode(tzPointDisplay::ColourMode::Elevation);
         cloud->setGlobalShift(m_shift);
         return cloud.release();
     }
 
 private:
+    //! The intensities added one by one, as 16-bit values: kept as they are when they are
+    //! whole numbers of 0 to 65535, else stretched from their range (fractions of 1, the signed
+    //! values of some scanners' text exports).
+    void fitIntensities()
+    {
+        if (m_rawIntensities.empty() || m_rawIntensities.size() != m_attributes.size())
+            return;
+        const auto [lo, hi] = std::minmax_element(m_rawIntensities.begin(), m_rawIntensities.end());
+        const float low = *lo, high = *hi;
+        const bool asTheyAre = low >= 0 && high <= 65535
+            && std::all_of(m_rawIntensities.begin(), m_rawIntensities.end(),
+                           [](float v) { return v == std::floor(v); });
+        const double scale = high > low ? 65535.0 / (double(high) - low) : 0.0;
+        for (size_t i = 0; i < m_rawIntensities.size(); ++i) {
+            const float v = m_rawIntensities[i];
+            m_attributes[i].intensity
+                = asTheyAre ? quint16(v) : quint16(std::lround((double(v) - low) * scale));
+        }
+        m_rawIntensities = {};
+    }
+
+    //! Forgets the attributes whose values are all zero (fields a writer left empty): nothing
+    //! to show, and a cloud with none costs nothing more.
+    void dropEmptyAttributes()
+    {
+        if (m_attributeKinds == 0 || m_attributes.empty()) {
+            m_attributeKinds = 0;
+            m_attributes = {};
+            return;
+        }
+        quint32 intensity = 0, classification = 0, returns = 0;
+        for (const tzPointAttributes &a : m_attributes) {
+            intensity |= a.intensity;
+            classification |= a.classification;
+            returns |= a.returns;
+        }
+        if (!intensity)
+            m_attributeKinds &= ~quint8(tzPointDisplay::INTENSITY);
+        if (!classification)
+            m_attributeKinds &= ~quint8(tzPointDisplay::CLASSIFICATION);
+        if (!returns)
+            m_attributeKinds &= ~quint8(tzPointDisplay::RETURNS);
+        if (m_attributeKinds == 0)
+            m_attributes = {};
+    }
+
     const LoadOptions &m_options;
     std::vector<TZVector3> m_points;
     std::vector<tzRgb> m_colors;
+    std::vector<tzPointAttributes> m_attributes;
+    std::vector<float> m_rawIntensities;
+    quint8 m_attributeKinds = 0;
     TZVector3d m_shift;
     bool m_shiftDecided = false;
 };

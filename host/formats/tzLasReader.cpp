@@ -104,6 +104,10 @@ void decideShift(CloudBuilder &builder, const LasHeader &header, const uchar *fi
     builder.decideShift(boxValid ? centre : first);
 }
 
+//! Every point format has intensity, classification and returns.
+constexpr quint8 LAS_ATTRIBUTES
+    = tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION | tzPointDisplay::RETURNS;
+
 //! Turns records into the cloud's local points (and 8-bit colours, the high bytes of 16-bit
 //! values, or the values themselves where the file put 8-bit values in the 16-bit fields).
 struct RecordConverter
@@ -134,6 +138,26 @@ struct RecordConverter
         }
         return false;
     }
+    //! Intensity, classification and returns, where each point format keeps them.
+    void attributes(const uchar *records, size_t count, tzPointAttributes *out) const
+    {
+        const size_t length = header.recordLength;
+        const bool extended = header.format >= 6;
+        for (size_t i = 0; i < count; ++i) {
+            const uchar *rec = records + i * length;
+            tzPointAttributes &a = out[i];
+            a.intensity = loadAs<quint16>(rec + 12, false);
+            if (extended) {
+                // Return number and number of returns: 4 bits each; the class has a byte.
+                a.returns = quint8((rec[14] & 0x0f) | (rec[14] & 0xf0));
+                a.classification = rec[16];
+            } else {
+                // 3 bits each; the class is the low 5 bits (the others are flags).
+                a.returns = quint8((rec[14] & 0x07) | ((rec[14] >> 3) & 0x07) << 4);
+                a.classification = rec[15] & 0x1f;
+            }
+        }
+    }
     void colours(const uchar *records, size_t count, bool wide, tzRgb *out) const
     {
         const int shift = wide ? 8 : 0;
@@ -162,7 +186,9 @@ tzPointCloud *readPlain(const Bytes &in, const LasHeader &header, const QString 
     const RecordConverter convert {header, builder.shift()};
     std::vector<TZVector3> points;
     std::vector<tzRgb> colours;
+    std::vector<tzPointAttributes> attributes;
     allocate(points, n);
+    allocate(attributes, n);
     const bool withColours = header.rgbOffset >= 0;
     if (withColours)
         allocate(colours, n);
@@ -172,11 +198,13 @@ tzPointCloud *readPlain(const Bytes &in, const LasHeader &header, const QString 
         const size_t count = std::min(STEP, n - done);
         const uchar *records = data + done * header.recordLength;
         convert.points(records, count, points.data() + done);
+        convert.attributes(records, count, attributes.data() + done);
         if (withColours)
             convert.colours(records, count, wide, colours.data() + done);
         builder.progress(done + count, n);
     }
-    return builder.finish(name, std::move(points), std::move(colours));
+    return builder.finish(name, std::move(points), std::move(colours), std::move(attributes),
+                          LAS_ATTRIBUTES);
 }
 
 // ---------------------------------------------------------------- LAZ
@@ -242,7 +270,7 @@ class LazDecoding
 public:
     LazDecoding(const Bytes &in, const LasHeader &header, const tzLaz::Description &description,
                 const RecordConverter &convert, std::vector<tzLaz::Chunk> chunks, TZVector3 *points,
-                tzRgb *colours)
+                tzRgb *colours, tzPointAttributes *attributes)
         : m_in(in)
         , m_header(header)
         , m_description(description)
@@ -250,6 +278,7 @@ public:
         , m_chunks(std::move(chunks))
         , m_points(points)
         , m_colours(colours)
+        , m_attributes(attributes)
         , m_wideChunk(m_chunks.size(), 0)
     {
         size_t first = 0;
@@ -326,6 +355,7 @@ private:
                 break;
             }
             m_convert.points(records.data(), chunk.points, m_points + m_firstPoint[c]);
+            m_convert.attributes(records.data(), chunk.points, m_attributes + m_firstPoint[c]);
             if (m_colours) {
                 const bool wide = m_convert.wideColours(records.data(), chunk.points);
                 m_wideChunk[c] = wide;
@@ -353,6 +383,7 @@ private:
     std::vector<size_t> m_firstPoint;
     TZVector3 *m_points;
     tzRgb *m_colours;
+    tzPointAttributes *m_attributes;
     std::vector<char> m_wideChunk;
     std::atomic<size_t> m_next {0};
     std::atomic<size_t> m_pointsDone {0};
@@ -436,17 +467,20 @@ tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QSt
     const RecordConverter convert {header, builder.shift()};
     std::vector<TZVector3> points;
     std::vector<tzRgb> colours;
+    std::vector<tzPointAttributes> attributes;
     allocate(points, n);
+    allocate(attributes, n);
     if (header.rgbOffset >= 0)
         allocate(colours, n);
     const unsigned threads = unsigned(std::max<size_t>(
         1, std::min<size_t>(std::max(1u, std::thread::hardware_concurrency()), chunks.size())));
     LazDecoding decoding(in, header, description, convert, std::move(chunks), points.data(),
-                         colours.empty() ? nullptr : colours.data());
+                         colours.empty() ? nullptr : colours.data(), attributes.data());
     decoding.run(threads, builder, n);
     if (!colours.empty() && decoding.wide())
         decoding.narrowColoursOfNarrowChunks();
-    return builder.finish(name, std::move(points), std::move(colours));
+    return builder.finish(name, std::move(points), std::move(colours), std::move(attributes),
+                          LAS_ATTRIBUTES);
 }
 
 // ---------------------------------------------------------------- conversion

@@ -138,9 +138,23 @@ struct PlyHeader
     size_t bodyOffset = 0;
     size_t vertex = 0; // index in elements
     int x = -1, y = -1, z = -1, red = -1, green = -1, blue = -1;
+    int intensity = -1, classification = -1, returnNumber = -1, numberOfReturns = -1;
 
     const PlyElement &vertices() const { return elements[vertex]; }
     bool withColors() const { return red >= 0 && green >= 0 && blue >= 0; }
+    quint8 attributeKinds() const
+    {
+        return quint8((intensity >= 0 ? tzPointDisplay::INTENSITY : 0)
+                      | (classification >= 0 ? tzPointDisplay::CLASSIFICATION : 0)
+                      | (returnNumber >= 0 || numberOfReturns >= 0 ? tzPointDisplay::RETURNS : 0));
+    }
+    //! Adds the attributes of a vertex, value(column) giving its values.
+    template<typename Value> void addAttributes(CloudBuilder &builder, const Value &value) const
+    {
+        const auto at = [&](int column) { return column >= 0 ? value(column) : 0.0; };
+        builder.addAttributes(at(intensity), at(classification), at(returnNumber),
+                              at(numberOfReturns));
+    }
     PlyType typeOf(int column) const { return vertices().properties[size_t(column)].type; }
 };
 
@@ -238,6 +252,11 @@ PlyHeader parsePlyHeader(const Bytes &in)
     header.red = vertex.find({"red", "r", "diffuse_red"});
     header.green = vertex.find({"green", "g", "diffuse_green"});
     header.blue = vertex.find({"blue", "b", "diffuse_blue"});
+    // The survey attributes, under their names or with the prefix some programs add.
+    header.intensity = vertex.find({"intensity", "scalar_intensity"});
+    header.classification = vertex.find({"classification", "scalar_classification"});
+    header.returnNumber = vertex.find({"return_number", "scalar_return_number"});
+    header.numberOfReturns = vertex.find({"number_of_returns", "scalar_number_of_returns"});
     if (vertex.count > 0xffffffffull)
         failWith(QStringLiteral("too many vertices (%1)").arg(vertex.count));
     if (vertex.hasList())
@@ -261,7 +280,8 @@ void readPlyAscii(const Bytes &in, const PlyHeader &header, CloudBuilder &builde
     }
     const PlyElement &vertex = header.vertices();
     const size_t n = size_t(vertex.count);
-    builder.reserve(n, header.withColors());
+    builder.keepAttributes(header.attributeKinds());
+    builder.reserve(n, header.withColors(), header.attributeKinds() != 0);
     std::vector<double> values(vertex.properties.size());
     for (size_t i = 0; i < n; ++i) {
         for (size_t k = 0; k < values.size(); ++k) {
@@ -279,6 +299,8 @@ void readPlyAscii(const Bytes &in, const PlyHeader &header, CloudBuilder &builde
                               plyColor(values[size_t(header.green)], header.typeOf(header.green)),
                               plyColor(values[size_t(header.blue)], header.typeOf(header.blue))});
         }
+        if (header.attributeKinds())
+            header.addAttributes(builder, [&](int column) { return values[size_t(column)]; });
         if ((i & 0xfffff) == 0)
             builder.progress(i, n);
     }
@@ -309,7 +331,8 @@ void readPlyBinary(const Bytes &in, const PlyHeader &header, CloudBuilder &build
         offsets[k] = o;
         o += plySize(vertex.properties[k].type);
     }
-    builder.reserve(n, header.withColors());
+    builder.keepAttributes(header.attributeKinds());
+    builder.reserve(n, header.withColors(), header.attributeKinds() != 0);
     const auto value = [&](const uchar *record, int column) {
         return plyValue(record + offsets[size_t(column)], header.typeOf(column), swap);
     };
@@ -323,6 +346,8 @@ void readPlyBinary(const Bytes &in, const PlyHeader &header, CloudBuilder &build
         if (header.withColors())
             builder.addColor(
                 {colour(rec, header.red), colour(rec, header.green), colour(rec, header.blue)});
+        if (header.attributeKinds())
+            header.addAttributes(builder, [&](int column) { return value(rec, column); });
         if ((i & 0xfffff) == 0)
             builder.progress(i, n);
     }

@@ -6,6 +6,9 @@
 //   x y z intensity r g b       .pts (after a first line holding the point count)
 //   x y z nx ny nz              .xyzn
 //
+// Intensity and classification are kept where the layout or the header names them
+// ("intensity", "i", "reflectance"; "classification", "class").
+//
 // Numbers are separated by blanks, tabs, commas or semicolons; a file whose numbers are separated
 // by semicolons and written with decimal commas ("652345,12;6862345,33;123,4") is read as such.
 // Lines starting with '#' or "//" are comments, except a first line that names the columns
@@ -29,6 +32,7 @@ struct Columns
 {
     int xyz[3] = {0, 1, 2};
     int rgb[3] = {-1, -1, -1};
+    int intensity = -1, classification = -1;
     bool fractions = false; // the header says the colours are 0-1 fractions
     bool named = false; // taken from a header line
     int needed() const
@@ -36,7 +40,7 @@ struct Columns
         int n = 0;
         for (int d = 0; d < 3; ++d)
             n = std::max({n, xyz[d] + 1, rgb[d] + 1});
-        return n;
+        return std::max({n, intensity + 1, classification + 1});
     }
 };
 
@@ -137,6 +141,10 @@ bool readNames(const Line &line, Columns &columns)
             found.rgb[1] = i, fractions += name == QLatin1String("gf");
         else if (is({"b", "blue", "bf"}))
             found.rgb[2] = i, fractions += name == QLatin1String("bf");
+        else if (is({"intensity", "i", "int", "reflectance"}))
+            found.intensity = i;
+        else if (is({"classification", "class"}))
+            found.classification = i;
     }
     if (found.xyz[0] < 0 || found.xyz[1] < 0 || found.xyz[2] < 0)
         return false;
@@ -154,7 +162,10 @@ Columns columnsByCount(int count, const QString &kind)
     Columns columns;
     if (kind == QLatin1String("xyzn"))
         return columns; // normals, no colours
-    if (count == 7) {
+    if (count == 4 && kind == QLatin1String("pts")) {
+        columns.intensity = 3;
+    } else if (count == 7) {
+        columns.intensity = 3;
         columns.rgb[0] = 4; // x y z intensity r g b
         columns.rgb[1] = 5;
         columns.rgb[2] = 6;
@@ -231,7 +242,10 @@ tzPointCloud *readText(const Bytes &in, const QString &name, const QString &kind
                              .arg(columns.needed())
                              .arg(quoted(line)));
             withColors = columns.rgb[0] >= 0;
-            builder.reserve(expected, false);
+            builder.keepAttributes(
+                quint8((columns.intensity >= 0 ? tzPointDisplay::INTENSITY : 0)
+                       | (columns.classification >= 0 ? tzPointDisplay::CLASSIFICATION : 0)));
+            builder.reserve(expected, false, columns.intensity >= 0 || columns.classification >= 0);
             if (withColors)
                 colors.reserve(3 * expected);
             layoutKnown = true;
@@ -248,6 +262,11 @@ tzPointCloud *readText(const Bytes &in, const QString &name, const QString &kind
         double rgb[3] = {0, 0, 0};
         for (int d = 0; d < 3 && ok && withColors; ++d)
             ok = number(token[columns.rgb[d]], decimalComma, rgb[d]);
+        double intensity = 0, classification = 0;
+        if (ok && columns.intensity >= 0)
+            ok = number(token[columns.intensity], decimalComma, intensity);
+        if (ok && columns.classification >= 0)
+            ok = number(token[columns.classification], decimalComma, classification);
         if (!ok)
             failWith(QStringLiteral("line %1: expected %2 numbers, got '%3'")
                          .arg(lineNumber)
@@ -258,6 +277,8 @@ tzPointCloud *readText(const Bytes &in, const QString &name, const QString &kind
             continue;
         }
         builder.add(xyz[0], xyz[1], xyz[2]);
+        if (columns.intensity >= 0 || columns.classification >= 0)
+            builder.addAttributes(intensity, classification, 0, 0);
         for (int d = 0; d < 3 && withColors; ++d) {
             const float c = std::isfinite(rgb[d]) ? float(rgb[d]) : 0.f;
             colors.push_back(c);

@@ -4,8 +4,93 @@
 #include "tzPointCloud.h"
 
 #include <QOpenGLFunctions_2_1>
+#include <QOpenGLShaderProgram>
+#include <QOpenGLTexture>
 
 #include <algorithm>
+
+using ColourMode = tzPointDisplay::ColourMode;
+
+namespace {
+
+// What the fragment shader colours a point by.
+enum ShaderMode : int {
+    BY_COLOUR = 0, // the point's colour array, or the one colour given
+    BY_INTENSITY = 1,
+    BY_ELEVATION = 2,
+    BY_CLASS = 3,
+};
+
+// A point's value along the mode's ramp (or its class, as a texture coordinate) is worked out
+// once per point; the fragments look it up, and drop what falls outside a round point or in a
+// hidden class.
+const char *const VERTEX_SHADER = R"(#version 120
+attribute float intensity;
+attribute float classification;
+uniform int mode;
+uniform vec2 range; // low end, 1 / (high - low)
+varying float along;
+void main()
+{
+    gl_Position = ftransform();
+    gl_FrontColor = gl_Color;
+    if (mode == 1)
+        along = clamp((intensity - range.x) * range.y, 0.0, 1.0);
+    else if (mode == 2)
+        along = clamp((gl_Vertex.z - range.x) * range.y, 0.0, 1.0);
+    else if (mode == 3)
+        along = (classification + 0.5) / 256.0;
+    else
+        along = 0.0;
+}
+)";
+
+const char *const FRAGMENT_SHADER = R"(#version 120
+uniform int mode;
+uniform bool round;
+uniform sampler2D ramp;
+uniform sampler2D classes;
+varying float along;
+void main()
+{
+    if (round) {
+        vec2 d = gl_PointCoord - vec2(0.5);
+        if (dot(d, d) > 0.25)
+            discard;
+    }
+    if (mode == 1) {
+        gl_FragColor = vec4(along, along, along, 1.0);
+    } else if (mode == 2) {
+        gl_FragColor = vec4(texture2D(ramp, vec2(along, 0.5)).rgb, 1.0);
+    } else if (mode == 3) {
+        vec4 c = texture2D(classes, vec2(along, 0.5));
+        if (c.a < 0.5)
+            discard;
+        gl_FragColor = vec4(c.rgb, 1.0);
+    } else {
+        gl_FragColor = gl_Color;
+    }
+}
+)";
+
+#ifndef GL_POINT_SPRITE
+#define GL_POINT_SPRITE 0x8861
+#endif
+
+std::unique_ptr<QOpenGLTexture> lookupTexture(QOpenGLTexture::TextureFormat format, int width)
+{
+    auto texture = std::make_unique<QOpenGLTexture>(QOpenGLTexture::Target2D);
+    texture->setSize(width, 1);
+    texture->setFormat(format);
+    texture->setMinMagFilters(QOpenGLTexture::Nearest, QOpenGLTexture::Nearest);
+    texture->setWrapMode(QOpenGLTexture::ClampToEdge);
+    texture->allocateStorage();
+    return texture;
+}
+
+} // namespace
+
+tzCloudBuffers::tzCloudBuffers() = default;
 
 tzCloudBuffers::~tzCloudBuffers()
 {
@@ -14,11 +99,13 @@ tzCloudBuffers::~tzCloudBuffers()
 
 void tzCloudBuffers::release()
 {
-    for (auto &kv : m_entries) {
-        kv.second.points.destroy();
-        kv.second.colors.destroy();
-    }
+    for (auto &kv : m_entries)
+        kv.second.destroy();
     m_entries.clear();
+    m_program.reset();
+    m_ramp.reset();
+    m_classes.reset();
+    m_programTried = false;
 }
 
 void tzCloudBuffers::beginFrame()
@@ -31,8 +118,7 @@ void tzCloudBuffers::endFrame()
 {
     for (auto it = m_entries.begin(); it != m_entries.end();) {
         if (!it->second.used && !it->second.pinned) {
-            it->second.points.destroy();
-            it->second.colors.destroy();
+            it->second.destroy();
             it = m_entries.erase(it);
         } else {
             ++it;
@@ -40,44 +126,96 @@ void tzCloudBuffers::endFrame()
     }
 }
 
-bool tzCloudBuffers::prepare(const tzGenericPointCloud &cloud, unsigned &done, unsigned count)
+void tzCloudBuffers::makeProgram()
 {
-    Entry &entry = m_entries[cloud.getUniqueID()];
-    entry.pinned = true;
+    m_programTried = true;
+    auto program = std::make_unique<QOpenGLShaderProgram>();
+    if (!program->addShaderFromSourceCode(QOpenGLShader::Vertex, VERTEX_SHADER)
+        || !program->addShaderFromSourceCode(QOpenGLShader::Fragment, FRAGMENT_SHADER)
+        || !program->link()) {
+        tzLog::Warning(QStringLiteral("[tzGLWindow] Clouds are drawn in their colours only: %1")
+                           .arg(program->log().trimmed()));
+        return;
+    }
+    m_intensityLocation = program->attributeLocation("intensity");
+    m_classLocation = program->attributeLocation("classification");
+    if (m_intensityLocation < 0 || m_classLocation < 0) {
+        tzLog::Warning(QStringLiteral("[tzGLWindow] Clouds are drawn in their colours only"));
+        return;
+    }
+    m_ramp = lookupTexture(QOpenGLTexture::RGB8_UNorm, 256);
+    m_ramp->setData(QOpenGLTexture::RGB, QOpenGLTexture::UInt8, tzPointDisplay::rampTable().data());
+    m_classes = lookupTexture(QOpenGLTexture::RGBA8_UNorm, 256);
+    m_program = std::move(program);
+}
+
+tzCloudBuffers::Extra tzCloudBuffers::extraOf(const tzGenericPointCloud &cloud) const
+{
     const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
-    const bool colours = coloured && coloured->colorsShown();
-    if (done == 0) {
-        // The buffers at their full size first, filled part by part below.
+    if (!coloured)
+        return Extra::None;
+    if (coloured->colorsShown())
+        return Extra::Colours;
+    const ColourMode mode = coloured->colourMode();
+    if (m_program && (mode == ColourMode::Intensity || mode == ColourMode::Classification))
+        return Extra::Attributes;
+    return Extra::None;
+}
+
+bool tzCloudBuffers::write(Entry &entry, const tzGenericPointCloud &cloud, unsigned from,
+                           unsigned to)
+{
+    const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
+    const Extra kind = extraOf(cloud);
+    const int extraSize = kind == Extra::Colours ? int(sizeof(tzRgb))
+        : kind == Extra::Attributes              ? int(sizeof(tzPointAttributes))
+                                                 : 0;
+    const void *extraData = kind == Extra::Colours
+        ? static_cast<const void *>(coloured->colorData())
+        : kind == Extra::Attributes ? static_cast<const void *>(coloured->attributeData())
+                                    : nullptr;
+    if (from == 0) {
+        // The buffers at their full size first, filled part by part.
         entry.version = ~quint64(0);
         entry.count = 0;
-        entry.hasColors = colours;
+        entry.kind = kind;
         if ((!entry.points.isCreated() && !entry.points.create())
-            || (colours && !entry.colors.isCreated() && !entry.colors.create()))
+            || (extraSize && !entry.extra.isCreated() && !entry.extra.create()))
             return false;
         entry.points.bind();
         entry.points.allocate(int(sizeof(TZVector3) * cloud.size()));
         entry.points.release();
-        if (colours) {
-            entry.colors.bind();
-            entry.colors.allocate(int(sizeof(tzRgb) * cloud.size()));
-            entry.colors.release();
+        if (extraSize) {
+            entry.extra.bind();
+            entry.extra.allocate(extraSize * int(cloud.size()));
+            entry.extra.release();
         } else {
-            entry.colors.destroy();
+            entry.extra.destroy();
         }
     }
-    const unsigned end = std::min(cloud.size(), done + count);
-    if (end > done) {
+    if (to > from) {
         entry.points.bind();
-        entry.points.write(int(sizeof(TZVector3) * done), cloud.data() + done,
-                           int(sizeof(TZVector3) * (end - done)));
+        entry.points.write(int(sizeof(TZVector3) * from), cloud.data() + from,
+                           int(sizeof(TZVector3) * (to - from)));
         entry.points.release();
-        if (colours) {
-            entry.colors.bind();
-            entry.colors.write(int(sizeof(tzRgb) * done), coloured->colorData() + done,
-                               int(sizeof(tzRgb) * (end - done)));
-            entry.colors.release();
+        if (extraSize) {
+            entry.extra.bind();
+            entry.extra.write(extraSize * int(from),
+                              static_cast<const char *>(extraData) + size_t(extraSize) * from,
+                              extraSize * int(to - from));
+            entry.extra.release();
         }
     }
+    return true;
+}
+
+bool tzCloudBuffers::prepare(const tzGenericPointCloud &cloud, unsigned &done, unsigned count)
+{
+    Entry &entry = m_entries[cloud.getUniqueID()];
+    entry.pinned = true;
+    const unsigned end = std::min(cloud.size(), done + count);
+    if (!write(entry, cloud, done, end))
+        return false;
     done = end;
     if (done < cloud.size())
         return false;
@@ -91,32 +229,61 @@ void tzCloudBuffers::forget(unsigned cloudID)
     const auto it = m_entries.find(cloudID);
     if (it == m_entries.end())
         return;
-    it->second.points.destroy();
-    it->second.colors.destroy();
+    it->second.destroy();
     m_entries.erase(it);
 }
 
 bool tzCloudBuffers::upload(Entry &entry, const tzGenericPointCloud &cloud)
 {
-    const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
-    entry.count = cloud.size();
-    entry.hasColors = coloured && coloured->colorsShown();
-    if (!entry.points.isCreated() && !entry.points.create())
+    if (!write(entry, cloud, 0, cloud.size()))
         return false;
-    entry.points.bind();
-    entry.points.allocate(cloud.data(), int(sizeof(TZVector3) * cloud.size()));
-    entry.points.release();
-    if (entry.hasColors) {
-        if (!entry.colors.isCreated() && !entry.colors.create())
-            return false;
-        entry.colors.bind();
-        entry.colors.allocate(coloured->colorData(), int(sizeof(tzRgb) * cloud.size()));
-        entry.colors.release();
-    } else {
-        entry.colors.destroy();
-    }
+    entry.count = cloud.size();
     entry.version = cloud.contentVersion();
     return true;
+}
+
+void tzCloudBuffers::setUniforms(const tzPointCloud *cloud, float size)
+{
+    int mode = BY_COLOUR;
+    float low = 0, high = 1;
+    const ColourMode colourMode = cloud ? cloud->colourMode() : ColourMode::Rgb;
+    if (cloud && !cloud->isTempColorEnabled()) {
+        if (colourMode == ColourMode::Intensity) {
+            mode = BY_INTENSITY;
+            quint16 lo = 0, hi = 0;
+            cloud->intensityRange(lo, hi);
+            low = lo / 65535.f;
+            high = hi / 65535.f;
+        } else if (colourMode == ColourMode::Elevation) {
+            mode = BY_ELEVATION;
+            double lo = 0, hi = 0;
+            cloud->elevationRange(lo, hi);
+            // The ramp runs along the local z the buffers hold.
+            low = float((lo + cloud->getGlobalShift().z) * cloud->getGlobalScale());
+            high = float((hi + cloud->getGlobalShift().z) * cloud->getGlobalScale());
+        } else if (colourMode == ColourMode::Classification) {
+            mode = BY_CLASS;
+            quint8 table[256 * 4];
+            for (int c = 0; c < 256; ++c) {
+                const QColor colour = tzPointDisplay::classColour(c);
+                table[4 * c] = quint8(colour.red());
+                table[4 * c + 1] = quint8(colour.green());
+                table[4 * c + 2] = quint8(colour.blue());
+                table[4 * c + 3] = cloud->isClassShown(c) ? 255 : 0;
+            }
+            m_classes->setData(QOpenGLTexture::RGBA, QOpenGLTexture::UInt8, table);
+        }
+    }
+    m_program->setUniformValue("mode", mode);
+    // A degenerate range (a flat cloud, one intensity) shows the ramp's middle.
+    const float span = high - low;
+    m_program->setUniformValue("range",
+                               span > 0 ? QVector2D(low, 1.f / span) : QVector2D(low - 0.5f, 1.f));
+    m_program->setUniformValue("round", size >= 3.f);
+    m_ramp->bind(0);
+    m_classes->bind(1);
+    m_program->setUniformValue("ramp", 0);
+    m_program->setUniformValue("classes", 1);
 }
 
 void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &context)
@@ -124,10 +291,13 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
     QOpenGLFunctions_2_1 *gl = context.glFunctions;
     if (!gl || cloud.size() == 0)
         return;
+    if (!m_programTried)
+        makeProgram();
     Entry &entry = m_entries[cloud.getUniqueID()];
     entry.used = true;
     entry.pinned = false;
-    if (entry.version != cloud.contentVersion() || entry.count != cloud.size()) {
+    if (entry.version != cloud.contentVersion() || entry.count != cloud.size()
+        || entry.kind != extraOf(cloud)) {
         if (!upload(entry, cloud)) {
             tzLog::Warning(
                 QStringLiteral("[tzGLWindow] Could not make the GPU buffers of cloud '%1'")
@@ -135,6 +305,7 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
             return;
         }
     }
+    const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
     const float size = cloud.getPointSize() > 0 ? float(cloud.getPointSize()) : context.pointSize;
     gl->glPointSize(size);
     // A moving view draws every stride-th point: a sample spread over the whole cloud (the points
@@ -142,22 +313,50 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
     const unsigned stride = context.pointBudget > 0 && entry.count > context.pointBudget
         ? (entry.count + context.pointBudget - 1) / context.pointBudget
         : 1;
+    if (m_program) {
+        m_program->bind();
+        setUniforms(coloured, size);
+        gl->glEnable(GL_POINT_SPRITE);
+    }
     gl->glEnableClientState(GL_VERTEX_ARRAY);
     entry.points.bind();
     gl->glVertexPointer(3, GL_FLOAT, GLsizei(stride * sizeof(TZVector3)), nullptr);
+    bool attributesOn = false;
     if (cloud.isTempColorEnabled()) {
         const QColor &c = cloud.getTempColor();
         gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
-    } else if (entry.hasColors) {
+    } else if (entry.kind == Extra::Colours) {
         gl->glEnableClientState(GL_COLOR_ARRAY);
-        entry.colors.bind();
+        entry.extra.bind();
         gl->glColorPointer(3, GL_UNSIGNED_BYTE, GLsizei(stride * sizeof(tzRgb)), nullptr);
+    } else if (entry.kind == Extra::Attributes) {
+        entry.extra.bind();
+        const GLsizei bytes = GLsizei(stride * sizeof(tzPointAttributes));
+        gl->glEnableVertexAttribArray(GLuint(m_intensityLocation));
+        gl->glVertexAttribPointer(GLuint(m_intensityLocation), 1, GL_UNSIGNED_SHORT, GL_TRUE, bytes,
+                                  nullptr);
+        gl->glEnableVertexAttribArray(GLuint(m_classLocation));
+        gl->glVertexAttribPointer(GLuint(m_classLocation), 1, GL_UNSIGNED_BYTE, GL_FALSE, bytes,
+                                  reinterpret_cast<const void *>(2));
+        attributesOn = true;
     } else {
         const QColor &c = context.pointsDefaultColor;
         gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
     }
     gl->glDrawArrays(GL_POINTS, 0, GLsizei((entry.count + stride - 1) / stride));
+    if (attributesOn) {
+        gl->glDisableVertexAttribArray(GLuint(m_intensityLocation));
+        gl->glDisableVertexAttribArray(GLuint(m_classLocation));
+    }
     gl->glDisableClientState(GL_COLOR_ARRAY);
     gl->glDisableClientState(GL_VERTEX_ARRAY);
     QOpenGLBuffer::release(QOpenGLBuffer::VertexBuffer);
+    if (m_program) {
+        gl->glDisable(GL_POINT_SPRITE);
+        m_program->release();
+        gl->glActiveTexture(GL_TEXTURE1);
+        gl->glBindTexture(GL_TEXTURE_2D, 0);
+        gl->glActiveTexture(GL_TEXTURE0);
+        gl->glBindTexture(GL_TEXTURE_2D, 0);
+    }
 }

@@ -4,14 +4,23 @@
 
 #include <QOpenGLBuffer>
 
+#include <memory>
 #include <unordered_map>
 
-//! The GPU buffers of the clouds a view draws: points and colours uploaded once, drawn with one
-//! glDrawArrays, reloaded when a cloud's content changes and released when it is no longer
-//! drawn. Lives in the view's GL context; release() before the context goes.
+class QOpenGLShaderProgram;
+class QOpenGLTexture;
+class tzPointCloud;
+
+//! The GPU buffers of the clouds a view draws: points uploaded once, with what the cloud's
+//! colour mode needs (its colours, or its intensities and classes), drawn with one
+//! glDrawArrays; reloaded when a cloud's content changes and released when it is no longer
+//! drawn. The colour modes are worked out by a small shader program from the points and those
+//! values, so that switching modes costs no upload of colours. Lives in the view's GL context;
+//! release() before the context goes.
 class tzCloudBuffers : public tzCloudRenderer
 {
 public:
+    tzCloudBuffers();
     ~tzCloudBuffers() override;
 
     void drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &context) override;
@@ -27,19 +36,40 @@ public:
     void beginFrame();
     void endFrame();
     void release();
+    //! Whether the colour modes are drawn (false when the driver has no shaders: colours or
+    //! one plain colour then).
+    bool modesDrawn() const { return m_program != nullptr; }
 
 private:
+    //! What a cloud needs on the GPU besides its points.
+    enum class Extra { None, Colours, Attributes };
     struct Entry
     {
         QOpenGLBuffer points {QOpenGLBuffer::VertexBuffer};
-        QOpenGLBuffer colors {QOpenGLBuffer::VertexBuffer};
+        QOpenGLBuffer extra {QOpenGLBuffer::VertexBuffer}; // colours or attributes
         quint64 version = ~quint64(0);
         unsigned count = 0;
-        bool hasColors = false;
+        Extra kind = Extra::None;
         bool used = false;
         bool pinned = false; // prepared, not drawn yet: kept by endFrame()
+        void destroy()
+        {
+            points.destroy();
+            extra.destroy();
+        }
     };
+    Extra extraOf(const tzGenericPointCloud &cloud) const;
     bool upload(Entry &entry, const tzGenericPointCloud &cloud);
+    //! Sizes the buffers and writes points [from, to) (with their extra values).
+    bool write(Entry &entry, const tzGenericPointCloud &cloud, unsigned from, unsigned to);
+    void makeProgram();
+    void setUniforms(const tzPointCloud *cloud, float size);
 
     std::unordered_map<unsigned, Entry> m_entries; // by the cloud's unique ID
+    bool m_programTried = false;
+    std::unique_ptr<QOpenGLShaderProgram> m_program;
+    std::unique_ptr<QOpenGLTexture> m_ramp;
+    std::unique_ptr<QOpenGLTexture> m_classes;
+    int m_intensityLocation = -1;
+    int m_classLocation = -1;
 };

@@ -1,7 +1,9 @@
 #include "tzGLWindow.h"
 
 #include "tzCloudBuffers.h"
+#include "tzEyeDome.h"
 #include "tzInteractor.h"
+#include "tzLegend.h"
 #include "tzPointCloud.h"
 #include "tzPointPicker.h"
 #include "tzSphereSprites.h"
@@ -86,11 +88,13 @@ void tzGLWindow::releaseGL()
         m_buffers->release();
         if (m_sprites)
             m_sprites->release();
+        m_eyeDome->release();
         m_cloudLayer.reset();
         doneCurrent();
     }
     m_buffers.reset();
     m_sprites.reset();
+    m_eyeDome.reset();
     m_cloudLayer.reset(); // its context is gone: its GL objects went with it
 }
 
@@ -405,6 +409,7 @@ void tzGLWindow::initializeGL()
     if (m_gl)
         m_gl->initializeOpenGLFunctions();
     m_buffers = std::make_unique<tzCloudBuffers>();
+    m_eyeDome = std::make_unique<tzEyeDome>();
     m_sprites = std::make_unique<tzSphereSprites>();
     if (!m_sprites->initialize())
         m_sprites.reset();
@@ -504,9 +509,41 @@ void tzGLWindow::paintGL()
     drawScene(context2D);
 
     drawOverlayTexts();
+    if (const tzPointCloud *cloud = legendCloud()) {
+        QPainter painter(this);
+        tzLegend::draw(painter, *cloud, QRect(0, 0, m_camera.width, m_camera.height));
+    }
     m_lastFrameNs = m_clock.nsecsElapsed() - m_lastFrameStartNs;
     ++m_frames;
     emit frameDrawn();
+}
+
+void tzGLWindow::setShading(Shading shading)
+{
+    m_shading = shading;
+    redraw();
+}
+
+bool tzGLWindow::eyeDomeShown() const
+{
+    if (m_shading != Shading::Automatic)
+        return m_shading == Shading::EyeDome;
+    for (const tzGenericPointCloud *cloud : visibleClouds()) {
+        const auto *shown = dynamic_cast<const tzPointCloud *>(cloud);
+        if (shown && !shown->colorsShown() && !shown->plainColour())
+            return true;
+    }
+    return false;
+}
+
+const tzPointCloud *tzGLWindow::legendCloud() const
+{
+    std::vector<const tzPointCloud *> clouds;
+    for (const tzGenericPointCloud *cloud : visibleClouds()) {
+        if (const auto *shown = dynamic_cast<const tzPointCloud *>(cloud))
+            clouds.push_back(shown);
+    }
+    return tzLegend::cloudToExplain(clouds);
 }
 
 QByteArray tzGLWindow::cloudLayerKey(const tzDrawContext &context) const
@@ -517,8 +554,11 @@ QByteArray tzGLWindow::cloudLayerKey(const tzDrawContext &context) const
     out << m_camera.width << m_camera.height << m_camera.projection() << m_camera.modelView()
         << context.pointSize << context.pointBudget << context.pointsDefaultColor;
     for (const tzGenericPointCloud *cloud : visibleClouds()) {
+        out << eyeDomeShown();
         out << cloud->getUniqueID() << cloud->contentVersion() << cloud->size()
             << cloud->getPointSize() << cloud->isTempColorEnabled() << cloud->getTempColor();
+        if (const auto *shown = dynamic_cast<const tzPointCloud *>(cloud))
+            out << shown->displayVersion();
     }
     return key;
 }
@@ -540,7 +580,12 @@ bool tzGLWindow::drawCloudLayer(tzDrawContext &context)
     if (!m_layerDeprecated && key == m_layerKey)
         return true;
     QOpenGLFunctions_2_1 *gl = m_gl;
-    m_cloudLayer->bind();
+    // Shaded, the clouds are drawn into the shading's target first, and the shaded picture
+    // (with the same depths) goes to the layer.
+    const bool shaded
+        = eyeDomeShown() && m_eyeDome && m_eyeDome->bindTarget(m_camera.width, m_camera.height);
+    if (!shaded)
+        m_cloudLayer->bind();
     gl->glViewport(0, 0, m_camera.width, m_camera.height);
     gl->glClearColor(0.10f, 0.12f, 0.16f, 1.f);
     gl->glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
@@ -555,6 +600,12 @@ bool tzGLWindow::drawCloudLayer(tzDrawContext &context)
     m_buffers->beginFrame();
     drawScene(clouds);
     m_buffers->endFrame();
+    if (shaded) {
+        m_cloudLayer->bind();
+        double zNear = 0, zFar = 1;
+        m_camera.depthRange(zNear, zFar);
+        m_eyeDome->shade(float(zNear), float(zFar), m_camera.params.perspectiveView);
+    }
     m_cloudLayer->release();
     m_layerKey = key;
     m_layerDeprecated = false;

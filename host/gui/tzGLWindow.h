@@ -22,6 +22,8 @@
 class QOpenGLFramebufferObject;
 class QOpenGLFunctions_2_1;
 class tzCloudBuffers;
+class tzEyeDome;
+class tzPointCloud;
 class tzSphereSprites;
 class tzGenericPointCloud;
 
@@ -120,6 +122,16 @@ public:
     //! Looks north-east and down from the south-west, as a surveyor walking up to the site,
     //! and frames everything.
     void setObliqueView();
+    //! Eye-dome shading of the clouds: automatic (on while a cloud is shown without its own
+    //! colours), always or never.
+    enum class Shading { Automatic, EyeDome, None };
+    void setShading(Shading shading);
+    Shading shading() const { return m_shading; }
+    //! Whether the clouds are shaded now (the setting, and for the automatic one the clouds).
+    bool eyeDomeShown() const;
+    //! The cloud whose colours the legend explains (null: no legend).
+    const tzPointCloud *legendCloud() const;
+
     //! The point size of clouds without one of their own; 0 is kept (and drawn as 1).
     void setPointSize(float size);
     float getPointSize() const { return m_pointSize; }
@@ -227,6 +239,8 @@ private:
     QOpenGLFunctions_2_1 *m_gl = nullptr;
     std::unique_ptr<tzCloudBuffers> m_buffers;
     std::unique_ptr<tzSphereSprites> m_sprites; // null when this GL cannot batch markers
+    std::unique_ptr<tzEyeDome> m_eyeDome;
+    Shading m_shading = Shading::Automatic;
     // The cloud layer: colour and depth of the clouds alone, and what they were drawn with.
     std::unique_ptr<QOpenGLFramebufferObject> m_cloudLayer;
     QByteArray m_layerKey;

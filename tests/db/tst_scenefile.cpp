@@ -69,6 +69,15 @@ tzHObject *makeScene()
     cloud->setGlobalShift({-650000, -6860000, 0});
     cloud->setGlobalScale(2.0);
     cloud->setMetaData("source", "unit test");
+    std::vector<tzPointAttributes> attributes(1000);
+    attributes[7] = {4000, 6, 0x21};
+    cloud->setAttributes(std::move(attributes),
+                         tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION);
+    cloud->setColourMode(tzPointDisplay::ColourMode::Classification);
+    cloud->showClass(2, false);
+    cloud->showClass(200, false);
+    cloud->setElevationRange(12.5, -3.0);
+    cloud->setPointSize(4);
     root->addChild(cloud);
     auto *group = new tzHObject("mesures");
     group->setVisible(false);
@@ -160,6 +169,17 @@ void TestSceneFile::roundTripKeepsEverything()
     QCOMPARE(cloud->getGlobalScale(), 2.0);
     QCOMPARE(cloud->getMetaData("source").toString(), QStringLiteral("unit test"));
     QVERIFY(cloud->getUniqueID() != scene->getChild(0)->getUniqueID()); // fresh IDs
+    // The survey attributes and how the points are shown.
+    QCOMPARE(int(cloud->attributeKinds()),
+             tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION);
+    QCOMPARE(cloud->getPointAttributes(7), (tzPointAttributes {4000, 6, 0x21}));
+    QCOMPARE(cloud->colourMode(), tzPointDisplay::ColourMode::Classification);
+    QVERIFY(!cloud->isClassShown(2) && !cloud->isClassShown(200) && cloud->isClassShown(6));
+    double low = 0, high = 0;
+    cloud->elevationRange(low, high);
+    QCOMPARE(low, -3.0);
+    QCOMPARE(high, 12.5);
+    QCOMPARE(int(cloud->getPointSize()), 4);
 
     tzHObject *group = loaded->getChild(1);
     QVERIFY(!group->isVisible());
@@ -208,6 +228,13 @@ void TestSceneFile::olderVersionSkipsNewerFields()
     auto *marker = dynamic_cast<Marker *>(loaded->getChild(1)->getChild(0));
     QVERIFY(marker);
     QCOMPARE(marker->shownIn2D, true); // not in a version 20 file: the initial value
+    // Nor the survey attributes: the cloud comes in colours, as before.
+    auto *cloud = dynamic_cast<tzPointCloud *>(loaded->getChild(0));
+    QVERIFY(cloud);
+    QCOMPARE(cloud->size(), 1000u);
+    QCOMPARE(int(cloud->attributeKinds()), 0);
+    QCOMPARE(cloud->colourMode(), tzPointDisplay::ColourMode::Rgb);
+    QCOMPARE(cloud->getPointColor(3), (tzRgb {10, 20, 30}));
 }
 
 void TestSceneFile::truncatedFileFails_data()
@@ -247,7 +274,7 @@ void TestSceneFile::corruptFileFails_data()
     QTest::newRow("wrong magic") << 0 << QByteArray("XXXX") << readError;
     QTest::newRow("future version")
         << 4 << QByteArray("\x63\x00", 2)
-        << "Unsupported scene file version 99 (this program reads 20 to 21)";
+        << "Unsupported scene file version 99 (this program reads 20 to 22)";
     QTest::newRow("unknown root type") << 6 << QByteArray("\x02\x00\x00\x00", 4) << readError;
     // The root's name length (after its class ID and unique ID) claims 4 GB.
     QTest::newRow("huge name length") << 14 << QByteArray("\xff\xff\xff\xff", 4) << readError;

@@ -455,7 +455,7 @@ void TestEntities::sightLosesThePointsOfADeletedCloud()
 namespace {
 
 // A scene with a cloud and a sight on two of its points, saved.
-QByteArray savedSight(const QString &path)
+QByteArray savedSight(const QString &path, short version = tzSceneFile::CURRENT_DATA_VERSION)
 {
     tzHObject root(QStringLiteral("root"));
     tzPointCloud *cloud = cloudOf(10);
@@ -470,7 +470,7 @@ QByteArray savedSight(const QString &path)
     sight->showPointLegends(true);
     root.addChild(sight);
     QString error;
-    if (!tzSceneFile::save(&root, path, error))
+    if (!tzSceneFile::save(&root, path, error, version))
         qWarning() << error;
     QFile file(path);
     file.open(QIODevice::ReadOnly);
@@ -510,7 +510,7 @@ void TestEntities::sightRecordOfVersion20()
 {
     QTemporaryDir dir;
     const QString path = dir.filePath("scene.tzs");
-    QByteArray bytes = savedSight(path);
+    QByteArray bytes = savedSight(path, 21);
     // The sight is the last record: its two version-21 bytes sit before its child count.
     bytes.remove(bytes.size() - 6, 2);
     bytes[4] = 20;
