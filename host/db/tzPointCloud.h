@@ -149,6 +149,11 @@ public:
             || !m_hiddenClasses[size_t(classification)];
     }
     void showClass(int classification, bool shown);
+    //! Whether some points are not drawn (classes hidden while shown by classification).
+    bool hidesPoints() const
+    {
+        return m_hiddenClasses.any() && colourMode() == ColourMode::Classification;
+    }
     //! Whether a point is drawn (its class is not hidden, when shown by classification).
     bool isPointShown(unsigned index) const;
     //! How many points each class has (all zero without classification).

@@ -56,6 +56,9 @@ bool tzPointPicker::pick(const tzCamera &camera, const std::vector<tzGenericPoin
             octree = cloud->computeOctree();
         if (!octree)
             continue;
+        // Points of hidden classes are not drawn: they are not picked either.
+        const auto *shown = dynamic_cast<const tzPointCloud *>(cloud);
+        const bool someHidden = shown && shown->hidesPoints();
         TZVector3d boxMin, boxMax; // the cloud's bounding box
         octree->getBoundingBox(boxMin, boxMax);
         // The box grown by the farthest reach that could matter: the reach at its farthest corner.
@@ -92,6 +95,8 @@ bool tzPointPicker::pick(const tzCamera &camera, const std::vector<tzGenericPoin
             octree->getPointsInCylindricalNeighbourhood(query);
             bool hit = false;
             for (const auto &n : query.neighbours) {
+                if (someHidden && !shown->isPointShown(n.pointIndex))
+                    continue;
                 const TZVector3d p(n.point->x, n.point->y, n.point->z);
                 const double t = (p - origin).dot(dir);
                 double px, py, depth;

@@ -102,6 +102,7 @@ private slots:
     void closingWhileTheShiftIsAskedDoesNotHang();
     void objectDeletedBehindTheTreeIsForgotten();
     void streamOfAdditionsJoinsTheTreeInOrder();
+    void displayOptionsAndTheDisplayMenu();
 
 private:
     QTemporaryDir m_settings;
@@ -724,6 +725,65 @@ void TestTessaro::streamOfAdditionsJoinsTheTreeInOrder()
     QCOMPARE(window.dbTree()->selectedObjects(), tzHObject::Container());
     window.dbTree()->selectObject(group->getChild(10));
     QCOMPARE(window.selectedObjects(), tzHObject::Container {group->getChild(10)});
+}
+
+void TestTessaro::displayOptionsAndTheDisplayMenu()
+{
+    QTemporaryDir dir;
+    const QString plain = writeFile(dir, QStringLiteral("plain.ply"), asciiPly(20, 10.0));
+    const QString classified
+        = writeFile(dir, QStringLiteral("classified.xyz"),
+                    "x y z intensity classification\n0 0 0 100 2\n1 0 0 900 6\n0 1 5 500 5\n");
+    // As --colour classification --point-size 4 ask: every cloud opened, where it can.
+    tzMainWindow::Options options = headless();
+    options.colourMode = int(tzPointDisplay::ColourMode::Classification);
+    options.pointSize = 4;
+    tzMainWindow window(options);
+    window.show();
+    tzPointCloud *first = openAndWait(window, plain);
+    QVERIFY(first);
+    QCOMPARE(int(first->getPointSize()), 4);
+    QCOMPARE(first->colourMode(), tzPointDisplay::ColourMode::Elevation); // no classes
+    QVERIFY(consoleHas(window,
+                       QStringLiteral("plain.ply': no classification, shown by "
+                                      "elevation instead of classification")));
+    tzPointCloud *second = openAndWait(window, classified);
+    QVERIFY(second);
+    QCOMPARE(second->colourMode(), tzPointDisplay::ColourMode::Classification);
+    QVERIFY(window.activeView()->eyeDomeShown()); // no colours shown: shaded
+
+    // The Display menu acts on the selected cloud (the one opened last).
+    auto *menu = window.findChild<QMenu *>(QStringLiteral("displayMenu"));
+    QVERIFY(menu);
+    const auto action = [&](const QString &name) {
+        emit menu->aboutToShow();
+        for (QAction *a : menu->findChildren<QAction *>() + menu->actions()) {
+            if (a->objectName() == name)
+                return a;
+        }
+        return static_cast<QAction *>(nullptr);
+    };
+    QVERIFY(action(QStringLiteral("colourBy_classification"))->isChecked());
+    QVERIFY(!action(QStringLiteral("colourBy_rgb"))->isEnabled());
+    action(QStringLiteral("colourBy_intensity"))->trigger();
+    QCOMPARE(second->colourMode(), tzPointDisplay::ColourMode::Intensity);
+    QCOMPARE(first->colourMode(), tzPointDisplay::ColourMode::Elevation);
+    // A class unticked hides it, and shows the cloud by class.
+    QAction *vegetation = action(QStringLiteral("class_5"));
+    QVERIFY(vegetation && vegetation->isChecked());
+    QVERIFY(vegetation->text().contains(QStringLiteral("High vegetation (1 points)")));
+    QVERIFY(!action(QStringLiteral("class_3"))); // not in the cloud: not listed
+    vegetation->trigger();
+    QVERIFY(!second->isClassShown(5));
+    QCOMPARE(second->colourMode(), tzPointDisplay::ColourMode::Classification);
+    // Shading off from the menu stays off.
+    action(QStringLiteral("eyeDomeShading"))->trigger();
+    QVERIFY(!window.activeView()->eyeDomeShown());
+    // With nothing selected the menu acts on every cloud.
+    window.dbTree()->selectObject(nullptr);
+    action(QStringLiteral("colourBy_elevation"))->trigger();
+    QCOMPARE(first->colourMode(), tzPointDisplay::ColourMode::Elevation);
+    QCOMPARE(second->colourMode(), tzPointDisplay::ColourMode::Elevation);
 }
 
 QTEST_MAIN(TestTessaro)

@@ -73,6 +73,8 @@ class TestCloudFile : public QObject
 private slots:
     void goodFiles_data();
     void goodFiles();
+    void attributesOfTextAndPly_data();
+    void attributesOfTextAndPly();
     void brokenFiles_data();
     void brokenFiles();
     void largeCoordinatesGetAShift();
@@ -219,6 +221,52 @@ void TestCloudFile::goodFiles()
     QCOMPARE(cloud->hasColors(), colors);
     if (colors)
         QCOMPARE(int(cloud->getPointColor(cloud->size() - 1).r), lastRed);
+}
+
+void TestCloudFile::attributesOfTextAndPly_data()
+{
+    QTest::addColumn<QString>("format");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<int>("kinds");
+    QTest::addColumn<QList<int>>("intensities");
+    QTest::addColumn<QList<int>>("classes");
+    const int both = tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION;
+    // The signed intensities of a scanner's export, stretched onto 16 bits in their order.
+    QTest::newRow("pts, signed intensity")
+        << "pts" << QByteArray("3\n1 2 3 -2048\n1 2 4 0\n1 2 5 2047\n")
+        << int(tzPointDisplay::INTENSITY) << QList<int> {0, 32776, 65535} << QList<int> {};
+    QTest::newRow("pts with colours")
+        << "pts" << QByteArray("2\n1 2 3 10 255 0 0\n1 2 4 20 0 255 0\n")
+        << int(tzPointDisplay::INTENSITY) << QList<int> {10, 20} << QList<int> {};
+    // Whole numbers that fit are kept as they are.
+    QTest::newRow("named columns")
+        << "xyz" << QByteArray("x y z intensity classification\n1 2 3 300 2\n1 2 4 1200 6\n")
+        << both << QList<int> {300, 1200} << QList<int> {2, 6};
+    QTest::newRow("ply, fractions of 1, prefixed names")
+        << "ply"
+        << QByteArray("ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\n"
+                      "property float y\nproperty float z\nproperty float scalar_intensity\n"
+                      "property uchar scalar_classification\nend_header\n"
+                      "0 0 0 0 2\n0 0 1 0.5 6\n0 0 2 1 9\n")
+        << both << QList<int> {0, 32768, 65535} << QList<int> {2, 6, 9};
+    QTest::newRow("xyz without attributes")
+        << "xyz" << QByteArray("1 2 3\n1 2 4\n") << 0 << QList<int> {} << QList<int> {};
+}
+
+void TestCloudFile::attributesOfTextAndPly()
+{
+    QFETCH(QString, format);
+    QFETCH(QByteArray, bytes);
+    QFETCH(QList<int>, intensities);
+    QFETCH(QList<int>, classes);
+    QString error;
+    std::unique_ptr<tzPointCloud> cloud(tzCloudFile::loadFromMemory(bytes, format, "test", error));
+    QVERIFY2(cloud, qPrintable(error));
+    QTEST(int(cloud->attributeKinds()), "kinds");
+    for (int i = 0; i < intensities.size(); ++i)
+        QCOMPARE(int(cloud->getPointAttributes(unsigned(i)).intensity), intensities[i]);
+    for (int i = 0; i < classes.size(); ++i)
+        QCOMPARE(int(cloud->getPointAttributes(unsigned(i)).classification), classes[i]);
 }
 
 void TestCloudFile::brokenFiles_data()

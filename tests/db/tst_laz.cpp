@@ -134,6 +134,8 @@ class TestLaz : public QObject
 private slots:
     void everyLasFileOpens_data();
     void everyLasFileOpens();
+    void surveyAttributesAreKept_data();
+    void surveyAttributesAreKept();
     void recordsAreTheLasTwins_data();
     void recordsAreTheLasTwins();
     void opensAsTheSameCloudAsItsTwin_data();
@@ -223,6 +225,56 @@ void TestLaz::opensAsTheSameCloudAsItsTwin_data()
     recordsAreTheLasTwins_data();
 }
 
+void TestLaz::surveyAttributesAreKept_data()
+{
+    // The first point's attributes as the records hold them (read apart from the reader), and
+    // the points of class 1 and 2.
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<int>("kinds");
+    QTest::addColumn<int>("intensity");
+    QTest::addColumn<int>("returns");
+    QTest::addColumn<int>("classification");
+    QTest::addColumn<unsigned>("class1");
+    QTest::addColumn<unsigned>("class2");
+    const int all
+        = tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION | tzPointDisplay::RETURNS;
+    // Formats 0-5: 3-bit return fields, the class in the low 5 bits of its byte.
+    QTest::newRow("format 1") << data("autzen.las") << all << 65 << 0x11 << 1 << 82u << 24u;
+    QTest::newRow("format 3") << data("simple.las") << all << 143 << 0x11 << 1 << 789u << 276u;
+    QTest::newRow("format 3, LAZ") << data("simple.laz") << all << 143 << 0x11 << 1 << 789u << 276u;
+    QTest::newRow("format 4") << data("simple1_3.las") << all << 1 << 0x11 << 1 << 999u << 0u;
+    // Formats 6-10: 4-bit return fields, a byte of class.
+    QTest::newRow("format 6") << data("test1_4.las") << all << 41 << 0x11 << 2 << 0u << 1000u;
+    QTest::newRow("format 6, LAZ")
+        << data("1_4_w_evlr.laz") << all << 41 << 0x11 << 2 << 0u << 1000u;
+    // Written with every attribute zero: nothing kept, nothing to show.
+    QTest::newRow("format 7, fields left empty")
+        << data("simple1_4.las") << 0 << 0 << 0 << 0 << 0u << 0u;
+}
+
+void TestLaz::surveyAttributesAreKept()
+{
+    QFETCH(QString, path);
+    QFETCH(int, kinds);
+    QString error;
+    const auto cloud = open(path, error);
+    QVERIFY2(cloud, qPrintable(error));
+    QCOMPARE(int(cloud->attributeKinds()), kinds);
+    QCOMPARE(cloud->canShow(tzPointDisplay::ColourMode::Classification), kinds != 0);
+    if (!kinds)
+        return;
+    const tzPointAttributes &first = cloud->getPointAttributes(0);
+    QTEST(int(first.intensity), "intensity");
+    QTEST(int(first.returns), "returns");
+    QTEST(int(first.classification), "classification");
+    QTEST(cloud->classCounts()[1], "class1");
+    QTEST(cloud->classCounts()[2], "class2");
+    // Without colours, a survey opens by elevation.
+    QCOMPARE(cloud->colourMode(),
+             cloud->hasColors() ? tzPointDisplay::ColourMode::Rgb
+                                : tzPointDisplay::ColourMode::Elevation);
+}
+
 void TestLaz::opensAsTheSameCloudAsItsTwin()
 {
     QFETCH(QString, laz);
@@ -239,6 +291,11 @@ void TestLaz::opensAsTheSameCloudAsItsTwin()
         QCOMPARE(*fromLaz->getPoint(i), *fromLas->getPoint(i));
         if (fromLas->hasColors())
             QVERIFY(fromLaz->getPointColor(i) == fromLas->getPointColor(i));
+    }
+    QCOMPARE(fromLaz->attributeKinds(), fromLas->attributeKinds());
+    if (fromLas->attributeKinds()) {
+        QVERIFY(std::equal(fromLas->attributeData(), fromLas->attributeData() + fromLas->size(),
+                           fromLaz->attributeData()));
     }
 }
 

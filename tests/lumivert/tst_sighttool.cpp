@@ -181,6 +181,7 @@ private slots:
     void mouseCircleAndCursorReports();
     void sightBoxHeightDragAndSave();
     void distanceBetweenTwoPicks();
+    void runOnACloudShownByClassWithShading();
 
 private:
     QTemporaryDir m_settings;
@@ -534,6 +535,49 @@ void TestSightTool::distanceBetweenTwoPicks()
     QVERIFY(!isColour(image, middle.x() + 15, middle.y(), yellow, 60));
     QVERIFY(received(session.sim, "coordonnees").isEmpty());
     QCOMPARE(survey.sightCount(), 1u); // the group holds the distance
+}
+
+void TestSightTool::runOnACloudShownByClassWithShading()
+{
+    Session session;
+    Survey &survey = session.survey;
+    // The terrain classified as a survey comes: ground, and the bush as high vegetation; shown
+    // by class with eye-dome shading, as a surveyor looks at a cloud without colours.
+    const unsigned ground = 81 * 81;
+    std::vector<tzPointAttributes> attributes(survey.terrain->size());
+    for (unsigned i = 0; i < attributes.size(); ++i)
+        attributes[i].classification = i < ground ? 2 : 5;
+    survey.terrain->setAttributes(std::move(attributes), tzPointDisplay::CLASSIFICATION);
+    QVERIFY(survey.terrain->setColourMode(tzPointDisplay::ColourMode::Classification));
+    survey.view()->setShading(tzGLWindow::Shading::EyeDome);
+    QVERIFY(session.start("pointPropertiesButton"));
+    QVERIFY(survey.view()->eyeDomeShown());
+
+    // The ground is drawn in its class's colour under the shading (flat: barely shaded).
+    const QImage image = frame(*survey.view());
+    const QPoint open = survey.pixelOf({5, 30, groundZ(5)});
+    bool groundShown = false;
+    for (int dy = -1; dy <= 1; ++dy) {
+        for (int dx = -1; dx <= 1; ++dx)
+            groundShown |= isColour(image, open.x() + dx, open.y() + dy,
+                                    tzPointDisplay::classColour(2), 40);
+    }
+    QVERIFY(groundShown);
+    // A pick takes the bush's top; the sight placed there shows over the shaded cloud.
+    const TZVector3d top(BUSH.x, BUSH.y, groundZ(BUSH.x) + 2);
+    survey.pickAt(top);
+    QTRY_COMPARE(received(session.sim, "coordonnees").size(), 1);
+    QVERIFY(received(session.sim, "coordonnees")[0].contains(companion(top.x, top.y, top.z)));
+    const QImage withSight = frame(*survey.view());
+    const QPoint at = survey.pixelOf(top);
+    QVERIFY(withSight.pixelColor(at) != image.pixelColor(at));
+    // Vegetation hidden: what is seen is what is picked, the ground under the bush.
+    survey.terrain->showClass(5, false);
+    survey.pickAt({BUSH.x + 1, BUSH.y, groundZ(BUSH.x + 1) + 2});
+    QTRY_COMPARE(received(session.sim, "coordonnees").size(), 2);
+    const QString second = received(session.sim, "coordonnees")[1];
+    QVERIFY2(second.contains(companion(BUSH.x + 1, BUSH.y, groundZ(BUSH.x + 1))),
+             qPrintable(second));
 }
 
 QTEST_MAIN(TestSightTool)
