@@ -4,11 +4,17 @@
 //  - picking: the 3D point under a pixel, p50 / p99 over 10,000 pixels, in a top view and in an
 //    oblique perspective view;
 //  - the frame time of drawing the cloud, against a bare glDrawArrays of the same points from a
-//    buffer in the same context (the limit), as a ratio.
+//    buffer in the same context (the limit), as a ratio;
+//  - the survey attributes (intensity, classes): switching the colour mode until the new colours
+//    are on screen against a full frame, a frame with eye-dome shading against the same frame
+//    without, and the memory a point's attributes take once read from a LAS file (the same
+//    terrain read from a LAS without them, the baseline).
 //
 //   bench_view [--points=N] [--keep]     (--keep leaves the generated file in the temp folder)
 
+#include "LasFiles.h"
 #include "SurveyViewer.h"
+#include "tzCloudFile.h"
 #include "tzGLWindow.h"
 #include "tzMainWindow.h"
 #include "tzPointCloud.h"
@@ -19,6 +25,8 @@
 #include <QOpenGLBuffer>
 #include <QOpenGLFunctions_2_1>
 #include <QSignalSpy>
+
+#include <malloc.h>
 
 #include <algorithm>
 #include <chrono>
@@ -58,6 +66,30 @@ bool writeSurvey(const bench::Terrain &t, const QString &path)
     }
     file.write(block.data(), qint64(block.size()));
     return file.flush();
+}
+
+// The memory allocated by this process (in use, mapped apart or not), in bytes.
+double allocatedBytes()
+{
+    const struct mallinfo2 info = mallinfo2();
+    return double(info.uordblks) + double(info.hblkhd);
+}
+
+// The memory a cloud read from the file holds, per point (read twice, the smaller).
+double bytesPerPointRead(const QString &path)
+{
+    double best = 1e30;
+    for (int round = 0; round < 2; ++round) {
+        const double before = allocatedBytes();
+        QString error;
+        std::unique_ptr<tzPointCloud> cloud(tzCloudFile::load(path, error));
+        if (!cloud) {
+            std::fprintf(stderr, "bench_view: %s\n", qPrintable(error));
+            return 0;
+        }
+        best = std::min(best, (allocatedBytes() - before) / cloud->size());
+    }
+    return best;
 }
 
 struct Percentiles
@@ -108,6 +140,20 @@ public:
         doneCurrent();
         if (moving)
             endInteraction();
+        return ms;
+    }
+
+    //! From a change of the cloud's colour mode to the frame that shows it.
+    double timeSwitch(tzPointCloud &cloud, tzPointDisplay::ColourMode mode)
+    {
+        makeCurrent();
+        functions()->glFinish();
+        const auto t0 = Clock::now();
+        cloud.setColourMode(mode);
+        paintGL();
+        functions()->glFinish();
+        const double ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+        doneCurrent();
         return ms;
     }
 
@@ -236,6 +282,51 @@ int main(int argc, char **argv)
         kept = std::min(kept, benchView.timeFrames(frames, false, true));
     }
 
+    // The survey attributes: the same terrain from a LAS with an airborne survey's intensities,
+    // returns and classes (a fifth of the points vegetation), opened in the viewer as a user
+    // does, the PLY cloud hidden; and from a LAS without them (the memory's baseline).
+    const QString plainLas = QDir::temp().filePath(QStringLiteral("tessaro_bench_view_plain.las"));
+    const QString surveyLas
+        = QDir::temp().filePath(QStringLiteral("tessaro_bench_view_survey.las"));
+    {
+        bench::Terrain terrain;
+        bench::makeTerrain(terrain, points);
+        if (!bench::writeLas(plainLas, terrain.cloud)
+            || !bench::writeSurveyLas(surveyLas, terrain.cloud)) {
+            std::fprintf(stderr, "bench_view: cannot write the LAS files\n");
+            return 1;
+        }
+    }
+    opened.clear();
+    window.openFiles({surveyLas});
+    if (!opened.wait(120000) || window.databaseRoot()->getChildrenNumber() != 2) {
+        std::fprintf(stderr, "bench_view: '%s' did not open\n", qPrintable(surveyLas));
+        return 1;
+    }
+    cloud->setVisible(false);
+    cloud = dynamic_cast<tzPointCloud *>(window.databaseRoot()->getChild(1));
+    using Mode = tzPointDisplay::ColourMode;
+    cloud->setColourMode(Mode::Classification);
+    benchView.setShading(tzGLWindow::Shading::None);
+    benchView.timeFrames(1); // this view's buffers of the cloud, as the viewer's own has them
+    double classFrame = 1e30, shadedFrame = 1e30, worstSwitch = 0;
+    const Mode sequence[]
+        = {Mode::Elevation, Mode::Classification, Mode::Intensity, Mode::Rgb, Mode::Classification};
+    for (int round = 0; round < 3; ++round) {
+        // Every switch counts, the first ones too (they upload what the mode needs).
+        for (Mode mode : sequence)
+            worstSwitch = std::max(worstSwitch, benchView.timeSwitch(*cloud, mode));
+        benchView.setShading(tzGLWindow::Shading::None);
+        classFrame = std::min(classFrame, benchView.timeFrames(frames));
+        benchView.setShading(tzGLWindow::Shading::EyeDome);
+        shadedFrame = std::min(shadedFrame, benchView.timeFrames(frames));
+    }
+    // Memory: the terrain read from the LAS with the survey's attributes and from the one
+    // without (both of point format 3, colours in both).
+    const double attributeBytes = bytesPerPointRead(surveyLas) - bytesPerPointRead(plainLas);
+    QFile::remove(plainLas);
+    QFile::remove(surveyLas);
+
     std::printf("\nbench_view: %u points, %.0f MB binary PLY, view %dx%d\n", cloud->size(), fileMB,
                 view->width(), view->height());
     std::printf("%-40s %10.2f s   (target < 5 s)\n", "open file to first frame", openSeconds);
@@ -251,6 +342,14 @@ int main(int argc, char **argv)
                 cloud->size());
     std::printf("%-40s %10.2f ms   (the clouds' layer kept: only the objects over it drawn)\n",
                 "frame time, camera and clouds unchanged", kept);
+    // The table of the survey attributes' figures: ours, the other side, the figure last.
+    std::printf("\n%-34s %12s %12s %8s\n", "figure", "ours", "other", "value");
+    std::printf("%-34s %9.1f ms %9.1f ms %8.3f\n", "colour mode switch vs full frame", worstSwitch,
+                classFrame, worstSwitch / classFrame);
+    std::printf("%-34s %9.1f ms %9.1f ms %8.3f\n", "eye-dome frame vs plain frame", shadedFrame,
+                classFrame, shadedFrame / classFrame);
+    std::printf("%-34s %12s %12s %8.2f\n", "bytes per point, attributes", "with", "without",
+                attributeBytes);
     if (!keep)
         QFile::remove(path);
     return 0;

@@ -3,7 +3,8 @@
 // PLY with double coordinates; beside it, in <name>.img/, the photos of a few camera stations
 // rendered from that cloud with their list, images.json; and <name>.companion.jsonl, the
 // companion's objects on the site as a script for mensurix-sim. Named .las, the cloud is written
-// as an airborne survey is delivered: no colours, the intensity and the class of each point.
+// as a survey is delivered, with the intensity and the class of each point (and without colours
+// with --no-colours, as most airborne surveys come).
 
 #include "DemoCompanion.h"
 #include "DemoPhotos.h"
@@ -25,8 +26,8 @@
 
 namespace {
 
-const char USAGE[]
-    = "usage: make_demo_survey [--no-photos] <out.ply|out.las> [points (default 2000000)] [seed]\n";
+const char USAGE[] = "usage: make_demo_survey [--no-photos] [--no-colours] <out.ply|out.las> "
+                     "[points (default 2000000)] [seed]\n";
 
 #pragma pack(push, 1)
 struct Record
@@ -69,9 +70,10 @@ bool writeCloud(const QString &path, const std::vector<demo::Point> &points)
     return true;
 }
 
-// The site as an airborne survey is delivered: LAS 1.2 of point format 1 (no colours; the
-// intensity, the class and the GPS time of each return), coordinates in millimetres.
-bool writeLas(const QString &path, const std::vector<demo::Point> &points)
+// The site as a survey is delivered: LAS 1.2 of point format 3 (the intensity, the class, the
+// GPS time and the colour of each return), or of point format 1 without the colours as most
+// airborne surveys come; coordinates in millimetres.
+bool writeLas(const QString &path, const std::vector<demo::Point> &points, bool colours)
 {
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly)) {
@@ -79,7 +81,8 @@ bool writeLas(const QString &path, const std::vector<demo::Point> &points)
                      qPrintable(file.errorString()));
         return false;
     }
-    constexpr int HEADER = 227, RECORD = 28;
+    constexpr int HEADER = 227;
+    const int RECORD = colours ? 34 : 28;
     const double origin[3] = {demo::ORIGIN_X, demo::ORIGIN_Y, demo::ORIGIN_Z};
     double low[3] = {1e300, 1e300, 1e300}, high[3] = {-1e300, -1e300, -1e300};
     for (const demo::Point &p : points) {
@@ -102,7 +105,7 @@ bool writeLas(const QString &path, const std::vector<demo::Point> &points)
     put(92, quint16(2026));
     put(94, quint16(HEADER));
     put(96, quint32(HEADER));
-    header[104] = 1;
+    header[104] = colours ? 3 : 1;
     put(105, quint16(RECORD));
     put(107, quint32(points.size()));
     put(111, quint32(points.size())); // all first returns
@@ -115,7 +118,7 @@ bool writeLas(const QString &path, const std::vector<demo::Point> &points)
     file.write(header);
     QByteArray batch;
     batch.reserve(RECORD * 65536);
-    char record[RECORD] = {};
+    char record[34] = {};
     for (size_t i = 0; i < points.size(); ++i) {
         const demo::Point &p = points[i];
         const qint32 xyz[3] = {qint32(std::lround(p.x * 1000.0)), qint32(std::lround(p.y * 1000.0)),
@@ -126,6 +129,8 @@ bool writeLas(const QString &path, const std::vector<demo::Point> &points)
         record[15] = char(p.classification);
         const double time = 386400.0 + double(i) * 2e-6;
         std::memcpy(record + 20, &time, 8);
+        const quint16 rgb[3] = {quint16(p.r * 257), quint16(p.g * 257), quint16(p.b * 257)};
+        std::memcpy(record + 28, rgb, 6);
         batch.append(record, RECORD);
         if (batch.size() >= RECORD * 65536 || i + 1 == points.size()) {
             file.write(batch);
@@ -173,6 +178,7 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     QStringList args = app.arguments().mid(1);
     const bool photos = !args.removeAll(QStringLiteral("--no-photos"));
+    const bool colours = !args.removeAll(QStringLiteral("--no-colours"));
     if (args.contains(QStringLiteral("--help")) || args.contains(QStringLiteral("-h"))) {
         std::fputs(USAGE, stdout);
         return 0;
@@ -210,7 +216,7 @@ int main(int argc, char **argv)
                         scene, points))
         return 1;
     const bool las = out.endsWith(QStringLiteral(".las"), Qt::CaseInsensitive);
-    if (!(las ? writeLas(out, points) : writeCloud(out, points)))
+    if (!(las ? writeLas(out, points, colours) : writeCloud(out, points)))
         return 1;
     std::printf("%s: %zu points, %.0f m x %.0f m\n", qPrintable(out), points.size(), scene.side(),
                 scene.side());

@@ -117,6 +117,9 @@ bool tzFileLoader::index(tzHObject *object, QString &error)
                         .arg(m_path, cloud->getName());
             return false;
         }
+        // What the colour modes read (percentiles, classes), ready before the first switch.
+        if (auto *shown = dynamic_cast<tzPointCloud *>(cloud))
+            shown->classCounts();
     }
     return !m_cancelled;
 }

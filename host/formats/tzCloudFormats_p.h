@@ -202,11 +202,13 @@ private:
             m_attributes = {};
             return;
         }
-        quint32 intensity = 0, classification = 0, returns = 0;
+        // Returns that are all "1 of 1" (a writer's default) tell nothing either.
+        quint32 intensity = 0, classification = 0;
+        bool returns = false;
         for (const tzPointAttributes &a : m_attributes) {
             intensity |= a.intensity;
             classification |= a.classification;
-            returns |= a.returns;
+            returns = returns || (a.returns != 0 && a.returns != 0x11);
         }
         if (!intensity)
             m_attributeKinds &= ~quint8(tzPointDisplay::INTENSITY);

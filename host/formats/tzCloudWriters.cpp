@@ -15,6 +15,23 @@ namespace {
 
 using namespace detail;
 
+// A point's intensity, returns and class in a record of point format 0 to 5 (3-bit return
+// fields, a 5-bit class: a class above 31 is written as unclassified); return 1 of 1 and never
+// classified where the cloud has no such attribute.
+void writeAttributes(const tzPointCloud &cloud, unsigned index, uchar *record)
+{
+    record[14] = 1 | (1 << 3);
+    if (!cloud.attributeKinds())
+        return;
+    const tzPointAttributes &a = cloud.getPointAttributes(index);
+    std::memcpy(record + 12, &a.intensity, 2);
+    if (cloud.hasAttribute(tzPointDisplay::RETURNS)) {
+        record[14] = uchar(std::min<int>(a.returnNumber(), 7)
+                           | std::min<int>(a.numberOfReturns(), 7) << 3);
+    }
+    record[15] = a.classification <= 31 ? a.classification : 1;
+}
+
 // The LAS records are in millimetres.
 constexpr double LAS_SCALE = 0.001;
 
@@ -114,7 +131,7 @@ void writeLasOrLaz(const tzPointCloud &cloud, bool laz, quint32 chunkSize, QIODe
                 const qint32 v = qint32(std::llround((g[d] - offset[d]) / LAS_SCALE));
                 std::memcpy(r + 4 * d, &v, 4);
             }
-            r[14] = 1 | (1 << 3); // return 1 of 1
+            writeAttributes(cloud, first + i, r);
             if (colours) {
                 const tzRgb &c = cloud.getPointColor(first + i);
                 const quint16 rgb[3] = {quint16(c.r * 257), quint16(c.g * 257), quint16(c.b * 257)};
@@ -146,11 +163,20 @@ void writePly(const tzPointCloud &cloud, QIODevice &out, const LoadOptions &opti
 {
     const unsigned n = cloud.size();
     const bool colours = cloud.hasColors();
+    const bool intensity = cloud.hasAttribute(tzPointDisplay::INTENSITY);
+    const bool classification = cloud.hasAttribute(tzPointDisplay::CLASSIFICATION);
+    const bool returns = cloud.hasAttribute(tzPointDisplay::RETURNS);
     QByteArray head = "ply\nformat binary_little_endian 1.0\ncomment written by Tessaro, global "
                       "coordinates\nelement vertex "
         + QByteArray::number(n) + "\nproperty double x\nproperty double y\nproperty double z\n";
     if (colours)
         head += "property uchar red\nproperty uchar green\nproperty uchar blue\n";
+    if (intensity)
+        head += "property ushort intensity\n";
+    if (classification)
+        head += "property uchar classification\n";
+    if (returns)
+        head += "property uchar return_number\nproperty uchar number_of_returns\n";
     head += "end_header\n";
     writeAll(out, head.constData(), head.size());
     QByteArray block;
@@ -164,6 +190,17 @@ void writePly(const tzPointCloud &cloud, QIODevice &out, const LoadOptions &opti
             const tzRgb &c = cloud.getPointColor(i);
             const char rgb[3] = {char(c.r), char(c.g), char(c.b)};
             block.append(rgb, 3);
+        }
+        if (intensity || classification || returns) {
+            const tzPointAttributes &a = cloud.getPointAttributes(i);
+            if (intensity)
+                block.append(reinterpret_cast<const char *>(&a.intensity), 2);
+            if (classification)
+                block.append(char(a.classification));
+            if (returns) {
+                block.append(char(a.returnNumber()));
+                block.append(char(a.numberOfReturns()));
+            }
         }
         if (block.size() > (1 << 22) || i + 1 == n) {
             writeAll(out, block.constData(), block.size());

@@ -162,65 +162,54 @@ tzCloudBuffers::Extra tzCloudBuffers::extraOf(const tzGenericPointCloud &cloud) 
     return Extra::None;
 }
 
-bool tzCloudBuffers::write(Entry &entry, const tzGenericPointCloud &cloud, unsigned from,
-                           unsigned to)
+bool tzCloudBuffers::write(Buffer &buffer, const void *values, int bytesEach, unsigned size,
+                           unsigned from, unsigned to)
 {
-    const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
-    const Extra kind = extraOf(cloud);
-    const int extraSize = kind == Extra::Colours ? int(sizeof(tzRgb))
-        : kind == Extra::Attributes              ? int(sizeof(tzPointAttributes))
-                                                 : 0;
-    const void *extraData = kind == Extra::Colours
-        ? static_cast<const void *>(coloured->colorData())
-        : kind == Extra::Attributes ? static_cast<const void *>(coloured->attributeData())
-                                    : nullptr;
     if (from == 0) {
-        // The buffers at their full size first, filled part by part.
-        entry.version = ~quint64(0);
-        entry.count = 0;
-        entry.kind = kind;
-        if ((!entry.points.isCreated() && !entry.points.create())
-            || (extraSize && !entry.extra.isCreated() && !entry.extra.create()))
+        buffer.version = ~quint64(0);
+        if (!buffer.buffer.isCreated() && !buffer.buffer.create())
             return false;
-        entry.points.bind();
-        entry.points.allocate(int(sizeof(TZVector3) * cloud.size()));
-        entry.points.release();
-        if (extraSize) {
-            entry.extra.bind();
-            entry.extra.allocate(extraSize * int(cloud.size()));
-            entry.extra.release();
-        } else {
-            entry.extra.destroy();
-        }
+        buffer.buffer.bind();
+        buffer.buffer.allocate(bytesEach * int(size));
+    } else {
+        buffer.buffer.bind();
     }
     if (to > from) {
-        entry.points.bind();
-        entry.points.write(int(sizeof(TZVector3) * from), cloud.data() + from,
-                           int(sizeof(TZVector3) * (to - from)));
-        entry.points.release();
-        if (extraSize) {
-            entry.extra.bind();
-            entry.extra.write(extraSize * int(from),
-                              static_cast<const char *>(extraData) + size_t(extraSize) * from,
-                              extraSize * int(to - from));
-            entry.extra.release();
-        }
+        buffer.buffer.write(bytesEach * int(from),
+                            static_cast<const char *>(values) + size_t(bytesEach) * from,
+                            bytesEach * int(to - from));
     }
+    buffer.buffer.release();
     return true;
 }
 
 bool tzCloudBuffers::prepare(const tzGenericPointCloud &cloud, unsigned &done, unsigned count)
 {
+    if (!m_programTried)
+        makeProgram();
     Entry &entry = m_entries[cloud.getUniqueID()];
     entry.pinned = true;
+    const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
+    const Extra extra = extraOf(cloud);
     const unsigned end = std::min(cloud.size(), done + count);
-    if (!write(entry, cloud, done, end))
+    // The points and what the cloud's mode needs, part by part.
+    if (!write(entry.points, cloud.data(), int(sizeof(TZVector3)), cloud.size(), done, end)
+        || (extra == Extra::Colours
+            && !write(entry.colours, coloured->colorData(), int(sizeof(tzRgb)), cloud.size(), done,
+                      end))
+        || (extra == Extra::Attributes
+            && !write(entry.attributes, coloured->attributeData(), int(sizeof(tzPointAttributes)),
+                      cloud.size(), done, end)))
         return false;
     done = end;
     if (done < cloud.size())
         return false;
     entry.count = cloud.size();
-    entry.version = cloud.contentVersion();
+    entry.points.version = cloud.contentVersion();
+    if (extra == Extra::Colours)
+        entry.colours.version = cloud.contentVersion();
+    if (extra == Extra::Attributes)
+        entry.attributes.version = cloud.contentVersion();
     return true;
 }
 
@@ -235,14 +224,34 @@ void tzCloudBuffers::forget(unsigned cloudID)
 
 bool tzCloudBuffers::upload(Entry &entry, const tzGenericPointCloud &cloud)
 {
-    if (!write(entry, cloud, 0, cloud.size()))
+    const quint64 version = cloud.contentVersion();
+    if (entry.count != cloud.size()) {
+        entry.destroy();
+        entry.count = cloud.size();
+    }
+    const auto refresh = [&](Buffer &buffer, const void *values, int bytesEach) {
+        if (buffer.version == version)
+            return true;
+        if (!write(buffer, values, bytesEach, cloud.size(), 0, cloud.size()))
+            return false;
+        buffer.version = version;
+        return true;
+    };
+    if (!refresh(entry.points, cloud.data(), int(sizeof(TZVector3))))
         return false;
-    entry.count = cloud.size();
-    entry.version = cloud.contentVersion();
+    const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
+    switch (extraOf(cloud)) {
+    case Extra::Colours:
+        return refresh(entry.colours, coloured->colorData(), int(sizeof(tzRgb)));
+    case Extra::Attributes:
+        return refresh(entry.attributes, coloured->attributeData(), int(sizeof(tzPointAttributes)));
+    case Extra::None:
+        break;
+    }
     return true;
 }
 
-void tzCloudBuffers::setUniforms(const tzPointCloud *cloud, float size)
+void tzCloudBuffers::setUniforms(const tzPointCloud *cloud, bool round)
 {
     int mode = BY_COLOUR;
     float low = 0, high = 1;
@@ -279,7 +288,7 @@ void tzCloudBuffers::setUniforms(const tzPointCloud *cloud, float size)
     const float span = high - low;
     m_program->setUniformValue("range",
                                span > 0 ? QVector2D(low, 1.f / span) : QVector2D(low - 0.5f, 1.f));
-    m_program->setUniformValue("round", size >= 3.f);
+    m_program->setUniformValue("round", round);
     m_ramp->bind(0);
     m_classes->bind(1);
     m_program->setUniformValue("ramp", 0);
@@ -296,14 +305,11 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
     Entry &entry = m_entries[cloud.getUniqueID()];
     entry.used = true;
     entry.pinned = false;
-    if (entry.version != cloud.contentVersion() || entry.count != cloud.size()
-        || entry.kind != extraOf(cloud)) {
-        if (!upload(entry, cloud)) {
-            tzLog::Warning(
-                QStringLiteral("[tzGLWindow] Could not make the GPU buffers of cloud '%1'")
-                    .arg(cloud.getName()));
-            return;
-        }
+    const Extra extra = extraOf(cloud);
+    if (!upload(entry, cloud)) {
+        tzLog::Warning(QStringLiteral("[tzGLWindow] Could not make the GPU buffers of cloud '%1'")
+                           .arg(cloud.getName()));
+        return;
     }
     const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
     const float size = cloud.getPointSize() > 0 ? float(cloud.getPointSize()) : context.pointSize;
@@ -313,24 +319,31 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
     const unsigned stride = context.pointBudget > 0 && entry.count > context.pointBudget
         ? (entry.count + context.pointBudget - 1) / context.pointBudget
         : 1;
-    if (m_program) {
+    // The program only where the fixed pipeline cannot do as well: a colour mode, round points.
+    const bool round = size >= 3.f;
+    const bool shaded = m_program
+        && (round
+            || (coloured && !cloud.isTempColorEnabled() && !coloured->plainColour()
+                && coloured->colourMode() != ColourMode::Rgb));
+    if (shaded) {
         m_program->bind();
-        setUniforms(coloured, size);
-        gl->glEnable(GL_POINT_SPRITE);
+        setUniforms(coloured, round);
+        if (round)
+            gl->glEnable(GL_POINT_SPRITE);
     }
     gl->glEnableClientState(GL_VERTEX_ARRAY);
-    entry.points.bind();
+    entry.points.buffer.bind();
     gl->glVertexPointer(3, GL_FLOAT, GLsizei(stride * sizeof(TZVector3)), nullptr);
     bool attributesOn = false;
     if (cloud.isTempColorEnabled()) {
         const QColor &c = cloud.getTempColor();
         gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
-    } else if (entry.kind == Extra::Colours) {
+    } else if (extra == Extra::Colours) {
         gl->glEnableClientState(GL_COLOR_ARRAY);
-        entry.extra.bind();
+        entry.colours.buffer.bind();
         gl->glColorPointer(3, GL_UNSIGNED_BYTE, GLsizei(stride * sizeof(tzRgb)), nullptr);
-    } else if (entry.kind == Extra::Attributes) {
-        entry.extra.bind();
+    } else if (extra == Extra::Attributes) {
+        entry.attributes.buffer.bind();
         const GLsizei bytes = GLsizei(stride * sizeof(tzPointAttributes));
         gl->glEnableVertexAttribArray(GLuint(m_intensityLocation));
         gl->glVertexAttribPointer(GLuint(m_intensityLocation), 1, GL_UNSIGNED_SHORT, GL_TRUE, bytes,
@@ -351,8 +364,9 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
     gl->glDisableClientState(GL_COLOR_ARRAY);
     gl->glDisableClientState(GL_VERTEX_ARRAY);
     QOpenGLBuffer::release(QOpenGLBuffer::VertexBuffer);
-    if (m_program) {
-        gl->glDisable(GL_POINT_SPRITE);
+    if (shaded) {
+        if (round)
+            gl->glDisable(GL_POINT_SPRITE);
         m_program->release();
         gl->glActiveTexture(GL_TEXTURE1);
         gl->glBindTexture(GL_TEXTURE_2D, 0);

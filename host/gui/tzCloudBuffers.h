@@ -43,27 +43,42 @@ public:
 private:
     //! What a cloud needs on the GPU besides its points.
     enum class Extra { None, Colours, Attributes };
+    //! A buffer and the content version of the cloud it holds (none: ~0).
+    struct Buffer
+    {
+        QOpenGLBuffer buffer {QOpenGLBuffer::VertexBuffer};
+        quint64 version = ~quint64(0);
+        void destroy()
+        {
+            buffer.destroy();
+            version = ~quint64(0);
+        }
+    };
     struct Entry
     {
-        QOpenGLBuffer points {QOpenGLBuffer::VertexBuffer};
-        QOpenGLBuffer extra {QOpenGLBuffer::VertexBuffer}; // colours or attributes
-        quint64 version = ~quint64(0);
+        Buffer points;
+        // Uploaded the first time the cloud is shown in a mode that needs them, then kept while
+        // the cloud is drawn: switching back and forth between modes uploads nothing.
+        Buffer colours;
+        Buffer attributes;
         unsigned count = 0;
-        Extra kind = Extra::None;
         bool used = false;
         bool pinned = false; // prepared, not drawn yet: kept by endFrame()
         void destroy()
         {
             points.destroy();
-            extra.destroy();
+            colours.destroy();
+            attributes.destroy();
         }
     };
     Extra extraOf(const tzGenericPointCloud &cloud) const;
+    //! Brings the points and what the cloud's mode needs up to date; false on a GL failure.
     bool upload(Entry &entry, const tzGenericPointCloud &cloud);
-    //! Sizes the buffers and writes points [from, to) (with their extra values).
-    bool write(Entry &entry, const tzGenericPointCloud &cloud, unsigned from, unsigned to);
+    //! Writes values [from, to) of a buffer of the cloud's size (made on from == 0).
+    static bool write(Buffer &buffer, const void *values, int bytesEach, unsigned size,
+                      unsigned from, unsigned to);
     void makeProgram();
-    void setUniforms(const tzPointCloud *cloud, float size);
+    void setUniforms(const tzPointCloud *cloud, bool round);
 
     std::unordered_map<unsigned, Entry> m_entries; // by the cloud's unique ID
     bool m_programTried = false;

@@ -236,13 +236,15 @@ void TestLaz::surveyAttributesAreKept_data()
     QTest::addColumn<int>("classification");
     QTest::addColumn<unsigned>("class1");
     QTest::addColumn<unsigned>("class2");
-    const int all
-        = tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION | tzPointDisplay::RETURNS;
+    const int both = tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION;
+    const int all = both | tzPointDisplay::RETURNS;
     // Formats 0-5: 3-bit return fields, the class in the low 5 bits of its byte.
     QTest::newRow("format 1") << data("autzen.las") << all << 65 << 0x11 << 1 << 82u << 24u;
     QTest::newRow("format 3") << data("simple.las") << all << 143 << 0x11 << 1 << 789u << 276u;
     QTest::newRow("format 3, LAZ") << data("simple.laz") << all << 143 << 0x11 << 1 << 789u << 276u;
-    QTest::newRow("format 4") << data("simple1_3.las") << all << 1 << 0x11 << 1 << 999u << 0u;
+    // Every return "1 of 1": the returns tell nothing and are not kept.
+    QTest::newRow("format 4, single returns")
+        << data("simple1_3.las") << both << 1 << 0x11 << 1 << 999u << 0u;
     // Formats 6-10: 4-bit return fields, a byte of class.
     QTest::newRow("format 6") << data("test1_4.las") << all << 41 << 0x11 << 2 << 0u << 1000u;
     QTest::newRow("format 6, LAZ")
@@ -660,8 +662,8 @@ void TestLaz::cloudWrittenInEachFormatReadsBack_data()
 
 void TestLaz::cloudWrittenInEachFormatReadsBack()
 {
-    // In its global coordinates, to the millimetre, with its colours; and through --convert's
-    // path for a pair other than LAS and LAZ.
+    // In its global coordinates, to the millimetre, with its colours and its survey attributes;
+    // and through --convert's path for a pair other than LAS and LAZ.
     QFETCH(QString, kind);
     QFETCH(QString, from);
     QString error;
@@ -689,7 +691,10 @@ void TestLaz::cloudWrittenInEachFormatReadsBack()
             }
             if (cloud->hasColors())
                 QVERIFY(back->getPointColor(i) == cloud->getPointColor(i));
+            if (cloud->attributeKinds())
+                QVERIFY(back->getPointAttributes(i) == cloud->getPointAttributes(i));
         }
+        QCOMPARE(back->attributeKinds(), cloud->attributeKinds());
     }
 }
 
