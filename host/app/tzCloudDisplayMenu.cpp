@@ -103,18 +103,14 @@ void addClasses(QMenu *menu, const std::vector<tzPointCloud *> &clouds,
             counts[c] += own[c];
     }
     classes->setEnabled(std::any_of(counts.begin(), counts.end(), [](quint64 n) { return n > 0; }));
-    // A class toggled shows the clouds by class, where the toggle shows.
-    const auto byClass = [clouds] {
-        for (tzPointCloud *cloud : clouds)
-            cloud->setColourMode(ColourMode::Classification);
-    };
+    // A class hidden stays hidden in every colour mode (vegetation hidden, the ground by
+    // elevation).
     QAction *everything = classes->addAction(QObject::tr("Show every class"));
-    QObject::connect(everything, &QAction::triggered, classes, [clouds, byClass, changed] {
+    QObject::connect(everything, &QAction::triggered, classes, [clouds, changed] {
         for (tzPointCloud *cloud : clouds) {
             for (int c = 0; c < 256; ++c)
                 cloud->showClass(c, true);
         }
-        byClass();
         changed();
     });
     classes->addSeparator();
@@ -131,13 +127,11 @@ void addClasses(QMenu *menu, const std::vector<tzPointCloud *> &clouds,
         action->setCheckable(true);
         action->setChecked(
             all(clouds, [c](tzPointCloud *cloud) { return cloud->isClassShown(c); }));
-        QObject::connect(action, &QAction::triggered, classes,
-                         [clouds, c, byClass, changed](bool on) {
-                             for (tzPointCloud *cloud : clouds)
-                                 cloud->showClass(c, on);
-                             byClass();
-                             changed();
-                         });
+        QObject::connect(action, &QAction::triggered, classes, [clouds, c, changed](bool on) {
+            for (tzPointCloud *cloud : clouds)
+                cloud->showClass(c, on);
+            changed();
+        });
     }
 }
 

@@ -269,8 +269,8 @@ void tzPointCloud::showClass(int classification, bool shown)
 
 bool tzPointCloud::isPointShown(unsigned index) const
 {
-    return colourMode() != ColourMode::Classification || m_hiddenClasses.none()
-        || index >= m_attributes.size() || isClassShown(m_attributes[index].classification);
+    return !hidesPoints() || index >= m_attributes.size()
+        || isClassShown(m_attributes[index].classification);
 }
 
 const std::array<quint32, 256> &tzPointCloud::classCounts() const

@@ -149,12 +149,12 @@ public:
             || !m_hiddenClasses[size_t(classification)];
     }
     void showClass(int classification, bool shown);
-    //! Whether some points are not drawn (classes hidden while shown by classification).
+    //! Whether some points are not drawn (classes hidden; in every colour mode).
     bool hidesPoints() const
     {
-        return m_hiddenClasses.any() && colourMode() == ColourMode::Classification;
+        return m_hiddenClasses.any() && hasAttribute(tzPointDisplay::CLASSIFICATION);
     }
-    //! Whether a point is drawn (its class is not hidden, when shown by classification).
+    //! Whether a point is drawn (its class is not hidden).
     bool isPointShown(unsigned index) const;
     //! How many points each class has (all zero without classification).
     const std::array<quint32, 256> &classCounts() const;

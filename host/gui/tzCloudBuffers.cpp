@@ -30,16 +30,16 @@ attribute float classification;
 uniform int mode;
 uniform vec2 range; // low end, 1 / (high - low)
 varying float along;
+varying float classAt; // the point's class as a coordinate of the classes' table
 void main()
 {
     gl_Position = ftransform();
     gl_FrontColor = gl_Color;
+    classAt = (classification + 0.5) / 256.0;
     if (mode == 1)
         along = clamp((intensity - range.x) * range.y, 0.0, 1.0);
     else if (mode == 2)
         along = clamp((gl_Vertex.z - range.x) * range.y, 0.0, 1.0);
-    else if (mode == 3)
-        along = (classification + 0.5) / 256.0;
     else
         along = 0.0;
 }
@@ -48,9 +48,11 @@ void main()
 const char *const FRAGMENT_SHADER = R"(#version 120
 uniform int mode;
 uniform bool round;
+uniform bool hiding; // some classes are hidden
 uniform sampler2D ramp;
 uniform sampler2D classes;
 varying float along;
+varying float classAt;
 void main()
 {
     if (round) {
@@ -58,14 +60,14 @@ void main()
         if (dot(d, d) > 0.25)
             discard;
     }
+    vec4 c = texture2D(classes, vec2(classAt, 0.5));
+    if (hiding && c.a < 0.5)
+        discard;
     if (mode == 1) {
         gl_FragColor = vec4(along, along, along, 1.0);
     } else if (mode == 2) {
         gl_FragColor = vec4(texture2D(ramp, vec2(along, 0.5)).rgb, 1.0);
     } else if (mode == 3) {
-        vec4 c = texture2D(classes, vec2(along, 0.5));
-        if (c.a < 0.5)
-            discard;
         gl_FragColor = vec4(c.rgb, 1.0);
     } else {
         gl_FragColor = gl_Color;
@@ -149,17 +151,19 @@ void tzCloudBuffers::makeProgram()
     m_program = std::move(program);
 }
 
-tzCloudBuffers::Extra tzCloudBuffers::extraOf(const tzGenericPointCloud &cloud) const
+int tzCloudBuffers::extrasOf(const tzGenericPointCloud &cloud) const
 {
     const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
     if (!coloured)
-        return Extra::None;
-    if (coloured->colorsShown())
-        return Extra::Colours;
+        return NO_EXTRA;
+    int extras = coloured->colorsShown() ? COLOURS : NO_EXTRA;
     const ColourMode mode = coloured->colourMode();
-    if (m_program && (mode == ColourMode::Intensity || mode == ColourMode::Classification))
-        return Extra::Attributes;
-    return Extra::None;
+    // The attributes for the modes that show them, and for the classes hidden in any mode.
+    if (m_program
+        && (mode == ColourMode::Intensity || mode == ColourMode::Classification
+            || coloured->hidesPoints()))
+        extras |= ATTRIBUTES;
+    return extras;
 }
 
 bool tzCloudBuffers::write(Buffer &buffer, const void *values, int bytesEach, unsigned size,
@@ -190,14 +194,14 @@ bool tzCloudBuffers::prepare(const tzGenericPointCloud &cloud, unsigned &done, u
     Entry &entry = m_entries[cloud.getUniqueID()];
     entry.pinned = true;
     const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
-    const Extra extra = extraOf(cloud);
+    const int extras = extrasOf(cloud);
     const unsigned end = std::min(cloud.size(), done + count);
     // The points and what the cloud's mode needs, part by part.
     if (!write(entry.points, cloud.data(), int(sizeof(TZVector3)), cloud.size(), done, end)
-        || (extra == Extra::Colours
+        || ((extras & COLOURS)
             && !write(entry.colours, coloured->colorData(), int(sizeof(tzRgb)), cloud.size(), done,
                       end))
-        || (extra == Extra::Attributes
+        || ((extras & ATTRIBUTES)
             && !write(entry.attributes, coloured->attributeData(), int(sizeof(tzPointAttributes)),
                       cloud.size(), done, end)))
         return false;
@@ -206,9 +210,9 @@ bool tzCloudBuffers::prepare(const tzGenericPointCloud &cloud, unsigned &done, u
         return false;
     entry.count = cloud.size();
     entry.points.version = cloud.contentVersion();
-    if (extra == Extra::Colours)
+    if (extras & COLOURS)
         entry.colours.version = cloud.contentVersion();
-    if (extra == Extra::Attributes)
+    if (extras & ATTRIBUTES)
         entry.attributes.version = cloud.contentVersion();
     return true;
 }
@@ -240,15 +244,12 @@ bool tzCloudBuffers::upload(Entry &entry, const tzGenericPointCloud &cloud)
     if (!refresh(entry.points, cloud.data(), int(sizeof(TZVector3))))
         return false;
     const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
-    switch (extraOf(cloud)) {
-    case Extra::Colours:
-        return refresh(entry.colours, coloured->colorData(), int(sizeof(tzRgb)));
-    case Extra::Attributes:
-        return refresh(entry.attributes, coloured->attributeData(), int(sizeof(tzPointAttributes)));
-    case Extra::None:
-        break;
-    }
-    return true;
+    const int extras = extrasOf(cloud);
+    return (!(extras & COLOURS)
+            || refresh(entry.colours, coloured->colorData(), int(sizeof(tzRgb))))
+        && (!(extras & ATTRIBUTES)
+            || refresh(entry.attributes, coloured->attributeData(),
+                       int(sizeof(tzPointAttributes))));
 }
 
 void tzCloudBuffers::setUniforms(const tzPointCloud *cloud, bool round)
@@ -272,16 +273,20 @@ void tzCloudBuffers::setUniforms(const tzPointCloud *cloud, bool round)
             high = float((hi + cloud->getGlobalShift().z) * cloud->getGlobalScale());
         } else if (colourMode == ColourMode::Classification) {
             mode = BY_CLASS;
-            quint8 table[256 * 4];
-            for (int c = 0; c < 256; ++c) {
-                const QColor colour = tzPointDisplay::classColour(c);
-                table[4 * c] = quint8(colour.red());
-                table[4 * c + 1] = quint8(colour.green());
-                table[4 * c + 2] = quint8(colour.blue());
-                table[4 * c + 3] = cloud->isClassShown(c) ? 255 : 0;
-            }
-            m_classes->setData(QOpenGLTexture::RGBA, QOpenGLTexture::UInt8, table);
         }
+    }
+    const bool hiding = cloud && cloud->hidesPoints();
+    if (mode == BY_CLASS || hiding) {
+        // The classes' colours, and which are shown (alpha).
+        quint8 table[256 * 4];
+        for (int c = 0; c < 256; ++c) {
+            const QColor colour = tzPointDisplay::classColour(c);
+            table[4 * c] = quint8(colour.red());
+            table[4 * c + 1] = quint8(colour.green());
+            table[4 * c + 2] = quint8(colour.blue());
+            table[4 * c + 3] = cloud->isClassShown(c) ? 255 : 0;
+        }
+        m_classes->setData(QOpenGLTexture::RGBA, QOpenGLTexture::UInt8, table);
     }
     m_program->setUniformValue("mode", mode);
     // A degenerate range (a flat cloud, one intensity) shows the ramp's middle.
@@ -289,6 +294,7 @@ void tzCloudBuffers::setUniforms(const tzPointCloud *cloud, bool round)
     m_program->setUniformValue("range",
                                span > 0 ? QVector2D(low, 1.f / span) : QVector2D(low - 0.5f, 1.f));
     m_program->setUniformValue("round", round);
+    m_program->setUniformValue("hiding", hiding);
     m_ramp->bind(0);
     m_classes->bind(1);
     m_program->setUniformValue("ramp", 0);
@@ -305,7 +311,7 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
     Entry &entry = m_entries[cloud.getUniqueID()];
     entry.used = true;
     entry.pinned = false;
-    const Extra extra = extraOf(cloud);
+    const int extras = extrasOf(cloud);
     if (!upload(entry, cloud)) {
         tzLog::Warning(QStringLiteral("[tzGLWindow] Could not make the GPU buffers of cloud '%1'")
                            .arg(cloud.getName()));
@@ -319,10 +325,11 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
     const unsigned stride = context.pointBudget > 0 && entry.count > context.pointBudget
         ? (entry.count + context.pointBudget - 1) / context.pointBudget
         : 1;
-    // The program only where the fixed pipeline cannot do as well: a colour mode, round points.
+    // The program only where the fixed pipeline cannot do as well: a colour mode, round points,
+    // hidden classes.
     const bool round = size >= 3.f;
     const bool shaded = m_program
-        && (round
+        && (round || (extras & ATTRIBUTES)
             || (coloured && !cloud.isTempColorEnabled() && !coloured->plainColour()
                 && coloured->colourMode() != ColourMode::Rgb));
     if (shaded) {
@@ -334,15 +341,19 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
     gl->glEnableClientState(GL_VERTEX_ARRAY);
     entry.points.buffer.bind();
     gl->glVertexPointer(3, GL_FLOAT, GLsizei(stride * sizeof(TZVector3)), nullptr);
-    bool attributesOn = false;
+    const bool attributesOn = shaded && (extras & ATTRIBUTES);
     if (cloud.isTempColorEnabled()) {
         const QColor &c = cloud.getTempColor();
         gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
-    } else if (extra == Extra::Colours) {
+    } else if (extras & COLOURS) {
         gl->glEnableClientState(GL_COLOR_ARRAY);
         entry.colours.buffer.bind();
         gl->glColorPointer(3, GL_UNSIGNED_BYTE, GLsizei(stride * sizeof(tzRgb)), nullptr);
-    } else if (extra == Extra::Attributes) {
+    } else if (!attributesOn) {
+        const QColor &c = context.pointsDefaultColor;
+        gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
+    }
+    if (attributesOn) {
         entry.attributes.buffer.bind();
         const GLsizei bytes = GLsizei(stride * sizeof(tzPointAttributes));
         gl->glEnableVertexAttribArray(GLuint(m_intensityLocation));
@@ -351,10 +362,6 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
         gl->glEnableVertexAttribArray(GLuint(m_classLocation));
         gl->glVertexAttribPointer(GLuint(m_classLocation), 1, GL_UNSIGNED_BYTE, GL_FALSE, bytes,
                                   reinterpret_cast<const void *>(2));
-        attributesOn = true;
-    } else {
-        const QColor &c = context.pointsDefaultColor;
-        gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
     }
     gl->glDrawArrays(GL_POINTS, 0, GLsizei((entry.count + stride - 1) / stride));
     if (attributesOn) {

@@ -41,8 +41,8 @@ public:
     bool modesDrawn() const { return m_program != nullptr; }
 
 private:
-    //! What a cloud needs on the GPU besides its points.
-    enum class Extra { None, Colours, Attributes };
+    //! What a cloud needs on the GPU besides its points (bits).
+    enum Extra : int { NO_EXTRA = 0, COLOURS = 1, ATTRIBUTES = 2 };
     //! A buffer and the content version of the cloud it holds (none: ~0).
     struct Buffer
     {
@@ -71,7 +71,7 @@ private:
             attributes.destroy();
         }
     };
-    Extra extraOf(const tzGenericPointCloud &cloud) const;
+    int extrasOf(const tzGenericPointCloud &cloud) const;
     //! Brings the points and what the cloud's mode needs up to date; false on a GL failure.
     bool upload(Entry &entry, const tzGenericPointCloud &cloud);
     //! Writes values [from, to) of a buffer of the cloud's size (made on from == 0).

@@ -6,6 +6,7 @@
 #include <QLinearGradient>
 #include <QLocale>
 #include <QPainter>
+#include <QStringList>
 
 using tzPointDisplay::ColourMode;
 
@@ -37,8 +38,23 @@ void panel(QPainter &painter, const QRect &area, QSize content, const Paint &pai
     paint(box.topLeft() + QPoint(PADDING, PADDING));
 }
 
+//! "Hidden: High vegetation, Building" for the classes a cloud hides (empty: none).
+QString hiddenClasses(const tzPointCloud &cloud)
+{
+    if (!cloud.hidesPoints())
+        return {};
+    QStringList names;
+    const auto &counts = cloud.classCounts();
+    for (int c = 0; c < 256; ++c) {
+        if (counts[size_t(c)] > 0 && !cloud.isClassShown(c))
+            names << tzPointDisplay::className(c);
+    }
+    return names.isEmpty() ? QString()
+                           : QObject::tr("Hidden: %1").arg(names.join(QStringLiteral(", ")));
+}
+
 void drawRamp(QPainter &painter, const QRect &area, const QString &title, double low, double high,
-              int decimals, bool grey)
+              int decimals, bool grey, const QString &note)
 {
     const QFontMetrics metrics(painter.font());
     const QLocale locale;
@@ -48,8 +64,10 @@ void drawRamp(QPainter &painter, const QRect &area, const QString &title, double
     int labelWidth = 0;
     for (const QString &label : labels)
         labelWidth = std::max(labelWidth, metrics.horizontalAdvance(label));
-    const int width = std::max(metrics.horizontalAdvance(title), BAR_WIDTH + 6 + labelWidth);
-    const int height = metrics.height() + 4 + BAR_HEIGHT + metrics.height() / 2;
+    const int width = std::max({metrics.horizontalAdvance(title), BAR_WIDTH + 6 + labelWidth,
+                                metrics.horizontalAdvance(note)});
+    const int height = metrics.height() + 4 + BAR_HEIGHT + metrics.height() / 2
+        + (note.isEmpty() ? 0 : metrics.height() + 4);
     panel(painter, area, QSize(width, height), [&](const QPoint &at) {
         painter.setPen(Qt::white);
         painter.drawText(at.x(), at.y() + metrics.ascent(), title);
@@ -69,6 +87,11 @@ void drawRamp(QPainter &painter, const QRect &area, const QString &title, double
             const int y = bar.top() + i * (bar.height() - 1) / 2;
             painter.drawText(bar.right() + 6, y + (metrics.ascent() - metrics.descent()) / 2,
                              labels[i]);
+        }
+        if (!note.isEmpty()) {
+            painter.setPen(QColor(190, 190, 190));
+            painter.drawText(at.x(), bar.bottom() + metrics.height() / 2 + 4 + metrics.ascent(),
+                             note);
         }
     });
 }
@@ -134,13 +157,14 @@ void draw(QPainter &painter, const tzPointCloud &cloud, const QRect &area)
     case ColourMode::Elevation: {
         double low = 0, high = 0;
         cloud.elevationRange(low, high);
-        drawRamp(painter, area, QObject::tr("Elevation (m)"), low, high, 2, false);
+        drawRamp(painter, area, QObject::tr("Elevation (m)"), low, high, 2, false,
+                 hiddenClasses(cloud));
         break;
     }
     case ColourMode::Intensity: {
         quint16 low = 0, high = 0;
         cloud.intensityRange(low, high);
-        drawRamp(painter, area, QObject::tr("Intensity"), low, high, 0, true);
+        drawRamp(painter, area, QObject::tr("Intensity"), low, high, 0, true, hiddenClasses(cloud));
         break;
     }
     case ColourMode::Classification:

@@ -768,14 +768,14 @@ void TestTessaro::displayOptionsAndTheDisplayMenu()
     action(QStringLiteral("colourBy_intensity"))->trigger();
     QCOMPARE(second->colourMode(), tzPointDisplay::ColourMode::Intensity);
     QCOMPARE(first->colourMode(), tzPointDisplay::ColourMode::Elevation);
-    // A class unticked hides it, and shows the cloud by class.
+    // A class unticked hides it, in the mode shown.
     QAction *vegetation = action(QStringLiteral("class_5"));
     QVERIFY(vegetation && vegetation->isChecked());
     QVERIFY(vegetation->text().contains(QStringLiteral("High vegetation (1 points)")));
     QVERIFY(!action(QStringLiteral("class_3"))); // not in the cloud: not listed
     vegetation->trigger();
-    QVERIFY(!second->isClassShown(5));
-    QCOMPARE(second->colourMode(), tzPointDisplay::ColourMode::Classification);
+    QVERIFY(!second->isClassShown(5) && second->hidesPoints());
+    QCOMPARE(second->colourMode(), tzPointDisplay::ColourMode::Intensity);
     // Shading off from the menu stays off.
     action(QStringLiteral("eyeDomeShading"))->trigger();
     QVERIFY(!window.activeView()->eyeDomeShown());

@@ -165,11 +165,19 @@ void TestCloudDisplay::hiddenClassesAreNeitherDrawnNorPicked()
     QVERIFY(index < m_site->canopyStart);
     QCOMPARE(P.z, 0.f);
 
-    // Hidden only while shown by class: by elevation every point is there again.
+    // Hidden in every mode: the ground by elevation under the hidden canopy, in its colours too.
     m_site->cloud->setElevationRange(0, 10);
     image = frameIn(Mode::Elevation);
-    QVERIFY(!m_site->cloud->hidesPoints());
-    QVERIFY(isColour(image, int(px), int(py), tzPointDisplay::ramp(0.5), 12));
+    QVERIFY(m_site->cloud->hidesPoints());
+    QVERIFY(isColour(image, int(px), int(py), tzPointDisplay::ramp(0), 12));
+    QVERIFY(m_view->pickPoint(int(px), int(py), picked, index, P));
+    QVERIFY(index < m_site->canopyStart);
+    image = frameIn(Mode::Rgb);
+    QVERIFY(isColour(image, int(px), int(py), Qt::blue, 12));
+    // Shown again: the canopy is back, and picked.
+    m_site->cloud->showClass(5, true);
+    image = frame(*m_view);
+    QVERIFY(isColour(image, int(px), int(py), Qt::green, 12));
     QVERIFY(m_view->pickPoint(int(px), int(py), picked, index, P));
     QVERIFY(index >= m_site->canopyStart);
 }
