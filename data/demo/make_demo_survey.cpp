@@ -38,14 +38,31 @@ struct Record
 #pragma pack(pop)
 static_assert(sizeof(Record) == 27, "packed PLY record");
 
+// Opens a file to write, or says why it cannot.
+bool opened(QSaveFile &file)
+{
+    if (file.open(QIODevice::WriteOnly))
+        return true;
+    std::fprintf(stderr, "make_demo_survey: cannot write '%s': %s\n", qPrintable(file.fileName()),
+                 qPrintable(file.errorString()));
+    return false;
+}
+
+// Puts a written file in place, or says why it cannot.
+bool committed(QSaveFile &file)
+{
+    if (file.commit())
+        return true;
+    std::fprintf(stderr, "make_demo_survey: write error on '%s': %s\n", qPrintable(file.fileName()),
+                 qPrintable(file.errorString()));
+    return false;
+}
+
 bool writeCloud(const QString &path, const std::vector<demo::Point> &points)
 {
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
-        std::fprintf(stderr, "make_demo_survey: cannot write '%s': %s\n", qPrintable(path),
-                     qPrintable(file.errorString()));
+    if (!opened(file))
         return false;
-    }
     file.write(QByteArray("ply\nformat binary_little_endian 1.0\ncomment demo survey, national grid\n")
                + "element vertex " + QByteArray::number(qulonglong(points.size()))
                + "\nproperty double x\nproperty double y\nproperty double z\n"
@@ -62,12 +79,7 @@ bool writeCloud(const QString &path, const std::vector<demo::Point> &points)
             batch.clear();
         }
     }
-    if (!file.commit()) {
-        std::fprintf(stderr, "make_demo_survey: write error on '%s': %s\n", qPrintable(path),
-                     qPrintable(file.errorString()));
-        return false;
-    }
-    return true;
+    return committed(file);
 }
 
 // The site as a survey is delivered: LAS 1.2 of point format 3 (the intensity, the class, the
@@ -76,11 +88,8 @@ bool writeCloud(const QString &path, const std::vector<demo::Point> &points)
 bool writeLas(const QString &path, const std::vector<demo::Point> &points, bool colours)
 {
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
-        std::fprintf(stderr, "make_demo_survey: cannot write '%s': %s\n", qPrintable(path),
-                     qPrintable(file.errorString()));
+    if (!opened(file))
         return false;
-    }
     constexpr int HEADER = 227;
     const int RECORD = colours ? 34 : 28;
     const double origin[3] = {demo::ORIGIN_X, demo::ORIGIN_Y, demo::ORIGIN_Z};
@@ -137,12 +146,7 @@ bool writeLas(const QString &path, const std::vector<demo::Point> &points, bool 
             batch.clear();
         }
     }
-    if (!file.commit()) {
-        std::fprintf(stderr, "make_demo_survey: write error on '%s': %s\n", qPrintable(path),
-                     qPrintable(file.errorString()));
-        return false;
-    }
-    return true;
+    return committed(file);
 }
 
 bool writePhotos(const QString &folder, const demo::Scene &scene,
