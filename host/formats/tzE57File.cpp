@@ -1,0 +1,389 @@
+#include "tzE57File.h"
+
+#include <QXmlStreamReader>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace tzE57 {
+
+namespace {
+
+template<typename T> T littleEndian(const uchar *p)
+{
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+std::string text(const QString &s)
+{
+    return s.toStdString();
+}
+
+const std::array<quint32, 256> &crcTable()
+{
+    static const std::array<quint32, 256> table = [] {
+        std::array<quint32, 256> t {};
+        for (quint32 i = 0; i < 256; ++i) {
+            quint32 c = i;
+            for (int k = 0; k < 8; ++k)
+                c = (c & 1) ? (c >> 1) ^ 0x82F63B78u : c >> 1;
+            t[i] = c;
+        }
+        return t;
+    }();
+    return table;
+}
+
+// The number of a node's text, or of an attribute.
+double toNumber(const QString &s, double fallback)
+{
+    if (s.trimmed().isEmpty())
+        return fallback;
+    bool ok = false;
+    const double v = s.trimmed().toDouble(&ok);
+    return ok ? v : fallback;
+}
+
+Pose poseOf(const Node &node)
+{
+    Pose pose;
+    if (const Node *rotation = node.child(QStringLiteral("rotation"))) {
+        pose.rotation
+            = {rotation->numberOf(QStringLiteral("w"), 1), rotation->numberOf(QStringLiteral("x")),
+               rotation->numberOf(QStringLiteral("y")), rotation->numberOf(QStringLiteral("z"))};
+    }
+    if (const Node *translation = node.child(QStringLiteral("translation"))) {
+        pose.translation = {translation->numberOf(QStringLiteral("x")),
+                            translation->numberOf(QStringLiteral("y")),
+                            translation->numberOf(QStringLiteral("z"))};
+    }
+    return pose;
+}
+
+} // namespace
+
+quint32 crc32c(const uchar *data, size_t size)
+{
+    const auto &table = crcTable();
+    quint32 crc = 0xffffffffu;
+    for (size_t i = 0; i < size; ++i)
+        crc = table[(crc ^ data[i]) & 0xff] ^ (crc >> 8);
+    return crc ^ 0xffffffffu;
+}
+
+// ---------------------------------------------------------------- nodes
+
+const Node *Node::child(const QString &childName) const
+{
+    for (const Node &c : children) {
+        if (c.name == childName)
+            return &c;
+    }
+    return nullptr;
+}
+
+QString Node::attribute(const QString &key) const
+{
+    for (const auto &kv : attributes) {
+        if (kv.first == key)
+            return kv.second;
+    }
+    return {};
+}
+
+double Node::number() const
+{
+    return toNumber(text, 0);
+}
+
+double Node::numberOf(const QString &childName, double fallback) const
+{
+    const Node *c = child(childName);
+    return c ? c->number() : fallback;
+}
+
+int Field::bits() const
+{
+    if (kind == Float)
+        return singlePrecision ? 32 : 64;
+    const quint64 range = quint64(maximum) - quint64(minimum);
+    int bits = 0;
+    while (bits < 64 && (range >> bits) != 0)
+        ++bits;
+    return bits;
+}
+
+const Field *Scan::field(const QString &fieldName) const
+{
+    for (const Field &f : fields) {
+        if (f.name == fieldName)
+            return &f;
+    }
+    return nullptr;
+}
+
+// ---------------------------------------------------------------- file
+
+quint64 File::advance(quint64 physicalOffset, quint64 logicalBytes)
+{
+    const quint64 page = physicalOffset / PAGE_SIZE, within = physicalOffset % PAGE_SIZE;
+    const quint64 logical = page * PAGE_DATA + within + logicalBytes;
+    return logical / PAGE_DATA * PAGE_SIZE + logical % PAGE_DATA;
+}
+
+bool File::readLogical(quint64 physicalOffset, size_t length, uchar *out) const
+{
+    quint64 at = physicalOffset;
+    while (length > 0) {
+        const quint64 within = at % PAGE_SIZE;
+        if (within >= PAGE_DATA || at >= m_size)
+            return false;
+        const size_t n = size_t(std::min<quint64>(length, PAGE_DATA - within));
+        if (at + n > m_size)
+            return false;
+        std::memcpy(out, m_data + at, n);
+        out += n;
+        length -= n;
+        at += n;
+        if (at % PAGE_SIZE == PAGE_DATA)
+            at += PAGE_SIZE - PAGE_DATA; // over the checksum
+    }
+    return true;
+}
+
+bool File::open(const uchar *data, size_t size, std::string &error)
+{
+    m_data = data;
+    m_size = size;
+    if (size < 48 || std::memcmp(data, "ASTM-E57", 8) != 0) {
+        error = "not an E57 file (no 'ASTM-E57' signature)";
+        return false;
+    }
+    const quint32 major = littleEndian<quint32>(data + 8);
+    const quint64 physicalLength = littleEndian<quint64>(data + 16);
+    const quint64 xmlOffset = littleEndian<quint64>(data + 24);
+    const quint64 xmlLength = littleEndian<quint64>(data + 32);
+    const quint64 pageSize = littleEndian<quint64>(data + 40);
+    if (major != 1) {
+        error = "E57 version " + std::to_string(major) + " is not supported (1 is)";
+        return false;
+    }
+    if (pageSize != PAGE_SIZE) {
+        error = "pages of " + std::to_string(pageSize) + " bytes are not supported (1024 are)";
+        return false;
+    }
+    if (physicalLength > size || physicalLength % PAGE_SIZE != 0) {
+        error = "the file is truncated: the header gives " + std::to_string(physicalLength)
+            + " bytes, the file has " + std::to_string(size);
+        return false;
+    }
+    m_size = size_t(physicalLength);
+    for (size_t page = 0; page < m_size / PAGE_SIZE; ++page) {
+        const uchar *p = data + page * PAGE_SIZE;
+        const quint32 stored = quint32(p[PAGE_DATA]) << 24 | quint32(p[PAGE_DATA + 1]) << 16
+            | quint32(p[PAGE_DATA + 2]) << 8 | quint32(p[PAGE_DATA + 3]);
+        if (crc32c(p, PAGE_DATA) != stored) {
+            error = "page " + std::to_string(page + 1) + " of " + std::to_string(m_size / PAGE_SIZE)
+                + " (at byte " + std::to_string(page * PAGE_SIZE)
+                + ") does not match its checksum: the file is damaged";
+            return false;
+        }
+    }
+    if (xmlLength == 0 || xmlLength > m_size) {
+        error = "the XML section's length " + std::to_string(xmlLength) + " is impossible";
+        return false;
+    }
+    QByteArray xml(int(xmlLength), Qt::Uninitialized);
+    if (!readLogical(xmlOffset, size_t(xmlLength), reinterpret_cast<uchar *>(xml.data()))) {
+        error = "the XML section runs past the end of the file";
+        return false;
+    }
+    if (!readXml(xml, error) || !readScans(error))
+        return false;
+    readImages();
+    return true;
+}
+
+bool File::readXml(const QByteArray &xml, std::string &error)
+{
+    QXmlStreamReader reader(xml);
+    std::vector<Node *> open;
+    bool rootSeen = false;
+    while (!reader.atEnd()) {
+        const QXmlStreamReader::TokenType token = reader.readNext();
+        if (token == QXmlStreamReader::StartElement) {
+            Node *node = nullptr;
+            if (open.empty()) {
+                if (rootSeen)
+                    break;
+                rootSeen = true;
+                node = &m_root;
+            } else {
+                open.back()->children.emplace_back();
+                node = &open.back()->children.back();
+            }
+            node->name = reader.name().toString();
+            for (const QXmlStreamAttribute &a : reader.attributes()) {
+                if (a.name() == QLatin1String("type"))
+                    node->type = a.value().toString();
+                else
+                    node->attributes.emplace_back(a.name().toString(), a.value().toString());
+            }
+            open.push_back(node);
+        } else if (token == QXmlStreamReader::Characters && !open.empty()) {
+            open.back()->text += reader.text();
+        } else if (token == QXmlStreamReader::EndElement && !open.empty()) {
+            open.pop_back();
+        }
+    }
+    if (reader.hasError()) {
+        error = "the XML section is not well formed: " + text(reader.errorString()) + " (line "
+            + std::to_string(reader.lineNumber()) + ")";
+        return false;
+    }
+    if (m_root.name != QLatin1String("e57Root")) {
+        error = "the XML section has no e57Root element";
+        return false;
+    }
+    return true;
+}
+
+bool File::readScans(std::string &error)
+{
+    const Node *data3D = m_root.child(QStringLiteral("data3D"));
+    if (!data3D)
+        return true;
+    for (const Node &entry : data3D->children) {
+        Scan scan;
+        scan.name = entry.child(QStringLiteral("name")) ? entry.child(QStringLiteral("name"))->text
+                                                        : QString();
+        const QString label = scan.name.isEmpty()
+            ? QStringLiteral("scan %1").arg(m_scans.size() + 1)
+            : QStringLiteral("scan '%1'").arg(scan.name);
+        const Node *points = entry.child(QStringLiteral("points"));
+        if (!points || points->type != QLatin1String("CompressedVector")) {
+            error = text(label) + " has no compressed vector of points";
+            return false;
+        }
+        scan.recordCount = quint64(toNumber(points->attribute(QStringLiteral("recordCount")), 0));
+        scan.fileOffset = quint64(toNumber(points->attribute(QStringLiteral("fileOffset")), 0));
+        const Node *prototype = points->child(QStringLiteral("prototype"));
+        if (!prototype) {
+            error = text(label) + " has no prototype of its points";
+            return false;
+        }
+        for (const Node &f : prototype->children) {
+            Field field;
+            field.name = f.name;
+            if (f.type == QLatin1String("Integer")) {
+                field.kind = Field::Integer;
+            } else if (f.type == QLatin1String("ScaledInteger")) {
+                field.kind = Field::ScaledInteger;
+                field.scale = toNumber(f.attribute(QStringLiteral("scale")), 1);
+                field.offset = toNumber(f.attribute(QStringLiteral("offset")), 0);
+            } else if (f.type == QLatin1String("Float")) {
+                field.kind = Field::Float;
+                field.singlePrecision
+                    = f.attribute(QStringLiteral("precision")) == QLatin1String("single");
+            } else {
+                error = text(label) + ": field '" + text(f.name) + "' of type '" + text(f.type)
+                    + "' is not supported";
+                return false;
+            }
+            if (field.kind != Field::Float) {
+                // The format's defaults: the whole range of 64-bit integers.
+                field.minimum = qint64(toNumber(f.attribute(QStringLiteral("minimum")), -9.2e18));
+                field.maximum = qint64(toNumber(f.attribute(QStringLiteral("maximum")), 9.2e18));
+                if (field.maximum < field.minimum) {
+                    error = text(label) + ": field '" + text(f.name)
+                        + "' has its maximum below its minimum";
+                    return false;
+                }
+            }
+            scan.fields.push_back(field);
+        }
+        if (const Node *pose = entry.child(QStringLiteral("pose")))
+            scan.pose = poseOf(*pose);
+        if (const Node *limits = entry.child(QStringLiteral("colorLimits"))) {
+            const char *names[3] = {"Red", "Green", "Blue"};
+            for (int c = 0; c < 3; ++c) {
+                scan.colourMin[c] = limits->numberOf(
+                    QStringLiteral("color%1Minimum").arg(QLatin1String(names[c])));
+                scan.colourMax[c] = limits->numberOf(
+                    QStringLiteral("color%1Maximum").arg(QLatin1String(names[c])), 255);
+            }
+        }
+        if (const Node *limits = entry.child(QStringLiteral("intensityLimits"))) {
+            scan.hasIntensityLimits = true;
+            scan.intensityMin = limits->numberOf(QStringLiteral("intensityMinimum"));
+            scan.intensityMax = limits->numberOf(QStringLiteral("intensityMaximum"), 1);
+        }
+        m_scans.push_back(std::move(scan));
+    }
+    return true;
+}
+
+void File::readImages()
+{
+    const Node *images = m_root.child(QStringLiteral("images2D"));
+    if (!images)
+        return;
+    for (const Node &entry : images->children) {
+        Image image;
+        if (const Node *name = entry.child(QStringLiteral("name")))
+            image.name = name->text;
+        if (const Node *pose = entry.child(QStringLiteral("pose"))) {
+            image.hasPose = true;
+            image.pose = poseOf(*pose);
+        }
+        for (const char *kind : {"pinholeRepresentation", "sphericalRepresentation",
+                                 "cylindricalRepresentation", "visualReferenceRepresentation"}) {
+            const Node *r = entry.child(QLatin1String(kind));
+            if (!r)
+                continue;
+            image.representation = QLatin1String(kind);
+            image.width = int(r->numberOf(QStringLiteral("imageWidth")));
+            image.height = int(r->numberOf(QStringLiteral("imageHeight")));
+            image.focalLength = r->numberOf(QStringLiteral("focalLength"));
+            image.pixelWidth = r->numberOf(QStringLiteral("pixelWidth"));
+            image.pixelHeight = r->numberOf(QStringLiteral("pixelHeight"));
+            image.principalX = r->numberOf(QStringLiteral("principalPointX"));
+            image.principalY = r->numberOf(QStringLiteral("principalPointY"));
+            for (const char *blob : {"jpegImage", "pngImage"}) {
+                if (const Node *b = r->child(QLatin1String(blob))) {
+                    image.blobOffset
+                        = quint64(toNumber(b->attribute(QStringLiteral("fileOffset")), 0));
+                    image.blobLength = quint64(toNumber(b->attribute(QStringLiteral("length")), 0));
+                }
+            }
+            break;
+        }
+        m_images.push_back(std::move(image));
+    }
+}
+
+bool File::sectionHeader(quint64 physicalOffset, SectionHeader &header, std::string &error) const
+{
+    uchar bytes[32];
+    if (physicalOffset == 0 || !readLogical(physicalOffset, sizeof bytes, bytes)) {
+        error = "the points' section at byte " + std::to_string(physicalOffset)
+            + " is outside the file";
+        return false;
+    }
+    header.logicalLength = littleEndian<quint64>(bytes + 8);
+    header.dataOffset = littleEndian<quint64>(bytes + 16);
+    header.indexOffset = littleEndian<quint64>(bytes + 24);
+    // Section 1 is a compressed vector's; its data starts after the header, within the file.
+    if (bytes[0] != 1 || header.logicalLength < 32 || header.dataOffset <= physicalOffset
+        || header.dataOffset >= m_size || advance(physicalOffset, header.logicalLength) > m_size) {
+        error = "the points' section header at byte " + std::to_string(physicalOffset)
+            + " is invalid";
+        return false;
+    }
+    return true;
+}
+
+} // namespace tzE57

@@ -1,0 +1,137 @@
+#pragma once
+
+// The E57 file's structure (ASTM E2807): the paged binary layout and the XML section that
+// describes the scans and the images. Private to the formats.
+//
+// Layout: a 48-byte header ("ASTM-E57", version, the file's physical length, where the XML
+// section starts and its logical length, the page size), then pages of 1,024 bytes, each 1,020
+// bytes of data followed by the CRC-32C of those bytes (big-endian). Offsets in the XML and in
+// the binary sections are physical (counting the checksums); lengths are logical.
+
+#include <QString>
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tzE57 {
+
+constexpr size_t PAGE_SIZE = 1024;
+constexpr size_t PAGE_DATA = 1020;
+
+//! The CRC-32C (Castagnoli) of bytes.
+quint32 crc32c(const uchar *data, size_t size);
+
+//! A node of the XML section: its element name, its E57 type ("Structure", "Vector",
+//! "CompressedVector", "Integer", "ScaledInteger", "Float", "String", "Blob"), its other
+//! attributes, its text and its children in order.
+struct Node
+{
+    QString name;
+    QString type;
+    std::vector<std::pair<QString, QString>> attributes;
+    QString text;
+    std::vector<Node> children;
+
+    //! The child of this name, or null.
+    const Node *child(const QString &childName) const;
+    QString attribute(const QString &key) const;
+    //! The number an Integer, ScaledInteger or Float node holds (empty text: 0, as the format
+    //! says).
+    double number() const;
+    //! A child's number, or fallback when there is no such child.
+    double numberOf(const QString &childName, double fallback = 0) const;
+};
+
+//! One field of a compressed vector's records, as its prototype describes it.
+struct Field
+{
+    enum Kind { Integer, ScaledInteger, Float };
+    QString name;
+    Kind kind = Integer;
+    bool singlePrecision = false; // Float of 32 bits
+    qint64 minimum = 0, maximum = 0; // Integer and ScaledInteger
+    double scale = 1, offset = 0; // ScaledInteger
+    //! Bits a value takes in the stream: 0 when minimum == maximum; floats 32 or 64.
+    int bits() const;
+};
+
+//! A rigid-body transform: a rotation quaternion (w, x, y, z) and a translation.
+struct Pose
+{
+    std::array<double, 4> rotation {1, 0, 0, 0};
+    std::array<double, 3> translation {0, 0, 0};
+};
+
+//! A scan (data3D entry): its name, where its points are and how they are made.
+struct Scan
+{
+    QString name;
+    quint64 recordCount = 0;
+    quint64 fileOffset = 0; // physical offset of the compressed vector's section
+    std::vector<Field> fields;
+    Pose pose;
+    //! The colour and intensity limits the file gives (the fields' own when it gives none).
+    double colourMin[3] = {0, 0, 0}, colourMax[3] = {255, 255, 255};
+    double intensityMin = 0, intensityMax = 0;
+    bool hasIntensityLimits = false;
+
+    const Field *field(const QString &fieldName) const;
+};
+
+//! An image (images2D entry) of the pinhole kind: what the photo stations need.
+struct Image
+{
+    QString name;
+    QString representation; // "pinholeRepresentation", "sphericalRepresentation", ...
+    int width = 0, height = 0;
+    double focalLength = 0, pixelWidth = 0, pixelHeight = 0;
+    double principalX = 0, principalY = 0;
+    quint64 blobOffset = 0, blobLength = 0; // the picture (JPEG or PNG), physical offset
+    bool hasPose = false;
+    Pose pose;
+};
+
+//! The header of a compressed vector's binary section.
+struct SectionHeader
+{
+    quint64 logicalLength = 0;
+    quint64 dataOffset = 0; // physical offset of the first data packet
+    quint64 indexOffset = 0;
+};
+
+//! An E57 file in memory: checked, its XML read into nodes and the scans and images found.
+//! Every failure is a text naming the problem (the page, the element); the caller adds the
+//! file's name.
+class File
+{
+public:
+    //! Reads the header, checks every page's checksum and reads the XML section.
+    bool open(const uchar *data, size_t size, std::string &error);
+
+    const Node &root() const { return m_root; }
+    const std::vector<Scan> &scans() const { return m_scans; }
+    const std::vector<Image> &images() const { return m_images; }
+
+    //! Copies length logical bytes from a physical offset (skipping the checksums); false when
+    //! they run past the file.
+    bool readLogical(quint64 physicalOffset, size_t length, uchar *out) const;
+    //! The physical offset length logical bytes after a physical offset.
+    static quint64 advance(quint64 physicalOffset, quint64 logicalBytes);
+    //! The header of a compressed vector's section at a physical offset.
+    bool sectionHeader(quint64 physicalOffset, SectionHeader &header, std::string &error) const;
+
+private:
+    bool readXml(const QByteArray &xml, std::string &error);
+    bool readScans(std::string &error);
+    void readImages();
+
+    const uchar *m_data = nullptr;
+    size_t m_size = 0; // physical length
+    Node m_root;
+    std::vector<Scan> m_scans;
+    std::vector<Image> m_images;
+};
+
+} // namespace tzE57

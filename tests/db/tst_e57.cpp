@@ -1,0 +1,151 @@
+// The E57 file's structure, on files written by other programs (tests/data/e57/): the pages and
+// their checksums, the XML section, the scans' and images' descriptions, the points' section
+// headers.
+
+#include "tzE57File.h"
+
+#include <QFile>
+#include <QtTest>
+
+namespace {
+
+QByteArray bytesOf(const QString &name)
+{
+    QFile file(QStringLiteral(TESSARO_TEST_DATA "/e57/") + name);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+struct Opened
+{
+    QByteArray bytes;
+    tzE57::File file;
+    std::string error;
+    bool ok = false;
+
+    explicit Opened(const QString &name)
+        : bytes(bytesOf(name))
+    {
+        ok = file.open(reinterpret_cast<const uchar *>(bytes.constData()), size_t(bytes.size()),
+                       error);
+    }
+};
+
+} // namespace
+
+class TestE57 : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void checksumsAndOffsets();
+    void filesWrittenByOthers_data();
+    void filesWrittenByOthers();
+    void scanDescriptions();
+    void damagedFilesAreRefused_data();
+    void damagedFilesAreRefused();
+};
+
+void TestE57::checksumsAndOffsets()
+{
+    // The standard check value of CRC-32C.
+    const QByteArray digits("123456789");
+    QCOMPARE(tzE57::crc32c(reinterpret_cast<const uchar *>(digits.constData()), 9), 0xE3069283u);
+    // Physical offsets step over the 4 bytes of checksum at the end of each page.
+    QCOMPARE(tzE57::File::advance(48, 972), quint64(1024));
+    QCOMPARE(tzE57::File::advance(1019, 1), quint64(1024));
+    QCOMPARE(tzE57::File::advance(1000, 1040), quint64(2048));
+    QCOMPARE(tzE57::File::advance(1024, 1020 * 3 + 5), quint64(4096 + 5));
+}
+
+void TestE57::filesWrittenByOthers_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<int>("scans");
+    QTest::addColumn<int>("images");
+    QTest::newRow("scaled integers") << "bunnyInt32.e57" << 1 << 0;
+    QTest::newRow("floats and colours") << "ColouredCubeFloat.e57" << 1 << 0;
+    QTest::newRow("pinhole images, no scan")
+        << "PinholeImageWithDistortionParameters.e57" << 0 << 3;
+    QTest::newRow("empty") << "empty.e57" << 0 << 0;
+    QTest::newRow("a scan of no points") << "ZeroPoints.e57" << 1 << 0;
+}
+
+void TestE57::filesWrittenByOthers()
+{
+    QFETCH(QString, file);
+    Opened e57(file);
+    QVERIFY2(e57.ok, e57.error.c_str());
+    QTEST(int(e57.file.scans().size()), "scans");
+    QTEST(int(e57.file.images().size()), "images");
+    for (const tzE57::Image &image : e57.file.images())
+        QCOMPARE(image.representation, QStringLiteral("pinholeRepresentation"));
+}
+
+void TestE57::scanDescriptions()
+{
+    // What the XML of each file declares (read apart with a text editor).
+    Opened bunny(QStringLiteral("bunnyInt32.e57"));
+    QVERIFY2(bunny.ok, bunny.error.c_str());
+    const tzE57::Scan &scan = bunny.file.scans().front();
+    QCOMPARE(scan.name, QStringLiteral("bunny"));
+    QCOMPARE(scan.recordCount, quint64(30571));
+    QCOMPARE(int(scan.fields.size()), 4);
+    const tzE57::Field *x = scan.field(QStringLiteral("cartesianX"));
+    QVERIFY(x && x->kind == tzE57::Field::ScaledInteger);
+    QCOMPARE(x->bits(), 32);
+    QVERIFY(std::abs(x->scale - 1e-6) < 1e-18);
+    QCOMPARE(scan.field(QStringLiteral("cartesianInvalidState"))->bits(), 1);
+    tzE57::SectionHeader header;
+    std::string error;
+    QVERIFY2(bunny.file.sectionHeader(scan.fileOffset, header, error), error.c_str());
+    QVERIFY(header.dataOffset > scan.fileOffset);
+    // An identity pose where the file gives none.
+    QCOMPARE(scan.pose.rotation[0], 1.0);
+    QCOMPARE(scan.pose.translation[2], 0.0);
+
+    Opened cube(QStringLiteral("ColouredCubeFloat.e57"));
+    QVERIFY2(cube.ok, cube.error.c_str());
+    const tzE57::Scan &coloured = cube.file.scans().front();
+    QCOMPARE(coloured.recordCount, quint64(7680));
+    const tzE57::Field *y = coloured.field(QStringLiteral("cartesianY"));
+    QVERIFY(y && y->kind == tzE57::Field::Float && y->singlePrecision);
+    QCOMPARE(y->bits(), 32);
+    QCOMPARE(coloured.field(QStringLiteral("colorRed"))->bits(), 8);
+    QCOMPARE(coloured.colourMax[2], 255.0);
+}
+
+void TestE57::damagedFilesAreRefused_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QString>("problem");
+    QTest::newRow("bad checksum") << "bad-crc.e57"
+                                  << "page 1 of 1 (at byte 0) does not match its checksum";
+    QTest::newRow("compressed vector's header") << "InvalidCVHeader.e57"
+                                                << "section header at byte";
+    QTest::newRow("section at offset 0") << "ZeroPointsInvalid.e57"
+                                         << "outside the file";
+}
+
+void TestE57::damagedFilesAreRefused()
+{
+    QFETCH(QString, file);
+    QFETCH(QString, problem);
+    Opened e57(file);
+    std::string error = e57.error;
+    if (e57.ok) {
+        // The structure holds; the points' section is what is wrong.
+        QCOMPARE(int(e57.file.scans().size()), 1);
+        tzE57::SectionHeader header;
+        QVERIFY(!e57.file.sectionHeader(e57.file.scans().front().fileOffset, header, error));
+    }
+    QVERIFY2(QString::fromStdString(error).contains(problem), error.c_str());
+    // Cut short, a good file is refused at its header.
+    Opened bunny(QStringLiteral("bunnyInt32.e57"));
+    tzE57::File cut;
+    std::string cutError;
+    QVERIFY(!cut.open(reinterpret_cast<const uchar *>(bunny.bytes.constData()), 5000, cutError));
+    QVERIFY(QString::fromStdString(cutError).contains("truncated"));
+}
+
+QTEST_GUILESS_MAIN(TestE57)
+#include "tst_e57.moc"
