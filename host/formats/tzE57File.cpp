@@ -386,4 +386,116 @@ bool File::sectionHeader(quint64 physicalOffset, SectionHeader &header, std::str
     return true;
 }
 
+// ---------------------------------------------------------------- records
+
+bool Records::open(const File &file, const Scan &scan, std::string &error)
+{
+    m_fields = scan.fields;
+    m_streams.assign(m_fields.size(), Stream {});
+    m_count = scan.recordCount;
+    m_read = 0;
+    if (m_count == 0)
+        return true;
+    SectionHeader section;
+    if (!file.sectionHeader(scan.fileOffset, section, error))
+        return false;
+    // The packets follow one another from the data offset to the end of the section.
+    const quint64 end = File::advance(scan.fileOffset, section.logicalLength);
+    quint64 at = section.dataOffset;
+    std::vector<uchar> packet;
+    while (at < end) {
+        uchar head[6];
+        if (!file.readLogical(at, sizeof head, head)) {
+            error = "a packet at byte " + std::to_string(at) + " runs past the end of the file";
+            return false;
+        }
+        const int type = head[0];
+        const size_t length = size_t(littleEndian<quint16>(head + 2)) + 1;
+        if (type == 0 || type == 2) { // index and empty packets
+            at = File::advance(at, length);
+            continue;
+        }
+        const size_t streams = littleEndian<quint16>(head + 4);
+        if (type != 1 || streams != m_streams.size() || length < 6 + 2 * streams) {
+            error = "the data packet at byte " + std::to_string(at) + " is invalid (type "
+                + std::to_string(type) + ", " + std::to_string(streams) + " streams for "
+                + std::to_string(m_streams.size()) + " fields)";
+            return false;
+        }
+        packet.resize(length);
+        if (!file.readLogical(at, length, packet.data())) {
+            error = "the data packet at byte " + std::to_string(at)
+                + " runs past the end of the file";
+            return false;
+        }
+        size_t offset = 6 + 2 * streams;
+        for (size_t k = 0; k < streams; ++k) {
+            const size_t n = littleEndian<quint16>(packet.data() + 6 + 2 * k);
+            if (offset + n > length) {
+                error = "the data packet at byte " + std::to_string(at)
+                    + " holds less than its streams' lengths";
+                return false;
+            }
+            Stream &stream = m_streams[k];
+            stream.bytes.insert(stream.bytes.end(), packet.begin() + std::ptrdiff_t(offset),
+                                packet.begin() + std::ptrdiff_t(offset + n));
+            offset += n;
+        }
+        at = File::advance(at, length);
+    }
+    for (Stream &stream : m_streams) {
+        stream.bitsLeft = quint64(stream.bytes.size()) * 8;
+        stream.bytes.resize(stream.bytes.size() + 8, 0);
+    }
+    return true;
+}
+
+bool Records::next(double *values)
+{
+    if (m_read >= m_count)
+        return false;
+    for (size_t k = 0; k < m_fields.size(); ++k) {
+        const Field &field = m_fields[k];
+        Stream &stream = m_streams[k];
+        const int bits = field.bits();
+        if (quint64(bits) > stream.bitsLeft)
+            return false;
+        // Little-endian bits: the value's low bit first.
+        quint64 raw = 0;
+        if (bits > 0) {
+            const uchar *p = stream.bytes.data() + stream.position / 8;
+            const int shift = int(stream.position % 8);
+            quint64 low;
+            std::memcpy(&low, p, 8);
+            raw = low >> shift;
+            if (shift + bits > 64)
+                raw |= quint64(p[8]) << (64 - shift);
+            if (bits < 64)
+                raw &= (quint64(1) << bits) - 1;
+        }
+        stream.position += quint64(bits);
+        stream.bitsLeft -= quint64(bits);
+        switch (field.kind) {
+        case Field::Float:
+            if (field.singlePrecision) {
+                float f;
+                const quint32 u = quint32(raw);
+                std::memcpy(&f, &u, 4);
+                values[k] = double(f);
+            } else {
+                std::memcpy(&values[k], &raw, 8);
+            }
+            break;
+        case Field::Integer:
+            values[k] = double(qint64(raw + quint64(field.minimum)));
+            break;
+        case Field::ScaledInteger:
+            values[k] = double(qint64(raw + quint64(field.minimum))) * field.scale + field.offset;
+            break;
+        }
+    }
+    ++m_read;
+    return true;
+}
+
 } // namespace tzE57

@@ -134,4 +134,30 @@ private:
     std::vector<Image> m_images;
 };
 
+//! The records of a scan's compressed vector, one after the other: the data packets' byte
+//! streams (one per field, bit-packed, each continuing from packet to packet) gathered, then
+//! read value by value.
+class Records
+{
+public:
+    //! Gathers the scan's streams; false with the problem when its section is damaged.
+    bool open(const File &file, const Scan &scan, std::string &error);
+    quint64 count() const { return m_count; }
+    //! The next record's values, one per field in the prototype's order (scaled integers
+    //! scaled); false after the last record or when a stream runs short.
+    bool next(double *values);
+
+private:
+    struct Stream
+    {
+        std::vector<uchar> bytes; // with 8 bytes of padding after the data
+        quint64 bitsLeft = 0;
+        quint64 position = 0; // in bits
+    };
+    std::vector<Field> m_fields;
+    std::vector<Stream> m_streams;
+    quint64 m_count = 0;
+    quint64 m_read = 0;
+};
+
 } // namespace tzE57

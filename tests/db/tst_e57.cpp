@@ -41,6 +41,7 @@ private slots:
     void filesWrittenByOthers_data();
     void filesWrittenByOthers();
     void scanDescriptions();
+    void recordsLieWithinTheDeclaredBounds();
     void damagedFilesAreRefused_data();
     void damagedFilesAreRefused();
 };
@@ -112,6 +113,61 @@ void TestE57::scanDescriptions()
     QCOMPARE(y->bits(), 32);
     QCOMPARE(coloured.field(QStringLiteral("colorRed"))->bits(), 8);
     QCOMPARE(coloured.colourMax[2], 255.0);
+}
+
+void TestE57::recordsLieWithinTheDeclaredBounds()
+{
+    // The bunny: every record decodes, each coordinate within the bounds its writer put in the
+    // XML; the first point as the stream holds it (read apart: raw 2147413018 over a minimum
+    // of -2^31, times 1e-6).
+    Opened bunny(QStringLiteral("bunnyInt32.e57"));
+    QVERIFY2(bunny.ok, bunny.error.c_str());
+    const tzE57::Scan &scan = bunny.file.scans().front();
+    tzE57::Records records;
+    std::string error;
+    QVERIFY2(records.open(bunny.file, scan, error), error.c_str());
+    const tzE57::Node *bounds = bunny.file.root()
+                                    .child(QStringLiteral("data3D"))
+                                    ->children.front()
+                                    .child(QStringLiteral("cartesianBounds"));
+    QVERIFY(bounds);
+    const char *axes[3] = {"x", "y", "z"};
+    double values[4];
+    quint64 count = 0;
+    while (records.next(values)) {
+        if (count == 0)
+            QVERIFY(std::abs(values[0] - (-0.070630)) < 1e-9);
+        for (int d = 0; d < 3; ++d) {
+            const double low
+                = bounds->numberOf(QStringLiteral("%1Minimum").arg(QLatin1String(axes[d])));
+            const double high
+                = bounds->numberOf(QStringLiteral("%1Maximum").arg(QLatin1String(axes[d])));
+            QVERIFY2(values[d] >= low - 1e-9 && values[d] <= high + 1e-9,
+                     qPrintable(QStringLiteral("record %1: %2").arg(count).arg(values[d])));
+        }
+        QVERIFY(values[3] == 0 || values[3] == 1);
+        ++count;
+    }
+    QCOMPARE(count, scan.recordCount);
+
+    // The cube: single floats within its half-unit box, 8-bit colours, not all one colour.
+    Opened cube(QStringLiteral("ColouredCubeFloat.e57"));
+    QVERIFY2(cube.ok, cube.error.c_str());
+    QVERIFY2(records.open(cube.file, cube.file.scans().front(), error), error.c_str());
+    double cubeValues[6];
+    count = 0;
+    QSet<int> reds;
+    while (records.next(cubeValues)) {
+        for (int d = 0; d < 3; ++d)
+            QVERIFY(std::abs(cubeValues[d]) <= 0.5);
+        for (int c = 3; c < 6; ++c)
+            QVERIFY(cubeValues[c] >= 0 && cubeValues[c] <= 255
+                    && cubeValues[c] == std::floor(cubeValues[c]));
+        reds.insert(int(cubeValues[3]));
+        ++count;
+    }
+    QCOMPARE(count, quint64(7680));
+    QVERIFY(reds.size() > 1);
 }
 
 void TestE57::damagedFilesAreRefused_data()
