@@ -1,7 +1,9 @@
-// libFuzzer target for the readers of untrusted files: scene files and the three cloud formats.
+// libFuzzer target for the readers of untrusted files: scene files, the cloud formats and the
+// E57 file's structure and records.
 // The first byte picks the reader; the rest is the file.
 
 #include "tzCloudFile.h"
+#include "tzE57File.h"
 #include "tzHObject.h"
 #include "tzLog.h"
 #include "tzPointCloud.h"
@@ -24,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     const QByteArray bytes(reinterpret_cast<const char *>(data + 1), int(size - 1));
     QString error;
-    switch (data[0] % 6) {
+    switch (data[0] % 7) {
     case 0: {
         QBuffer buffer;
         buffer.setData(bytes);
@@ -44,9 +46,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     case 4:
         delete tzCloudFile::loadFromMemory(bytes, "pts", "fuzz.pts", error);
         break;
-    default:
+    case 5:
         delete tzCloudFile::loadFromMemory(bytes, "csv", "fuzz.csv", error);
         break;
+    default: {
+        tzE57::File file;
+        std::string problem;
+        if (!file.open(data + 1, size - 1, problem))
+            break;
+        double values[64];
+        for (const tzE57::Scan &scan : file.scans()) {
+            tzE57::Records records;
+            if (scan.fields.size() > 64 || !records.open(file, scan, problem))
+                continue;
+            while (records.next(values)) { }
+        }
+        break;
+    }
     }
     return 0;
 }

@@ -443,9 +443,24 @@ bool Records::open(const File &file, const Scan &scan, std::string &error)
         }
         at = File::advance(at, length);
     }
-    for (Stream &stream : m_streams) {
+    // Every stream must hold the records the XML declares (which also bounds what a damaged
+    // count makes a reader allocate).
+    bool someBits = false;
+    for (size_t k = 0; k < m_streams.size(); ++k) {
+        Stream &stream = m_streams[k];
         stream.bitsLeft = quint64(stream.bytes.size()) * 8;
         stream.bytes.resize(stream.bytes.size() + 8, 0);
+        const quint64 bits = quint64(m_fields[k].bits());
+        someBits = someBits || bits > 0;
+        if (bits > 0 && stream.bitsLeft / bits < m_count) {
+            error = "the points' streams hold " + std::to_string(stream.bitsLeft / bits)
+                + " records, the XML declares " + std::to_string(m_count);
+            return false;
+        }
+    }
+    if (!someBits) {
+        error = "the points' fields take no bits: nothing to read";
+        return false;
     }
     return true;
 }
