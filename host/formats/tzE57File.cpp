@@ -513,4 +513,170 @@ bool Records::next(double *values)
     return true;
 }
 
+// ---------------------------------------------------------------- writing
+
+namespace {
+
+template<typename T> void append(std::vector<uchar> &out, T value)
+{
+    const size_t at = out.size();
+    out.resize(at + sizeof value);
+    std::memcpy(out.data() + at, &value, sizeof value);
+}
+
+quint64 physicalOf(quint64 logical)
+{
+    return logical / PAGE_DATA * PAGE_SIZE + logical % PAGE_DATA;
+}
+
+QString xmlNumber(double v)
+{
+    return QString::number(v, 'g', 17);
+}
+
+QString poseXml(const Pose &pose)
+{
+    return QStringLiteral("<pose type=\"Structure\"><rotation type=\"Structure\">"
+                          "<w type=\"Float\">%1</w><x type=\"Float\">%2</x>"
+                          "<y type=\"Float\">%3</y><z type=\"Float\">%4</z></rotation>"
+                          "<translation type=\"Structure\"><x type=\"Float\">%5</x>"
+                          "<y type=\"Float\">%6</y><z type=\"Float\">%7</z></translation></pose>")
+        .arg(xmlNumber(pose.rotation[0]), xmlNumber(pose.rotation[1]), xmlNumber(pose.rotation[2]),
+             xmlNumber(pose.rotation[3]), xmlNumber(pose.translation[0]),
+             xmlNumber(pose.translation[1]), xmlNumber(pose.translation[2]));
+}
+
+} // namespace
+
+bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::string &error)
+{
+    // The logical bytes first (header, each scan's section, the XML), then the pages.
+    std::vector<uchar> logical(48, 0);
+    QString data3D;
+    for (const ScanToWrite &scan : scans) {
+        const size_t n = scan.xyz.size() / 3;
+        const bool intensity = !scan.intensities.empty(), colour = !scan.colours.empty();
+        if ((intensity && scan.intensities.size() != n) || (colour && scan.colours.size() != n)) {
+            error = "a scan's intensities or colours do not match its points";
+            return false;
+        }
+        const size_t fields = 3 + (intensity ? 1 : 0) + (colour ? 3 : 0);
+        const quint64 section = logical.size();
+        logical.resize(logical.size() + 32, 0);
+        // Packets of whole records, each stream's buffer whole bytes.
+        constexpr size_t PER_PACKET = 2048;
+        for (size_t first = 0; first < n; first += PER_PACKET) {
+            const size_t count = std::min(PER_PACKET, n - first);
+            std::vector<std::vector<uchar>> streams(fields);
+            for (size_t i = first; i < first + count; ++i) {
+                for (int d = 0; d < 3; ++d) {
+                    const double v = std::round(scan.xyz[3 * i + size_t(d)] / scan.scale);
+                    if (!(std::abs(v) < 2147483647.0)) {
+                        error = "a coordinate does not fit the scaled integers";
+                        return false;
+                    }
+                    append(streams[size_t(d)], quint32(qint64(v) + 2147483648LL));
+                }
+                size_t k = 3;
+                if (intensity)
+                    append(streams[k++], scan.intensities[i]);
+                if (colour) {
+                    for (int c = 0; c < 3; ++c)
+                        streams[k++].push_back(scan.colours[i][size_t(c)]);
+                }
+            }
+            size_t length = 6 + 2 * fields;
+            for (const auto &stream : streams)
+                length += stream.size();
+            const size_t padded = (length + 3) / 4 * 4;
+            logical.push_back(1); // data packet
+            logical.push_back(0);
+            append(logical, quint16(padded - 1));
+            append(logical, quint16(fields));
+            for (const auto &stream : streams)
+                append(logical, quint16(stream.size()));
+            for (const auto &stream : streams)
+                logical.insert(logical.end(), stream.begin(), stream.end());
+            logical.resize(logical.size() + (padded - length), 0);
+        }
+        // The section's header: its id, its logical length, where its data starts.
+        logical[section] = 1;
+        const quint64 sectionLength = logical.size() - section;
+        const quint64 dataOffset = physicalOf(section + 32);
+        std::memcpy(logical.data() + section + 8, &sectionLength, 8);
+        std::memcpy(logical.data() + section + 16, &dataOffset, 8);
+        QString prototype;
+        for (const char *axis : {"cartesianX", "cartesianY", "cartesianZ"}) {
+            prototype += QStringLiteral("<%1 type=\"ScaledInteger\" minimum=\"-2147483648\" "
+                                        "maximum=\"2147483647\" scale=\"%2\"/>")
+                             .arg(QLatin1String(axis), xmlNumber(scan.scale));
+        }
+        QString limits;
+        if (intensity) {
+            prototype
+                += QStringLiteral("<intensity type=\"Integer\" minimum=\"0\" maximum=\"65535\"/>");
+            limits += QStringLiteral("<intensityLimits type=\"Structure\"><intensityMinimum "
+                                     "type=\"Integer\">0</intensityMinimum><intensityMaximum "
+                                     "type=\"Integer\">65535</intensityMaximum></intensityLimits>");
+        }
+        if (colour) {
+            limits += QStringLiteral("<colorLimits type=\"Structure\">");
+            for (const char *c : {"Red", "Green", "Blue"}) {
+                prototype
+                    += QStringLiteral("<color%1 type=\"Integer\" minimum=\"0\" maximum=\"255\"/>")
+                           .arg(QLatin1String(c));
+                limits += QStringLiteral("<color%1Minimum type=\"Integer\">0</color%1Minimum>"
+                                         "<color%1Maximum type=\"Integer\">255</color%1Maximum>")
+                              .arg(QLatin1String(c));
+            }
+            limits += QStringLiteral("</colorLimits>");
+        }
+        data3D
+            += QStringLiteral("<vectorChild type=\"Structure\"><name type=\"String\"><![CDATA[%1]]>"
+                              "</name>%2%3<points type=\"CompressedVector\" fileOffset=\"%4\" "
+                              "recordCount=\"%5\"><prototype type=\"Structure\">%6</prototype>"
+                              "<codecs type=\"Vector\"/></points></vectorChild>")
+                   .arg(scan.name, poseXml(scan.pose), limits)
+                   .arg(physicalOf(section))
+                   .arg(n)
+                   .arg(prototype);
+    }
+    const QByteArray xml
+        = (QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<e57Root type=\"Structure\" "
+                          "xmlns=\"http://www.astm.org/COMMIT/E57/2010-e57-v1.0\"><formatName "
+                          "type=\"String\"><![CDATA[ASTM E57 3D Imaging Data File]]></formatName>"
+                          "<versionMajor type=\"Integer\">1</versionMajor><data3D type=\"Vector\" "
+                          "allowHeterogeneousChildren=\"1\">%1</data3D><images2D type=\"Vector\" "
+                          "allowHeterogeneousChildren=\"1\"/></e57Root>\n")
+               .arg(data3D))
+              .toUtf8();
+    const quint64 xmlLogical = logical.size();
+    logical.insert(logical.end(), xml.begin(), xml.end());
+    const quint64 pages = (logical.size() + PAGE_DATA - 1) / PAGE_DATA;
+    logical.resize(size_t(pages * PAGE_DATA), 0);
+    // The header.
+    std::memcpy(logical.data(), "ASTM-E57", 8);
+    const quint32 major = 1, minor = 0;
+    const quint64 physicalLength = pages * PAGE_SIZE, xmlOffset = physicalOf(xmlLogical),
+                  xmlLength = quint64(xml.size()), pageSize = PAGE_SIZE;
+    std::memcpy(logical.data() + 8, &major, 4);
+    std::memcpy(logical.data() + 12, &minor, 4);
+    std::memcpy(logical.data() + 16, &physicalLength, 8);
+    std::memcpy(logical.data() + 24, &xmlOffset, 8);
+    std::memcpy(logical.data() + 32, &xmlLength, 8);
+    std::memcpy(logical.data() + 40, &pageSize, 8);
+    // The pages, each with its checksum (big-endian).
+    out.resize(int(physicalLength));
+    for (quint64 page = 0; page < pages; ++page) {
+        uchar *p = reinterpret_cast<uchar *>(out.data()) + page * PAGE_SIZE;
+        std::memcpy(p, logical.data() + page * PAGE_DATA, PAGE_DATA);
+        const quint32 crc = crc32c(p, PAGE_DATA);
+        p[PAGE_DATA] = uchar(crc >> 24);
+        p[PAGE_DATA + 1] = uchar(crc >> 16);
+        p[PAGE_DATA + 2] = uchar(crc >> 8);
+        p[PAGE_DATA + 3] = uchar(crc);
+    }
+    return true;
+}
+
 } // namespace tzE57

@@ -160,4 +160,22 @@ private:
     quint64 m_read = 0;
 };
 
+//! A scan to write: its points in its own frame (x, y, z one after the other), optional
+//! intensities and colours (one per point, or none), its pose and the step of its scaled
+//! integer coordinates.
+struct ScanToWrite
+{
+    QString name;
+    std::vector<double> xyz;
+    std::vector<quint16> intensities;
+    std::vector<std::array<quint8, 3>> colours;
+    Pose pose;
+    double scale = 0.001;
+};
+
+//! An E57 file of these scans (scaled 32-bit integer coordinates, 16-bit intensities, 8-bit
+//! colours, each scan's pose), pages and checksums included: the tests' and the benchmarks'
+//! files. False when a coordinate does not fit the scaled integers.
+bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::string &error);
+
 } // namespace tzE57

@@ -42,6 +42,7 @@ private slots:
     void filesWrittenByOthers();
     void scanDescriptions();
     void recordsLieWithinTheDeclaredBounds();
+    void writtenScansReadBack();
     void damagedFilesAreRefused_data();
     void damagedFilesAreRefused();
 };
@@ -168,6 +169,54 @@ void TestE57::recordsLieWithinTheDeclaredBounds()
     }
     QCOMPARE(count, quint64(7680));
     QVERIFY(reds.size() > 1);
+}
+
+void TestE57::writtenScansReadBack()
+{
+    // Two scans over several packets and pages, one with intensities and colours, each with a
+    // pose, and an empty one.
+    std::vector<tzE57::ScanToWrite> scans(3);
+    scans[0].name = QStringLiteral("station 1");
+    scans[1].name = QStringLiteral("station 2");
+    scans[2].name = QStringLiteral("nothing");
+    for (int i = 0; i < 5000; ++i) {
+        scans[0].xyz.insert(scans[0].xyz.end(), {i * 0.013, -i * 0.007, 100.0 + i % 17});
+        scans[0].intensities.push_back(quint16(i * 13));
+        scans[0].colours.push_back({quint8(i), quint8(i / 3), quint8(255 - i % 256)});
+    }
+    for (int i = 0; i < 2100; ++i)
+        scans[1].xyz.insert(scans[1].xyz.end(), {-i * 0.5, i * 0.25, -3.0});
+    scans[1].pose.rotation = {0.7071067811865476, 0, 0, 0.7071067811865476};
+    scans[1].pose.translation = {651200.5, 6861400.25, 112};
+    QByteArray bytes;
+    std::string error;
+    QVERIFY2(tzE57::writeFile(scans, bytes, error), error.c_str());
+    tzE57::File file;
+    QVERIFY2(
+        file.open(reinterpret_cast<const uchar *>(bytes.constData()), size_t(bytes.size()), error),
+        error.c_str());
+    QCOMPARE(int(file.scans().size()), 3);
+    QCOMPARE(file.scans()[1].name, QStringLiteral("station 2"));
+    QCOMPARE(file.scans()[1].pose.translation[1], 6861400.25);
+    QCOMPARE(file.scans()[1].pose.rotation[3], 0.7071067811865476);
+    QCOMPARE(file.scans()[2].recordCount, quint64(0));
+    for (size_t s = 0; s < scans.size(); ++s) {
+        tzE57::Records records;
+        QVERIFY2(records.open(file, file.scans()[s], error), error.c_str());
+        double values[7];
+        size_t i = 0;
+        while (records.next(values)) {
+            for (int d = 0; d < 3; ++d)
+                QVERIFY(std::abs(values[d] - scans[s].xyz[3 * i + size_t(d)]) <= 0.0005);
+            if (!scans[s].intensities.empty()) {
+                QCOMPARE(values[3], double(scans[s].intensities[i]));
+                for (int c = 0; c < 3; ++c)
+                    QCOMPARE(values[4 + c], double(scans[s].colours[i][size_t(c)]));
+            }
+            ++i;
+        }
+        QCOMPARE(i, scans[s].xyz.size() / 3);
+    }
 }
 
 void TestE57::damagedFilesAreRefused_data()
