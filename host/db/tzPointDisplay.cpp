@@ -33,7 +33,7 @@ struct LasClass
     const char *name;
     quint8 r, g, b;
 };
-// The classes the LAS 1.4 specification defines (0-18).
+// The standard classes of LAS 1.4 (0-18).
 constexpr LasClass STANDARD_CLASSES[] = {
     {"Never classified", 150, 150, 150},
     {"Unclassified", 200, 200, 200},

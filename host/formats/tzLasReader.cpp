@@ -170,6 +170,22 @@ struct RecordConverter
     }
 };
 
+//! The arrays a LAS or LAZ file's n points are read into (colours where the format has them).
+struct CloudArrays
+{
+    std::vector<TZVector3> points;
+    std::vector<tzRgb> colours;
+    std::vector<tzPointAttributes> attributes;
+
+    CloudArrays(const LasHeader &header, size_t n)
+    {
+        allocate(points, n);
+        allocate(attributes, n);
+        if (header.rgbOffset >= 0)
+            allocate(colours, n);
+    }
+};
+
 tzPointCloud *readPlain(const Bytes &in, const LasHeader &header, const QString &name,
                         const LoadOptions &options)
 {
@@ -184,14 +200,9 @@ tzPointCloud *readPlain(const Bytes &in, const LasHeader &header, const QString 
     if (n > 0)
         decideShift(builder, header, data);
     const RecordConverter convert {header, builder.shift()};
-    std::vector<TZVector3> points;
-    std::vector<tzRgb> colours;
-    std::vector<tzPointAttributes> attributes;
-    allocate(points, n);
-    allocate(attributes, n);
-    const bool withColours = header.rgbOffset >= 0;
-    if (withColours)
-        allocate(colours, n);
+    CloudArrays arrays(header, n);
+    auto &[points, colours, attributes] = arrays;
+    const bool withColours = !colours.empty();
     const bool wide = withColours && convert.wideColours(data, n);
     constexpr size_t STEP = 1 << 20;
     for (size_t done = 0; done < n; done += STEP) {
@@ -465,13 +476,8 @@ tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QSt
         decideShift(builder, header, in.data + chunks.front().offset);
     }
     const RecordConverter convert {header, builder.shift()};
-    std::vector<TZVector3> points;
-    std::vector<tzRgb> colours;
-    std::vector<tzPointAttributes> attributes;
-    allocate(points, n);
-    allocate(attributes, n);
-    if (header.rgbOffset >= 0)
-        allocate(colours, n);
+    CloudArrays arrays(header, n);
+    auto &[points, colours, attributes] = arrays;
     const unsigned threads = unsigned(std::max<size_t>(
         1, std::min<size_t>(std::max(1u, std::thread::hardware_concurrency()), chunks.size())));
     LazDecoding decoding(in, header, description, convert, std::move(chunks), points.data(),
