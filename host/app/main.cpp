@@ -3,9 +3,10 @@
 //   tessaro [--auto-shift] [--oblique] [--action <name>] [--screenshot <png>]
 //           [--colour rgb|intensity|elevation|classification] [--point-size N]
 //           [--shading edl|none] [files...]
-//   tessaro --convert IN OUT [--chunk-size N]     (LAS and LAZ, by extension; no window)
+//   tessaro --convert IN OUT [--chunk-size N] [--split]   (by extension; no window; --split:
+//                                                          one OUT per scan of an E57)
 //
-// Opens the clouds (PLY, LAS, LAZ, PCD, text) and scenes (.tzs) given, and loads the plug-ins found
+// Opens the clouds (PLY, LAS, LAZ, E57, PCD, text) and scenes (.tzs) given, and loads the plug-ins found
 // in plugins/ beside the executable (lib/tessaro/plugins/ once installed) and in the folders of
 // TESSARO_PLUGIN_PATH.
 
@@ -29,7 +30,7 @@
 
 namespace {
 
-// tessaro --convert IN OUT [--chunk-size N]: no window, no display needed.
+// tessaro --convert IN OUT [--chunk-size N] [--split]: no window, no display needed.
 int convertFiles(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
@@ -43,6 +44,10 @@ int convertFiles(int argc, char **argv)
                                  QStringLiteral("Points per chunk of a LAZ output (50000)."),
                                  QStringLiteral("n"), QStringLiteral("50000"));
     parser.addOption(chunkSize);
+    QCommandLineOption split(QStringLiteral("split"),
+                             QStringLiteral("One output per scan of an E57 file: OUT's name with "
+                                            "\"-\" and the scan's name before its extension."));
+    parser.addOption(split);
     parser.addPositionalArgument(QStringLiteral("in"), QStringLiteral("The file to convert."));
     parser.addPositionalArgument(QStringLiteral("out"), QStringLiteral("The file to write."));
     parser.process(app);
@@ -59,7 +64,21 @@ int convertFiles(int argc, char **argv)
         return 2;
     }
     QString error;
-    if (!tzCloudFile::convert(files[0], files[1], error, chunk)) {
+    tzCloudFile::LoadOptions options;
+    options.note = [](const QString &text) {
+        std::fprintf(stderr, "tessaro --convert: %s\n", qPrintable(text));
+    };
+    if (parser.isSet(split)) {
+        QStringList written;
+        if (!tzCloudFile::convertScans(files[0], files[1], written, error, chunk, options)) {
+            std::fprintf(stderr, "tessaro --convert: %s\n", qPrintable(error));
+            return 1;
+        }
+        for (const QString &path : written)
+            std::printf("%s\n", qPrintable(path));
+        return 0;
+    }
+    if (!tzCloudFile::convert(files[0], files[1], error, chunk, options)) {
         std::fprintf(stderr, "tessaro --convert: %s\n", qPrintable(error));
         return 1;
     }

@@ -89,14 +89,21 @@ tzHObject *tzFileLoader::read(QString &error)
         emit shiftTaken(shift);
         return true;
     };
-    tzPointCloud *cloud = tzCloudFile::load(m_path, error, options);
-    if (cloud && cloud->getName().isEmpty())
-        cloud->setName(QFileInfo(m_path).completeBaseName());
-    if (cloud) {
+    options.note = [this](const QString &text) { emit note(text); };
+    tzHObject *object = tzCloudFile::loadObjects(m_path, error, options);
+    if (!object)
+        return nullptr;
+    if (object->getName().isEmpty())
+        object->setName(QFileInfo(m_path).completeBaseName());
+    tzHObject::Container clouds;
+    if (object->isKindOf(TZ_TYPES::POINT_CLOUD))
+        clouds.push_back(object);
+    object->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
+    for (tzHObject *cloud : clouds) {
         cloud->setMetaData(QLatin1String(tzGenericPointCloud::SOURCE_FILE_KEY),
                            QFileInfo(m_path).absoluteFilePath());
     }
-    return cloud;
+    return object;
 }
 
 bool tzFileLoader::index(tzHObject *object, QString &error)

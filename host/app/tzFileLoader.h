@@ -42,8 +42,8 @@ public:
     void answerShift(bool accepted, const TZVector3d &shift);
     const QString &path() const { return m_path; }
     static bool isSceneFile(const QString &path);
-    //! The new cloud (a tzPointCloud) or the root of the scene read, once loaded; the caller
-    //! owns it. What nobody takes goes with the loader.
+    //! The new cloud (a tzPointCloud), the group of a file's scans (E57) or the root of the
+    //! scene read, once loaded; the caller owns it. What nobody takes goes with the loader.
     tzHObject *takeResult() { return m_result.release(); }
 
 signals:
@@ -58,6 +58,8 @@ signals:
     void shiftRequested(const QString &path, const TZVector3d &suggested);
     //! The suggested shift was applied without asking.
     void shiftTaken(const TZVector3d &shift);
+    //! What the reader passed over that the user should know (emitted on the worker thread).
+    void note(const QString &text);
 
 private:
     void run();

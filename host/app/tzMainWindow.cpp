@@ -586,6 +586,8 @@ void tzMainWindow::openNextFile()
     } else {
         connect(m_loader, &tzFileLoader::shiftRequested, this, &tzMainWindow::askShift);
     }
+    connect(m_loader, &tzFileLoader::note, this,
+            [this](const QString &text) { printToConsole(text, WRN_CONSOLE_MESSAGE); });
     m_progress
         = new tzProgressDialog(tr("Opening %1").arg(fileName), m_options.progressDelay, this);
     m_progress->setObjectName(QStringLiteral("loadProgress"));
@@ -736,11 +738,20 @@ void tzMainWindow::adoptLoaded(const QString &path)
     if (tzFileLoader::isSceneFile(path)) {
         adoptScene(std::move(object), path);
     } else {
-        auto *cloud = static_cast<tzPointCloud *>(object.release());
-        printToConsole(QStringLiteral("'%1': %2 points").arg(path).arg(cloud->size()));
-        addToDatabase(cloud, true);
+        // A cloud, or a file's scans under a group named after it.
+        const std::vector<tzPointCloud *> clouds = cloudsOf(object.get());
+        quint64 points = 0;
+        for (const tzPointCloud *cloud : clouds)
+            points += cloud->size();
+        printToConsole(clouds.size() == 1 && object->isKindOf(TZ_TYPES::POINT_CLOUD)
+                           ? QStringLiteral("'%1': %2 points").arg(path).arg(points)
+                           : QStringLiteral("'%1': %2 points in %3 scans")
+                                 .arg(path)
+                                 .arg(points)
+                                 .arg(clouds.size()));
+        addToDatabase(object.release(), true);
         // Selected, so that what works on the selected cloud is ready at once.
-        m_tree->selectObject(cloud);
+        m_tree->selectObject(clouds.empty() ? nullptr : clouds.front());
     }
     endLoad(path, true, QString(), false);
 }

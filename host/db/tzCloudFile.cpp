@@ -3,6 +3,7 @@
 
 #include "tzPointCloud.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
@@ -50,6 +51,22 @@ private:
     Bytes m_bytes;
 };
 
+//! What read() gives, or nothing with errorText naming the file and the problem.
+template<typename Read>
+auto reading(const QString &name, QString &errorText, Read &&read) -> decltype(read())
+{
+    try {
+        return read();
+    } catch (const ReadFailure &failure) {
+        errorText = QStringLiteral("'%1': %2").arg(name, failure.reason);
+    } catch (const Cancelled &) {
+        errorText = QStringLiteral("'%1': loading cancelled").arg(name);
+    } catch (const std::bad_alloc &) {
+        errorText = QStringLiteral("'%1': Not enough memory").arg(name);
+    }
+    return {};
+}
+
 tzPointCloud *readAny(const Bytes &bytes, const QString &extension, const QString &name,
                       QString &errorText, const LoadOptions &options)
 {
@@ -58,16 +75,20 @@ tzPointCloud *readAny(const Bytes &bytes, const QString &extension, const QStrin
         errorText = QStringLiteral("'%1': unknown cloud format '%2'").arg(name, extension);
         return nullptr;
     }
-    try {
-        return format->read(bytes, name, extension.toLower(), options);
-    } catch (const ReadFailure &failure) {
-        errorText = QStringLiteral("'%1': %2").arg(name, failure.reason);
-    } catch (const Cancelled &) {
-        errorText = QStringLiteral("'%1': loading cancelled").arg(name);
-    } catch (const std::bad_alloc &) {
-        errorText = QStringLiteral("'%1': Not enough memory").arg(name);
+    return reading(name, errorText,
+                   [&] { return format->read(bytes, name, extension.toLower(), options); });
+}
+
+//! The format of a cloud file by its extension, or null with errorText saying so.
+const Format *cloudFormatOf(const QString &path, QString &errorText)
+{
+    const QString suffix = QFileInfo(path).suffix().toLower();
+    const Format *format = formatOf(suffix);
+    if (!format || !format->read) {
+        errorText = QStringLiteral("'%1': unknown cloud file extension '.%2'").arg(path, suffix);
+        return nullptr;
     }
-    return nullptr;
+    return format;
 }
 
 } // namespace
@@ -128,22 +149,85 @@ bool convert(const QString &inPath, const QString &outPath, QString &errorText, 
         errorText);
 }
 
+bool convertScans(const QString &inPath, const QString &outPath, QStringList &written,
+                  QString &errorText, quint32 chunkSize, const LoadOptions &options)
+{
+    written.clear();
+    const QFileInfo out(outPath);
+    if (!writableKinds().contains(out.suffix().toLower())) {
+        errorText = QStringLiteral("'%1': clouds are written as LAS, LAZ or PLY, not '.%2'")
+                        .arg(outPath, out.suffix());
+        return false;
+    }
+    std::vector<std::unique_ptr<tzPointCloud>> scans;
+    for (tzPointCloud *scan : loadScans(inPath, errorText, options))
+        scans.emplace_back(scan);
+    if (scans.empty())
+        return false;
+    QStringList names;
+    for (const auto &scan : scans) {
+        QString name;
+        for (const QChar ch : scan->getName())
+            name += ch.isLetterOrNumber() || ch == QLatin1Char('-') ? ch : QLatin1Char('_');
+        QString unique = name;
+        for (int n = 2; names.contains(unique, Qt::CaseInsensitive); ++n)
+            unique = QStringLiteral("%1_%2").arg(name).arg(n);
+        names << unique;
+        const QString path = out.dir().filePath(
+            QStringLiteral("%1-%2.%3").arg(out.completeBaseName(), unique, out.suffix()));
+        if (!save(*scan, path, errorText, chunkSize, options)) {
+            for (const QString &done : written)
+                QFile::remove(done);
+            written.clear();
+            return false;
+        }
+        written << path;
+    }
+    return true;
+}
+
 tzPointCloud *load(const QString &path, QString &errorText, const LoadOptions &options)
 {
-    const QFileInfo info(path);
-    const QString suffix = info.suffix().toLower();
-    const Format *format = formatOf(suffix);
-    if (!format || !format->read) {
-        errorText = QStringLiteral("'%1': unknown cloud file extension '.%2'").arg(path, suffix);
-        return nullptr;
-    }
     FileBytes file;
-    if (!file.open(path, errorText))
+    if (!cloudFormatOf(path, errorText) || !file.open(path, errorText))
         return nullptr;
-    tzPointCloud *cloud = readAny(file.bytes(), suffix, path, errorText, options);
+    const QFileInfo info(path);
+    tzPointCloud *cloud = readAny(file.bytes(), info.suffix().toLower(), path, errorText, options);
     if (cloud)
         cloud->setName(info.completeBaseName());
     return cloud;
+}
+
+tzHObject *loadObjects(const QString &path, QString &errorText, const LoadOptions &options)
+{
+    const Format *format = cloudFormatOf(path, errorText);
+    if (!format)
+        return nullptr;
+    if (!format->readGroup)
+        return load(path, errorText, options);
+    FileBytes file;
+    if (!file.open(path, errorText))
+        return nullptr;
+    return reading(path, errorText, [&] { return format->readGroup(file.bytes(), path, options); });
+}
+
+std::vector<tzPointCloud *> loadScans(const QString &path, QString &errorText,
+                                      const LoadOptions &options)
+{
+    std::vector<tzPointCloud *> scans;
+    if (QFileInfo(path).suffix().toLower() != QLatin1String("e57")) {
+        if (tzPointCloud *cloud = load(path, errorText, options))
+            scans.push_back(cloud);
+        return scans;
+    }
+    FileBytes file;
+    if (!file.open(path, errorText))
+        return scans;
+    std::vector<std::unique_ptr<tzPointCloud>> read = reading(
+        path, errorText, [&] { return readE57Scans(file.bytes(), path, options); });
+    for (std::unique_ptr<tzPointCloud> &cloud : read)
+        scans.push_back(cloud.release());
+    return scans;
 }
 
 } // namespace tzCloudFile

@@ -1,7 +1,8 @@
 #pragma once
 
 // Point cloud files: PLY (ASCII, binary little and big endian), LAS 1.0 to 1.4 (every point
-// format) plain or compressed as LAZ, PCD and text clouds, each with optional RGB colours.
+// format) plain or compressed as LAZ, E57 (a scanner's scans and pictures), PCD and text clouds,
+// each with optional RGB colours.
 //
 // Coordinates too large for floats (a national grid: X 650 000, Y 6 860 000) are shifted so that
 // the cloud's local floats keep millimetre precision; the shift is kept on the cloud
@@ -15,7 +16,9 @@
 #include <QStringList>
 
 #include <functional>
+#include <vector>
 
+class tzHObject;
 class tzPointCloud;
 
 namespace tzCloudFile {
@@ -27,6 +30,9 @@ struct LoadOptions
     std::function<bool(TZVector3d &shift)> confirmShift;
     //! Told the progress in percent; returns false to cancel the load.
     std::function<bool(int percent)> progress;
+    //! Told, from the reading thread, what the reader passed over that the user should know
+    //! (a scanner's spherical picture...). Without it the notes go to the log.
+    std::function<void(const QString &text)> note;
 };
 
 //! Beyond this absolute value a coordinate needs a shift (a float keeps 1 mm up to ~8 km).
@@ -42,9 +48,20 @@ QTZ_DB_LIB_API const QStringList &textKinds();
 QTZ_DB_LIB_API bool isScene(const QString &path);
 //! The open dialog's filter: every cloud format read, each alone, then all files.
 QTZ_DB_LIB_API QString openFilter();
-//! Reads the file by its extension (.ply, .las, .laz, .pcd, or one of the text kinds).
+//! Reads the file by its extension (.ply, .las, .laz, .e57, .pcd, or one of the text kinds) as
+//! one cloud (the scans of an E57 merged, in the file's coordinates).
 QTZ_DB_LIB_API tzPointCloud *load(const QString &path, QString &errorText,
                                   const LoadOptions &options = {});
+//! Reads the file as the viewer shows it: a cloud, or, for a file of scans (E57), a group
+//! named after the file with a cloud per scan, all in one global shift, each scan placed by its
+//! pose; the pictures of its pinhole cameras become a photo list of the scan's cloud
+//! (tzGenericPointCloud::PHOTO_LIST_KEY), written in the user's cache folder.
+QTZ_DB_LIB_API tzHObject *loadObjects(const QString &path, QString &errorText,
+                                      const LoadOptions &options = {});
+//! Reads an E57 file's scans each as a cloud of its own (in the file's coordinates, one global
+//! shift for all), for a conversion of one output per scan.
+QTZ_DB_LIB_API std::vector<tzPointCloud *> loadScans(const QString &path, QString &errorText,
+                                                     const LoadOptions &options = {});
 //! Reads a file's bytes of the given format ("ply", "las", "laz", "pcd", or a text kind such as
 //! "xyz" or "pts"); name is used in messages.
 QTZ_DB_LIB_API tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format,
@@ -66,5 +83,11 @@ QTZ_DB_LIB_API bool save(const tzPointCloud &cloud, const QString &path, QString
 //! when it fails; errorText names the file and the problem.
 QTZ_DB_LIB_API bool convert(const QString &inPath, const QString &outPath, QString &errorText,
                             quint32 chunkSize = 0, const LoadOptions &options = {});
+
+//! Converts each scan of an E57 file to a file of its own: OUT's name with "-" and the scan's
+//! name before its extension (written lists them). Nothing is left when one fails.
+QTZ_DB_LIB_API bool convertScans(const QString &inPath, const QString &outPath,
+                                 QStringList &written, QString &errorText, quint32 chunkSize = 0,
+                                 const LoadOptions &options = {});
 
 } // namespace tzCloudFile

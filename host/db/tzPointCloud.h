@@ -35,6 +35,9 @@ public:
     //! Metadata key of the absolute path of the file a cloud was read from (kept in scene
     //! files, so that what lies beside that file is still found after a scene is loaded).
     static constexpr const char *SOURCE_FILE_KEY = "sourceFile";
+    //! Metadata key of the path of a photo list ({"images": [...]}, the pictures beside it)
+    //! made for a cloud from the photos its file holds (a scanner's pictures in an E57).
+    static constexpr const char *PHOTO_LIST_KEY = "photoList";
 
     using TZLib::PointCloud::size;
 

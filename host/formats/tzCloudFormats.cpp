@@ -2,7 +2,12 @@
 
 #include "tzCloudFormats_p.h"
 
+#include "tzLog.h"
+
 #include <QFileInfo>
+
+#include <chrono>
+#include <thread>
 
 namespace tzCloudFile {
 namespace detail {
@@ -12,6 +17,7 @@ const std::vector<Format> &formats()
     static const std::vector<Format> all {
         {QStringLiteral("PLY"), {QStringLiteral("ply")}, readPly},
         {QStringLiteral("LAS and LAZ"), {QStringLiteral("las"), QStringLiteral("laz")}, readLas},
+        {QStringLiteral("E57"), {QStringLiteral("e57")}, readE57, readE57Group},
         {QStringLiteral("PCD"), {QStringLiteral("pcd")}, readPcd},
         {QStringLiteral("Text"), textKinds(), readText},
         {QStringLiteral("Tessaro scenes"), {QStringLiteral("tzs")}, nullptr},
@@ -27,6 +33,64 @@ const Format *formatOf(const QString &extension)
             return &format;
     }
     return nullptr;
+}
+
+void SharedWork::run(unsigned threads, CloudBuilder &builder, size_t total,
+                     const std::function<void()> &work)
+{
+    std::vector<std::thread> workers;
+    for (unsigned t = 0; t < threads; ++t) {
+        workers.emplace_back([this, &work] {
+            work();
+            std::lock_guard<std::mutex> lock(m_mutex);
+            ++m_finished;
+            m_changed.notify_all();
+        });
+    }
+    bool cancelled = false;
+    while (true) {
+        {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_changed.wait_for(lock, std::chrono::milliseconds(50),
+                               [&] { return m_finished == threads; });
+            if (m_finished == threads)
+                break;
+        }
+        try {
+            builder.progress(m_done.load(), total);
+        } catch (const Cancelled &) {
+            cancelled = true;
+            m_stop = true;
+        }
+    }
+    for (std::thread &worker : workers)
+        worker.join();
+    if (cancelled)
+        throw Cancelled {};
+    if (!m_error.isEmpty())
+        failWith(m_error);
+}
+
+void SharedWork::fail(const QString &reason)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_error.isEmpty())
+        m_error = reason;
+    m_stop = true;
+}
+
+unsigned threadsFor(size_t count)
+{
+    return unsigned(std::max<size_t>(
+        1, std::min<size_t>(std::max(1u, std::thread::hardware_concurrency()), count)));
+}
+
+void note(const LoadOptions &options, const QString &text)
+{
+    if (options.note)
+        options.note(text);
+    else
+        tzLog::Warning(text);
 }
 
 } // namespace detail

@@ -12,11 +12,14 @@
 #include <QStringList>
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace tzCloudFile {
@@ -230,6 +233,31 @@ private:
     bool m_shiftDecided = false;
 };
 
+//! Work shared among threads, its progress told from the thread that runs it (which may cancel
+//! it): each worker says how many points it has done, asks whether it must stop (a cancel, or
+//! another worker's failure) and may fail the whole with a reason. run() returns when every
+//! worker has ended, raising the cancel or the first failure.
+class SharedWork
+{
+public:
+    void run(unsigned threads, CloudBuilder &builder, size_t total,
+             const std::function<void()> &work);
+    void done(size_t points) { m_done += points; }
+    bool stopped() const { return m_stop; }
+    void fail(const QString &reason);
+
+private:
+    std::atomic<size_t> m_done {0};
+    std::atomic<bool> m_stop {false};
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    unsigned m_finished = 0; // under m_mutex
+    QString m_error; // under m_mutex
+};
+
+//! The threads worth starting for count pieces of work: the cores, at most one a piece.
+unsigned threadsFor(size_t count);
+
 inline quint8 clampColor(double v)
 {
     return quint8(std::lround(std::min(255.0, std::max(0.0, v))));
@@ -263,6 +291,10 @@ inline const char *parseNumber(const char *p, const char *end, double &value)
 
 using Reader = tzPointCloud *(*)(const Bytes &in, const QString &name, const QString &extension,
                                  const LoadOptions &options);
+//! The reader of a file that holds several clouds: a group of them (null when the file holds
+//! no points, with errorText saying why; failures raised as in the readers).
+using GroupReader = tzHObject *(*)(const Bytes &in, const QString &name,
+                                   const LoadOptions &options);
 
 //! A format of files the viewer opens: what it is, the extensions it goes by (lower case), and
 //! its reader (none for scenes, which tzSceneFile reads).
@@ -271,6 +303,7 @@ struct Format
     QString description;
     QStringList extensions;
     Reader read = nullptr;
+    GroupReader readGroup = nullptr; // files of several clouds: the viewer shows them apart
 };
 //! Every format opened, in the order the open dialog lists them (tzCloudFormats.cpp).
 const std::vector<Format> &formats();
@@ -282,6 +315,17 @@ tzPointCloud *readPly(const Bytes &in, const QString &name, const QString &exten
 //! LAS 1.0 to 1.4, plain or compressed (LAZ).
 tzPointCloud *readLas(const Bytes &in, const QString &name, const QString &extension,
                       const LoadOptions &options);
+//! E57: the scans merged into one cloud.
+tzPointCloud *readE57(const Bytes &in, const QString &name, const QString &extension,
+                      const LoadOptions &options);
+//! E57: a group named after the file, a cloud per scan, the pinhole pictures as photo lists.
+tzHObject *readE57Group(const Bytes &in, const QString &name, const LoadOptions &options);
+//! E57: the clouds of the scans, in one shift.
+std::vector<std::unique_ptr<tzPointCloud>> readE57Scans(const Bytes &in, const QString &name,
+                                                        const LoadOptions &options);
+//! What a reader tells the user beside its result (options.note, or the log).
+void note(const LoadOptions &options, const QString &text);
+
 //! PCD, ascii and binary.
 tzPointCloud *readPcd(const Bytes &in, const QString &name, const QString &extension,
                       const LoadOptions &options);

@@ -3,8 +3,15 @@
 #include <QXmlStreamReader>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
+#include <thread>
+
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <nmmintrin.h>
+#define TZ_E57_CRC_INSTRUCTION 1
+#endif
 
 namespace tzE57 {
 
@@ -63,15 +70,43 @@ Pose poseOf(const Node &node)
     return pose;
 }
 
+quint32 crcByTable(const uchar *data, size_t size, quint32 crc)
+{
+    const auto &table = crcTable();
+    for (size_t i = 0; i < size; ++i)
+        crc = table[(crc ^ data[i]) & 0xff] ^ (crc >> 8);
+    return crc;
+}
+
+#ifdef TZ_E57_CRC_INSTRUCTION
+// Eight bytes a step with the processor's CRC-32C instruction (SSE 4.2): the checksums of a
+// large file then cost less than reading it.
+__attribute__((target("sse4.2"))) quint32 crcByInstruction(const uchar *data, size_t size,
+                                                            quint32 crc)
+{
+    quint64 c = crc;
+    for (; size >= 8; size -= 8, data += 8) {
+        quint64 word;
+        std::memcpy(&word, data, 8);
+        c = _mm_crc32_u64(c, word);
+    }
+    crc = quint32(c);
+    for (; size > 0; --size)
+        crc = _mm_crc32_u8(crc, *data++);
+    return crc;
+}
+#endif
+
 } // namespace
 
 quint32 crc32c(const uchar *data, size_t size)
 {
-    const auto &table = crcTable();
-    quint32 crc = 0xffffffffu;
-    for (size_t i = 0; i < size; ++i)
-        crc = table[(crc ^ data[i]) & 0xff] ^ (crc >> 8);
-    return crc ^ 0xffffffffu;
+#ifdef TZ_E57_CRC_INSTRUCTION
+    static const bool instruction = __builtin_cpu_supports("sse4.2");
+    if (instruction)
+        return crcByInstruction(data, size, 0xffffffffu) ^ 0xffffffffu;
+#endif
+    return crcByTable(data, size, 0xffffffffu) ^ 0xffffffffu;
 }
 
 // ---------------------------------------------------------------- nodes
@@ -154,7 +189,7 @@ bool File::readLogical(quint64 physicalOffset, size_t length, uchar *out) const
     return true;
 }
 
-bool File::open(const uchar *data, size_t size, std::string &error)
+bool File::open(const uchar *data, size_t size, std::string &error, unsigned threads)
 {
     m_data = data;
     m_size = size;
@@ -181,16 +216,33 @@ bool File::open(const uchar *data, size_t size, std::string &error)
         return false;
     }
     m_size = size_t(physicalLength);
-    for (size_t page = 0; page < m_size / PAGE_SIZE; ++page) {
-        const uchar *p = data + page * PAGE_SIZE;
-        const quint32 stored = quint32(p[PAGE_DATA]) << 24 | quint32(p[PAGE_DATA + 1]) << 16
-            | quint32(p[PAGE_DATA + 2]) << 8 | quint32(p[PAGE_DATA + 3]);
-        if (crc32c(p, PAGE_DATA) != stored) {
-            error = "page " + std::to_string(page + 1) + " of " + std::to_string(m_size / PAGE_SIZE)
-                + " (at byte " + std::to_string(page * PAGE_SIZE)
-                + ") does not match its checksum: the file is damaged";
-            return false;
+    // The pages in runs, one run a thread; the first damaged page is the one named.
+    const size_t pages = m_size / PAGE_SIZE;
+    threads = unsigned(std::clamp<size_t>(pages / 4096, 1, std::max(1u, threads)));
+    std::atomic<size_t> firstBad {pages};
+    const auto check = [&](size_t from, size_t to) {
+        for (size_t page = from; page < to && page < firstBad; ++page) {
+            const uchar *p = data + page * PAGE_SIZE;
+            const quint32 stored = quint32(p[PAGE_DATA]) << 24 | quint32(p[PAGE_DATA + 1]) << 16
+                | quint32(p[PAGE_DATA + 2]) << 8 | quint32(p[PAGE_DATA + 3]);
+            if (crc32c(p, PAGE_DATA) != stored) {
+                size_t seen = firstBad;
+                while (page < seen && !firstBad.compare_exchange_weak(seen, page)) { }
+                return;
+            }
         }
+    };
+    std::vector<std::thread> workers;
+    for (unsigned t = 1; t < threads; ++t)
+        workers.emplace_back(check, pages * t / threads, pages * (t + 1) / threads);
+    check(0, pages / threads);
+    for (std::thread &worker : workers)
+        worker.join();
+    if (firstBad < pages) {
+        const size_t page = firstBad;
+        error = "page " + std::to_string(page + 1) + " of " + std::to_string(pages) + " (at byte "
+            + std::to_string(page * PAGE_SIZE) + ") does not match its checksum: the file is damaged";
+        return false;
     }
     if (xmlLength == 0 || xmlLength > m_size) {
         error = "the XML section's length " + std::to_string(xmlLength) + " is impossible";
@@ -260,6 +312,8 @@ bool File::readScans(std::string &error)
         Scan scan;
         scan.name = entry.child(QStringLiteral("name")) ? entry.child(QStringLiteral("name"))->text
                                                         : QString();
+        if (const Node *guid = entry.child(QStringLiteral("guid")))
+            scan.guid = guid->text;
         const QString label = scan.name.isEmpty()
             ? QStringLiteral("scan %1").arg(m_scans.size() + 1)
             : QStringLiteral("scan '%1'").arg(scan.name);
@@ -308,6 +362,7 @@ bool File::readScans(std::string &error)
         if (const Node *pose = entry.child(QStringLiteral("pose")))
             scan.pose = poseOf(*pose);
         if (const Node *limits = entry.child(QStringLiteral("colorLimits"))) {
+            scan.hasColourLimits = true;
             const char *names[3] = {"Red", "Green", "Blue"};
             for (int c = 0; c < 3; ++c) {
                 scan.colourMin[c] = limits->numberOf(
@@ -335,6 +390,8 @@ void File::readImages()
         Image image;
         if (const Node *name = entry.child(QStringLiteral("name")))
             image.name = name->text;
+        if (const Node *guid = entry.child(QStringLiteral("associatedData3DGuid")))
+            image.scanGuid = guid->text;
         if (const Node *pose = entry.child(QStringLiteral("pose"))) {
             image.hasPose = true;
             image.pose = poseOf(*pose);
@@ -357,6 +414,8 @@ void File::readImages()
                     image.blobOffset
                         = quint64(toNumber(b->attribute(QStringLiteral("fileOffset")), 0));
                     image.blobLength = quint64(toNumber(b->attribute(QStringLiteral("length")), 0));
+                    image.png = std::strcmp(blob, "pngImage") == 0;
+                    break;
                 }
             }
             break;
@@ -386,82 +445,215 @@ bool File::sectionHeader(quint64 physicalOffset, SectionHeader &header, std::str
     return true;
 }
 
+bool File::picture(const Image &image, std::vector<uchar> &bytes, std::string &error) const
+{
+    // A blob section: its id (0), 7 bytes kept, its logical length; then the bytes.
+    uchar head[16];
+    if (image.blobOffset == 0 || !readLogical(image.blobOffset, sizeof head, head) || head[0] != 0
+        || littleEndian<quint64>(head + 8) < 16 + image.blobLength) {
+        error = "the picture's section at byte " + std::to_string(image.blobOffset)
+            + " is invalid";
+        return false;
+    }
+    if (image.blobLength == 0 || image.blobLength > m_size) {
+        error = "the picture's length " + std::to_string(image.blobLength) + " is impossible";
+        return false;
+    }
+    bytes.resize(size_t(image.blobLength));
+    if (!readLogical(advance(image.blobOffset, 16), bytes.size(), bytes.data())) {
+        error = "the picture runs past the end of the file";
+        return false;
+    }
+    return true;
+}
+
 // ---------------------------------------------------------------- records
 
 bool Records::open(const File &file, const Scan &scan, std::string &error)
 {
+    m_file = &file;
     m_fields = scan.fields;
     m_streams.assign(m_fields.size(), Stream {});
+    for (Stream &stream : m_streams)
+        stream.bytes.assign(PADDING, 0);
     m_count = scan.recordCount;
     m_read = 0;
-    if (m_count == 0)
+    m_at = m_end = 0;
+    // A scan of no points may have no section (offset 0, as older writers left it); one that
+    // has a section must have a good one.
+    if (m_count == 0 && scan.fileOffset == 0)
         return true;
     SectionHeader section;
     if (!file.sectionHeader(scan.fileOffset, section, error))
         return false;
-    // The packets follow one another from the data offset to the end of the section.
-    const quint64 end = File::advance(scan.fileOffset, section.logicalLength);
-    quint64 at = section.dataOffset;
-    std::vector<uchar> packet;
-    while (at < end) {
+    if (m_count == 0)
+        return true;
+    // The packets follow one another from the data offset to the end of the section, which
+    // must hold the records declared (this also bounds what a damaged count makes a reader
+    // allocate).
+    m_at = section.dataOffset;
+    m_end = File::advance(scan.fileOffset, section.logicalLength);
+    quint64 bitsPerRecord = 0;
+    for (const Field &field : m_fields)
+        bitsPerRecord += quint64(field.bits());
+    if (bitsPerRecord == 0) {
+        error = "the points' fields take no bits: nothing to read";
+        return false;
+    }
+    if (section.logicalLength * 8 / bitsPerRecord < m_count) {
+        error = "the points' section holds at most "
+            + std::to_string(section.logicalLength * 8 / bitsPerRecord)
+            + " records, the XML declares " + std::to_string(m_count);
+        return false;
+    }
+    return true;
+}
+
+bool Records::nextPacket(std::string &error)
+{
+    while (m_at < m_end) {
         uchar head[6];
-        if (!file.readLogical(at, sizeof head, head)) {
-            error = "a packet at byte " + std::to_string(at) + " runs past the end of the file";
+        if (!m_file->readLogical(m_at, sizeof head, head)) {
+            error = "a packet at byte " + std::to_string(m_at) + " runs past the end of the file";
             return false;
         }
         const int type = head[0];
         const size_t length = size_t(littleEndian<quint16>(head + 2)) + 1;
         if (type == 0 || type == 2) { // index and empty packets
-            at = File::advance(at, length);
+            m_at = File::advance(m_at, length);
             continue;
         }
         const size_t streams = littleEndian<quint16>(head + 4);
         if (type != 1 || streams != m_streams.size() || length < 6 + 2 * streams) {
-            error = "the data packet at byte " + std::to_string(at) + " is invalid (type "
+            error = "the data packet at byte " + std::to_string(m_at) + " is invalid (type "
                 + std::to_string(type) + ", " + std::to_string(streams) + " streams for "
                 + std::to_string(m_streams.size()) + " fields)";
             return false;
         }
-        packet.resize(length);
-        if (!file.readLogical(at, length, packet.data())) {
-            error = "the data packet at byte " + std::to_string(at)
+        m_packet.resize(length);
+        if (!m_file->readLogical(m_at, length, m_packet.data())) {
+            error = "the data packet at byte " + std::to_string(m_at)
                 + " runs past the end of the file";
             return false;
         }
         size_t offset = 6 + 2 * streams;
         for (size_t k = 0; k < streams; ++k) {
-            const size_t n = littleEndian<quint16>(packet.data() + 6 + 2 * k);
+            const size_t n = littleEndian<quint16>(m_packet.data() + 6 + 2 * k);
             if (offset + n > length) {
-                error = "the data packet at byte " + std::to_string(at)
+                error = "the data packet at byte " + std::to_string(m_at)
                     + " holds less than its streams' lengths";
                 return false;
             }
+            // What was read goes; the new bytes join what was not, before the padding.
             Stream &stream = m_streams[k];
-            stream.bytes.insert(stream.bytes.end(), packet.begin() + std::ptrdiff_t(offset),
-                                packet.begin() + std::ptrdiff_t(offset + n));
+            const size_t gone = size_t(stream.bitPosition / 8);
+            const size_t kept = size_t(stream.bitEnd / 8) - gone;
+            std::memmove(stream.bytes.data(), stream.bytes.data() + gone, kept);
+            stream.bytes.resize(kept + n + PADDING);
+            std::memcpy(stream.bytes.data() + kept, m_packet.data() + offset, n);
+            std::memset(stream.bytes.data() + kept + n, 0, PADDING);
+            stream.bitPosition -= quint64(gone) * 8;
+            stream.bitEnd = quint64(kept + n) * 8;
             offset += n;
         }
-        at = File::advance(at, length);
+        m_at = File::advance(m_at, length);
+        return true;
     }
-    // Every stream must hold the records the XML declares (which also bounds what a damaged
-    // count makes a reader allocate).
-    bool someBits = false;
-    for (size_t k = 0; k < m_streams.size(); ++k) {
-        Stream &stream = m_streams[k];
-        stream.bitsLeft = quint64(stream.bytes.size()) * 8;
-        stream.bytes.resize(stream.bytes.size() + 8, 0);
-        const quint64 bits = quint64(m_fields[k].bits());
-        someBits = someBits || bits > 0;
-        if (bits > 0 && stream.bitsLeft / bits < m_count) {
-            error = "the points' streams hold " + std::to_string(stream.bitsLeft / bits)
-                + " records, the XML declares " + std::to_string(m_count);
-            return false;
+    error = "the points' streams end after " + std::to_string(m_read) + " of "
+        + std::to_string(m_count) + " records";
+    return false;
+}
+
+namespace {
+
+// The n values of bits bits each from a bit position on (low bit first), each turned into a
+// double by convert(raw). The bytes have at least 9 bytes of padding after the last value.
+template<typename Convert>
+void unpack(const uchar *bytes, quint64 position, int bits, size_t n, double *out, Convert convert)
+{
+    const quint64 mask = bits >= 64 ? ~quint64(0) : (quint64(1) << bits) - 1;
+    if (bits % 8 == 0 && position % 8 == 0) {
+        // Whole bytes: one load each, no shifting.
+        const uchar *p = bytes + position / 8;
+        const size_t step = size_t(bits) / 8;
+        for (size_t i = 0; i < n; ++i, p += step) {
+            quint64 word;
+            std::memcpy(&word, p, 8);
+            out[i] = convert(word & mask);
+        }
+        return;
+    }
+    for (size_t i = 0; i < n; ++i, position += quint64(bits)) {
+        const uchar *p = bytes + position / 8;
+        const int shift = int(position % 8);
+        quint64 word;
+        std::memcpy(&word, p, 8);
+        quint64 raw = word >> shift;
+        if (shift + bits > 64)
+            raw |= quint64(p[8]) << (64 - shift);
+        out[i] = convert(raw & mask);
+    }
+}
+
+} // namespace
+
+void Records::take(size_t field, size_t n, double *out)
+{
+    const Field &f = m_fields[field];
+    Stream &stream = m_streams[field];
+    const int bits = f.bits();
+    if (out) {
+        const uchar *bytes = stream.bytes.data();
+        const quint64 at = stream.bitPosition;
+        const quint64 minimum = quint64(f.minimum);
+        switch (f.kind) {
+        case Field::Float:
+            if (f.singlePrecision) {
+                unpack(bytes, at, bits, n, out, [](quint64 raw) {
+                    float v;
+                    const quint32 u = quint32(raw);
+                    std::memcpy(&v, &u, 4);
+                    return double(v);
+                });
+            } else {
+                unpack(bytes, at, bits, n, out, [](quint64 raw) {
+                    double v;
+                    std::memcpy(&v, &raw, 8);
+                    return v;
+                });
+            }
+            break;
+        case Field::Integer:
+            unpack(bytes, at, bits, n, out,
+                   [minimum](quint64 raw) { return double(qint64(raw + minimum)); });
+            break;
+        case Field::ScaledInteger: {
+            const double scale = f.scale, offset = f.offset;
+            unpack(bytes, at, bits, n, out, [=](quint64 raw) {
+                return double(qint64(raw + minimum)) * scale + offset;
+            });
+            break;
+        }
         }
     }
-    if (!someBits) {
-        error = "the points' fields take no bits: nothing to read";
+    stream.bitPosition += quint64(bits) * n;
+}
+
+bool Records::read(size_t n, double *const *columns, std::string &error)
+{
+    if (n > left()) {
+        error = "more records asked for than the scan holds";
         return false;
     }
+    for (size_t k = 0; k < m_fields.size(); ++k) {
+        const quint64 needed = quint64(m_fields[k].bits()) * n;
+        while (m_streams[k].bitEnd - m_streams[k].bitPosition < needed) {
+            if (!nextPacket(error))
+                return false;
+        }
+        take(k, n, columns[k]);
+    }
+    m_read += n;
     return true;
 }
 
@@ -469,48 +661,11 @@ bool Records::next(double *values)
 {
     if (m_read >= m_count)
         return false;
-    for (size_t k = 0; k < m_fields.size(); ++k) {
-        const Field &field = m_fields[k];
-        Stream &stream = m_streams[k];
-        const int bits = field.bits();
-        if (quint64(bits) > stream.bitsLeft)
-            return false;
-        // Little-endian bits: the value's low bit first.
-        quint64 raw = 0;
-        if (bits > 0) {
-            const uchar *p = stream.bytes.data() + stream.position / 8;
-            const int shift = int(stream.position % 8);
-            quint64 low;
-            std::memcpy(&low, p, 8);
-            raw = low >> shift;
-            if (shift + bits > 64)
-                raw |= quint64(p[8]) << (64 - shift);
-            if (bits < 64)
-                raw &= (quint64(1) << bits) - 1;
-        }
-        stream.position += quint64(bits);
-        stream.bitsLeft -= quint64(bits);
-        switch (field.kind) {
-        case Field::Float:
-            if (field.singlePrecision) {
-                float f;
-                const quint32 u = quint32(raw);
-                std::memcpy(&f, &u, 4);
-                values[k] = double(f);
-            } else {
-                std::memcpy(&values[k], &raw, 8);
-            }
-            break;
-        case Field::Integer:
-            values[k] = double(qint64(raw + quint64(field.minimum)));
-            break;
-        case Field::ScaledInteger:
-            values[k] = double(qint64(raw + quint64(field.minimum))) * field.scale + field.offset;
-            break;
-        }
-    }
-    ++m_read;
-    return true;
+    std::vector<double *> columns(m_fields.size());
+    for (size_t k = 0; k < columns.size(); ++k)
+        columns[k] = values + k;
+    std::string error;
+    return read(1, columns.data(), error);
 }
 
 // ---------------------------------------------------------------- writing
@@ -548,29 +703,39 @@ QString poseXml(const Pose &pose)
 
 } // namespace
 
-bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::string &error)
+bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::string &error,
+               const std::vector<ImageToWrite> &images)
 {
-    // The logical bytes first (header, each scan's section, the XML), then the pages.
+    // The logical bytes first (header, each scan's section, the pictures, the XML), then the
+    // pages.
     std::vector<uchar> logical(48, 0);
     QString data3D;
     for (const ScanToWrite &scan : scans) {
         const size_t n = scan.xyz.size() / 3;
         const bool intensity = !scan.intensities.empty(), colour = !scan.colours.empty();
-        if ((intensity && scan.intensities.size() != n) || (colour && scan.colours.size() != n)) {
-            error = "a scan's intensities or colours do not match its points";
+        const bool invalid = !scan.invalid.empty();
+        if ((intensity && scan.intensities.size() != n) || (colour && scan.colours.size() != n)
+            || (invalid && scan.invalid.size() != n)) {
+            error = "a scan's intensities, colours or states do not match its points";
             return false;
         }
-        const size_t fields = 3 + (intensity ? 1 : 0) + (colour ? 3 : 0);
+        const size_t fields = 3 + (invalid ? 1 : 0) + (intensity ? 1 : 0) + (colour ? 3 : 0);
         const quint64 section = logical.size();
         logical.resize(logical.size() + 32, 0);
-        // Packets of whole records, each stream's buffer whole bytes.
+        // Packets of whole records, each stream's buffer whole bytes; the invalid states take
+        // 2 bits, four to a byte (the packets' records are a multiple of 4).
         constexpr size_t PER_PACKET = 2048;
         for (size_t first = 0; first < n; first += PER_PACKET) {
             const size_t count = std::min(PER_PACKET, n - first);
             std::vector<std::vector<uchar>> streams(fields);
             for (size_t i = first; i < first + count; ++i) {
                 for (int d = 0; d < 3; ++d) {
-                    const double v = std::round(scan.xyz[3 * i + size_t(d)] / scan.scale);
+                    const double value = scan.xyz[3 * i + size_t(d)];
+                    if (scan.spherical) {
+                        append(streams[size_t(d)], value);
+                        continue;
+                    }
+                    const double v = std::round(value / scan.scale);
                     if (!(std::abs(v) < 2147483647.0)) {
                         error = "a coordinate does not fit the scaled integers";
                         return false;
@@ -578,6 +743,12 @@ bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::stri
                     append(streams[size_t(d)], quint32(qint64(v) + 2147483648LL));
                 }
                 size_t k = 3;
+                if (invalid) {
+                    if ((i - first) % 4 == 0)
+                        streams[k].push_back(0);
+                    streams[k].back() |= uchar((scan.invalid[i] & 3) << (2 * ((i - first) % 4)));
+                    ++k;
+                }
                 if (intensity)
                     append(streams[k++], scan.intensities[i]);
                 if (colour) {
@@ -606,10 +777,19 @@ bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::stri
         std::memcpy(logical.data() + section + 8, &sectionLength, 8);
         std::memcpy(logical.data() + section + 16, &dataOffset, 8);
         QString prototype;
-        for (const char *axis : {"cartesianX", "cartesianY", "cartesianZ"}) {
-            prototype += QStringLiteral("<%1 type=\"ScaledInteger\" minimum=\"-2147483648\" "
-                                        "maximum=\"2147483647\" scale=\"%2\"/>")
-                             .arg(QLatin1String(axis), xmlNumber(scan.scale));
+        const char *cartesian[3] = {"cartesianX", "cartesianY", "cartesianZ"};
+        const char *spherical[3] = {"sphericalRange", "sphericalAzimuth", "sphericalElevation"};
+        for (const char *axis : scan.spherical ? spherical : cartesian) {
+            prototype += scan.spherical
+                ? QStringLiteral("<%1 type=\"Float\"/>").arg(QLatin1String(axis))
+                : QStringLiteral("<%1 type=\"ScaledInteger\" minimum=\"-2147483648\" "
+                                 "maximum=\"2147483647\" scale=\"%2\"/>")
+                      .arg(QLatin1String(axis), xmlNumber(scan.scale));
+        }
+        if (invalid) {
+            prototype += QStringLiteral("<%1InvalidState type=\"Integer\" minimum=\"0\" "
+                                        "maximum=\"2\"/>")
+                             .arg(QLatin1String(scan.spherical ? "spherical" : "cartesian"));
         }
         QString limits;
         if (intensity) {
@@ -633,13 +813,54 @@ bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::stri
         }
         data3D
             += QStringLiteral("<vectorChild type=\"Structure\"><name type=\"String\"><![CDATA[%1]]>"
-                              "</name>%2%3<points type=\"CompressedVector\" fileOffset=\"%4\" "
+                              "</name>%7%2%3<points type=\"CompressedVector\" fileOffset=\"%4\" "
                               "recordCount=\"%5\"><prototype type=\"Structure\">%6</prototype>"
                               "<codecs type=\"Vector\"/></points></vectorChild>")
                    .arg(scan.name, poseXml(scan.pose), limits)
                    .arg(physicalOf(section))
                    .arg(n)
-                   .arg(prototype);
+                   .arg(prototype)
+                   .arg(scan.guid.isEmpty() ? QString()
+                                            : QStringLiteral("<guid type=\"String\"><![CDATA[%1]]>"
+                                                             "</guid>")
+                                                  .arg(scan.guid));
+    }
+    QString images2D;
+    for (const ImageToWrite &image : images) {
+        // A blob section: its id (0), its logical length, then the picture's bytes.
+        const quint64 section = logical.size();
+        logical.resize(logical.size() + 16, 0);
+        const quint64 sectionLength = 16 + quint64(image.picture.size());
+        std::memcpy(logical.data() + section + 8, &sectionLength, 8);
+        logical.insert(logical.end(), image.picture.begin(), image.picture.end());
+        logical.resize((logical.size() + 3) / 4 * 4, 0);
+        const QString number = QStringLiteral("<%1 type=\"Float\">%2</%1>");
+        images2D += QStringLiteral("<vectorChild type=\"Structure\"><name type=\"String\">"
+                                   "<![CDATA[%1]]></name>")
+                        .arg(image.name);
+        if (!image.scanGuid.isEmpty()) {
+            images2D += QStringLiteral("<associatedData3DGuid type=\"String\"><![CDATA[%1]]>"
+                                       "</associatedData3DGuid>")
+                            .arg(image.scanGuid);
+        }
+        if (image.hasPose)
+            images2D += poseXml(image.pose);
+        images2D
+            += QStringLiteral("<pinholeRepresentation type=\"Structure\"><%1 type=\"Blob\" "
+                              "fileOffset=\"%2\" length=\"%3\"/>"
+                              "<imageWidth type=\"Integer\">%4</imageWidth>"
+                              "<imageHeight type=\"Integer\">%5</imageHeight>")
+                   .arg(QLatin1String(image.png ? "pngImage" : "jpegImage"))
+                   .arg(physicalOf(section))
+                   .arg(image.picture.size())
+                   .arg(image.width)
+                   .arg(image.height)
+            + number.arg(QStringLiteral("focalLength"), xmlNumber(image.focalLength))
+            + number.arg(QStringLiteral("pixelWidth"), xmlNumber(image.pixelWidth))
+            + number.arg(QStringLiteral("pixelHeight"), xmlNumber(image.pixelHeight))
+            + number.arg(QStringLiteral("principalPointX"), xmlNumber(image.principalX))
+            + number.arg(QStringLiteral("principalPointY"), xmlNumber(image.principalY))
+            + QStringLiteral("</pinholeRepresentation></vectorChild>");
     }
     const QByteArray xml
         = (QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<e57Root type=\"Structure\" "
@@ -647,8 +868,8 @@ bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::stri
                           "type=\"String\"><![CDATA[ASTM E57 3D Imaging Data File]]></formatName>"
                           "<versionMajor type=\"Integer\">1</versionMajor><data3D type=\"Vector\" "
                           "allowHeterogeneousChildren=\"1\">%1</data3D><images2D type=\"Vector\" "
-                          "allowHeterogeneousChildren=\"1\"/></e57Root>\n")
-               .arg(data3D))
+                          "allowHeterogeneousChildren=\"1\">%2</images2D></e57Root>\n")
+               .arg(data3D, images2D))
               .toUtf8();
     const quint64 xmlLogical = logical.size();
     logical.insert(logical.end(), xml.begin(), xml.end());

@@ -20,7 +20,7 @@ namespace tzE57 {
 constexpr size_t PAGE_SIZE = 1024;
 constexpr size_t PAGE_DATA = 1020;
 
-//! The CRC-32C (Castagnoli) of bytes.
+//! The CRC-32C (Castagnoli) of bytes (the processor's instruction where it has one).
 quint32 crc32c(const uchar *data, size_t size);
 
 //! A node of the XML section: its element name, its E57 type ("Structure", "Vector",
@@ -68,12 +68,14 @@ struct Pose
 struct Scan
 {
     QString name;
+    QString guid;
     quint64 recordCount = 0;
     quint64 fileOffset = 0; // physical offset of the compressed vector's section
     std::vector<Field> fields;
     Pose pose;
     //! The colour and intensity limits the file gives (the fields' own when it gives none).
     double colourMin[3] = {0, 0, 0}, colourMax[3] = {255, 255, 255};
+    bool hasColourLimits = false;
     double intensityMin = 0, intensityMax = 0;
     bool hasIntensityLimits = false;
 
@@ -84,11 +86,13 @@ struct Scan
 struct Image
 {
     QString name;
+    QString scanGuid; // the scan being acquired when the picture was taken (may be empty)
     QString representation; // "pinholeRepresentation", "sphericalRepresentation", ...
     int width = 0, height = 0;
     double focalLength = 0, pixelWidth = 0, pixelHeight = 0;
     double principalX = 0, principalY = 0;
-    quint64 blobOffset = 0, blobLength = 0; // the picture (JPEG or PNG), physical offset
+    quint64 blobOffset = 0, blobLength = 0; // the picture's blob section, physical offset
+    bool png = false; // the picture is a PNG (else a JPEG)
     bool hasPose = false;
     Pose pose;
 };
@@ -107,8 +111,9 @@ struct SectionHeader
 class File
 {
 public:
-    //! Reads the header, checks every page's checksum and reads the XML section.
-    bool open(const uchar *data, size_t size, std::string &error);
+    //! Reads the header, checks every page's checksum (on up to threads threads) and reads the
+    //! XML section.
+    bool open(const uchar *data, size_t size, std::string &error, unsigned threads = 1);
 
     const Node &root() const { return m_root; }
     const std::vector<Scan> &scans() const { return m_scans; }
@@ -121,6 +126,8 @@ public:
     static quint64 advance(quint64 physicalOffset, quint64 logicalBytes);
     //! The header of a compressed vector's section at a physical offset.
     bool sectionHeader(quint64 physicalOffset, SectionHeader &header, std::string &error) const;
+    //! An image's picture (the bytes of its JPEG or PNG file).
+    bool picture(const Image &image, std::vector<uchar> &bytes, std::string &error) const;
 
 private:
     bool readXml(const QByteArray &xml, std::string &error);
@@ -134,28 +141,41 @@ private:
     std::vector<Image> m_images;
 };
 
-//! The records of a scan's compressed vector, one after the other: the data packets' byte
-//! streams (one per field, bit-packed, each continuing from packet to packet) gathered, then
-//! read value by value.
+//! The records of a scan's compressed vector, read in blocks, field by field: each data packet
+//! holds a byte stream per field (values bit-packed, low bit first), and each stream goes on
+//! from packet to packet. The packets are read as the fields need them.
 class Records
 {
 public:
-    //! Gathers the scan's streams; false with the problem when its section is damaged.
+    //! Reads the section's header; false with the problem when it is damaged, or when the
+    //! section is too short for the records the XML declares.
     bool open(const File &file, const Scan &scan, std::string &error);
     quint64 count() const { return m_count; }
-    //! The next record's values, one per field in the prototype's order (scaled integers
-    //! scaled); false after the last record or when a stream runs short.
+    quint64 left() const { return m_count - m_read; }
+    //! The next n records (at most left()): for each field k of the prototype, its values go to
+    //! columns[k] (n doubles, scaled integers scaled), or are passed over where columns[k] is
+    //! null. False with the problem when the streams run short or a packet is damaged.
+    bool read(size_t n, double *const *columns, std::string &error);
+    //! The next record's values, one per field in the prototype's order; false after the last
+    //! record or when the streams run short.
     bool next(double *values);
 
 private:
     struct Stream
     {
-        std::vector<uchar> bytes; // with 8 bytes of padding after the data
-        quint64 bitsLeft = 0;
-        quint64 position = 0; // in bits
+        std::vector<uchar> bytes; // what is not read yet, 8 bytes of padding after
+        quint64 bitPosition = 0; // in bytes' bits
+        quint64 bitEnd = 0;
     };
+    static constexpr size_t PADDING = 16;
+    bool nextPacket(std::string &error);
+    void take(size_t field, size_t n, double *out);
+
+    const File *m_file = nullptr;
     std::vector<Field> m_fields;
     std::vector<Stream> m_streams;
+    std::vector<uchar> m_packet;
+    quint64 m_at = 0, m_end = 0; // physical offsets of the next packet and of the section's end
     quint64 m_count = 0;
     quint64 m_read = 0;
 };
@@ -166,16 +186,36 @@ private:
 struct ScanToWrite
 {
     QString name;
+    QString guid;
+    //! x, y, z; or, when spherical, range, azimuth and elevation (written as doubles).
     std::vector<double> xyz;
+    bool spherical = false;
+    //! The invalid state of each point (0 valid, 2 invalid), or none.
+    std::vector<quint8> invalid;
     std::vector<quint16> intensities;
     std::vector<std::array<quint8, 3>> colours;
     Pose pose;
     double scale = 0.001;
 };
 
+//! A pinhole picture to write: its JPEG or PNG bytes, its camera and pose.
+struct ImageToWrite
+{
+    QString name;
+    QString scanGuid;
+    QByteArray picture;
+    bool png = false;
+    int width = 0, height = 0;
+    double focalLength = 0, pixelWidth = 0, pixelHeight = 0;
+    double principalX = 0, principalY = 0;
+    bool hasPose = true;
+    Pose pose;
+};
+
 //! An E57 file of these scans (scaled 32-bit integer coordinates, 16-bit intensities, 8-bit
 //! colours, each scan's pose), pages and checksums included: the tests' and the benchmarks'
 //! files. False when a coordinate does not fit the scaled integers.
-bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::string &error);
+bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::string &error,
+               const std::vector<ImageToWrite> &images = {});
 
 } // namespace tzE57

@@ -7,11 +7,7 @@
 #include <QtGlobal>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
-#include <thread>
 
 namespace tzCloudFile {
 namespace detail {
@@ -300,33 +296,9 @@ public:
     }
 
     //! Runs the workers; progress is told from this thread, which may cancel.
-    void run(unsigned threads, CloudBuilder &builder, size_t total)
+    void run(CloudBuilder &builder, size_t total)
     {
-        std::vector<std::thread> workers;
-        for (unsigned t = 0; t < threads; ++t)
-            workers.emplace_back([this] { work(); });
-        bool cancelled = false;
-        while (true) {
-            {
-                std::unique_lock<std::mutex> lock(m_mutex);
-                m_changed.wait_for(lock, std::chrono::milliseconds(50),
-                                   [&] { return m_finished == threads; });
-                if (m_finished == threads)
-                    break;
-            }
-            try {
-                builder.progress(m_pointsDone.load(), total);
-            } catch (const Cancelled &) {
-                cancelled = true;
-                m_stop = true;
-            }
-        }
-        for (std::thread &worker : workers)
-            worker.join();
-        if (cancelled)
-            throw Cancelled {};
-        if (!m_error.isEmpty())
-            failWith(m_error);
+        m_work.run(threadsFor(m_chunks.size()), builder, total, [this] { work(); });
     }
 
     //! Whether a chunk's colours did not fit in 8 bits (they were then kept as high bytes).
@@ -350,20 +322,20 @@ private:
         tzLaz::ChunkDecoder decoder(m_description);
         std::vector<uchar> records;
         std::string error;
-        for (size_t c = m_next++; c < m_chunks.size() && !m_stop; c = m_next++) {
+        for (size_t c = m_next++; c < m_chunks.size() && !m_work.stopped(); c = m_next++) {
             const tzLaz::Chunk &chunk = m_chunks[c];
             try {
                 records.resize(size_t(chunk.points) * m_header.recordLength);
             } catch (const std::bad_alloc &) {
-                stopWith(QStringLiteral("not enough memory to decode a chunk of %1 points")
-                             .arg(chunk.points));
-                break;
+                m_work.fail(QStringLiteral("not enough memory to decode a chunk of %1 points")
+                                .arg(chunk.points));
+                return;
             }
             size_t consumed = 0;
             if (!decoder.decode(m_in.data + chunk.offset, size_t(chunk.bytes), chunk.points,
                                 records.data(), consumed, error)) {
-                stopWith(chunkProblem(c, m_chunks.size(), chunk.offset, error));
-                break;
+                m_work.fail(chunkProblem(c, m_chunks.size(), chunk.offset, error));
+                return;
             }
             m_convert.points(records.data(), chunk.points, m_points + m_firstPoint[c]);
             m_convert.attributes(records.data(), chunk.points, m_attributes + m_firstPoint[c]);
@@ -372,18 +344,8 @@ private:
                 m_wideChunk[c] = wide;
                 m_convert.colours(records.data(), chunk.points, wide, m_colours + m_firstPoint[c]);
             }
-            m_pointsDone += chunk.points;
+            m_work.done(chunk.points);
         }
-        std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_finished;
-        m_changed.notify_all();
-    }
-    void stopWith(const QString &error)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_error.isEmpty())
-            m_error = error;
-        m_stop = true;
     }
 
     const Bytes &m_in;
@@ -397,12 +359,7 @@ private:
     tzPointAttributes *m_attributes;
     std::vector<char> m_wideChunk;
     std::atomic<size_t> m_next {0};
-    std::atomic<size_t> m_pointsDone {0};
-    std::atomic<bool> m_stop {false};
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    unsigned m_finished = 0; // under m_mutex
-    QString m_error; // under m_mutex
+    SharedWork m_work;
 };
 
 //! The chunks found one after the other, when there is no chunk table to say where they are:
@@ -478,11 +435,9 @@ tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QSt
     const RecordConverter convert {header, builder.shift()};
     CloudArrays arrays(header, n);
     auto &[points, colours, attributes] = arrays;
-    const unsigned threads = unsigned(std::max<size_t>(
-        1, std::min<size_t>(std::max(1u, std::thread::hardware_concurrency()), chunks.size())));
     LazDecoding decoding(in, header, description, convert, std::move(chunks), points.data(),
                          colours.empty() ? nullptr : colours.data(), attributes.data());
-    decoding.run(threads, builder, n);
+    decoding.run(builder, n);
     if (!colours.empty() && decoding.wide())
         decoding.narrowColoursOfNarrowChunks();
     return builder.finish(name, std::move(points), std::move(colours), std::move(attributes),

@@ -573,10 +573,18 @@ void tzLumivert::loadPhotoLists()
                 break;
             }
         }
-        const QString listPath = base + QStringLiteral(".img/images.json");
+        QString listPath = base + QStringLiteral(".img/images.json");
+        QString folder = base + QStringLiteral(".img/");
+        // The list the viewer made of the photos the cloud's own file holds (a scanner's).
+        const QString made
+            = cloud->getMetaData(QLatin1String(tzGenericPointCloud::PHOTO_LIST_KEY)).toString();
+        if (!made.isEmpty() && !QFileInfo::exists(listPath)) {
+            listPath = made;
+            folder = QFileInfo(made).absolutePath() + QLatin1Char('/');
+        }
         QString problem;
         const std::vector<tzImageFrustum *> photos
-            = readPhotoList(listPath, base + QStringLiteral(".img/"), m_app, this, &problem);
+            = readPhotoList(listPath, folder, m_app, this, &problem);
         if (!problem.isEmpty() && !m_unreadableLists.contains(listPath)) {
             // Said once: every run reads the lists again.
             m_unreadableLists.insert(listPath);

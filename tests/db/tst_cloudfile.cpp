@@ -412,8 +412,8 @@ void TestCloudFile::loadByExtensionNamesTheFile()
     QVERIFY(!tzCloudFile::load(dir.filePath("missing.ply"), error));
     QVERIFY2(error.startsWith("'" + dir.filePath("missing.ply") + "': cannot open"),
              qPrintable(error));
-    QVERIFY(!tzCloudFile::load(dir.filePath("cloud.e57"), error));
-    QVERIFY(error.contains("unknown cloud file extension '.e57'"));
+    QVERIFY(!tzCloudFile::load(dir.filePath("cloud.e58"), error));
+    QVERIFY(error.contains("unknown cloud file extension '.e58'"));
     // What the open dialog offers is what opens (in any case), and scenes are not clouds.
     const QString filter = tzCloudFile::openFilter();
     const QString clouds = filter.section(QLatin1Char('('), 1, 1).section(QLatin1Char(')'), 0, 0);
