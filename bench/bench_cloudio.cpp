@@ -13,12 +13,18 @@
 //
 //   bench_cloudio [--points=N] [--peer=DIR] [--keep=DIR]
 //
+// Last, E57: the same survey as 4 scans (scaled integer coordinates in each scan's frame, each
+// turned and moved by its pose, intensities, colours) read as the viewer reads it, a cloud per
+// scan on every core, against reading the survey's LAS, both warm in the file cache, the best
+// of three.
+//
 // --keep writes the benchmark's files into DIR and leaves them there (for profiling by hand).
 
 #include "LasFiles.h"
 #include "SurveyViewer.h"
 #include "Terrain.h"
 #include "tzCloudFile.h"
+#include "tzE57File.h"
 #include "tzLazCodec.h"
 #include "tzPointCloud.h"
 
@@ -171,6 +177,44 @@ double openToFirstFrame(const QString &path)
     return timer.elapsed() / 1000.0;
 }
 
+// The survey as an E57 of four scans, each a quarter of the points seen from a station in its
+// middle, turned a quarter turn more than the one before.
+bool writeSurveyE57(const QString &path, const TZLib::PointCloud &cloud)
+{
+    std::vector<tzE57::ScanToWrite> scans(4);
+    const unsigned n = cloud.size();
+    quint32 seed = 7;
+    for (size_t s = 0; s < scans.size(); ++s) {
+        tzE57::ScanToWrite &scan = scans[s];
+        scan.name = QStringLiteral("Station %1").arg(s + 1);
+        const unsigned first = unsigned(n * s / 4), last = unsigned(n * (s + 1) / 4);
+        const TZVector3 &middle = cloud.point((first + last) / 2);
+        const double angle = M_PI / 2 * double(s);
+        scan.pose.rotation = {std::cos(angle / 2), 0, 0, std::sin(angle / 2)};
+        // In the national grid of the LAS files.
+        scan.pose.translation = {650000.0 + middle.x, 6860000.0 + middle.y, middle.z + 2.0};
+        const double c = std::cos(angle), sn = std::sin(angle);
+        for (unsigned i = first; i < last; ++i) {
+            seed = seed * 1664525u + 1013904223u;
+            const TZVector3 &p = cloud.point(i);
+            const double dx = 650000.0 + p.x - scan.pose.translation[0];
+            const double dy = 6860000.0 + p.y - scan.pose.translation[1];
+            // The inverse of the pose: into the station's frame.
+            scan.xyz.insert(scan.xyz.end(),
+                            {c * dx + sn * dy, -sn * dx + c * dy, p.z - scan.pose.translation[2]});
+            scan.intensities.push_back(quint16(300 + int(p.z * 7) % 200 + int(seed >> 28)));
+            scan.colours.push_back({quint8(90 + int(p.z * 3) % 60), quint8(120 + int(p.z * 2) % 70),
+                                    quint8(60 + (seed >> 29))});
+        }
+    }
+    QByteArray bytes;
+    std::string error;
+    if (!tzE57::writeFile(scans, bytes, error))
+        return false;
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
+}
+
 // The peer decoder's seconds on a LAZ file (it prints them), or -1 when it cannot run.
 double peerSeconds(const QString &peerDir, const QString &laz, const QString &records)
 {
@@ -296,5 +340,34 @@ int main(int argc, char **argv)
                 encode1 / decode1);
     std::printf("%-34s %9.1f MB %9.1f MB %8.3f\n", "laz size vs las size", laz.size() / 1e6,
                 lasFile.size() / 1e6, double(laz.size()) / double(lasFile.size()));
+
+    // ---- E57
+    const QString surveyE57 = dir.filePath("survey.e57");
+    if (!writeSurveyE57(surveyE57, terrain.cloud)) {
+        std::fprintf(stderr, "cannot write the E57 survey\n");
+        return 1;
+    }
+    size_t e57Points = 0;
+    const double e57Read = secondsOf([&] {
+        std::unique_ptr<tzHObject> scans(tzCloudFile::loadObjects(surveyE57, error));
+        e57Points = 0;
+        for (unsigned i = 0; scans && i < scans->getChildrenNumber(); ++i)
+            e57Points += static_cast<tzPointCloud *>(scans->getChild(i))->size();
+    });
+    const double lasRead = secondsOf([&] {
+        std::unique_ptr<tzPointCloud> cloud(tzCloudFile::load(surveyLas, error));
+        if (!cloud)
+            std::abort();
+    });
+    if (e57Points != points) {
+        std::fprintf(stderr, "the E57 survey read %zu of %u points: %s\n", e57Points, points,
+                     qPrintable(error));
+        return 1;
+    }
+    std::printf("\nE57 of %u points in 4 scans (%.1f MB), %u cores\n", points,
+                QFileInfo(surveyE57).size() / 1e6, cores);
+    std::printf("%-34s %12s %12s %8s\n", "figure", "ours", "other", "ratio");
+    std::printf("%-34s %10.3f s %10.3f s %8.3f\n", "e57 read vs las read", e57Read, lasRead,
+                e57Read / lasRead);
     return 0;
 }

@@ -4,19 +4,25 @@
 // rendered from that cloud with their list, images.json; and <name>.companion.jsonl, the
 // companion's objects on the site as a script for mensurix-sim. Named .las, the cloud is written
 // as a survey is delivered, with the intensity and the class of each point (and without colours
-// with --no-colours, as most airborne surveys come).
+// with --no-colours, as most airborne surveys come). Named .e57, it is written as a terrestrial
+// scanner exports its project: two scans, each in the frame of its station with the station's
+// pose, and the photos inside the file as pinhole pictures with their cameras' poses (no
+// <name>.img/ then).
 
 #include "DemoCompanion.h"
 #include "DemoPhotos.h"
 #include "DemoScene.h"
+#include "tzE57File.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QBuffer>
 #include <QSaveFile>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -26,7 +32,7 @@
 
 namespace {
 
-const char USAGE[] = "usage: make_demo_survey [--no-photos] [--no-colours] <out.ply|out.las> "
+const char USAGE[] = "usage: make_demo_survey [--no-photos] [--no-colours] <out.ply|out.las|out.e57> "
                      "[points (default 2000000)] [seed]\n";
 
 #pragma pack(push, 1)
@@ -149,6 +155,102 @@ bool writeLas(const QString &path, const std::vector<demo::Point> &points, bool 
     return committed(file);
 }
 
+//! The rotation whose matrix has the columns a, b, c (a right-handed orthonormal frame), as a
+//! quaternion (w, x, y, z).
+std::array<double, 4> quaternionOf(const demo::Vec &a, const demo::Vec &b, const demo::Vec &c)
+{
+    const double m00 = a.x, m11 = b.y, m22 = c.z;
+    const double trace = m00 + m11 + m22;
+    if (trace > 0) {
+        const double s = 2 * std::sqrt(1 + trace);
+        return {s / 4, (b.z - c.y) / s, (c.x - a.z) / s, (a.y - b.x) / s};
+    }
+    if (m00 > m11 && m00 > m22) {
+        const double s = 2 * std::sqrt(1 + m00 - m11 - m22);
+        return {(b.z - c.y) / s, s / 4, (b.x + a.y) / s, (c.x + a.z) / s};
+    }
+    if (m11 > m22) {
+        const double s = 2 * std::sqrt(1 + m11 - m00 - m22);
+        return {(c.x - a.z) / s, (b.x + a.y) / s, s / 4, (c.y + b.z) / s};
+    }
+    const double s = 2 * std::sqrt(1 + m22 - m00 - m11);
+    return {(a.y - b.x) / s, (c.x + a.z) / s, (c.y + b.z) / s, s / 4};
+}
+
+// The site as a terrestrial scanner's project: the points split between two stations (west and
+// east halves), each scan in its station's frame (turned by its heading) with its pose; the
+// photos as pinhole pictures (JPEG) whose camera frame has x to the right of the picture, y
+// down it and z along the view.
+bool writeE57(const QString &path, const demo::Scene &scene, const std::vector<demo::Point> &points,
+              bool colours, bool photos)
+{
+    const double side = scene.side();
+    std::vector<tzE57::ScanToWrite> scans(2);
+    const double headings[2] = {0.3, 2.1};
+    for (size_t s = 0; s < 2; ++s) {
+        tzE57::ScanToWrite &scan = scans[s];
+        scan.name = QStringLiteral("Station %1").arg(s + 1);
+        scan.guid = QStringLiteral("{demo-station-%1}").arg(s + 1);
+        const double x = (0.25 + 0.5 * double(s)) * side, y = 0.5 * side;
+        scan.pose.translation = {demo::ORIGIN_X + x, demo::ORIGIN_Y + y,
+                                 demo::ORIGIN_Z + scene.ground(x, y) + 1.6};
+        scan.pose.rotation = {std::cos(headings[s] / 2), 0, 0, std::sin(headings[s] / 2)};
+    }
+    for (const demo::Point &p : points) {
+        tzE57::ScanToWrite &scan = scans[p.x < 0.5 * side ? 0 : 1];
+        const double heading = headings[&scan - scans.data()];
+        const double c = std::cos(heading), s = std::sin(heading);
+        const double dx = demo::ORIGIN_X + p.x - scan.pose.translation[0];
+        const double dy = demo::ORIGIN_Y + p.y - scan.pose.translation[1];
+        scan.xyz.insert(scan.xyz.end(), {c * dx + s * dy, -s * dx + c * dy,
+                                         demo::ORIGIN_Z + p.z - scan.pose.translation[2]});
+        scan.intensities.push_back(p.intensity);
+        if (colours)
+            scan.colours.push_back({p.r, p.g, p.b});
+    }
+    std::vector<tzE57::ImageToWrite> images;
+    if (photos) {
+        for (const demo::Camera &camera : demo::demoStations(scene)) {
+            tzE57::ImageToWrite image;
+            image.name = camera.name;
+            image.scanGuid = scans[camera.position.x < 0.5 * side ? 0 : 1].guid;
+            QBuffer jpeg(&image.picture);
+            jpeg.open(QIODevice::WriteOnly);
+            if (!demo::render(camera, points, scene.spacing()).save(&jpeg, "JPG", 90)) {
+                std::fprintf(stderr, "make_demo_survey: cannot make the photo '%s'\n",
+                             qPrintable(camera.name));
+                return false;
+            }
+            image.width = camera.width;
+            image.height = camera.height;
+            image.pixelWidth = image.pixelHeight = 5e-6;
+            image.focalLength = camera.f * image.pixelWidth;
+            image.principalX = 0.5 * camera.width;
+            image.principalY = 0.5 * camera.height;
+            const demo::Vec down {-camera.up.x, -camera.up.y, -camera.up.z};
+            image.pose.rotation = quaternionOf(camera.right, down, camera.forward);
+            image.pose.translation = {demo::ORIGIN_X + camera.position.x,
+                                      demo::ORIGIN_Y + camera.position.y,
+                                      demo::ORIGIN_Z + camera.position.z};
+            images.push_back(std::move(image));
+        }
+    }
+    QByteArray bytes;
+    std::string error;
+    if (!tzE57::writeFile(scans, bytes, error, images)) {
+        std::fprintf(stderr, "make_demo_survey: cannot make '%s': %s\n", qPrintable(path),
+                     error.c_str());
+        return false;
+    }
+    QSaveFile file(path);
+    if (!opened(file))
+        return false;
+    file.write(bytes);
+    if (photos)
+        std::printf("%s: %zu photos inside\n", qPrintable(path), images.size());
+    return committed(file);
+}
+
 bool writePhotos(const QString &folder, const demo::Scene &scene,
                  const std::vector<demo::Point> &points)
 {
@@ -215,12 +317,14 @@ int main(int argc, char **argv)
                      qPrintable(script.fileName()), qPrintable(script.errorString()));
         return 1;
     }
-    if (photos
+    const bool las = out.endsWith(QStringLiteral(".las"), Qt::CaseInsensitive);
+    const bool e57 = out.endsWith(QStringLiteral(".e57"), Qt::CaseInsensitive);
+    if (photos && !e57
         && !writePhotos(info.dir().filePath(info.completeBaseName() + QStringLiteral(".img")),
                         scene, points))
         return 1;
-    const bool las = out.endsWith(QStringLiteral(".las"), Qt::CaseInsensitive);
-    if (!(las ? writeLas(out, points, colours) : writeCloud(out, points)))
+    if (e57 ? !writeE57(out, scene, points, colours, photos)
+            : !(las ? writeLas(out, points, colours) : writeCloud(out, points)))
         return 1;
     std::printf("%s: %zu points, %.0f m x %.0f m\n", qPrintable(out), points.size(), scene.side(),
                 scene.side());

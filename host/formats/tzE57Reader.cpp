@@ -378,7 +378,7 @@ QJsonObject photoEntry(const tzE57::Image &image, const QString &camname)
     const double forward[3] = {r[2], r[5], r[8]};
     const double pitch = std::asin(std::clamp(-forward[0], -1.0, 1.0));
     const double yaw = std::atan2(-up[0], right[0]);
-    const double roll = std::atan2(forward[1], forward[2]);
+    const double roll = std::atan2(forward[1], -forward[2]);
     QJsonObject entry;
     entry.insert(QStringLiteral("camname"), camname);
     entry.insert(QStringLiteral("camX"), image.pose.translation[0]);
