@@ -1,5 +1,5 @@
-// libFuzzer target for the readers of untrusted files: scene files, the cloud formats and the
-// E57 file's structure and records.
+// libFuzzer target for the readers of untrusted files: scene files, the cloud formats, E57 files
+// as the viewer reads them and the E57 file's structure and records.
 // The first byte picks the reader; the rest is the file.
 
 #include "tzCloudFile.h"
@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     const QByteArray bytes(reinterpret_cast<const char *>(data + 1), int(size - 1));
     QString error;
-    switch (data[0] % 7) {
+    switch (data[0] % 8) {
     case 0: {
         QBuffer buffer;
         buffer.setData(bytes);
@@ -49,6 +49,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     case 5:
         delete tzCloudFile::loadFromMemory(bytes, "csv", "fuzz.csv", error);
         break;
+    case 6: {
+        // The whole reader: the scans decoded, placed and merged.
+        delete tzCloudFile::loadFromMemory(bytes, "e57", "fuzz.e57", error);
+        break;
+    }
     default: {
         tzE57::File file;
         std::string problem;

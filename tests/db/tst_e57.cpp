@@ -1,11 +1,26 @@
-// The E57 file's structure, on files written by other programs (tests/data/e57/): the pages and
+// E57 files: their structure on files written by other programs (tests/data/e57/: the pages and
 // their checksums, the XML section, the scans' and images' descriptions, the points' section
-// headers.
+// headers), then as the viewer reads them: each scan a cloud placed by its pose, invalid points
+// left out, intensities and colours scaled by their limits, pinhole pictures as photo lists, the
+// conversions, and damaged files refused with their problem named.
 
+#include "tzCloudFile.h"
 #include "tzE57File.h"
+#include "tzPointCloud.h"
 
+#include <QBuffer>
 #include <QFile>
+#include <QImage>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QStandardPaths>
+#include <QTemporaryDir>
 #include <QtTest>
+
+#include <array>
+#include <cmath>
+#include <memory>
 
 namespace {
 
@@ -30,6 +45,56 @@ struct Opened
     }
 };
 
+QString writeTo(const QTemporaryDir &dir, const QString &name, const QByteArray &bytes)
+{
+    QFile file(dir.filePath(name));
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() ? file.fileName()
+                                                                                : QString();
+}
+
+//! The clouds of a group read from a file (or the cloud itself), with the notes said.
+struct Read
+{
+    std::unique_ptr<tzHObject> object;
+    std::vector<tzPointCloud *> clouds;
+    QStringList notes;
+    QString error;
+
+    explicit Read(const QString &path)
+    {
+        tzCloudFile::LoadOptions options;
+        options.note = [this](const QString &text) { notes << text; };
+        object.reset(tzCloudFile::loadObjects(path, error, options));
+        for (unsigned i = 0; object && i < object->getChildrenNumber(); ++i)
+            clouds.push_back(dynamic_cast<tzPointCloud *>(object->getChild(i)));
+    }
+    //! A point's coordinates in the file (global).
+    static TZVector3d global(const tzPointCloud *cloud, unsigned i)
+    {
+        const TZVector3 &p = cloud->point(i);
+        return TZVector3d(p.x, p.y, p.z) - cloud->getGlobalShift();
+    }
+};
+
+//! The rotation by angle about the vertical, as the quaternion of a pose.
+std::array<double, 4> aboutZ(double angle)
+{
+    return {std::cos(angle / 2), 0, 0, std::sin(angle / 2)};
+}
+
+//! Page checksums made again after bytes of a file were changed.
+void rechecksum(QByteArray &bytes)
+{
+    for (int at = 0; at + 1024 <= bytes.size(); at += 1024) {
+        auto *p = reinterpret_cast<uchar *>(bytes.data()) + at;
+        const quint32 crc = tzE57::crc32c(p, 1020);
+        p[1020] = uchar(crc >> 24);
+        p[1021] = uchar(crc >> 16);
+        p[1022] = uchar(crc >> 8);
+        p[1023] = uchar(crc);
+    }
+}
+
 } // namespace
 
 class TestE57 : public QObject
@@ -45,6 +110,15 @@ private slots:
     void writtenScansReadBack();
     void damagedFilesAreRefused_data();
     void damagedFilesAreRefused();
+    void samplesOpenAsTheViewerShowsThem_data();
+    void samplesOpenAsTheViewerShowsThem();
+    void scansArePlacedByTheirPoses();
+    void damagedRecordsAreRefused();
+    void picturesBecomePhotoLists();
+    void conversionsMergeOrSplitTheScans();
+
+private:
+    QTemporaryDir m_cache;
 };
 
 void TestE57::checksumsAndOffsets()
@@ -250,6 +324,279 @@ void TestE57::damagedFilesAreRefused()
     std::string cutError;
     QVERIFY(!cut.open(reinterpret_cast<const uchar *>(bunny.bytes.constData()), 5000, cutError));
     QVERIFY(QString::fromStdString(cutError).contains("truncated"));
+}
+
+void TestE57::samplesOpenAsTheViewerShowsThem_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<int>("points"); // -1: refused
+    QTest::addColumn<QString>("said"); // the error, or a note
+    QTest::newRow("scaled integers") << "bunnyInt32.e57" << 30571 << "";
+    QTest::newRow("floats and colours") << "ColouredCubeFloat.e57" << 7680 << "";
+    QTest::newRow("degenerate pinhole images")
+        << "PinholeImageWithDistortionParameters.e57" << -1 << "the file holds no scans";
+    QTest::newRow("empty") << "empty.e57" << -1 << "no points to show: the file holds no scans";
+    QTest::newRow("a scan of no points") << "ZeroPoints.e57" << -1 << "hold no valid point";
+    QTest::newRow("no section") << "ZeroPointsInvalid.e57" << -1 << "hold no valid point";
+    QTest::newRow("bad section header")
+        << "InvalidCVHeader.e57" << -1 << "scan 1: the points' section header at byte 48";
+    QTest::newRow("bad checksum") << "bad-crc.e57" << -1 << "does not match its checksum";
+}
+
+void TestE57::samplesOpenAsTheViewerShowsThem()
+{
+    QFETCH(QString, file);
+    QFETCH(int, points);
+    QFETCH(QString, said);
+    const QString path = QStringLiteral(TESSARO_TEST_DATA "/e57/") + file;
+    Read read(path);
+    if (points < 0) {
+        QVERIFY(!read.object);
+        QVERIFY2(read.error.startsWith("'" + path + "': ") && read.error.contains(said),
+                 qPrintable(read.error));
+        return;
+    }
+    QVERIFY2(read.object, qPrintable(read.error));
+    QCOMPARE(read.object->getName(), QFileInfo(file).completeBaseName());
+    QCOMPARE(int(read.clouds.size()), 1);
+    QCOMPARE(int(read.clouds[0]->size()), points);
+    // The cube's colours, scaled by the file's limits (0 to 255), are its own: not one grey.
+    if (file.startsWith("Coloured")) {
+        QVERIFY(read.clouds[0]->hasColors());
+        QSet<int> reds;
+        for (unsigned i = 0; i < read.clouds[0]->size(); ++i)
+            reds.insert(read.clouds[0]->getPointColor(i).r);
+        QVERIFY(reds.size() > 1);
+    }
+    // Merged into one cloud, the same points.
+    QString error;
+    std::unique_ptr<tzPointCloud> merged(tzCloudFile::load(path, error));
+    QVERIFY2(merged, qPrintable(error));
+    QCOMPARE(int(merged->size()), points);
+}
+
+void TestE57::scansArePlacedByTheirPoses()
+{
+    QStandardPaths::setTestModeEnabled(true);
+    // Station A: cartesian, turned a quarter turn, in a national grid, every fifth point
+    // invalid, intensities and colours. Station B: spherical coordinates, moved only.
+    std::vector<tzE57::ScanToWrite> scans(2);
+    scans[0].name = QStringLiteral("A");
+    scans[0].pose.rotation = aboutZ(M_PI / 2);
+    scans[0].pose.translation = {651200.25, 6861400.5, 112};
+    for (int i = 0; i < 5000; ++i) {
+        scans[0].xyz.insert(scans[0].xyz.end(), {1.0 + i * 0.002, -2.0, 0.5});
+        scans[0].invalid.push_back(i % 5 == 4 ? 2 : 0);
+        scans[0].intensities.push_back(quint16(i * 13));
+        scans[0].colours.push_back({quint8(i), 7, 200});
+    }
+    scans[1].name = QStringLiteral("B");
+    scans[1].spherical = true;
+    scans[1].pose.translation = {651210, 6861390, 111};
+    for (int i = 0; i < 3000; ++i)
+        scans[1].xyz.insert(scans[1].xyz.end(), {10.0, i * 0.001, 0.25});
+    QByteArray bytes;
+    std::string problem;
+    QVERIFY2(tzE57::writeFile(scans, bytes, problem), problem.c_str());
+    QTemporaryDir dir;
+    Read read(writeTo(dir, QStringLiteral("stations.e57"), bytes));
+    QVERIFY2(read.object, qPrintable(read.error));
+    QCOMPARE(read.object->getName(), QStringLiteral("stations"));
+    QCOMPARE(int(read.clouds.size()), 2);
+    const tzPointCloud *a = read.clouds[0], *b = read.clouds[1];
+    QCOMPARE(a->getName(), QStringLiteral("A"));
+    QCOMPARE(int(a->size()), 4000); // the invalid fifth left out
+    QCOMPARE(int(b->size()), 3000);
+    // One shift for both, small local floats.
+    QCOMPARE(a->getGlobalShift(), b->getGlobalShift());
+    QVERIFY(std::abs(a->point(0).x) < 1000 && std::abs(b->point(0).y) < 1000);
+    // A's point (1, -2, 0.5) turned a quarter turn (x -> y, y -> -x) and moved.
+    const TZVector3d first = Read::global(a, 0);
+    QVERIFY2((first - TZVector3d(651202.25, 6861401.5, 112.5)).norm() < 0.002,
+             qPrintable(QStringLiteral("%1 %2 %3").arg(first.x, 0, 'f', 3).arg(first.y, 0, 'f', 3)
+                            .arg(first.z, 0, 'f', 3)));
+    // The fifth record was invalid: the fifth point kept is the sixth written.
+    const TZVector3d fifth = Read::global(a, 4);
+    QVERIFY(std::abs(fifth.y - (6861401.5 + 5 * 0.002)) < 0.002);
+    // B's point at range 10, azimuth i/1000, elevation 0.25.
+    const double az = 0.7, flat = 10 * std::cos(0.25);
+    const TZVector3d spherical = Read::global(b, 700);
+    QVERIFY((spherical
+             - TZVector3d(651210 + flat * std::cos(az), 6861390 + flat * std::sin(az),
+                          111 + 10 * std::sin(0.25)))
+                .norm()
+            < 0.002);
+    // Intensities over their 16-bit limits kept as they are, colours as they were.
+    QVERIFY(a->hasAttribute(tzPointDisplay::INTENSITY));
+    QCOMPARE(int(a->getPointAttributes(1).intensity), 13);
+    QCOMPARE(int(a->getPointAttributes(4).intensity), 5 * 13);
+    QCOMPARE(int(a->getPointColor(4).r), 5);
+    QCOMPARE(int(a->getPointColor(4).b), 200);
+    QVERIFY(!b->hasColors() && !b->hasAttribute(tzPointDisplay::INTENSITY));
+    QVERIFY(read.notes.isEmpty());
+}
+
+void TestE57::damagedRecordsAreRefused()
+{
+    // A scan whose XML declares more records than its section holds, and one whose packets
+    // are cut short: refused, with the scan and the problem named.
+    std::vector<tzE57::ScanToWrite> scans(1);
+    scans[0].name = QStringLiteral("cut");
+    for (int i = 0; i < 5000; ++i)
+        scans[0].xyz.insert(scans[0].xyz.end(), {i * 0.01, 0.0, 1.0});
+    QByteArray bytes;
+    std::string problem;
+    QVERIFY2(tzE57::writeFile(scans, bytes, problem), problem.c_str());
+    QTemporaryDir dir;
+    QByteArray more = bytes;
+    const int count = more.indexOf("recordCount=\"5000\"");
+    QVERIFY(count > 0);
+    more.replace(count, 18, "recordCount=\"9000\"");
+    rechecksum(more);
+    Read tooMany(writeTo(dir, QStringLiteral("more.e57"), more));
+    QVERIFY(!tooMany.object);
+    QVERIFY2(tooMany.error.contains("scan 'cut': the points' section holds at most"),
+             qPrintable(tooMany.error));
+    // The first packet's first stream made longer than the packet.
+    QByteArray longer = bytes;
+    const int packet = 48 + 32; // after the file's header and the section's
+    longer[packet + 6] = char(0xff);
+    longer[packet + 7] = char(0xff);
+    rechecksum(longer);
+    Read damaged(writeTo(dir, QStringLiteral("damaged.e57"), longer));
+    QVERIFY(!damaged.object);
+    QVERIFY2(damaged.error.contains("holds less than its streams' lengths"),
+             qPrintable(damaged.error));
+}
+
+void TestE57::picturesBecomePhotoLists()
+{
+    QStandardPaths::setTestModeEnabled(true);
+    // A scan and three pinhole pictures: one looking north, level, from 1.5 above the station;
+    // one turned and tilted; one without a pose (skipped, said).
+    std::vector<tzE57::ScanToWrite> scans(1);
+    scans[0].name = QStringLiteral("S");
+    scans[0].guid = QStringLiteral("{scan-1}");
+    scans[0].pose.translation = {651200, 6861400, 112};
+    for (int i = 0; i < 100; ++i)
+        scans[0].xyz.insert(scans[0].xyz.end(), {i * 0.1, 5.0, 0.0});
+    QImage picture(64, 48, QImage::Format_RGB32);
+    picture.fill(Qt::blue);
+    QByteArray png;
+    QBuffer buffer(&png);
+    buffer.open(QIODevice::WriteOnly);
+    QVERIFY(picture.save(&buffer, "PNG"));
+    std::vector<tzE57::ImageToWrite> images(3);
+    for (tzE57::ImageToWrite &image : images) {
+        image.scanGuid = scans[0].guid;
+        image.picture = png;
+        image.png = true;
+        image.width = 64;
+        image.height = 48;
+        image.pixelWidth = image.pixelHeight = 1e-5;
+        image.focalLength = 50 * 1e-5; // 50 pixels
+        image.principalX = 32;
+        image.principalY = 24;
+        image.pose.translation = {651200, 6861400, 113.5};
+    }
+    // Camera frame: x right, y down, z ahead. North-looking: x east, y down, z north.
+    images[0].name = QStringLiteral("north/level");
+    images[0].pose.rotation = {std::sqrt(0.5), -std::sqrt(0.5), 0, 0};
+    images[1].name = QStringLiteral("turned");
+    images[1].pose.rotation = {0.6, -0.5, 0.3, 0.5477225575051661};
+    images[2].name = QStringLiteral("no pose");
+    images[2].hasPose = false;
+    QByteArray bytes;
+    std::string problem;
+    QVERIFY2(tzE57::writeFile(scans, bytes, problem, images), problem.c_str());
+    QTemporaryDir dir;
+    Read read(writeTo(dir, QStringLiteral("photos.e57"), bytes));
+    QVERIFY2(read.object, qPrintable(read.error));
+    QCOMPARE(read.notes.size(), 1);
+    QVERIFY2(read.notes[0].contains("image 'no pose' skipped: its camera has no pose"),
+             qPrintable(read.notes[0]));
+    const QString listPath
+        = read.clouds[0]->getMetaData(QLatin1String(tzGenericPointCloud::PHOTO_LIST_KEY)).toString();
+    QFile list(listPath);
+    QVERIFY2(list.open(QIODevice::ReadOnly), qPrintable(listPath));
+    const QJsonArray photos = QJsonDocument::fromJson(list.readAll())["images"].toArray();
+    QCOMPARE(photos.size(), 2);
+    // The pictures beside the list, under names a file can take.
+    const QJsonObject north = photos[0].toObject();
+    QCOMPARE(north["camname"].toString(), QStringLiteral("north_level"));
+    QVERIFY(!QImage(QFileInfo(listPath).dir().filePath("north_level.png")).isNull());
+    QCOMPARE(north["camZ"].toDouble(), 113.5);
+    QCOMPARE(north["f"].toDouble(), 50.0);
+    QCOMPARE(north["cx"].toDouble(), 32.0);
+    // Level and north: V along +y, the picture's up along +z.
+    QVERIFY(std::abs(north["Vy"].toDouble() - 1) < 1e-9);
+    QVERIFY(std::abs(north["roll"].toDouble() - M_PI / 2) < 1e-9);
+    QVERIFY(std::abs(north["pitch"].toDouble()) < 1e-9 && std::abs(north["yaw"].toDouble()) < 1e-9);
+    // Any pose: Rx(roll) Ry(pitch) Rz(yaw) has the columns right, up and -forward of the
+    // camera, as the viewer draws a photo.
+    const QJsonObject turned = photos[1].toObject();
+    const double a = turned["roll"].toDouble(), b = turned["pitch"].toDouble(),
+                 c = turned["yaw"].toDouble();
+    const double rx[9] = {1, 0, 0, 0, std::cos(a), -std::sin(a), 0, std::sin(a), std::cos(a)};
+    const double ry[9] = {std::cos(b), 0, std::sin(b), 0, 1, 0, -std::sin(b), 0, std::cos(b)};
+    const double rz[9] = {std::cos(c), -std::sin(c), 0, std::sin(c), std::cos(c), 0, 0, 0, 1};
+    const auto times = [](const double *l, const double *r, double *out) {
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j)
+                out[3 * i + j] = l[3 * i] * r[j] + l[3 * i + 1] * r[3 + j] + l[3 * i + 2] * r[6 + j];
+    };
+    double ryz[9], r[9];
+    times(ry, rz, ryz);
+    times(rx, ryz, r);
+    // The quaternion's matrix: its third column is the camera's z (forward), its second y
+    // (down).
+    const double w = 0.6, x = -0.5, y = 0.3, z = 0.5477225575051661;
+    const double forward[3] = {2 * (x * z + w * y), 2 * (y * z - w * x), 1 - 2 * (x * x + y * y)};
+    const double down[3] = {2 * (x * y - w * z), 1 - 2 * (x * x + z * z), 2 * (y * z + w * x)};
+    for (int i = 0; i < 3; ++i) {
+        QVERIFY(std::abs(r[3 * i + 2] + forward[i]) < 1e-9);
+        QVERIFY(std::abs(r[3 * i + 1] + down[i]) < 1e-9);
+    }
+    QVERIFY(std::abs(turned["Vx"].toDouble() - forward[0]) < 1e-9);
+}
+
+void TestE57::conversionsMergeOrSplitTheScans()
+{
+    std::vector<tzE57::ScanToWrite> scans(2);
+    scans[0].name = QStringLiteral("Station 1");
+    scans[1].name = QStringLiteral("Station 2");
+    for (int i = 0; i < 1000; ++i) {
+        scans[0].xyz.insert(scans[0].xyz.end(), {i * 0.01, 0.0, 1.0});
+        scans[1].xyz.insert(scans[1].xyz.end(), {0.0, i * 0.01, 2.0});
+    }
+    scans[1].pose.translation = {100, 200, 0};
+    QByteArray bytes;
+    std::string problem;
+    QVERIFY2(tzE57::writeFile(scans, bytes, problem), problem.c_str());
+    QTemporaryDir dir;
+    const QString e57 = writeTo(dir, QStringLiteral("site.e57"), bytes);
+    QString error;
+    QVERIFY2(tzCloudFile::convert(e57, dir.filePath("site.las"), error), qPrintable(error));
+    std::unique_ptr<tzPointCloud> merged(tzCloudFile::load(dir.filePath("site.las"), error));
+    QVERIFY2(merged, qPrintable(error));
+    QCOMPARE(int(merged->size()), 2000);
+    QVERIFY((Read::global(merged.get(), 1999) - TZVector3d(100, 209.99, 2)).norm() < 0.002);
+    QStringList written;
+    QVERIFY2(tzCloudFile::convertScans(e57, dir.filePath("out.laz"), written, error),
+             qPrintable(error));
+    QCOMPARE(written, QStringList({dir.filePath("out-Station_1.laz"),
+                                   dir.filePath("out-Station_2.laz")}));
+    std::unique_ptr<tzPointCloud> second(tzCloudFile::load(written[1], error));
+    QVERIFY2(second, qPrintable(error));
+    QCOMPARE(int(second->size()), 1000);
+    QVERIFY((Read::global(second.get(), 0) - TZVector3d(100, 200, 2)).norm() < 0.002);
+    // A damaged input leaves nothing behind.
+    QByteArray damaged = bytes;
+    damaged[3000] = char(damaged[3000] ^ 0x55);
+    const QString bad = writeTo(dir, QStringLiteral("bad.e57"), damaged);
+    QVERIFY(!tzCloudFile::convertScans(bad, dir.filePath("bad.las"), written, error));
+    QVERIFY2(error.contains("page 3 of") && error.contains("bad.e57"), qPrintable(error));
+    QVERIFY(written.isEmpty() && !QFile::exists(dir.filePath("bad-Station_1.las")));
 }
 
 QTEST_GUILESS_MAIN(TestE57)

@@ -11,6 +11,7 @@
 #include <QMessageBox>
 #include <QProcess>
 #include <QSettings>
+#include <QStandardPaths>
 #include <QtTest>
 
 namespace {
@@ -59,6 +60,47 @@ double mismatch(const QImage &picture, const QImage &cloud, int shift)
     return count > 1000 ? sum / (3 * count) : 255;
 }
 
+//! Each photo, opaque, against the cloud seen from its station without it: the picture matches
+//! the points where they are, and not a few pixels aside.
+void checkPhotosLineUp(tzGLWindow *view, const std::vector<tzHObject *> &photos)
+{
+    view->setObliqueView();
+    view->setPointSize(4);
+    for (tzHObject *photo : photos) {
+        auto *image = dynamic_cast<tzImage *>(photo);
+        QVERIFY(image);
+        image->setAlpha(1.f);
+        photo->setSelected(true);
+        QTRY_VERIFY(view->isViewpointMode());
+        const QImage picture = frame(*view);
+        photo->setSelected(false);
+        const QImage cloudOnly = frame(*view);
+        const double aligned = mismatch(picture, cloudOnly, 0);
+        const double aside = std::min(mismatch(picture, cloudOnly, 20), mismatch(picture, cloudOnly, -20));
+        const QByteArray said = photo->getMetaData(QStringLiteral("camera")).toString().toUtf8()
+            + ": " + QByteArray::number(aligned, 'f', 1) + " aligned, "
+            + QByteArray::number(aside, 'f', 1) + " 20 pixels aside";
+        qInfo("%s", said.constData());
+        QVERIFY2(aligned < 18 && aligned < 0.7 * aside, said.constData());
+        view->setCameraPos(view->getViewportParameters().cameraCenter + TZVector3d(5, 0, 0));
+        QVERIFY(!view->isViewpointMode());
+        view->setObliqueView();
+    }
+}
+
+//! The demo survey, small, written by the generator as out (its photos beside it, or inside
+//! an E57).
+bool makeDemoSurvey(const QString &out)
+{
+    QProcess generator;
+    generator.start(QStringLiteral(MAKE_DEMO_SURVEY), {out, QStringLiteral("60000")});
+    if (!generator.waitForFinished(60000) || generator.exitCode() != 0) {
+        qWarning("%s", generator.readAllStandardError().constData());
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 class TestPhotos : public QObject
@@ -69,6 +111,7 @@ private slots:
     void initTestCase();
     void photoIsEnteredAndLeft();
     void demoPhotosLineUpWithTheCloud();
+    void scannerPhotosInsideAnE57LineUpToo();
 
 private:
     QTemporaryDir m_settings;
@@ -77,6 +120,8 @@ private:
 
 void TestPhotos::initTestCase()
 {
+    // The pictures of an E57 go to the cache: the tests' own.
+    QStandardPaths::setTestModeEnabled(true);
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settings.path());
     QCoreApplication::setOrganizationName(QStringLiteral("Tessaro"));
     QCoreApplication::setApplicationName(QStringLiteral("Tessaro"));
@@ -195,10 +240,7 @@ void TestPhotos::demoPhotosLineUpWithTheCloud()
     // The demo survey, small, with its photos rendered from it.
     QTemporaryDir dir;
     const QString survey = dir.filePath(QStringLiteral("survey.ply"));
-    QProcess generator;
-    generator.start(QStringLiteral(MAKE_DEMO_SURVEY), {survey, QStringLiteral("60000")});
-    QVERIFY(generator.waitForFinished(60000));
-    QVERIFY2(generator.exitCode() == 0, generator.readAllStandardError().constData());
+    QVERIFY(makeDemoSurvey(survey));
     Viewer viewer;
     viewer.window.openFiles({survey});
     QTRY_VERIFY_WITH_TIMEOUT(!viewer.window.isLoading(), 20000);
@@ -212,31 +254,9 @@ void TestPhotos::demoPhotosLineUpWithTheCloud()
     const std::vector<tzHObject *> photos = photosOf(cloud);
     QCOMPARE(int(photos.size()), 5);
     tzGLWindow *view = viewer.window.activeView();
-    view->setObliqueView();
-    view->setPointSize(4);
-
-    // Each photo, opaque, against the cloud seen from its station without it: the picture
-    // matches the points where they are, and not a few pixels aside.
-    for (tzHObject *photo : photos) {
-        auto *image = dynamic_cast<tzImage *>(photo);
-        QVERIFY(image);
-        image->setAlpha(1.f);
-        photo->setSelected(true);
-        QTRY_VERIFY(view->isViewpointMode());
-        const QImage picture = frame(*view);
-        photo->setSelected(false);
-        const QImage cloudOnly = frame(*view);
-        const double aligned = mismatch(picture, cloudOnly, 0);
-        const double aside = std::min(mismatch(picture, cloudOnly, 20), mismatch(picture, cloudOnly, -20));
-        const QByteArray said = photo->getMetaData(QStringLiteral("camera")).toString().toUtf8()
-            + ": " + QByteArray::number(aligned, 'f', 1) + " aligned, "
-            + QByteArray::number(aside, 'f', 1) + " 20 pixels aside";
-        qInfo("%s", said.constData());
-        QVERIFY2(aligned < 18 && aligned < 0.7 * aside, said.constData());
-        view->setCameraPos(view->getViewportParameters().cameraCenter + TZVector3d(5, 0, 0));
-        QVERIFY(!view->isViewpointMode());
-        view->setObliqueView();
-    }
+    checkPhotosLineUp(view, photos);
+    if (QTest::currentTestFailed())
+        return;
 
     // From the top view a survey opens in, a photo picked in the tree stands upright and lines
     // up with the cloud all the same; Escape leaves it and gives back the view exactly.
@@ -267,6 +287,41 @@ void TestPhotos::demoPhotosLineUpWithTheCloud()
         QCOMPARE(view->getCurrentUpDir(), TZVector3d(0, 1, 0));
     }
     QCOMPARE(viewer.toolBar()->isVisible(), true);
+}
+
+void TestPhotos::scannerPhotosInsideAnE57LineUpToo()
+{
+    // The same site as a scanner exports it: two scans, each with its pose, and the photos
+    // inside the file as pinhole pictures; nothing beside it. The run finds the photos under
+    // the scans they were taken from and they line up as the list's do.
+    QTemporaryDir dir;
+    const QString survey = dir.filePath(QStringLiteral("scanned.e57"));
+    QVERIFY(makeDemoSurvey(survey));
+    QVERIFY(!QFileInfo::exists(dir.filePath(QStringLiteral("scanned.img"))));
+    Viewer viewer;
+    viewer.window.openFiles({survey});
+    QTRY_VERIFY_WITH_TIMEOUT(!viewer.window.isLoading(), 20000);
+    viewer.start();
+    std::vector<tzHObject *> photos;
+    tzHObject::Container clouds;
+    viewer.window.databaseRoot()->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
+    QStringList scans;
+    for (tzHObject *cloud : clouds) {
+        scans << cloud->getName();
+        for (tzHObject *photo : photosOf(cloud))
+            photos.push_back(photo);
+    }
+    QVERIFY(scans.contains(QStringLiteral("Station 1")) && scans.contains(QStringLiteral("Station 2")));
+    QCOMPARE(int(photos.size()), 5);
+    checkPhotosLineUp(viewer.window.activeView(), photos);
+    // A second run finds the same photos, not twice as many.
+    viewer.click("closeButton");
+    QTRY_VERIFY(!viewer.toolBar() || !viewer.toolBar()->isVisible());
+    viewer.start();
+    int again = 0;
+    for (tzHObject *cloud : clouds)
+        again += int(photosOf(cloud).size());
+    QCOMPARE(again, 5);
 }
 
 QTEST_MAIN(TestPhotos)
