@@ -367,12 +367,10 @@ void tzCViseeTool::placeWorkingSight(tzPointCloud *cloud, unsigned index, const 
         m_workingSight->setScreenPos(float(screen->x() + 20) / float(window->width()),
                                      float(screen->y() + 20) / float(window->height()));
     }
-    if (!screen) {
-        // A fixed pick: the point goes to the console as the viewer's labels do.
-        tzLog::Print(QStringLiteral("[Picked] ") + m_workingSight->getName());
-        for (const QString &line : m_workingSight->bodyLines(tzDrawContext().dispNumberPrecision))
-            tzLog::Print(QStringLiteral("[Picked]\t- ") + line);
-    }
+    // Every placement, the preview's included, goes to the console as the viewer's labels do.
+    tzLog::Print(QStringLiteral("[Picked] ") + m_workingSight->getName());
+    for (const QString &line : m_workingSight->bodyLines(tzDrawContext().dispNumberPrecision))
+        tzLog::Print(QStringLiteral("[Picked]\t- ") + line);
 }
 
 void tzCViseeTool::fixWorkingSight()
@@ -466,7 +464,8 @@ void tzCViseeTool::onMouseMove(QMouseEvent *event, tzGLWindow *window)
                double(M.x), double(M.y), double(M.z), double(found.x), double(found.y),
                double(found.z), double(lowest.x), double(lowest.y), double(lowest.z));
     }
-    reportCursor(window, under);
+    // The point narrowed to floats, as the preview uses it, is the one reported.
+    reportCursor(window, TZVector3d(double(M.x), double(M.y), double(M.z)));
 }
 
 void tzCViseeTool::reportCursor(tzGLWindow *window, const TZVector3d &M)

@@ -15,6 +15,7 @@
 #include <QtTest>
 
 #include <clocale>
+#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <mutex>
@@ -149,10 +150,16 @@ void TestLink::textsIgnoreTheUsersLocale()
     QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
     const char *cLocale = std::setlocale(LC_ALL, nullptr);
     const std::string saved = cLocale ? cLocale : "C";
-    std::setlocale(LC_ALL, "de_DE.UTF-8"); // where installed: a decimal comma for printf too
+    // The build tree's own German locale (LOCPATH): a decimal comma for printf too.
+    const bool german = std::setlocale(LC_ALL, "de_DE.UTF-8") != nullptr;
+    char probe[16];
+    std::snprintf(probe, sizeof probe, "%.1f", 1.5);
     const QByteArray text = tzCommunicationHandler::coordinatesText(1.5, -2.25, 1234567.5, 6601);
     std::setlocale(LC_ALL, saved.c_str());
     QLocale::setDefault(previous);
+    QVERIFY2(german && QByteArray(probe) == "1,5",
+             "no German locale: the build compiles one into build/locale (localedef, package "
+             "'locales')");
     QVERIFY2(text.contains("\"xp\": \"1.5000\", \"yp\": \"-2.2500\", \"zp\": \"1234567.5000\""),
              text.constData());
 }

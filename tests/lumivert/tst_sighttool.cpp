@@ -446,6 +446,17 @@ void TestSightTool::mouseCircleAndCursorReports()
     QVERIFY2(onCircle >= 18, qPrintable(QString::number(onCircle))); // dashed: half of it
     QCOMPARE(inside, 0);
 
+    // The preview placed under the cursor goes to the console at each move, as a pick does.
+    const auto pickedLines = [&survey] {
+        const QStringList lines = survey.window.console()->lines();
+        return std::count_if(lines.begin(), lines.end(),
+                             [](const QString &l) { return l.contains("[Picked]\t- P#"); });
+    };
+    const auto pickedBefore = pickedLines();
+    moveMouse(view, at + QPoint(3, 3));
+    QTRY_VERIFY2(pickedLines() > pickedBefore,
+                 qPrintable(survey.window.console()->lines().mid(-5).join('\n')));
+
     // Cursor reports: the first move reports at once, moves within half a second do not.
     const int before = received(sim, "mouseCursor").size();
     QTest::qWait(600);
