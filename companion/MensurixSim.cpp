@@ -1,11 +1,15 @@
 #include "MensurixSim.h"
 
 #include <QCoreApplication>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRegularExpression>
 #include <QSocketNotifier>
 #include <QTextStream>
 #include <QThread>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 namespace {
@@ -71,6 +75,17 @@ QByteArray unescaped(const QString &text)
         out += in[i];
     }
     return out;
+}
+
+//! The companion's frame of a sight: its ident, its number and where it is.
+QString sightFrame(int ident, const QString &number, double x, double y, double z)
+{
+    return QStringLiteral("{\"type\": \"CVisee\", \"ident\": %1, \"number\": \"%2\", "
+                          "\"Rcolor\": 255, \"Gcolor\": 255, \"Bcolor\": 0, \"coord\": "
+                          "{\"X\": %3, \"Y\": %4, \"Z\": %5}}")
+        .arg(ident)
+        .arg(number)
+        .arg(QString::number(x, 'f', 4), QString::number(y, 'f', 4), QString::number(z, 'f', 4));
 }
 
 } // namespace
@@ -227,6 +242,10 @@ void MensurixSim::report(const QByteArray &line)
         decoded = QStringLiteral("unknown message '%1' with %2 numbers").arg(kind).arg(v.size());
     print(QStringLiteral("<- %1").arg(decoded));
     print(QStringLiteral("   raw: %1").arg(escaped(line)));
+    if (kind == QLatin1String("coordonnees") && v.size() == 4 && m_options.numberSights)
+        numberSight(v[0], v[1], v[2]);
+    if (kind == QLatin1String("pointMove") && v.size() == 7 && m_options.numberSights)
+        moveSight(v);
     if (expected.isEmpty()) {
         print(QStringLiteral("   NOT a message of the companion"));
     } else if (expected == line) {
@@ -261,14 +280,65 @@ void MensurixSim::sendBytes(const QByteArray &bytes)
     }
 }
 
+void MensurixSim::sendFrame(const QString &frame)
+{
+    ++m_framesSent;
+    print(QStringLiteral("-> frame %1: %2").arg(m_framesSent).arg(frame.left(100)));
+    noteSight(frame);
+    sendBytes(frame.toUtf8() + '\x04');
+}
+
+void MensurixSim::noteSight(const QString &frame)
+{
+    const QJsonObject object = QJsonDocument::fromJson(frame.toUtf8()).object();
+    if (object.value(QLatin1String("type")).toString() != QLatin1String("CVisee"))
+        return;
+    Sight sight;
+    sight.ident = object.value(QLatin1String("ident")).toInt();
+    sight.number = object.value(QLatin1String("number")).toVariant().toString();
+    const QJsonObject coord = object.value(QLatin1String("coord")).toObject();
+    sight.x = coord.value(QLatin1String("X")).toDouble();
+    sight.y = coord.value(QLatin1String("Y")).toDouble();
+    sight.z = coord.value(QLatin1String("Z")).toDouble();
+    bool ok = false;
+    const int number = sight.number.toInt(&ok);
+    if (ok)
+        m_lastNumber = std::max(m_lastNumber, number);
+    m_lastIdent = std::max(m_lastIdent, sight.ident);
+    for (Sight &known : m_sights) {
+        if (known.ident == sight.ident) {
+            known = sight;
+            return;
+        }
+    }
+    m_sights << sight;
+}
+
+void MensurixSim::moveSight(const QList<double> &v)
+{
+    // Its own sight at the place moved from (to the texts' four decimals) follows the move.
+    for (const Sight &sight : m_sights) {
+        if (std::abs(sight.x - v[0]) < 0.00005 + 1e-9 && std::abs(sight.y - v[1]) < 0.00005 + 1e-9
+            && std::abs(sight.z - v[2]) < 0.00005 + 1e-9) {
+            print(QStringLiteral("   sight %1 moved").arg(sight.number));
+            sendFrame(sightFrame(sight.ident, sight.number, v[3], v[4], v[5]));
+            return;
+        }
+    }
+}
+
+void MensurixSim::numberSight(double x, double y, double z)
+{
+    print(QStringLiteral("   numbered sight %1").arg(m_lastNumber + 1));
+    sendFrame(sightFrame(m_lastIdent + 1, QString::number(m_lastNumber + 1), x, y, z));
+}
+
 void MensurixSim::runLine(const QString &line)
 {
     if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
         return;
     if (line.startsWith(QLatin1Char('{'))) {
-        ++m_framesSent;
-        print(QStringLiteral("-> frame %1: %2").arg(m_framesSent).arg(line.left(100)));
-        sendBytes(line.toUtf8() + '\x04');
+        sendFrame(line);
         return;
     }
     const QString command = line.section(QLatin1Char(' '), 0, 0);

@@ -32,6 +32,7 @@ public:
         QString log; // a copy of everything printed
         bool readStdin = true;
         bool quitAfterScript = false; // stop once the script has run and the client has gone
+        bool numberSights = true; // answer each "coordonnees" with a numbered CVisee frame
     };
 
     explicit MensurixSim(const Options &options, QObject *parent = nullptr);
@@ -49,6 +50,11 @@ private:
     void onReadyRead();
     void report(const QByteArray &line);
     void sendBytes(const QByteArray &bytes);
+    void sendFrame(const QString &frame);
+    //! Notes the number and ident of a CVisee frame sent, so that the next ones are free.
+    void noteSight(const QString &frame);
+    void numberSight(double x, double y, double z);
+    void moveSight(const QList<double> &fromTo);
     void runScript();
     void nextScriptLine();
 
@@ -64,5 +70,14 @@ private:
     int m_split = 0;
     QTimer m_pause;
     int m_framesSent = 0;
+    int m_lastNumber = 1000; // of the sights sent
+    int m_lastIdent = 0;
+    struct Sight
+    {
+        int ident = 0;
+        QString number;
+        double x = 0, y = 0, z = 0;
+    };
+    QList<Sight> m_sights; // the sights it has sent, where they are
     int m_messages = 0;
 };

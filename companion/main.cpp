@@ -24,7 +24,8 @@ int main(int argc, char **argv)
         "  !raw TEXT    send TEXT as it is, with no 0x04 (\\x04, \\n and \\\\ are understood)\n"
         "  !close       close the connection; the next one is accepted\n"
         "  !quit        stop\n\n"
-        "The script starts when the plug-in connects."));
+        "The script starts when the plug-in connects. Each sight placed (\"coordonnees\") is\n"
+        "answered with a CVisee frame giving it the next free number (--no-numbering: not)."));
     parser.addHelpOption();
     QCommandLineOption port(QStringLiteral("port"), QStringLiteral("Port to listen on."),
                             QStringLiteral("port"), QStringLiteral("6601"));
@@ -39,7 +40,10 @@ int main(int argc, char **argv)
     QCommandLineOption quitAfter(
         QStringLiteral("quit-after-script"),
         QStringLiteral("Stop once the script has run and the plug-in has disconnected."));
-    parser.addOptions({port, script, log, noInput, quitAfter});
+    QCommandLineOption noNumbering(
+        QStringLiteral("no-numbering"),
+        QStringLiteral("Do not answer each sight placed with a CVisee frame numbering it."));
+    parser.addOptions({port, script, log, noInput, quitAfter, noNumbering});
     parser.process(app);
 
     MensurixSim::Options options;
@@ -53,6 +57,7 @@ int main(int argc, char **argv)
     options.log = parser.value(log);
     options.readStdin = !parser.isSet(noInput);
     options.quitAfterScript = parser.isSet(quitAfter);
+    options.numberSights = !parser.isSet(noNumbering);
     MensurixSim sim(options);
     if (!sim.start())
         return 1;

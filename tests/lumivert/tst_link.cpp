@@ -434,11 +434,24 @@ void TestLink::standInEndToEnd()
                                "{\"type\": \"mesure\", \"x\": 1.5}"}));
     link.sendCoordinates(652345.125, 6862345.5, 123.25);
     link.sendPointMove(1, 2, 3, 4, 5, 6);
+    // The sight placed comes back numbered, as the companion numbers it; the move from a place
+    // where it has no sight of its own is not answered, a move of its sight is.
+    const QString numbered = QStringLiteral(
+        "{\"type\": \"CVisee\", \"ident\": 1, \"number\": \"1001\", \"Rcolor\": 255, "
+        "\"Gcolor\": 255, \"Bcolor\": 0, \"coord\": {\"X\": %1}}");
+    QTRY_COMPARE(frames.size(), 3);
+    // (after the script's raw "pending", which had no end of frame)
+    QCOMPARE(frames[2], QStringLiteral("pending")
+                 + numbered.arg(QStringLiteral("652345.1250, \"Y\": 6862345.5000, \"Z\": 123.2500")));
+    link.sendPointMove(652346, 6862346.25, 124, 652345.125, 6862345.5, 123.25);
+    QTRY_COMPARE(frames.size(), 4);
+    QCOMPARE(frames[3],
+             numbered.arg(QStringLiteral("652346.0000, \"Y\": 6862346.2500, \"Z\": 124.0000")));
     const auto logText = [&logPath] {
         QFile file(logPath);
         return file.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(file.readAll()) : QString();
     };
-    QTRY_VERIFY(logText().count(QStringLiteral("template: exact")) == 2);
+    QTRY_VERIFY(logText().count(QStringLiteral("template: exact")) == 3);
     QVERIFY(logText().contains(
         QStringLiteral("<- coordonnees x=652345.1250 y=6862345.5000 z=123.2500 port=0")));
     QVERIFY(logText().contains(QStringLiteral(

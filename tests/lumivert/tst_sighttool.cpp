@@ -49,6 +49,15 @@ QStringList received(const Sim &sim, const char *kind)
     return lines;
 }
 
+tzHObject *childNamed(tzHObject *parent, const char *name)
+{
+    for (unsigned i = 0; i < parent->getChildrenNumber(); ++i) {
+        if (parent->getChild(i)->getName() == QLatin1String(name))
+            return parent->getChild(i);
+    }
+    return nullptr;
+}
+
 // A sight of the plug-in, read through its inline accessors (its type information lives in the
 // plug-in: the type is checked on the metadata).
 const tzCVisee *sightOf(tzHObject *object)
@@ -137,8 +146,16 @@ struct Survey : Viewer
 // the sight modes (the button's name), seen from the top at 10 pixels a unit.
 struct Session
 {
+    //! A stand-in that numbers the sights placed, as the companion does, or (by default, so
+    //! that only the plug-in's own sights are in the scene) one that does not.
+    explicit Session(bool numbering = false)
+        : sim(writeScript(dir, "!wait 100000\n"),
+              numbering ? QStringList() : QStringList {QStringLiteral("--no-numbering")})
+    {
+    }
+
     QTemporaryDir dir;
-    Sim sim {writeScript(dir, "!wait 100000\n")};
+    Sim sim;
     Survey survey;
 
     bool start(const char *modeButton)
@@ -203,7 +220,7 @@ void TestSightTool::init()
 
 void TestSightTool::simplePointPicksSendTheirCoordinates()
 {
-    Session session;
+    Session session(true);
     QVERIFY(session.start("pointPropertiesButton"));
     const Sim &sim = session.sim;
     Survey &survey = session.survey;
@@ -221,6 +238,17 @@ void TestSightTool::simplePointPicksSendTheirCoordinates()
     QVERIFY(!sight->isSelected());
     QCOMPARE(sight->getMetaData(QStringLiteral("Coord x")).toDouble(), 651210.0);
     QVERIFY(survey.consoleHas(QStringLiteral("[Picked] Point #")));
+    // The stand-in numbers each placed sight as the companion does: its CVisee frames come back
+    // at the picked places, 1001 then 1002.
+    tzHObject *numbered = nullptr;
+    QTRY_VERIFY((numbered = childNamed(survey.window.databaseRoot(), "CVisee"))
+                && numbered->getChildrenNumber() == 2);
+    for (unsigned i = 0; i < 2; ++i) {
+        const tzCVisee *answer = sightOf(numbered->getChild(i));
+        QVERIFY(answer);
+        QCOMPARE(answer->number(), QString::number(1001 + i));
+        QCOMPARE(answer->getMetaData(QStringLiteral("Coord x")).toDouble(), i == 0 ? 651210.0 : 651230.0);
+    }
     // The bush's top is what a simple pick takes.
     survey.pickAt({BUSH.x, BUSH.y, groundZ(BUSH.x) + 2});
     QTRY_COMPARE(received(sim, "coordonnees").size(), 3);

@@ -10,12 +10,15 @@
 class Sim
 {
 public:
-    explicit Sim(const QString &script)
+    //! more: further options (--no-numbering...).
+    explicit Sim(const QString &script, const QStringList &more = {})
         : m_log(m_dir.filePath(QStringLiteral("sim.log")))
     {
         m_process.setProgram(QStringLiteral(MENSURIX_SIM));
-        m_process.setArguments({QStringLiteral("--script"), script, QStringLiteral("--log"),
-                                m_log, QStringLiteral("--no-input")});
+        m_process.setArguments(QStringList {QStringLiteral("--script"), script,
+                                            QStringLiteral("--log"), m_log,
+                                            QStringLiteral("--no-input")}
+                               + more);
         m_process.start();
     }
     ~Sim()
