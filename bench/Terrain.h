@@ -19,7 +19,8 @@ struct Terrain
 
 inline float groundHeight(float x, float y)
 {
-    return 3.f * std::sin(x * 0.02f) + 2.f * std::cos(y * 0.015f) + 0.3f * std::sin(x * 0.3f + y * 0.2f);
+    return 3.f * std::sin(x * 0.02f) + 2.f * std::cos(y * 0.015f)
+        + 0.3f * std::sin(x * 0.3f + y * 0.2f);
 }
 
 inline void makeTerrain(Terrain &t, unsigned count, unsigned seed = 20261121)

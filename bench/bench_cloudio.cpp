@@ -57,7 +57,8 @@ double secondsOf(const std::function<void()> &fn, int runs = 3)
     for (int i = 0; i < runs; ++i) {
         const auto t0 = std::chrono::steady_clock::now();
         fn();
-        best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+        best = std::min(
+            best, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
     }
     return best;
 }
@@ -67,7 +68,8 @@ bool writePly(const QString &path, const TZLib::PointCloud &cloud)
     QFile f(path);
     if (!f.open(QIODevice::WriteOnly))
         return false;
-    f.write(QByteArray("ply\nformat binary_little_endian 1.0\nelement vertex ") + QByteArray::number(cloud.size())
+    f.write(QByteArray("ply\nformat binary_little_endian 1.0\nelement vertex ")
+            + QByteArray::number(cloud.size())
             + "\nproperty float x\nproperty float y\nproperty float z\nproperty uchar red\n"
               "property uchar green\nproperty uchar blue\nend_header\n");
     QByteArray chunk;
@@ -278,8 +280,8 @@ int main(int argc, char **argv)
                 std::abort();
             }
         });
-        std::printf("%-22s %10.1f %10.3f %12.0f %9.2fx\n", qPrintable(QFileInfo(path).fileName()), mb, load,
-                    mb / load, load / read);
+        std::printf("%-22s %10.1f %10.3f %12.0f %9.2fx\n", qPrintable(QFileInfo(path).fileName()),
+                    mb, load, mb / load, load / read);
     }
 
     // ---- LAZ

@@ -18,10 +18,10 @@
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QHostAddress>
 #include <QJsonDocument>
 #include <QSettings>
 #include <QSignalSpy>
-#include <QHostAddress>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -79,9 +79,9 @@ public:
         join();
         m_thread = std::thread([this, bytes] {
             for (qint64 at = 0; at < bytes.size();) {
-                const ssize_t n = ::send(m_client, bytes.constData() + at,
-                                         size_t(std::min<qint64>(bytes.size() - at, 65536)),
-                                         MSG_NOSIGNAL);
+                const ssize_t n
+                    = ::send(m_client, bytes.constData() + at,
+                             size_t(std::min<qint64>(bytes.size() - at, 65536)), MSG_NOSIGNAL);
                 if (n <= 0) {
                     std::fprintf(stderr, "bench_link: send failed after %lld bytes: %s\n",
                                  (long long)at, std::strerror(errno));
@@ -261,7 +261,8 @@ int main(int argc, char **argv)
         QObject::connect(&socket, &QTcpSocket::readyRead, [&] {
             pending += socket.readAll();
             int start = 0;
-            for (int end = pending.indexOf('\x04'); end >= 0; end = pending.indexOf('\x04', start)) {
+            for (int end = pending.indexOf('\x04'); end >= 0;
+                 end = pending.indexOf('\x04', start)) {
                 const QJsonDocument doc = QJsonDocument::fromJson(pending.mid(start, end - start));
                 parsed += doc.isObject() ? 1 : 0;
                 start = end + 1;
@@ -285,8 +286,8 @@ int main(int argc, char **argv)
         return parsed == count ? seconds : -1.0;
     };
 
-    const QByteArray phases[3] = {sightFrames(sights, false), sightFrames(sights, true),
-                                  symbolFrames(symbols, lines)};
+    const QByteArray phases[3]
+        = {sightFrames(sights, false), sightFrames(sights, true), symbolFrames(symbols, lines)};
     const unsigned counts[3] = {sights, sights, symbols};
     const char *names[3] = {"new sights", "sight updates", "symbols"};
     PhaseResult results[3];
@@ -306,8 +307,8 @@ int main(int argc, char **argv)
         const PhaseResult &r = results[p];
         const double fps = counts[p] / r.seconds, baseFps = counts[p] / base[p];
         std::printf("%-14s %8u %10.2f %12.0f %8llu %12.1f %14.0f %8.2f%s\n", names[p], counts[p],
-                    phases[p].size() / 1e6, fps, (unsigned long long)r.drawn, r.blockedMs,
-                    baseFps, fps / baseFps, r.complete ? "" : "  INCOMPLETE");
+                    phases[p].size() / 1e6, fps, (unsigned long long)r.drawn, r.blockedMs, baseFps,
+                    fps / baseFps, r.complete ? "" : "  INCOMPLETE");
         ok = ok && r.complete && base[p] > 0;
     }
     tzHObject *root = window.databaseRoot();

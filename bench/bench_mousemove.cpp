@@ -102,10 +102,12 @@ template<int DIM> struct CloudAdaptor
     float kdtree_get_pt(size_t i, size_t dim) const { return cloud.point(unsigned(i))[int(dim)]; }
     template<class BBOX> bool kdtree_get_bbox(BBOX &) const { return false; }
 };
-using KD3 = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<float, CloudAdaptor<3>>,
-                                                CloudAdaptor<3>, 3, unsigned>;
-using KD2 = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<float, CloudAdaptor<2>>,
-                                                CloudAdaptor<2>, 2, unsigned>;
+using KD3
+    = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<float, CloudAdaptor<3>>,
+                                          CloudAdaptor<3>, 3, unsigned>;
+using KD2
+    = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<float, CloudAdaptor<2>>,
+                                          CloudAdaptor<2>, 2, unsigned>;
 
 // The tool with its searches answered by KD-trees: the baseline.
 class KdTreeTool : public tzCViseeTool
@@ -192,8 +194,8 @@ Timings replay(tzCViseeTool &tool, tzGLWindow *view, const std::vector<QPoint> &
     std::vector<double> us;
     us.reserve(path.size());
     for (const QPoint &at : path) {
-        QMouseEvent move(QEvent::MouseMove, at, view->mapToGlobal(at), Qt::NoButton,
-                         Qt::NoButton, Qt::NoModifier);
+        QMouseEvent move(QEvent::MouseMove, at, view->mapToGlobal(at), Qt::NoButton, Qt::NoButton,
+                         Qt::NoModifier);
         const auto t0 = Clock::now();
         tool.onMouseMove(&move, view);
         us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
@@ -227,7 +229,7 @@ double median(std::vector<double> v)
 
 } // namespace
 
-int main(int argc, char **argv)
+int main(int argc, char **argv) // NOLINT(bugprone-exception-escape): a benchmark may abort
 {
     const unsigned points = bench::numberOption(argc, argv, "points", 10000000);
     const unsigned sights = bench::numberOption(argc, argv, "sights", 1000);
@@ -319,8 +321,10 @@ int main(int argc, char **argv)
     for (const bool whole : {true, false}) {
         setZoom(whole);
         for (const int mode : {int(tzCViseeTool::SIMPLE_POINT), int(tzCViseeTool::LOWEST_POINT)}) {
-            Row row {whole ? "whole survey" : "20 px/m", mode == tzCViseeTool::SIMPLE_POINT
-                         ? "simple point" : "lowest point", {}, {}};
+            Row row {whole ? "whole survey" : "20 px/m",
+                     mode == tzCViseeTool::SIMPLE_POINT ? "simple point" : "lowest point",
+                     {},
+                     {}};
             ours.toolDeactivated();
             ours.toolActivated();
             ours.setMode(mode);
@@ -341,11 +345,12 @@ int main(int argc, char **argv)
         double full, afterMove, firstPreview, noCloud, afterMoveDrawn;
     };
     std::vector<FrameRow> frames;
-    std::vector<QPoint> onCloud; // positions of the path over points (a move elsewhere draws nothing)
+    std::vector<QPoint>
+        onCloud; // positions of the path over points (a move elsewhere draws nothing)
     const auto moveTo = [&](size_t i) {
         const QPoint at = onCloud[i % onCloud.size()];
-        QMouseEvent move(QEvent::MouseMove, at, view->mapToGlobal(at), Qt::NoButton,
-                         Qt::NoButton, Qt::NoModifier);
+        QMouseEvent move(QEvent::MouseMove, at, view->mapToGlobal(at), Qt::NoButton, Qt::NoButton,
+                         Qt::NoModifier);
         ours.onMouseMove(&move, view);
     };
     for (const bool whole : {true, false}) {
@@ -408,18 +413,19 @@ int main(int argc, char **argv)
     std::printf("%-14s %-13s %28s   %28s\n", "", "", "ours: p50 / p99 / max (ms)",
                 "nanoflann: p50 / p99 / max (ms)");
     for (const Row &r : rows) {
-        std::printf("%-14s %-13s %8.3f / %7.3f / %7.3f   %8.3f / %7.3f / %7.3f   p99 %s\n",
-                    r.zoom, r.mode, r.ours.p50 / 1e3, r.ours.p99 / 1e3, r.ours.max / 1e3,
-                    r.kd.p50 / 1e3, r.kd.p99 / 1e3, r.kd.max / 1e3,
+        std::printf("%-14s %-13s %8.3f / %7.3f / %7.3f   %8.3f / %7.3f / %7.3f   p99 %s\n", r.zoom,
+                    r.mode, r.ours.p50 / 1e3, r.ours.p99 / 1e3, r.ours.max / 1e3, r.kd.p50 / 1e3,
+                    r.kd.p99 / 1e3, r.kd.max / 1e3,
                     r.ours.p99 < 2000 ? "< 2 ms" : ">= 2 ms (target < 2 ms)");
     }
     std::printf("frames, request to screen, median (ms); 'drawn': the view's own drawing of the "
-                "frame after a move\n%-14s %8s %12s %6s %8s %14s %9s\n", "", "full",
-                "after a move", "drawn", "ratio", "first preview", "no cloud");
+                "frame after a move\n%-14s %8s %12s %6s %8s %14s %9s\n",
+                "", "full", "after a move", "drawn", "ratio", "first preview", "no cloud");
     for (const FrameRow &r : frames) {
         std::printf("%-14s %8.1f %12.1f %6.1f %8.3f %14.1f %9.1f   %s\n", r.zoom, r.full,
                     r.afterMove, r.afterMoveDrawn, r.afterMove / r.full, r.firstPreview, r.noCloud,
-                    r.afterMove <= 0.05 * r.full ? "ratio <= 0.05" : "ratio > 0.05 (target <= 0.05)");
+                    r.afterMove <= 0.05 * r.full ? "ratio <= 0.05"
+                                                 : "ratio > 0.05 (target <= 0.05)");
     }
     std::printf("companion got %zu bytes of cursor reports\n", sink.bytes());
     plugin.link()->disconnectFromServer();

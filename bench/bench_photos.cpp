@@ -92,7 +92,8 @@ int main(int argc, char **argv)
         QJsonArray images;
         for (unsigned i = 0; i < photos; ++i) {
             QJsonObject photo;
-            photo.insert(QStringLiteral("camname"), QStringLiteral("IMG_%1").arg(i, 5, 10, QLatin1Char('0')));
+            photo.insert(QStringLiteral("camname"),
+                         QStringLiteral("IMG_%1").arg(i, 5, 10, QLatin1Char('0')));
             photo.insert(QStringLiteral("camX"), x(rng) + ORIGIN.x);
             photo.insert(QStringLiteral("camY"), y(rng) + ORIGIN.y);
             photo.insert(QStringLiteral("camZ"), ORIGIN.z + 2.0);

@@ -48,8 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (i == size || data[i] == 0xFF) {
             // As the reader takes a chunk: up to its first zero byte, as Latin-1.
             const QByteArray chunk(bytes + start, int(i - start));
-            link.feed(QString::fromLatin1(chunk.constData(), int(qstrnlen(chunk.constData(),
-                                                                           uint(chunk.size())))));
+            link.feed(QString::fromLatin1(chunk.constData(),
+                                          int(qstrnlen(chunk.constData(), uint(chunk.size())))));
             start = i + 1;
         }
     }

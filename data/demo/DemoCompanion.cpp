@@ -78,15 +78,21 @@ QByteArray companionScript(const Scene &scene)
     const double mz = scene.ground(mx, my);
     const QByteArray white = colour(255, 255, 255), red = colour(255, 40, 40);
     script += "# A manhole on the road, the outline of a building, a tree's crown.\n";
-    script += symbol(100, {circle(red, {mx, my, mz}, 0.6),
-                           shape("XLine", red, {{mx - 0.9, my, mz}, {mx + 0.9, my, mz},
-                                                {mx, my - 0.9, mz}, {mx, my + 0.9, mz}})});
+    script += symbol(
+        100,
+        {circle(red, {mx, my, mz}, 0.6),
+         shape("XLine", red,
+               {{mx - 0.9, my, mz}, {mx + 0.9, my, mz}, {mx, my - 0.9, mz}, {mx, my + 0.9, mz}})});
     int next = 101;
     for (const Building &b : scene.buildings()) {
         const double z = b.base;
-        script += symbol(next++, {shape("XPolyline", colour(0, 200, 255),
-                                        {{b.x0, b.y0, z}, {b.x1, b.y0, z}, {b.x1, b.y1, z},
-                                         {b.x0, b.y1, z}, {b.x0, b.y0, z}})});
+        script += symbol(next++,
+                         {shape("XPolyline", colour(0, 200, 255),
+                                {{b.x0, b.y0, z},
+                                 {b.x1, b.y0, z},
+                                 {b.x1, b.y1, z},
+                                 {b.x0, b.y1, z},
+                                 {b.x0, b.y0, z}})});
     }
     int trees = 0;
     for (const Plant &p : scene.plants()) {
@@ -96,11 +102,12 @@ QByteArray companionScript(const Scene &scene)
             break;
         const double z = scene.ground(p.x, p.y);
         const double r = p.radius;
-        script += symbol(next++, {circle(colour(60, 255, 60), {p.x, p.y, z}, r),
-                                  shape("XArc", colour(255, 160, 0),
-                                        {{p.x - r, p.y, z},
-                                         {p.x - r * std::sqrt(0.5), p.y + r * std::sqrt(0.5), z},
-                                         {p.x, p.y + r, z}})});
+        script += symbol(next++,
+                         {circle(colour(60, 255, 60), {p.x, p.y, z}, r),
+                          shape("XArc", colour(255, 160, 0),
+                                {{p.x - r, p.y, z},
+                                 {p.x - r * std::sqrt(0.5), p.y + r * std::sqrt(0.5), z},
+                                 {p.x, p.y + r, z}})});
     }
     // The road's centre line, and its edges as lines, every few metres.
     script += "# The alignment of the road.\n";
@@ -117,7 +124,8 @@ QByteArray companionScript(const Scene &scene)
             const double offset = side * scene.roadHalfWidth();
             const double a0 = scene.roadAngle(centre[i].x), a1 = scene.roadAngle(centre[i + 1].x);
             entities << shape("XLine", white,
-                              {{centre[i].x - offset * std::sin(a0), centre[i].y + offset * std::cos(a0), centre[i].z},
+                              {{centre[i].x - offset * std::sin(a0),
+                                centre[i].y + offset * std::cos(a0), centre[i].z},
                                {centre[i + 1].x - offset * std::sin(a1),
                                 centre[i + 1].y + offset * std::cos(a1), centre[i + 1].z}});
         }

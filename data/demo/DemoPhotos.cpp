@@ -26,7 +26,8 @@ double dot(const Vec &a, const Vec &b)
 
 QRgb mix(QRgb a, QRgb b, double t)
 {
-    return qRgb(int(qRed(a) + (qRed(b) - qRed(a)) * t), int(qGreen(a) + (qGreen(b) - qGreen(a)) * t),
+    return qRgb(int(qRed(a) + (qRed(b) - qRed(a)) * t),
+                int(qGreen(a) + (qGreen(b) - qGreen(a)) * t),
                 int(qBlue(a) + (qBlue(b) - qBlue(a)) * t));
 }
 
@@ -41,8 +42,8 @@ Camera Camera::looking(const QString &name, Vec position, double heading, double
     Camera c;
     c.name = name;
     c.position = position;
-    c.forward = unit({std::sin(heading) * std::cos(tilt), std::cos(heading) * std::cos(tilt),
-                      -std::sin(tilt)});
+    c.forward = unit(
+        {std::sin(heading) * std::cos(tilt), std::cos(heading) * std::cos(tilt), -std::sin(tilt)});
     c.right = unit(cross(c.forward, {0, 0, 1}));
     c.up = cross(c.right, c.forward);
     return c;
@@ -80,8 +81,8 @@ std::vector<Camera> demoStations(const Scene &scene)
     // From a mast south of the middle of the site, over the road to the buildings.
     const double x = 0.5 * side, y = 0.04 * side;
     cameras.push_back(Camera::looking(QStringLiteral("IMG_%1").arg(index++, 4, 10, QChar('0')),
-                                      {x, y, scene.ground(x, y) + std::max(6.0, 0.12 * side)},
-                                      0.0, 0.5));
+                                      {x, y, scene.ground(x, y) + std::max(6.0, 0.12 * side)}, 0.0,
+                                      0.5));
     return cameras;
 }
 
@@ -138,15 +139,15 @@ QByteArray photoList(const std::vector<Camera> &cameras)
         const Camera &c = cameras[i];
         double roll = 0, pitch = 0, yaw = 0;
         c.angles(roll, pitch, yaw);
-        json += QString::asprintf(
-                    "  {\"camname\": \"%s\", \"camX\": %.3f, \"camY\": %.3f, \"camZ\": %.3f, "
-                    "\"roll\": %.9f, \"pitch\": %.9f, \"yaw\": %.9f, \"Vx\": %.9f, \"Vy\": %.9f, "
-                    "\"Vz\": %.9f, \"f\": %.1f, \"cx\": %.1f, \"cy\": %.1f}%s\n",
-                    qPrintable(c.name), ORIGIN_X + c.position.x, ORIGIN_Y + c.position.y,
-                    ORIGIN_Z + c.position.z, roll, pitch, yaw, c.forward.x, c.forward.y,
-                    c.forward.z, c.f, 0.5 * c.width, 0.5 * c.height,
-                    i + 1 < cameras.size() ? "," : "")
-                    .toUtf8();
+        json
+            += QString::asprintf(
+                   "  {\"camname\": \"%s\", \"camX\": %.3f, \"camY\": %.3f, \"camZ\": %.3f, "
+                   "\"roll\": %.9f, \"pitch\": %.9f, \"yaw\": %.9f, \"Vx\": %.9f, \"Vy\": %.9f, "
+                   "\"Vz\": %.9f, \"f\": %.1f, \"cx\": %.1f, \"cy\": %.1f}%s\n",
+                   qPrintable(c.name), ORIGIN_X + c.position.x, ORIGIN_Y + c.position.y,
+                   ORIGIN_Z + c.position.z, roll, pitch, yaw, c.forward.x, c.forward.y, c.forward.z,
+                   c.f, 0.5 * c.width, 0.5 * c.height, i + 1 < cameras.size() ? "," : "")
+                   .toUtf8();
     }
     json += "]}\n";
     return json;

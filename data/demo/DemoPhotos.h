@@ -25,10 +25,10 @@ struct Vec
 struct Camera
 {
     QString name;
-    Vec position;              // local metres, as the scene's points
-    Vec right, up, forward;    // unit vectors
+    Vec position; // local metres, as the scene's points
+    Vec right, up, forward; // unit vectors
     int width = 1600, height = 1200;
-    double f = 1000;           // focal length, pixels
+    double f = 1000; // focal length, pixels
 
     //! Looking towards `heading` (radians clockwise from north) and `tilt` below the horizon.
     static Camera looking(const QString &name, Vec position, double heading, double tilt);

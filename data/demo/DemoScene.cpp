@@ -89,7 +89,10 @@ const Building *Scene::buildingAt(double x, double y, double margin) const
 void Scene::placeBuildings()
 {
     // Across the road from each other; smaller on a small site.
-    struct Plan { double fx, fy, width, depth, eaves; };
+    struct Plan
+    {
+        double fx, fy, width, depth, eaves;
+    };
     const Plan plans[] = {
         {0.14, 0.74, 16, 10, 6.0}, {0.44, 0.78, 24, 12, 8.5}, {0.76, 0.72, 11, 10, 4.5},
         {0.62, 0.12, 15, 9, 5.5},  {0.24, 0.10, 9, 12, 3.5},
@@ -110,8 +113,8 @@ void Scene::placeBuildings()
                 || (b.y0 < roadY(x) && roadY(x) < b.y1);
         if (onRoad)
             continue;
-        b.base = std::min({ground(b.x0, b.y0), ground(b.x1, b.y0), ground(b.x0, b.y1),
-                           ground(b.x1, b.y1)});
+        b.base = std::min(
+            {ground(b.x0, b.y0), ground(b.x1, b.y0), ground(b.x0, b.y1), ground(b.x1, b.y1)});
         b.eaves = plan.eaves * std::max(scale, 0.5);
         b.ridge = 0.35 * (b.y1 - b.y0);
         m_buildings.push_back(b);

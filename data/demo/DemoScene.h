@@ -35,18 +35,18 @@ struct Point
 struct Building
 {
     double x0, y0, x1, y1; // footprint
-    double base;           // floor level: the ground's height at the footprint's lowest point
-    double eaves;          // wall height above the floor
-    double ridge;          // roof height above the eaves, ridge along x
+    double base; // floor level: the ground's height at the footprint's lowest point
+    double eaves; // wall height above the floor
+    double ridge; // roof height above the eaves, ridge along x
 };
 
 struct Plant
 {
     double x, y;
-    double crownZ;         // height of the crown's centre above the ground
-    double radius;         // crown radius (horizontal)
-    double tall;           // crown half height
-    bool tree;             // a trunk under the crown
+    double crownZ; // height of the crown's centre above the ground
+    double radius; // crown radius (horizontal)
+    double tall; // crown half height
+    bool tree; // a trunk under the crown
     uint8_t r, g, b;
 };
 

@@ -14,11 +14,11 @@
 #include "DemoScene.h"
 #include "tzE57File.h"
 
+#include <QBuffer>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QBuffer>
 #include <QSaveFile>
 
 #include <algorithm>
@@ -32,8 +32,9 @@
 
 namespace {
 
-const char USAGE[] = "usage: make_demo_survey [--no-photos] [--no-colours] <out.ply|out.las|out.e57> "
-                     "[points (default 2000000)] [seed]\n";
+const char USAGE[]
+    = "usage: make_demo_survey [--no-photos] [--no-colours] <out.ply|out.las|out.e57> "
+      "[points (default 2000000)] [seed]\n";
 
 #pragma pack(push, 1)
 struct Record
@@ -69,16 +70,17 @@ bool writeCloud(const QString &path, const std::vector<demo::Point> &points)
     QSaveFile file(path);
     if (!opened(file))
         return false;
-    file.write(QByteArray("ply\nformat binary_little_endian 1.0\ncomment demo survey, national grid\n")
-               + "element vertex " + QByteArray::number(qulonglong(points.size()))
-               + "\nproperty double x\nproperty double y\nproperty double z\n"
-                 "property uchar red\nproperty uchar green\nproperty uchar blue\nend_header\n");
+    file.write(
+        QByteArray("ply\nformat binary_little_endian 1.0\ncomment demo survey, national grid\n")
+        + "element vertex " + QByteArray::number(qulonglong(points.size()))
+        + "\nproperty double x\nproperty double y\nproperty double z\n"
+          "property uchar red\nproperty uchar green\nproperty uchar blue\nend_header\n");
     std::vector<Record> batch;
     batch.reserve(65536);
     for (size_t i = 0; i < points.size(); ++i) {
         const demo::Point &p = points[i];
-        batch.push_back({demo::ORIGIN_X + p.x, demo::ORIGIN_Y + p.y, demo::ORIGIN_Z + p.z, p.r,
-                         p.g, p.b});
+        batch.push_back(
+            {demo::ORIGIN_X + p.x, demo::ORIGIN_Y + p.y, demo::ORIGIN_Z + p.z, p.r, p.g, p.b});
         if (batch.size() == batch.capacity() || i + 1 == points.size()) {
             file.write(reinterpret_cast<const char *>(batch.data()),
                        qint64(batch.size() * sizeof(Record)));
@@ -192,8 +194,8 @@ bool writeE57(const QString &path, const demo::Scene &scene, const std::vector<d
         scan.name = QStringLiteral("Station %1").arg(s + 1);
         scan.guid = QStringLiteral("{demo-station-%1}").arg(s + 1);
         const double x = (0.25 + 0.5 * double(s)) * side, y = 0.5 * side;
-        scan.pose.translation = {demo::ORIGIN_X + x, demo::ORIGIN_Y + y,
-                                 demo::ORIGIN_Z + scene.ground(x, y) + 1.6};
+        scan.pose.translation
+            = {demo::ORIGIN_X + x, demo::ORIGIN_Y + y, demo::ORIGIN_Z + scene.ground(x, y) + 1.6};
         scan.pose.rotation = {std::cos(headings[s] / 2), 0, 0, std::sin(headings[s] / 2)};
     }
     for (const demo::Point &p : points) {
@@ -202,8 +204,9 @@ bool writeE57(const QString &path, const demo::Scene &scene, const std::vector<d
         const double c = std::cos(heading), s = std::sin(heading);
         const double dx = demo::ORIGIN_X + p.x - scan.pose.translation[0];
         const double dy = demo::ORIGIN_Y + p.y - scan.pose.translation[1];
-        scan.xyz.insert(scan.xyz.end(), {c * dx + s * dy, -s * dx + c * dy,
-                                         demo::ORIGIN_Z + p.z - scan.pose.translation[2]});
+        scan.xyz.insert(
+            scan.xyz.end(),
+            {c * dx + s * dy, -s * dx + c * dy, demo::ORIGIN_Z + p.z - scan.pose.translation[2]});
         scan.intensities.push_back(p.intensity);
         if (colours)
             scan.colours.push_back({p.r, p.g, p.b});
@@ -229,9 +232,9 @@ bool writeE57(const QString &path, const demo::Scene &scene, const std::vector<d
             image.principalY = 0.5 * camera.height;
             const demo::Vec down {-camera.up.x, -camera.up.y, -camera.up.z};
             image.pose.rotation = quaternionOf(camera.right, down, camera.forward);
-            image.pose.translation = {demo::ORIGIN_X + camera.position.x,
-                                      demo::ORIGIN_Y + camera.position.y,
-                                      demo::ORIGIN_Z + camera.position.z};
+            image.pose.translation
+                = {demo::ORIGIN_X + camera.position.x, demo::ORIGIN_Y + camera.position.y,
+                   demo::ORIGIN_Z + camera.position.z};
             images.push_back(std::move(image));
         }
     }
@@ -262,7 +265,8 @@ bool writePhotos(const QString &folder, const demo::Scene &scene,
     for (const demo::Camera &camera : cameras) {
         const QString path = QDir(folder).filePath(camera.name + QStringLiteral(".jpg"));
         if (!demo::render(camera, points, scene.spacing()).save(path, "JPG", 90)) {
-            std::fprintf(stderr, "make_demo_survey: cannot write the photo '%s'\n", qPrintable(path));
+            std::fprintf(stderr, "make_demo_survey: cannot write the photo '%s'\n",
+                         qPrintable(path));
             return false;
         }
     }
@@ -310,7 +314,8 @@ int main(int argc, char **argv)
     const std::vector<demo::Point> points = scene.scan();
     // The photos and the script first: a cloud on disk is a complete survey.
     const QFileInfo info(out);
-    QSaveFile script(info.dir().filePath(info.completeBaseName() + QStringLiteral(".companion.jsonl")));
+    QSaveFile script(
+        info.dir().filePath(info.completeBaseName() + QStringLiteral(".companion.jsonl")));
     if (!script.open(QIODevice::WriteOnly) || script.write(demo::companionScript(scene)) < 0
         || !script.commit()) {
         std::fprintf(stderr, "make_demo_survey: cannot write '%s': %s\n",

@@ -6,9 +6,9 @@
 //   tessaro --convert IN OUT [--chunk-size N] [--split]   (by extension; no window; --split:
 //                                                          one OUT per scan of an E57)
 //
-// Opens the clouds (PLY, LAS, LAZ, E57, PCD, text) and scenes (.tzs) given, and loads the plug-ins found
-// in plugins/ beside the executable (lib/tessaro/plugins/ once installed) and in the folders of
-// TESSARO_PLUGIN_PATH.
+// Opens the clouds (PLY, LAS, LAZ, E57, PCD, text) and scenes (.tzs) given, and loads the plug-ins
+// found in plugins/ beside the executable (lib/tessaro/plugins/ once installed) and in the folders
+// of TESSARO_PLUGIN_PATH.
 
 #include "tzCloudFile.h"
 #include "tzGLWindow.h"

@@ -13,7 +13,7 @@ constexpr int ID_ROLE = Qt::UserRole + 1;
 constexpr int REBUILD_SPACING = 300;
 // Added objects wait at most this long for their items (milliseconds).
 constexpr int ADD_DELAY = 200;
-}
+} // namespace
 
 tzDBTree::tzDBTree(tzHObject *root, QWidget *parent)
     : QTreeWidget(parent)

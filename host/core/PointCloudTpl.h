@@ -8,8 +8,7 @@
 namespace TZLib {
 
 //! A plain set of 3D points, kept in insertion order. Indices are stable until reset().
-template<typename PointT = TZVector3>
-class PointCloudTpl
+template<typename PointT = TZVector3> class PointCloudTpl
 {
 public:
     using PointType = PointT;
@@ -42,7 +41,10 @@ public:
         onPointsChanged();
     }
     //! Pointer to the i-th point; null when out of range.
-    const PointT *getPoint(unsigned i) const { return i < m_points.size() ? &m_points[i] : nullptr; }
+    const PointT *getPoint(unsigned i) const
+    {
+        return i < m_points.size() ? &m_points[i] : nullptr;
+    }
     PointT *getPoint(unsigned i) { return i < m_points.size() ? &m_points[i] : nullptr; }
     //! Unchecked access for the hot paths (the caller checks the index).
     const PointT &point(unsigned i) const { return m_points[i]; }
@@ -67,7 +69,7 @@ public:
 
 protected:
     //! Called after every change of the point set (derived clouds drop their octree here).
-    virtual void onPointsChanged() {}
+    virtual void onPointsChanged() { }
 
     std::vector<PointT> m_points;
 };

@@ -5,8 +5,7 @@
 namespace TZLib {
 
 //! Three-component vector. Float for point coordinates (local frame), double for global ones.
-template<typename T>
-struct Vector3Tpl
+template<typename T> struct Vector3Tpl
 {
     T x = 0;
     T y = 0;
@@ -19,8 +18,7 @@ struct Vector3Tpl
         , z(vz)
     {
     }
-    template<typename U>
-    static constexpr Vector3Tpl fromVector(const Vector3Tpl<U> &v)
+    template<typename U> static constexpr Vector3Tpl fromVector(const Vector3Tpl<U> &v)
     {
         return Vector3Tpl(static_cast<T>(v.x), static_cast<T>(v.y), static_cast<T>(v.z));
     }
@@ -28,8 +26,14 @@ struct Vector3Tpl
     T &operator[](int i) { return i == 0 ? x : (i == 1 ? y : z); }
     T operator[](int i) const { return i == 0 ? x : (i == 1 ? y : z); }
 
-    constexpr Vector3Tpl operator+(const Vector3Tpl &o) const { return {x + o.x, y + o.y, z + o.z}; }
-    constexpr Vector3Tpl operator-(const Vector3Tpl &o) const { return {x - o.x, y - o.y, z - o.z}; }
+    constexpr Vector3Tpl operator+(const Vector3Tpl &o) const
+    {
+        return {x + o.x, y + o.y, z + o.z};
+    }
+    constexpr Vector3Tpl operator-(const Vector3Tpl &o) const
+    {
+        return {x - o.x, y - o.y, z - o.z};
+    }
     constexpr Vector3Tpl operator-() const { return {-x, -y, -z}; }
     constexpr Vector3Tpl operator*(T s) const { return {x * s, y * s, z * s}; }
     constexpr Vector3Tpl operator/(T s) const { return {x / s, y / s, z / s}; }
@@ -54,7 +58,10 @@ struct Vector3Tpl
         z *= s;
         return *this;
     }
-    constexpr bool operator==(const Vector3Tpl &o) const { return x == o.x && y == o.y && z == o.z; }
+    constexpr bool operator==(const Vector3Tpl &o) const
+    {
+        return x == o.x && y == o.y && z == o.z;
+    }
     constexpr bool operator!=(const Vector3Tpl &o) const { return !(*this == o); }
 
     constexpr T dot(const Vector3Tpl &o) const { return x * o.x + y * o.y + z * o.z; }
@@ -72,8 +79,7 @@ struct Vector3Tpl
     }
 };
 
-template<typename T>
-constexpr Vector3Tpl<T> operator*(T s, const Vector3Tpl<T> &v)
+template<typename T> constexpr Vector3Tpl<T> operator*(T s, const Vector3Tpl<T> &v)
 {
     return v * s;
 }

@@ -16,7 +16,11 @@ class tzPickingHub;
 class QTZ_DB_LIB_API tzApplicationInterface
 {
 public:
-    enum ConsoleMessageLevel { STD_CONSOLE_MESSAGE = 0, WRN_CONSOLE_MESSAGE = 1, ERR_CONSOLE_MESSAGE = 2 };
+    enum ConsoleMessageLevel {
+        STD_CONSOLE_MESSAGE = 0,
+        WRN_CONSOLE_MESSAGE = 1,
+        ERR_CONSOLE_MESSAGE = 2
+    };
 
     virtual ~tzApplicationInterface() = default;
 
@@ -37,8 +41,10 @@ public:
     virtual void printToConsole(const QString &text, int level = STD_CONSOLE_MESSAGE) = 0;
 
     //! Adds an object to the scene: its view, the tree, and a redraw.
-    virtual void addToDatabase(tzHObject *object, bool updateZoom = false, bool autoExpandDBTree = true,
-                               bool checkDimensions = false, bool autoRedraw = true) = 0;
+    virtual void addToDatabase(tzHObject *object, bool updateZoom = false,
+                               bool autoExpandDBTree = true, bool checkDimensions = false,
+                               bool autoRedraw = true)
+        = 0;
     //! Takes an object out of the scene, deleting it when autoDelete is set.
     virtual void removeFromDatabase(tzHObject *object, bool autoDelete = true) = 0;
     virtual void refreshAllViews(bool only2D = false) = 0;

@@ -112,7 +112,7 @@ TZVector3d suggestShift(const TZVector3d &p)
 tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format, const QString &name,
                              QString &errorText, const LoadOptions &options)
 {
-    const Bytes view{reinterpret_cast<const uchar *>(bytes.constData()), size_t(bytes.size())};
+    const Bytes view {reinterpret_cast<const uchar *>(bytes.constData()), size_t(bytes.size())};
     return readAny(view, format, name, errorText, options);
 }
 
@@ -223,8 +223,8 @@ std::vector<tzPointCloud *> loadScans(const QString &path, QString &errorText,
     FileBytes file;
     if (!file.open(path, errorText))
         return scans;
-    std::vector<std::unique_ptr<tzPointCloud>> read = reading(
-        path, errorText, [&] { return readE57Scans(file.bytes(), path, options); });
+    std::vector<std::unique_ptr<tzPointCloud>> read
+        = reading(path, errorText, [&] { return readE57Scans(file.bytes(), path, options); });
     for (std::unique_ptr<tzPointCloud> &cloud : read)
         scans.push_back(cloud.release());
     return scans;

@@ -6,7 +6,8 @@
 
 using namespace tzSerialization;
 
-tzCone::tzCone(float bottomRadius, float topRadius, float height, const QString &name, unsigned precision)
+tzCone::tzCone(float bottomRadius, float topRadius, float height, const QString &name,
+               unsigned precision)
     : tzGenericPrimitive(name, precision)
     , m_bottomRadius(bottomRadius)
     , m_topRadius(topRadius)

@@ -48,7 +48,8 @@ tzPluginInterface::ReferenceList tzDefaultPluginInterface::getReferences() const
     const QJsonArray array = m_document.object().value(QLatin1String("references")).toArray();
     for (const QJsonValue &v : array) {
         const QJsonObject o = v.toObject();
-        list.append({o.value(QLatin1String("text")).toString(), o.value(QLatin1String("url")).toString()});
+        list.append(
+            {o.value(QLatin1String("text")).toString(), o.value(QLatin1String("url")).toString()});
     }
     return list;
 }
@@ -59,7 +60,8 @@ tzPluginInterface::ContactList tzDefaultPluginInterface::contacts(const char *ke
     const QJsonArray array = m_document.object().value(QLatin1String(key)).toArray();
     for (const QJsonValue &v : array) {
         const QJsonObject o = v.toObject();
-        list.append({o.value(QLatin1String("name")).toString(), o.value(QLatin1String("email")).toString()});
+        list.append({o.value(QLatin1String("name")).toString(),
+                     o.value(QLatin1String("email")).toString()});
     }
     return list;
 }

@@ -20,9 +20,9 @@ public:
     ContactList getAuthors() const override;
     ContactList getMaintainers() const override;
     bool start() override { return true; }
-    void stop() override {}
+    void stop() override { }
     tzExternalFactory *customObjectsFactory() const override { return nullptr; }
-    void addCommands(tzCommandLineInterface *) override {}
+    void addCommands(tzCommandLineInterface *) override { }
 
     const QJsonDocument &infoDocument() const { return m_document; }
 

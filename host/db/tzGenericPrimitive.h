@@ -45,7 +45,7 @@ protected:
 
     unsigned m_drawPrecision;
     QColor m_color = QColor(200, 200, 200);
-    std::array<float, 16> m_transformation{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+    std::array<float, 16> m_transformation {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
     std::vector<TZVector3> m_vertices;
     std::vector<TZVector3> m_normals;
     std::vector<Triangle> m_triangles;

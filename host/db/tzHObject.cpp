@@ -72,7 +72,8 @@ tzHObject::~tzHObject()
         other->m_dependencies.erase(this);
         if (flags & DP_NOTIFY_OTHER_ON_DELETE)
             other->onDeletionOf(this);
-        if ((flags & DP_DELETE_OTHER) && std::find(toDelete.begin(), toDelete.end(), other) == toDelete.end())
+        if ((flags & DP_DELETE_OTHER)
+            && std::find(toDelete.begin(), toDelete.end(), other) == toDelete.end())
             toDelete.push_back(other);
     }
     if (m_parent)
@@ -167,7 +168,8 @@ tzHObject *tzHObject::find(unsigned uniqueID)
     return nullptr;
 }
 
-unsigned tzHObject::filterChildren(Container &filtered, bool recursive, quint32 filter, bool strict) const
+unsigned tzHObject::filterChildren(Container &filtered, bool recursive, quint32 filter,
+                                   bool strict) const
 {
     unsigned count = 0;
     for (tzHObject *child : m_children) {

@@ -96,7 +96,7 @@ public:
 
 protected:
     //! Draws this object alone.
-    virtual void drawMeOnly(tzDrawContext &) {}
+    virtual void drawMeOnly(tzDrawContext &) { }
     virtual bool toFile_MeOnly(QIODevice &out) const;
     virtual bool fromFile_MeOnly(QIODevice &in, short dataVersion, LoadedIDMap &oldToNew);
     //! Whether children are written to scene files (helper objects such as vertex clouds may

@@ -18,7 +18,8 @@ bool tzImage::load(const QString &filename, QString &errorText)
     QImageReader reader(filename);
     QImage image = reader.read();
     if (image.isNull()) {
-        errorText = QStringLiteral("Failed to load image '%1': %2").arg(filename, reader.errorString());
+        errorText
+            = QStringLiteral("Failed to load image '%1': %2").arg(filename, reader.errorString());
         return false;
     }
     setData(image);

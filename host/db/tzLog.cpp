@@ -21,7 +21,8 @@ void tzLog::LogMessage(const QString &text, int level)
         handler()(text, level);
         return;
     }
-    const char *prefix = (level & LOG_ERROR) ? "[ERROR] " : ((level & LOG_WARNING) ? "[WARNING] " : "");
+    const char *prefix
+        = (level & LOG_ERROR) ? "[ERROR] " : ((level & LOG_WARNING) ? "[WARNING] " : "");
     std::fprintf(stderr, "%s%s\n", prefix, text.toLocal8Bit().constData());
 }
 

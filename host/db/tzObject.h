@@ -24,12 +24,11 @@ public:
     virtual void update(unsigned id)
     {
         unsigned last = m_last.load();
-        while (id > last && !m_last.compare_exchange_weak(last, id)) {
-        }
+        while (id > last && !m_last.compare_exchange_weak(last, id)) { }
     }
 
 private:
-    std::atomic<unsigned> m_last{0};
+    std::atomic<unsigned> m_last {0};
 };
 
 //! Base of every scene object: a name, a unique ID, an enabled flag and metadata.

@@ -200,7 +200,8 @@ void tzPointCloud::updateStatistics() const
     // survey's points come in scan order); exact for smaller clouds.
     const size_t stride = std::max<size_t>(1, n / 1000000);
     const auto percentile = [](std::vector<float> &values, double p) {
-        const size_t k = std::min(values.size() - 1, size_t(p * double(values.size() - 1) + 0.5));
+        const size_t k
+            = std::min(values.size() - 1, size_t(std::llround(p * double(values.size() - 1))));
         std::nth_element(values.begin(), values.begin() + std::ptrdiff_t(k), values.end());
         return values[k];
     };

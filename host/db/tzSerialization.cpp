@@ -56,7 +56,8 @@ bool writeString(QIODevice &out, const QString &text)
 
 bool writeSized(QIODevice &out, const QByteArray &bytes)
 {
-    return write<quint32>(out, quint32(bytes.size())) && writeBytes(out, bytes.constData(), bytes.size());
+    return write<quint32>(out, quint32(bytes.size()))
+        && writeBytes(out, bytes.constData(), bytes.size());
 }
 
 bool readSized(QIODevice &in, QByteArray &bytes)
@@ -82,8 +83,15 @@ bool readString(QIODevice &in, QString &text)
 
 namespace {
 // Value kinds of metadata entries in files. Other kinds are written as their text.
-enum MetaKind : quint8 { MetaBool = 1, MetaInt = 2, MetaUInt = 3, MetaLongLong = 4, MetaDouble = 5,
-                         MetaString = 6, MetaFloat = 7 };
+enum MetaKind : quint8 {
+    MetaBool = 1,
+    MetaInt = 2,
+    MetaUInt = 3,
+    MetaLongLong = 4,
+    MetaDouble = 5,
+    MetaString = 6,
+    MetaFloat = 7
+};
 } // namespace
 
 bool writeVariantMap(QIODevice &out, const QVariantMap &map)

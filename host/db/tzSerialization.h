@@ -12,7 +12,8 @@
 namespace tzSerialization {
 
 QTZ_DB_LIB_API extern const char *const WriteError; // "Write error (disk full or no access right?)"
-QTZ_DB_LIB_API extern const char *const ReadError; // "Read error (corrupted file or no access right?)"
+QTZ_DB_LIB_API extern const char
+    *const ReadError; // "Read error (corrupted file or no access right?)"
 QTZ_DB_LIB_API extern const char *const MemoryError; // "Not enough memory"
 
 //! Logs the text as an error and returns false, for one-line failure exits.
@@ -26,8 +27,7 @@ QTZ_DB_LIB_API void setWrittenVersion(short version);
 QTZ_DB_LIB_API bool writeBytes(QIODevice &out, const void *data, qint64 size);
 QTZ_DB_LIB_API bool readBytes(QIODevice &in, void *data, qint64 size);
 
-template<typename T>
-bool write(QIODevice &out, T value)
+template<typename T> bool write(QIODevice &out, T value)
 {
     static_assert(std::is_arithmetic<T>::value, "plain numbers only");
 #if Q_BYTE_ORDER == Q_BIG_ENDIAN
@@ -35,8 +35,7 @@ bool write(QIODevice &out, T value)
 #endif
     return writeBytes(out, &value, sizeof(T));
 }
-template<typename T>
-bool read(QIODevice &in, T &value)
+template<typename T> bool read(QIODevice &in, T &value)
 {
     static_assert(std::is_arithmetic<T>::value, "plain numbers only");
     return readBytes(in, &value, sizeof(T));

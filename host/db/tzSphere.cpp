@@ -29,8 +29,8 @@ void tzSphere::buildUp()
         const double theta = pi * j / rings;
         for (unsigned i = 0; i < steps; ++i) {
             const double phi = 2 * pi * i / steps;
-            const TZVector3 n(float(std::sin(theta) * std::cos(phi)), float(std::sin(theta) * std::sin(phi)),
-                              float(std::cos(theta)));
+            const TZVector3 n(float(std::sin(theta) * std::cos(phi)),
+                              float(std::sin(theta) * std::sin(phi)), float(std::cos(theta)));
             addVertex(n * m_radius, n);
         }
     }

@@ -8,7 +8,7 @@
 struct tzViewportParameters
 {
     //! Rotation part of the view, column-major 4x4.
-    std::array<double, 16> viewMat{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+    std::array<double, 16> viewMat {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
     double pixelSize = 1.0; // scene units per pixel at zoom 1 (orthographic)
     double zoom = 1.0;
     bool perspectiveView = false;

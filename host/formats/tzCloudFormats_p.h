@@ -15,8 +15,8 @@
 #include <atomic>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <condition_variable>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -293,8 +293,8 @@ using Reader = tzPointCloud *(*)(const Bytes &in, const QString &name, const QSt
                                  const LoadOptions &options);
 //! The reader of a file that holds several clouds: a group of them (null when the file holds
 //! no points, with errorText saying why; failures raised as in the readers).
-using GroupReader = tzHObject *(*)(const Bytes &in, const QString &name,
-                                   const LoadOptions &options);
+using GroupReader
+    = tzHObject *(*)(const Bytes &in, const QString &name, const LoadOptions &options);
 
 //! A format of files the viewer opens: what it is, the extensions it goes by (lower case), and
 //! its reader (none for scenes, which tzSceneFile reads).

@@ -82,7 +82,7 @@ quint32 crcByTable(const uchar *data, size_t size, quint32 crc)
 // Eight bytes a step with the processor's CRC-32C instruction (SSE 4.2): the checksums of a
 // large file then cost less than reading it.
 __attribute__((target("sse4.2"))) quint32 crcByInstruction(const uchar *data, size_t size,
-                                                            quint32 crc)
+                                                           quint32 crc)
 {
     quint64 c = crc;
     for (; size >= 8; size -= 8, data += 8) {
@@ -245,7 +245,8 @@ bool File::open(const uchar *data, size_t size, std::string &error, unsigned thr
     if (firstBad < pages) {
         const size_t page = firstBad;
         error = "page " + std::to_string(page + 1) + " of " + std::to_string(pages) + " (at byte "
-            + std::to_string(page * PAGE_SIZE) + ") does not match its checksum: the file is damaged";
+            + std::to_string(page * PAGE_SIZE)
+            + ") does not match its checksum: the file is damaged";
         return false;
     }
     if (xmlLength == 0 || xmlLength > m_size) {
@@ -455,8 +456,7 @@ bool File::picture(const Image &image, std::vector<uchar> &bytes, std::string &e
     uchar head[16];
     if (image.blobOffset == 0 || !readLogical(image.blobOffset, sizeof head, head) || head[0] != 0
         || littleEndian<quint64>(head + 8) < 16 + image.blobLength) {
-        error = "the picture's section at byte " + std::to_string(image.blobOffset)
-            + " is invalid";
+        error = "the picture's section at byte " + std::to_string(image.blobOffset) + " is invalid";
         return false;
     }
     if (image.blobLength == 0 || image.blobLength > m_size) {
@@ -633,9 +633,8 @@ void Records::take(size_t field, size_t n, double *out)
             break;
         case Field::ScaledInteger: {
             const double scale = f.scale, offset = f.offset;
-            unpack(bytes, at, bits, n, out, [=](quint64 raw) {
-                return double(qint64(raw + minimum)) * scale + offset;
-            });
+            unpack(bytes, at, bits, n, out,
+                   [=](quint64 raw) { return double(qint64(raw + minimum)) * scale + offset; });
             break;
         }
         }
@@ -849,16 +848,15 @@ bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::stri
         }
         if (image.hasPose)
             images2D += poseXml(image.pose);
-        images2D
-            += QStringLiteral("<pinholeRepresentation type=\"Structure\"><%1 type=\"Blob\" "
-                              "fileOffset=\"%2\" length=\"%3\"/>"
-                              "<imageWidth type=\"Integer\">%4</imageWidth>"
-                              "<imageHeight type=\"Integer\">%5</imageHeight>")
-                   .arg(QLatin1String(image.png ? "pngImage" : "jpegImage"))
-                   .arg(physicalOf(section))
-                   .arg(image.picture.size())
-                   .arg(image.width)
-                   .arg(image.height)
+        images2D += QStringLiteral("<pinholeRepresentation type=\"Structure\"><%1 type=\"Blob\" "
+                                   "fileOffset=\"%2\" length=\"%3\"/>"
+                                   "<imageWidth type=\"Integer\">%4</imageWidth>"
+                                   "<imageHeight type=\"Integer\">%5</imageHeight>")
+                        .arg(QLatin1String(image.png ? "pngImage" : "jpegImage"))
+                        .arg(physicalOf(section))
+                        .arg(image.picture.size())
+                        .arg(image.width)
+                        .arg(image.height)
             + number.arg(QStringLiteral("focalLength"), xmlNumber(image.focalLength))
             + number.arg(QStringLiteral("pixelWidth"), xmlNumber(image.pixelWidth))
             + number.arg(QStringLiteral("pixelHeight"), xmlNumber(image.pixelHeight))

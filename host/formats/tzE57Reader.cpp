@@ -163,7 +163,8 @@ public:
     }
     quint8 colour(size_t channel, double v) const
     {
-        return quint8(std::lround(255.0 * fraction(v, m_colourLow[channel], m_colourHigh[channel])));
+        return quint8(
+            std::lround(255.0 * fraction(v, m_colourLow[channel], m_colourHigh[channel])));
     }
 
 private:
@@ -270,8 +271,7 @@ TZVector3d firstPoint(const tzE57::File &file, const std::vector<Layout> &layout
         std::vector<double> values(scan.fields.size());
         if (records.open(file, scan, error) && records.next(values.data())) {
             const auto &k = layouts[s].coordinates;
-            return convert.place(values[size_t(k[0])], values[size_t(k[1])],
-                                 values[size_t(k[2])]);
+            return convert.place(values[size_t(k[0])], values[size_t(k[1])], values[size_t(k[2])]);
         }
         return {scan.pose.translation[0], scan.pose.translation[1], scan.pose.translation[2]};
     }
@@ -354,8 +354,8 @@ QString pictureName(const QString &name, size_t index, QStringList &taken)
     QString safe;
     for (const QChar ch : name) {
         safe += ch.isLetterOrNumber() || ch == QLatin1Char('-') || ch == QLatin1Char('_')
-                ? ch
-                : QLatin1Char('_');
+            ? ch
+            : QLatin1Char('_');
     }
     if (safe.isEmpty())
         safe = QStringLiteral("image%1").arg(index + 1);
@@ -475,9 +475,10 @@ void attachPictures(const Bytes &in, const QString &name, const LoadOptions &opt
         const QByteArray bytes(reinterpret_cast<const char *>(picture.data()), int(picture.size()));
         if (QFileInfo(path).size() != bytes.size()
             && (!QDir().mkpath(folder) || !writeWholeFile(path, bytes))) {
-            note(options, QStringLiteral("'%1': image %2 skipped: its picture cannot be written "
-                                         "to '%3'")
-                              .arg(name, label, QDir::toNativeSeparators(path)));
+            note(options,
+                 QStringLiteral("'%1': image %2 skipped: its picture cannot be written "
+                                "to '%3'")
+                     .arg(name, label, QDir::toNativeSeparators(path)));
             continue;
         }
         lists[scan].append(photoEntry(image, camname));
@@ -489,8 +490,9 @@ void attachPictures(const Bytes &in, const QString &name, const LoadOptions &opt
         QJsonObject root;
         root.insert(QStringLiteral("images"), lists[s]);
         if (!writeWholeFile(list, QJsonDocument(root).toJson())) {
-            note(options, QStringLiteral("'%1': the photo list cannot be written to '%2'")
-                              .arg(name, QDir::toNativeSeparators(list)));
+            note(options,
+                 QStringLiteral("'%1': the photo list cannot be written to '%2'")
+                     .arg(name, QDir::toNativeSeparators(list)));
             continue;
         }
         scans.clouds[s]->setMetaData(QLatin1String(tzGenericPointCloud::PHOTO_LIST_KEY), list);
@@ -523,8 +525,9 @@ tzHObject *readE57Group(const Bytes &in, const QString &name, const LoadOptions 
     for (std::unique_ptr<tzPointCloud> &cloud : scans.clouds) {
         // A scan without a valid point has nothing to show.
         if (cloud->size() == 0) {
-            note(options, QStringLiteral("'%1': %2 holds no valid point: left out")
-                              .arg(name, cloud->getName()));
+            note(options,
+                 QStringLiteral("'%1': %2 holds no valid point: left out")
+                     .arg(name, cloud->getName()));
             continue;
         }
         group->addChild(cloud.release());
@@ -571,9 +574,8 @@ tzPointCloud *readE57(const Bytes &in, const QString &name, const QString &,
         cloud.reset();
     }
     CloudBuilder builder(options);
-    tzPointCloud *merged
-        = builder.finish(QFileInfo(name).completeBaseName(), std::move(points), std::move(rgb),
-                         std::move(attributes), kinds);
+    tzPointCloud *merged = builder.finish(QFileInfo(name).completeBaseName(), std::move(points),
+                                          std::move(rgb), std::move(attributes), kinds);
     merged->setGlobalShift(shift);
     return merged;
 }

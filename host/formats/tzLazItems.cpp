@@ -453,7 +453,9 @@ private:
         // The multiple of the last difference, rounded half away from zero in single precision
         // as the format's own encoder does it.
         const float ratio = float(diff) / float(m_diff[m_last]);
+        // The format rounds so (half away from zero, in floats): kept to the bit.
         const std::int32_t multi
+            // NOLINTNEXTLINE(bugprone-incorrect-roundings)
             = ratio >= 0 ? std::int32_t(ratio + 0.5f) : std::int32_t(ratio - 0.5f);
         const std::int32_t last = m_diff[m_last];
         if (multi == 1) {

@@ -809,7 +809,9 @@ private:
                 // The multiple of the last difference, rounded half away from zero in single
                 // precision as the format's own encoder does it.
                 const float ratio = float(diff) / float(last);
+                // The format rounds so (half away from zero, in floats): kept to the bit.
                 const std::int32_t multi
+                    // NOLINTNEXTLINE(bugprone-incorrect-roundings)
                     = ratio >= 0 ? std::int32_t(ratio + 0.5f) : std::int32_t(ratio - 0.5f);
                 if (multi == 1) {
                     encoder.encodeSymbol(c.timeMulti, 1);

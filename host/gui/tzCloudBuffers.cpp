@@ -286,7 +286,8 @@ void tzCloudBuffers::setUniforms(const tzPointCloud *cloud, bool round)
             table[4 * c + 2] = quint8(colour.blue());
             table[4 * c + 3] = cloud->isClassShown(c) ? 255 : 0;
         }
-        m_classes->setData(QOpenGLTexture::RGBA, QOpenGLTexture::UInt8, table);
+        m_classes->setData(QOpenGLTexture::RGBA, QOpenGLTexture::UInt8,
+                           static_cast<const void *>(table));
     }
     m_program->setUniformValue("mode", mode);
     // A degenerate range (a flat cloud, one intensity) shows the ramp's middle.

@@ -8,14 +8,14 @@
 #include "tzPointPicker.h"
 #include "tzSphereSprites.h"
 
+#include <QDataStream>
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QOpenGLContext>
-#include <QOpenGLFunctions_2_1>
-#include <QDataStream>
 #include <QOpenGLFramebufferObject>
-#include <QResizeEvent>
+#include <QOpenGLFunctions_2_1>
 #include <QPainter>
+#include <QResizeEvent>
 #include <QWheelEvent>
 
 #include <algorithm>
@@ -162,8 +162,8 @@ void tzGLWindow::redraw(bool only2D, bool resetLOD)
     if (m_paceTimer.isActive())
         return;
     const qint64 cost = m_layerDeprecated ? m_lastFrameNs : m_lastFrameNs - m_lastLayerNs;
-    const qint64 wait = m_lastFrameStartNs + std::max(MIN_FRAME_SPACING_NS, 2 * cost)
-        - m_clock.nsecsElapsed();
+    const qint64 wait
+        = m_lastFrameStartNs + std::max(MIN_FRAME_SPACING_NS, 2 * cost) - m_clock.nsecsElapsed();
     if (wait <= 0)
         update();
     else
@@ -753,8 +753,7 @@ bool tzGLWindow::foregroundPass(int x, int y, GLuint &name, GLuint &depth)
     QMatrix4x4 frame2D;
     frame2D.ortho(-0.5f * m_camera.width, 0.5f * m_camera.width, -0.5f * m_camera.height,
                   0.5f * m_camera.height, -1, 1);
-    return selectionPass(x, y, TZ_DRAW_2D | TZ_DRAW_FOREGROUND, frame2D, QMatrix4x4(), name,
-                         depth);
+    return selectionPass(x, y, TZ_DRAW_2D | TZ_DRAW_FOREGROUND, frame2D, QMatrix4x4(), name, depth);
 }
 
 tzHObject *tzGLWindow::findObject(unsigned id)

@@ -80,8 +80,8 @@ void tzXLineBatch::addCircle(const TZVector3d &centre, double radius, const tzXe
     Run &run = startRun(GL_LINE_LOOP, false, colour);
     for (int i = 0; i < 360; ++i) {
         const float angle = float(i * M_PI / 180.0);
-        addVertex({std::cos(angle) * radius + centre.x, std::sin(angle) * radius + centre.y,
-                   centre.z});
+        addVertex(
+            {std::cos(angle) * radius + centre.x, std::sin(angle) * radius + centre.y, centre.z});
     }
     run.count = 360;
 }
@@ -153,7 +153,8 @@ void tzXLine::drawEntity(QOpenGLFunctions_2_1 *gl)
 
 bool tzXPolyline::readJson(const QJsonObject &frame)
 {
-    tzXentity::readJson(frame);
+    // The entity's own members only: a polyline's vertices are read below, not as a line's.
+    tzXentity::readJson(frame); // NOLINT(bugprone-parent-virtual-call)
     readVertices(frame, "XPolyLine: R: %d, G: %d, B: %d , vextex %d : %lf,%lf,%lf");
     return true;
 }
@@ -168,8 +169,8 @@ bool tzXCircle::readJson(const QJsonObject &frame)
     tzXentity::readJson(frame);
     m_center = point(frame.value(QLatin1String("center")).toObject());
     m_radius = jsonNumber(frame, "radius");
-    qDebug("XCircle: R: %d, G: %d, B: %d , center: %lf,%lf,%lf radius: %lf", m_red, m_green,
-           m_blue, m_center.x, m_center.y, m_center.z, m_radius);
+    qDebug("XCircle: R: %d, G: %d, B: %d , center: %lf,%lf,%lf radius: %lf", m_red, m_green, m_blue,
+           m_center.x, m_center.y, m_center.z, m_radius);
     return true;
 }
 

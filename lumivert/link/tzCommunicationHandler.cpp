@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -25,9 +26,8 @@ void Reader::doWork(tzCommunicationHandler *handler)
     // that connection is no longer the handler's (disconnected, replaced, or the handler
     // going): never a later socket that happens to get the same handle.
     const tzSocket::Handle socket = handler->m_socket.load();
-    const auto current = [handler, socket] {
-        return handler->m_socket.load() == socket && !handler->m_closing;
-    };
+    const auto current
+        = [handler, socket] { return handler->m_socket.load() == socket && !handler->m_closing; };
     // The companion closing the connection, or a receive failing, is said once to the GUI
     // thread, and at once to the senders (a text written to a closed peer would be lost).
     bool lostSaid = false;
@@ -48,8 +48,7 @@ void Reader::doWork(tzCommunicationHandler *handler)
             while (!text.isEmpty() && current()) {
                 std::unique_lock<std::mutex> lock(handler->m_inboxMutex);
                 if (handler->m_inbox.isEmpty()) {
-                    handler->m_inbox = std::move(text);
-                    text.clear();
+                    handler->m_inbox = std::exchange(text, QString());
                     emit resultReady(QString());
                 } else {
                     lock.unlock();
@@ -120,6 +119,7 @@ bool tzCommunicationHandler::connectToServer()
     // The attempts of the reconnection say only their outcome: a line every two seconds would
     // bury everything else.
     const bool quiet = m_retrying;
+    ++m_attempts;
     const auto refused = [this] {
         m_linkUp = false;
         if (m_reconnecting && !m_reconnectTimer.isActive())

@@ -80,6 +80,10 @@ public:
     bool isReconnecting() const { return m_reconnecting; }
     //! One attempt now, if the link is not up (the user asking).
     void reconnectNow();
+    //! Connections tried so far (the first, the user's and the reconnection's).
+    int attemptCount() const { return m_attempts; }
+    //! Whether an attempt is due (the reconnection's timer runs).
+    bool attemptScheduled() const { return m_reconnectTimer.isActive(); }
     bool isConnected() const { return m_linkUp; }
     //! Texts made while the link was down, waiting to be sent.
     int unsentCount() const { return int(m_unsent.size()); }
@@ -158,6 +162,7 @@ private:
     std::mutex m_inboxMutex;
     QString m_inbox; // under m_inboxMutex
     QString m_pending; // GUI thread only: text after the last 0x04 seen
+    int m_attempts = 0;
     QString m_serverAddress = QStringLiteral("127.0.0.1");
     int m_serverPort = 6601; // fixed: the settings never change it
     int m_portValue = 0;

@@ -126,8 +126,7 @@ tzCVisee *tzSceneIndex::samePlace(tzHObject *group, const TZVector3d &p, double 
                 for (const Placed &placed : *it) {
                     const TZVector3d q = placed.sight->coordinates();
                     if (std::abs(q.x - p.x) < tolerance && std::abs(q.y - p.y) < tolerance
-                        && std::abs(q.z - p.z) < tolerance
-                        && (!best || placed.order < best->order))
+                        && std::abs(q.z - p.z) < tolerance && (!best || placed.order < best->order))
                         best = &placed;
                 }
             }
@@ -200,8 +199,7 @@ void tzSceneIndex::objectAdded(tzHObject *root, tzHObject *object, int ident)
 
 void tzSceneIndex::objectRemoving(tzHObject *object, int ident)
 {
-    if (m_groupValid && m_group
-        && (m_group->isAncestorOf(object) || object->isAncestorOf(m_group)))
+    if (m_groupValid && m_group && (m_group->isAncestorOf(object) || object->isAncestorOf(m_group)))
         m_groupValid = false;
     if (!m_levelTwoValid)
         return;

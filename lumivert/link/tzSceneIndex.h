@@ -49,7 +49,10 @@ private:
         qint64 x, y, z;
         bool operator==(const Cell &o) const { return x == o.x && y == o.y && z == o.z; }
     };
-    friend uint qHash(const Cell &c, uint seed) { return qHash(c.x ^ (c.y * 31) ^ (c.z * 131), seed); }
+    friend uint qHash(const Cell &c, uint seed)
+    {
+        return qHash(c.x ^ (c.y * 31) ^ (c.z * 131), seed);
+    }
     struct Placed
     {
         quint64 order;

@@ -46,8 +46,7 @@ double number(const QJsonObject &photo, const char *key)
 
 } // namespace
 
-tzImageFrustum::tzImageFrustum(tzApplicationInterface *app, tzLumivert *plugin,
-                               const QString &name)
+tzImageFrustum::tzImageFrustum(tzApplicationInterface *app, tzLumivert *plugin, const QString &name)
     : m_app(app)
     , m_plugin(plugin)
 {
@@ -314,12 +313,12 @@ void tzImageFrustum::drawPicture(tzDrawContext &context)
         m_texture->setMinificationFilter(QOpenGLTexture::Linear);
         m_texture->setMagnificationFilter(QOpenGLTexture::Linear);
         m_textureContext = context.qGLContext;
-        m_contextGoing = QObject::connect(m_textureContext,
-                                          &QOpenGLContext::aboutToBeDestroyed, [this] {
-                                              m_texture->destroy(); // current while it goes
-                                              m_texture.reset();
-                                              m_textureContext = nullptr;
-                                          });
+        m_contextGoing
+            = QObject::connect(m_textureContext, &QOpenGLContext::aboutToBeDestroyed, [this] {
+                  m_texture->destroy(); // current while it goes
+                  m_texture.reset();
+                  m_textureContext = nullptr;
+              });
     }
     const float f = float(m_f);
     const float hw = float(m_pictureSize.width()) / f * 0.5f;

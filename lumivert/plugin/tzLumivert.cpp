@@ -61,8 +61,7 @@ tzLumivert::tzLumivert(QObject *parent)
     connect(m_comm, &tzCommunicationHandler::linkLost, this, &tzLumivert::onLinkLost);
     connect(m_comm, &tzCommunicationHandler::linkRestored, this, &tzLumivert::onLinkRestored);
     // Sights in scene files come back through the plug-in.
-    tzHObject::RegisterFactory(QLatin1String(tzCVisee::FACTORY_NAME),
-                               [] { return new tzCVisee; });
+    tzHObject::RegisterFactory(QLatin1String(tzCVisee::FACTORY_NAME), [] { return new tzCVisee; });
     tzHObject::RegisterFactory(QLatin1String(tzLineation::FACTORY_NAME),
                                [] { return new tzLineation; });
 }
@@ -157,9 +156,10 @@ void tzLumivert::exportMeasuresAs()
         return;
     QSettings settings;
     const QString folder = settings.value(QStringLiteral("LoadFile/currentPath")).toString();
-    QString path = QFileDialog::getSaveFileName(m_app->mainWindow(), tr("Export measures"),
-                                                QDir(folder).filePath(QStringLiteral("measures.csv")),
-                                                tr("CSV tables (*.csv);;All files (*)"));
+    QString path
+        = QFileDialog::getSaveFileName(m_app->mainWindow(), tr("Export measures"),
+                                       QDir(folder).filePath(QStringLiteral("measures.csv")),
+                                       tr("CSV tables (*.csv);;All files (*)"));
     if (path.isEmpty())
         return;
     if (QFileInfo(path).suffix().isEmpty())
@@ -549,9 +549,10 @@ void tzLumivert::loadPhotoLists()
         return;
     QSettings settings;
     settings.beginGroup(QStringLiteral("LoadFile"));
-    const QStringList documents = QStandardPaths::standardLocations(QStandardPaths::DocumentsLocation);
-    const QString currentPath = settings.value(QStringLiteral("currentPath"),
-                                               documents.value(0)).toString();
+    const QStringList documents
+        = QStandardPaths::standardLocations(QStandardPaths::DocumentsLocation);
+    const QString currentPath
+        = settings.value(QStringLiteral("currentPath"), documents.value(0)).toString();
     tzHObject::Container clouds;
     m_app->databaseRoot()->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
     for (tzHObject *object : clouds) {
@@ -597,9 +598,10 @@ void tzLumivert::loadPhotoLists()
             continue;
         std::vector<tzImageFrustum *> known = frustumsUnder(cloud);
         for (tzImageFrustum *photo : photos) {
-            const bool duplicate = std::any_of(known.begin(), known.end(), [photo](tzImageFrustum *k) {
-                return k->cameraName() == photo->cameraName();
-            });
+            const bool duplicate
+                = std::any_of(known.begin(), known.end(), [photo](tzImageFrustum *k) {
+                      return k->cameraName() == photo->cameraName();
+                  });
             if (duplicate) {
                 delete photo;
                 continue;
@@ -859,8 +861,7 @@ void tzLumivert::pointPicked(tzHObject *entity, unsigned itemIdx, int x, int y, 
 
 bool tzLumivert::eventFilter(QObject *obj, QEvent *event)
 {
-    if (obj == m_dialog && event->type() != QEvent::KeyPress
-        && event->type() != QEvent::KeyRelease)
+    if (obj == m_dialog && event->type() != QEvent::KeyPress && event->type() != QEvent::KeyRelease)
         return false; // only the keys of the tool bar are the view's
     if (m_app)
         m_glWindow = m_app->activeView();

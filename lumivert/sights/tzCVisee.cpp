@@ -8,8 +8,8 @@
 #include "tzViewGeometry.h"
 #include "tzViewportParameters.h"
 
-#include <QHash>
 #include <QFontMetrics>
+#include <QHash>
 #include <QJsonObject>
 #include <QOpenGLContext>
 #include <QOpenGLFunctions_2_1>
@@ -93,9 +93,8 @@ bool tzCVisee::readJson(const QJsonObject &frame)
     m_coordX = jsonNumber(coord, "X");
     m_coordY = jsonNumber(coord, "Y");
     m_coordZ = jsonNumber(coord, "Z");
-    qDebug("tram: type %s, ident %ld , R: %d, G: %d, B: %d , %lf, %lf, %lf ",
-           qPrintable(m_type), long(m_ident), m_red, m_green, m_blue, m_coordX, m_coordY,
-           m_coordZ);
+    qDebug("tram: type %s, ident %ld , R: %d, G: %d, B: %d , %lf, %lf, %lf ", qPrintable(m_type),
+           long(m_ident), m_red, m_green, m_blue, m_coordX, m_coordY, m_coordZ);
     refreshNameAndMetaData();
     return true;
 }
@@ -343,14 +342,12 @@ void tzCVisee::drawMeOnly(tzDrawContext &context)
         projectPoints(gl);
     if (picking)
         gl->glPushName(getUniqueID());
-    const QColor colour
-        = isSelected() && !picking ? QColor(Qt::red) : context.labelDefaultColor;
+    const QColor colour = isSelected() && !picking ? QColor(Qt::red) : context.labelDefaultColor;
     // The companion's coordinates brought into the cloud's frame.
     const double s = tzGlobalShift::scale;
     const TZVector3d &t = tzGlobalShift::shift;
     const TZVector3d p(m_coordX * s + t.x, m_coordY * s + t.y, m_coordZ * s + t.z);
-    const float scale
-        = float(m_relMarkerScale * context.labelMarkerSize * pixelSizeAt(context, p));
+    const float scale = float(m_relMarkerScale * context.labelMarkerSize * pixelSizeAt(context, p));
     if (context.spheres && !picking) {
         context.spheres->addSphere(TZVector3(float(p.x), float(p.y), float(p.z)), scale, colour);
         return;
@@ -393,11 +390,12 @@ QVector<QStringList> tzCVisee::boxRows(int precision) const
         // The height as the viewer gives it for a shifted cloud (z / S - Tz), with the decimals
         // the surveyor chose.
         const auto settings = openLumivertSettings();
-        const int decimals = qBound(0, settings->value(QStringLiteral("accuaryZLabel")).toInt(), 12);
+        const int decimals
+            = qBound(0, settings->value(QStringLiteral("accuaryZLabel")).toInt(), 12);
         const bool simple = settings->value(QStringLiteral("SimplePoint")).toBool();
         const tzGenericPointCloud *cloud = m_points[0].cloud;
-        const double z = cloud ? pointOf(0).z / cloud->getGlobalScale() - cloud->getGlobalShift().z
-                               : 0.0;
+        const double z
+            = cloud ? pointOf(0).z / cloud->getGlobalScale() - cloud->getGlobalShift().z : 0.0;
         rows << QStringList {simple ? QStringLiteral("Z_Ombre") : QStringLiteral("Z_Point"),
                              QString::number(z, 'f', decimals)};
         break;
@@ -451,8 +449,8 @@ void tzCVisee::draw2D(tzDrawContext &context)
     titleFont.setBold(true);
     const QFontMetrics metrics(font), titleMetrics(titleFont);
     const int margin = 5, gap = 2 * margin, rowH = metrics.height();
-    const QVector<QStringList> rows = m_fullBodyShown ? boxRows(context.dispNumberPrecision)
-                                                      : QVector<QStringList>();
+    const QVector<QStringList> rows
+        = m_fullBodyShown ? boxRows(context.dispNumberPrecision) : QVector<QStringList>();
     // The companion's number once it has one, else what the points are.
     const QString title = m_name.isEmpty() ? pointsName() : getName();
     int widths[4] = {0, 0, 0, 0};
@@ -464,8 +462,8 @@ void tzCVisee::draw2D(tzDrawContext &context)
     for (int c = 0; c < 4; ++c)
         tableW += widths[c] + (widths[c] > 0 && c > 0 ? gap : 0);
     const int boxW = 2 * margin + std::max(tableW, titleMetrics.horizontalAdvance(title));
-    const int boxH = 2 * margin + titleMetrics.height()
-        + (rows.isEmpty() ? 0 : margin + rows.size() * rowH);
+    const int boxH
+        = 2 * margin + titleMetrics.height() + (rows.isEmpty() ? 0 : margin + rows.size() * rowH);
     const int left = int(m_screenPos[0] * W), top = int(m_screenPos[1] * H);
     m_labelRect = QRect(left, top, boxW, boxH);
     m_lastScreenPos[0] = left;
@@ -526,8 +524,8 @@ void tzCVisee::draw2D(tzDrawContext &context)
             if (!visible(p))
                 continue;
             const QString legend = m_points.size() == 1 ? title
-                : m_points.size() == 2 ? QStringLiteral("P#%0").arg(p.index)
-                                       : QString(QLatin1Char(char('A' + i)));
+                : m_points.size() == 2                  ? QStringLiteral("P#%0").arg(p.index)
+                                                        : QString(QLatin1Char(char('A' + i)));
             const int shift = int(context.labelMarkerSize * m_relMarkerScale) + 2;
             display->displayText(legend, int(p.pos2D[0]) + shift, int(p.pos2D[1]) + shift,
                                  Qt::AlignLeft | Qt::AlignBottom, 0.55f, colour, &font);
@@ -551,8 +549,8 @@ void tzCVisee::draw2D(tzDrawContext &context)
                 display->displayText(row[c], x, H - y, Qt::AlignLeft | Qt::AlignTop, 0.f,
                                      QColor(200, 205, 215), &font);
             else
-                display->displayText(row[c], x + widths[c], H - y,
-                                     Qt::AlignRight | Qt::AlignTop, 0.f, text, &font);
+                display->displayText(row[c], x + widths[c], H - y, Qt::AlignRight | Qt::AlignTop,
+                                     0.f, text, &font);
             x += widths[c];
         }
         y += rowH;

@@ -34,10 +34,7 @@ public:
     explicit tzCVisee(const QString &name = QString());
     ~tzCVisee() override;
 
-    quint32 getClassID() const override
-    {
-        return TZ_TYPES::CUSTOM_H_OBJECT | TZ_TYPES::LABEL_KIND;
-    }
+    quint32 getClassID() const override { return TZ_TYPES::CUSTOM_H_OBJECT | TZ_TYPES::LABEL_KIND; }
     QString getFactoryName() const override { return QLatin1String(FACTORY_NAME); }
     tzHObject *node() override { return this; }
 

@@ -90,7 +90,8 @@ void tzCViseeTool::toolActivated()
 {
     tzGLWindow *window = view();
     delete m_mouseCircle;
-    m_mouseCircle = window ? new tzMouseCircle(window, this, QStringLiteral("MouseCircle")) : nullptr;
+    m_mouseCircle
+        = window ? new tzMouseCircle(window, this, QStringLiteral("MouseCircle")) : nullptr;
     if (m_mouseCircle)
         m_mouseCircle->setVisible(true);
     m_workingSight->clear();
@@ -176,8 +177,8 @@ bool tzCViseeTool::findLowestPoint(const TZVector3 &C, TZVector3 &lowest, int &i
     return true;
 }
 
-bool tzCViseeTool::searchAround(const TZVector3 &M, float r, int &nearestIndex,
-                                TZVector3 &lowest, int &lowestIndex) const
+bool tzCViseeTool::searchAround(const TZVector3 &M, float r, int &nearestIndex, TZVector3 &lowest,
+                                int &lowestIndex) const
 {
     const TZLib::Octree *octree = m_cloud->getOctree();
     // Thousands of points in a zoomed-out view: their room is kept from one move to the next.
@@ -222,8 +223,8 @@ void tzCViseeTool::setWorkingSightCoordinates(const TZVector3 &P)
     m_workingSight->refreshNameAndMetaData();
 }
 
-void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex,
-                               tzPointCloud *cloud, const TZVector3 &P)
+void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex, tzPointCloud *cloud,
+                               const TZVector3 &P)
 {
     Q_UNUSED(insertionParent)
     if (!cloud)
@@ -236,7 +237,8 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex,
     const double s = tzGlobalShift::scale;
     const TZVector3d &t = tzGlobalShift::shift;
 
-    const bool lowestWanted = (m_plugin && m_plugin->isKeyHeld(Qt::Key_Z)) || m_mode == LOWEST_POINT;
+    const bool lowestWanted
+        = (m_plugin && m_plugin->isKeyHeld(Qt::Key_Z)) || m_mode == LOWEST_POINT;
     TZVector3 L = P;
     int lowestIndex = -1;
     if (lowestWanted)
@@ -333,8 +335,8 @@ void tzCViseeTool::cancel()
         window->redraw();
 }
 
-void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned itemIndex,
-                               tzHObject *entity, const TZVector3 &P)
+void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned itemIndex, tzHObject *entity,
+                               const TZVector3 &P)
 {
     Q_UNUSED(insertionParent)
     Q_UNUSED(itemIndex)
@@ -460,9 +462,10 @@ void tzCViseeTool::onMouseMove(QMouseEvent *event, tzGLWindow *window)
         else if (foundIndex >= 0)
             placeWorkingSight(m_cloud, unsigned(foundIndex), &at, &M);
         showPreview(window, M, true);
-        qDebug("POINT SOURIS %lf ,%lf ,%lf  Point trouvee %lf ,%lf ,%lf  Point PlusBas %lf ,%lf ,%lf",
-               double(M.x), double(M.y), double(M.z), double(found.x), double(found.y),
-               double(found.z), double(lowest.x), double(lowest.y), double(lowest.z));
+        qDebug(
+            "POINT SOURIS %lf ,%lf ,%lf  Point trouvee %lf ,%lf ,%lf  Point PlusBas %lf ,%lf ,%lf",
+            double(M.x), double(M.y), double(M.z), double(found.x), double(found.y),
+            double(found.z), double(lowest.x), double(lowest.y), double(lowest.z));
     }
     // The point narrowed to floats, as the preview uses it, is the one reported.
     reportCursor(window, TZVector3d(double(M.x), double(M.y), double(M.z)));

@@ -5,8 +5,8 @@
 #include "tzSettings.h"
 
 #include <QCursor>
-#include <QTimer>
 #include <QOpenGLFunctions_2_1>
+#include <QTimer>
 #include <QWheelEvent>
 
 #include <algorithm>
@@ -58,8 +58,7 @@ void tzMouseCircle::draw(tzDrawContext &context)
 {
     QOpenGLFunctions_2_1 *gl = context.glFunctions;
     if (!isVisible() || !context.is2D() || !(context.drawingFlags & TZ_DRAW_FOREGROUND)
-        || (context.drawingFlags & TZ_ENTITY_PICKING)
-        || !context.qGLContext || !gl || !m_owner)
+        || (context.drawingFlags & TZ_ENTITY_PICKING) || !context.qGLContext || !gl || !m_owner)
         return;
     const tzViewportParameters &params = m_owner->getViewportParameters();
     gl->glPushAttrib(GL_LINE_BIT | GL_CURRENT_BIT);
@@ -90,8 +89,8 @@ bool tzMouseCircle::eventFilter(QObject *object, QEvent *event)
     auto *wheel = static_cast<QWheelEvent *>(event);
     if (!(wheel->modifiers() & Qt::ControlModifier))
         return false;
-    m_radius = std::max(int(m_radius - (wheel->angleDelta().y() / 100.0) * m_radiusStep),
-                        m_radiusStep);
+    m_radius
+        = std::max(int(m_radius - (wheel->angleDelta().y() / 100.0) * m_radiusStep), m_radiusStep);
     if (m_owner)
         m_owner->redraw(true, false);
     return false;

@@ -7,7 +7,8 @@ qLumivertDlg::qLumivertDlg(QWidget *parent)
 {
     setupUi(this);
     // The form's places were drawn for a narrower font: the option shows its whole text.
-    SimpleAjoutZButton->resize(SimpleAjoutZButton->sizeHint().expandedTo(SimpleAjoutZButton->size()));
+    SimpleAjoutZButton->resize(
+        SimpleAjoutZButton->sizeHint().expandedTo(SimpleAjoutZButton->size()));
     setAttribute(Qt::WA_MouseTracking, true);
 }
 

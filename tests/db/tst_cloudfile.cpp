@@ -153,7 +153,8 @@ void TestCloudFile::goodFiles_data()
         << "pts" << QByteArray("2\n1 2 3 -1200 10 20 30\n4 5 6 350 40 50 60\n")
         << TZVector3d(4, 5, 6) << true << 40;
     QTest::newRow("pts: a count far beyond the points")
-        << "pts" << QByteArray("6520000000\n1 2 3 0 10 20 30\n") << TZVector3d(1, 2, 3) << true << 10;
+        << "pts" << QByteArray("6520000000\n1 2 3 0 10 20 30\n") << TZVector3d(1, 2, 3) << true
+        << 10;
     QTest::newRow("pts intensity only")
         << "pts" << QByteArray("2\n1 2 3 0.5\n4 5 6 0.25\n") << TZVector3d(4, 5, 6) << false << 0;
     QTest::newRow("colours as fractions")
@@ -172,8 +173,9 @@ void TestCloudFile::goodFiles_data()
         << "csv"
         << QByteArray("Point;Northing;Easting;Elevation;Code\n1;6862345,25;652345,5;123,75;TREE\n")
         << TZVector3d(652345.5, 6862345.25, 123.75) << false << 0;
-    QTest::newRow("quoted fields") << "csv" << QByteArray("\"x\",\"y\",\"z\"\n\"1.5\",\"2.5\",\"3.5\"\n")
-                                   << TZVector3d(1.5, 2.5, 3.5) << false << 0;
+    QTest::newRow("quoted fields")
+        << "csv" << QByteArray("\"x\",\"y\",\"z\"\n\"1.5\",\"2.5\",\"3.5\"\n")
+        << TZVector3d(1.5, 2.5, 3.5) << false << 0;
     QTest::newRow("xyzn: normals are not colours")
         << "xyzn" << QByteArray("1 2 3 0 0 1\n") << TZVector3d(1, 2, 3) << false << 0;
     QTest::newRow("points without finite coordinates are skipped")

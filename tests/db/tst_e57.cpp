@@ -413,7 +413,9 @@ void TestE57::scansArePlacedByTheirPoses()
     // A's point (1, -2, 0.5) turned a quarter turn (x -> y, y -> -x) and moved.
     const TZVector3d first = Read::global(a, 0);
     QVERIFY2((first - TZVector3d(651202.25, 6861401.5, 112.5)).norm() < 0.002,
-             qPrintable(QStringLiteral("%1 %2 %3").arg(first.x, 0, 'f', 3).arg(first.y, 0, 'f', 3)
+             qPrintable(QStringLiteral("%1 %2 %3")
+                            .arg(first.x, 0, 'f', 3)
+                            .arg(first.y, 0, 'f', 3)
                             .arg(first.z, 0, 'f', 3)));
     // The fifth record was invalid: the fifth point kept is the sixth written.
     const TZVector3d fifth = Read::global(a, 4);
@@ -515,8 +517,9 @@ void TestE57::picturesBecomePhotoLists()
     QCOMPARE(read.notes.size(), 1);
     QVERIFY2(read.notes[0].contains("image 'no pose' skipped: its camera has no pose"),
              qPrintable(read.notes[0]));
-    const QString listPath
-        = read.clouds[0]->getMetaData(QLatin1String(tzGenericPointCloud::PHOTO_LIST_KEY)).toString();
+    const QString listPath = read.clouds[0]
+                                 ->getMetaData(QLatin1String(tzGenericPointCloud::PHOTO_LIST_KEY))
+                                 .toString();
     QFile list(listPath);
     QVERIFY2(list.open(QIODevice::ReadOnly), qPrintable(listPath));
     const QJsonArray photos = QJsonDocument::fromJson(list.readAll())["images"].toArray();
@@ -543,7 +546,8 @@ void TestE57::picturesBecomePhotoLists()
     const auto times = [](const double *l, const double *r, double *out) {
         for (int i = 0; i < 3; ++i)
             for (int j = 0; j < 3; ++j)
-                out[3 * i + j] = l[3 * i] * r[j] + l[3 * i + 1] * r[3 + j] + l[3 * i + 2] * r[6 + j];
+                out[3 * i + j]
+                    = l[3 * i] * r[j] + l[3 * i + 1] * r[3 + j] + l[3 * i + 2] * r[6 + j];
     };
     double ryz[9], r[9];
     times(ry, rz, ryz);
@@ -584,8 +588,8 @@ void TestE57::conversionsMergeOrSplitTheScans()
     QStringList written;
     QVERIFY2(tzCloudFile::convertScans(e57, dir.filePath("out.laz"), written, error),
              qPrintable(error));
-    QCOMPARE(written, QStringList({dir.filePath("out-Station_1.laz"),
-                                   dir.filePath("out-Station_2.laz")}));
+    QCOMPARE(written,
+             QStringList({dir.filePath("out-Station_1.laz"), dir.filePath("out-Station_2.laz")}));
     std::unique_ptr<tzPointCloud> second(tzCloudFile::load(written[1], error));
     QVERIFY2(second, qPrintable(error));
     QCOMPARE(int(second->size()), 1000);

@@ -35,6 +35,12 @@ template<typename T> T at(const QByteArray &b, int offset)
     return v;
 }
 
+//! Writes a value into bytes at offset (within them).
+template<typename T> void store(QByteArray &b, int offset, T value)
+{
+    b.replace(offset, int(sizeof value), reinterpret_cast<const char *>(&value), int(sizeof value));
+}
+
 // The point records of a LAS file, as they are stored.
 QByteArray lasRecords(const QByteArray &las)
 {
@@ -642,11 +648,13 @@ void TestLaz::peerDecoderReadsWhatWeWrite()
     QVERIFY2(tzCloudFile::convert(las, laz, error, quint32(chunkSize)), qPrintable(error));
     QProcess node;
     const QString records = dir.filePath(QStringLiteral("peer.records"));
-    node.start(QStringLiteral("node"), {QStringLiteral(LAZ_PEER_SCRIPT), QStringLiteral(LAZ_PEER_DIR), laz, records});
+    node.start(QStringLiteral("node"),
+               {QStringLiteral(LAZ_PEER_SCRIPT), QStringLiteral(LAZ_PEER_DIR), laz, records});
     QVERIFY(node.waitForFinished(60000));
     QVERIFY2(node.exitCode() == 0, node.readAllStandardError().constData());
     const QByteArray expected = lasRecords(bytesOf(las));
-    const QString where = firstDifference(bytesOf(records), expected, at<quint16>(bytesOf(las), 105));
+    const QString where
+        = firstDifference(bytesOf(records), expected, at<quint16>(bytesOf(las), 105));
     QVERIFY2(where.isEmpty(), qPrintable(where));
 }
 
@@ -794,9 +802,9 @@ void TestLaz::octreeNodeChunksOpen()
         + vlr("laszip encoded", tzLaz::Description::RECORD_ID,
               QByteArray(reinterpret_cast<const char *>(payload.data()), int(payload.size())));
     const quint32 dataOffset = quint32(out.size());
-    std::memcpy(out.data() + 96, &dataOffset, 4);
+    store(out, 96, dataOffset);
     const quint32 vlrCount = at<quint32>(las, 100) + 2;
-    std::memcpy(out.data() + 100, &vlrCount, 4);
+    store(out, 100, vlrCount);
     out[104] = char(7 | 0x80);
     out += QByteArray(8, '\0');
     tzLaz::ChunkEncoder encoder(description);
@@ -812,20 +820,20 @@ void TestLaz::octreeNodeChunksOpen()
         first += n;
     }
     const qint64 tableOffset = out.size();
-    std::memcpy(out.data() + dataOffset, &tableOffset, 8);
+    store(out, int(dataOffset), tableOffset);
     std::vector<uchar> table;
     tzLaz::writeChunkTable(chunks, true, table);
     out.append(reinterpret_cast<const char *>(table.data()), int(table.size()));
     const quint64 evlrStart = quint64(out.size());
-    std::memcpy(out.data() + 235, &evlrStart, 8);
+    store(out, 235, evlrStart);
     const quint32 evlrCount = 1;
-    std::memcpy(out.data() + 243, &evlrCount, 4);
+    store(out, 243, evlrCount);
     QByteArray evlr(60, '\0');
     std::memcpy(evlr.data() + 2, "copc", 4);
     const quint16 hierarchy = 1000;
-    std::memcpy(evlr.data() + 18, &hierarchy, 2);
+    store(evlr, 18, hierarchy);
     const quint64 entryBytes = 32;
-    std::memcpy(evlr.data() + 20, &entryBytes, 8);
+    store(evlr, 20, entryBytes);
     out += evlr + QByteArray(32, '\0');
 
     QTemporaryDir dir;

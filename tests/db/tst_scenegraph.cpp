@@ -79,10 +79,10 @@ void TestSceneGraph::metadataOverwriteRule()
 {
     tzHObject o;
     o.setMetaData(QStringLiteral("ident"), 7);
-    o.setMetaData(QVariantMap{{"ident", 8}, {"number", "P12"}}, false);
+    o.setMetaData(QVariantMap {{"ident", 8}, {"number", "P12"}}, false);
     QCOMPARE(o.getMetaData("ident").toInt(), 7);
     QCOMPARE(o.getMetaData("number").toString(), QStringLiteral("P12"));
-    o.setMetaData(QVariantMap{{"ident", 9}}, true);
+    o.setMetaData(QVariantMap {{"ident", 9}}, true);
     QCOMPARE(o.getMetaData("ident").toInt(), 9);
     QVERIFY(!o.hasMetaData("Coord x"));
     QVERIFY(!o.getMetaData("Coord x").isValid());
@@ -184,12 +184,15 @@ void TestSceneGraph::filterChildrenByTypeCode_data()
     QTest::addColumn<quint32>("type");
     QTest::addColumn<bool>("strict");
     QTest::addColumn<QStringList>("expected");
-    QTest::newRow("clouds, recursive, exact") << true << quint32(257) << true << QStringList{"c1", "c2"};
-    QTest::newRow("clouds, top level only") << false << quint32(257) << true << QStringList{"c1"};
-    QTest::newRow("label kind, recursive") << true << quint32(129) << false << QStringList{"s2", "s1"};
-    QTest::newRow("label kind, strict finds none") << true << quint32(129) << true << QStringList{};
+    QTest::newRow("clouds, recursive, exact")
+        << true << quint32(257) << true << QStringList {"c1", "c2"};
+    QTest::newRow("clouds, top level only") << false << quint32(257) << true << QStringList {"c1"};
+    QTest::newRow("label kind, recursive")
+        << true << quint32(129) << false << QStringList {"s2", "s1"};
+    QTest::newRow("label kind, strict finds none")
+        << true << quint32(129) << true << QStringList {};
     QTest::newRow("every object") << true << quint32(TZ_TYPES::HIERARCHY_OBJECT) << false
-                                  << QStringList{"c1", "s2", "g", "c2", "s1"};
+                                  << QStringList {"c1", "s2", "g", "c2", "s1"};
 }
 
 void TestSceneGraph::filterChildrenByTypeCode()
@@ -293,11 +296,15 @@ void TestSceneGraph::pluginInfoFile_data()
     QTest::addColumn<bool>("exists");
     QTest::addColumn<QString>("expectedLog");
     QTest::addColumn<QString>("name");
-    QTest::newRow("valid") << QByteArray("{\"name\": \"P\", \"core\": true, \"authors\": [{\"name\": \"A\", "
-                                         "\"email\": \"a@x\"}]}")
+    QTest::newRow("valid") << QByteArray(
+        "{\"name\": \"P\", \"core\": true, \"authors\": [{\"name\": \"A\", "
+        "\"email\": \"a@x\"}]}")
                            << true << QString() << "P";
-    QTest::newRow("missing file") << QByteArray() << false << "Could not load plugin resources: " << "";
-    QTest::newRow("broken JSON") << QByteArray("{\"name\": ") << true << "Could not parse plugin info: " << "";
+    QTest::newRow("missing file") << QByteArray() << false << "Could not load plugin resources: "
+                                  << "";
+    QTest::newRow("broken JSON") << QByteArray("{\"name\": ") << true
+                                 << "Could not parse plugin info: "
+                                 << "";
 }
 
 void TestSceneGraph::pluginInfoFile()
@@ -337,7 +344,7 @@ void TestSceneGraph::pluginInfoFile()
         QVERIFY(plugin.getAuthors().isEmpty());
     }
     QCOMPARE(plugin.getName(), name);
-    Plugin none{QString()}; // a null path reads nothing and logs nothing
+    Plugin none {QString()}; // a null path reads nothing and logs nothing
     QVERIFY(none.getReferences().isEmpty());
 }
 

@@ -100,9 +100,8 @@ void TestCompanion::everyFrameKindReachesTheScene()
     QTRY_VERIFY(sim.listening());
     viewer.start();
     tzHObject *root = viewer.window.databaseRoot();
-    QTRY_COMPARE_WITH_TIMEOUT(sightsOf(root),
-                              QStringList({"1001b/1", "1010/10", "1004/4", "1005/5", "1006/6"}),
-                              10000);
+    QTRY_COMPARE_WITH_TIMEOUT(
+        sightsOf(root), QStringList({"1001b/1", "1010/10", "1004/4", "1005/5", "1006/6"}), 10000);
     tzHObject *symbols = group(root, "XSymbole");
     tzHObject *alignments = group(root, "XAlignement");
     QVERIFY(symbols && alignments);
@@ -214,9 +213,12 @@ void TestCompanion::companionKilledAndRestarted()
         QTRY_VERIFY(sightsOf(root).size() > 20);
         first.kill(); // mid-stream
     }
-    QTest::qWait(200); // what was on its way still arrives
+    // What was on its way still arrives: all of it is in once the loss is seen.
+    QTRY_VERIFY(viewer.consoleHas(QStringLiteral("Link with Mensurix lost")));
+    QCoreApplication::processEvents();
 
-    Sim second(writeScript(dir, "{\"type\": \"CVisee\", \"ident\": 9999, \"number\": \"again\"}\n"));
+    Sim second(
+        writeScript(dir, "{\"type\": \"CVisee\", \"ident\": 9999, \"number\": \"again\"}\n"));
     QTRY_VERIFY(second.listening());
     viewer.click("closeButton");
     QVERIFY(!viewer.toolBar()->isVisible());

@@ -59,13 +59,13 @@ void TestDistance::lineationDirection_data()
     QTest::newRow("north") << TZVector3(0, 10, 0) << 0.f << 0.f << 10.f << "10.0 metre ";
     QTest::newRow("east, down") << TZVector3(10, 0, -5) << 90.f << 26.5651f << 11.1803f
                                 << "11.2 metre ";
-    QTest::newRow("south-west, up") << TZVector3(-3, -4, 5) << 216.87f << -45.f << 7.07107f
-                                    << "7.1 metre ";
+    QTest::newRow("south-west, up")
+        << TZVector3(-3, -4, 5) << 216.87f << -45.f << 7.07107f << "7.1 metre ";
     // The components of the unit direction sum to zero: no trend, no plunge (kept).
-    QTest::newRow("sum zero, down") << TZVector3(10, 0, -10) << 0.f << 0.f << 14.1421f
-                                    << "14.1 metre ";
-    QTest::newRow("sum zero, south-east") << TZVector3(1, -1, 0) << 0.f << 0.f << 1.41421f
-                                          << "1.4 metre ";
+    QTest::newRow("sum zero, down")
+        << TZVector3(10, 0, -10) << 0.f << 0.f << 14.1421f << "14.1 metre ";
+    QTest::newRow("sum zero, south-east")
+        << TZVector3(1, -1, 0) << 0.f << 0.f << 1.41421f << "1.4 metre ";
     QTest::newRow("straight up") << TZVector3(0, 0, 5) << 0.f << -90.f << 5.f << "5.0 metre ";
     QTest::newRow("straight down") << TZVector3(0, 0, -5) << 0.f << 90.f << 5.f << "5.0 metre ";
 }
@@ -94,7 +94,8 @@ void TestDistance::lineationDirection()
     QCOMPARE(lineation.getName(), name);
     QCOMPARE(meta(lineation, "Sy"), 200.f);
     QCOMPARE(meta(lineation, "Ez"), start.z + end.z);
-    QCOMPARE(lineation.getMetaData(QStringLiteral("Length")).type(), QVariant::Type(QMetaType::Float));
+    QCOMPARE(lineation.getMetaData(QStringLiteral("Length")).type(),
+             QVariant::Type(QMetaType::Float));
 }
 
 void TestDistance::lineationWithOnePointKeepsOnlyItsTag()
@@ -119,7 +120,8 @@ void TestDistance::tagsNameTheMeasurements()
 {
     tzHObject object;
     QVERIFY(!hasPointPairTag(&object) && !hasLineationTag(&object));
-    for (const char *kind : {"PointPair", "Thickness", "PinchNode", "Relationship", "XLineationY"}) {
+    for (const char *kind :
+         {"PointPair", "Thickness", "PinchNode", "Relationship", "XLineationY"}) {
         object.setMetaData(QStringLiteral("tzLumivertType"), QString::fromLatin1(kind));
         QVERIFY2(hasPointPairTag(&object), kind);
     }
@@ -231,8 +233,9 @@ void TestDistance::measuresOfASavedSceneExported()
         root.addChild(group);
         auto *sight = new tzCVisee;
         QVERIFY(sight->readJson(QJsonDocument::fromJson(
-            R"({"type": "CVisee", "ident": 7, "number": "10,01",
-                "coord": {"X": 651203.5, "Y": 6861404.25, "Z": 112.125}})").object()));
+                                    R"({"type": "CVisee", "ident": 7, "number": "10,01",
+                "coord": {"X": 651203.5, "Y": 6861404.25, "Z": 112.125}})")
+                                    .object()));
         group->addChild(sight);
         auto *distance = new tzLineation(cloud);
         distance->addPointIndex(0);
@@ -246,7 +249,8 @@ void TestDistance::measuresOfASavedSceneExported()
     // Opened on its own (no run has taken the survey's shift): its sights draw on the survey.
     tzGlobalShift::shift = {0, 0, 0};
     QString error;
-    const std::unique_ptr<tzHObject> loaded(tzSceneFile::load(dir.filePath(QStringLiteral("site.tzs")), error));
+    const std::unique_ptr<tzHObject> loaded(
+        tzSceneFile::load(dir.filePath(QStringLiteral("site.tzs")), error));
     QVERIFY2(loaded, qPrintable(error));
     QCOMPARE(tzGlobalShift::shift, TZVector3d(-651200, -6861400, 0));
     // The distance comes back as a distance (drawn with its arrow), on its cloud.
@@ -271,7 +275,8 @@ void TestDistance::measuresOfASavedSceneExported()
                         "10.0000,5.0000,36.87,0.00\n"));
 
     // A folder that does not exist: an error, and no file.
-    const tzMeasureExport failed = exportMeasures(loaded.get(), dir.filePath(QStringLiteral("no/m.csv")));
+    const tzMeasureExport failed
+        = exportMeasures(loaded.get(), dir.filePath(QStringLiteral("no/m.csv")));
     QVERIFY(!failed.error.isEmpty());
     QVERIFY(!QFile::exists(dir.filePath(QStringLiteral("no/m.csv"))));
 }

@@ -36,8 +36,12 @@ QJsonObject vertex(double x, double y, double z)
 
 QJsonObject sightFrame(int ident, const QString &number, double x, double y, double z)
 {
-    return {{"type", "CVisee"}, {"ident", ident},  {"number", number},
-            {"Rcolor", 255},    {"Gcolor", 0},     {"Bcolor", 0},
+    return {{"type", "CVisee"},
+            {"ident", ident},
+            {"number", number},
+            {"Rcolor", 255},
+            {"Gcolor", 0},
+            {"Bcolor", 0},
             {"coord", QJsonObject {{"X", x}, {"Y", y}, {"Z", z}}}};
 }
 
@@ -176,7 +180,8 @@ void TestEntities::shapesReadAndTraceTheirGeometry()
 
     tzXPolyline polyline;
     polyline.readJson(lineElement("XPolyline", {vertex(-1.5, 0, 2)}));
-    QVERIFY(messages.has("XPolyLine: R: 10, G: 20, B: 30 , vextex 0 : -1.500000,0.000000,2.000000"));
+    QVERIFY(
+        messages.has("XPolyLine: R: 10, G: 20, B: 30 , vextex 0 : -1.500000,0.000000,2.000000"));
 
     tzXCircle circle;
     circle.readJson(json(R"({"type":"XCircle","center":{"X":1,"Y":2,"Z":3},"radius":0.5})"));
@@ -217,9 +222,8 @@ void TestEntities::symbolTakesTheLastInsertOnly()
                      lineElement("XPolyline", {}), json(R"({"type":"XCircle","radius":2})"),
                      json(R"({"type":"XText"})"), lineElement("XLine", {})}}};
     tzXSymbole symbol;
-    QVERIFY(symbol.readJson(QJsonObject {{"type", "XSymbole"},
-                                         {"ident", 42},
-                                         {"entities", QJsonArray {first, second}}}));
+    QVERIFY(symbol.readJson(QJsonObject {
+        {"type", "XSymbole"}, {"ident", 42}, {"entities", QJsonArray {first, second}}}));
     QCOMPARE(symbol.children().size(), 4);
     // The arc is a polyline through its vertices.
     auto *arc = dynamic_cast<tzXPolyline *>(symbol.children()[0]);
@@ -233,9 +237,10 @@ void TestEntities::symbolTakesTheLastInsertOnly()
 
     // No insert at the end: no children, still tagged.
     tzXSymbole empty;
-    QVERIFY(empty.readJson(QJsonObject {{"type", "XSymbole"},
-                                        {"ident", 5},
-                                        {"entities", QJsonArray {second, lineElement("XLine", {})}}}));
+    QVERIFY(
+        empty.readJson(QJsonObject {{"type", "XSymbole"},
+                                    {"ident", 5},
+                                    {"entities", QJsonArray {second, lineElement("XLine", {})}}}));
     QVERIFY(empty.children().isEmpty());
     QCOMPARE(empty.getMetaData("ident").toInt(), 5);
 }
@@ -244,13 +249,13 @@ void TestEntities::alignmentTakesLinesAndPolylines()
 {
     Messages messages;
     tzXAlignement alignment;
-    alignment.readJson(QJsonObject {
-        {"type", "XAlignement"},
-        {"ident", 9},
-        {"entities",
-         QJsonArray {lineElement("XPolyline", {vertex(0, 0, 0)}),
-                     json(R"({"type":"XCircle","radius":2})"), lineElement("XArc", {}),
-                     lineElement("XLine", {vertex(0, 0, 0), vertex(1, 1, 1)})}}});
+    alignment.readJson(
+        QJsonObject {{"type", "XAlignement"},
+                     {"ident", 9},
+                     {"entities",
+                      QJsonArray {lineElement("XPolyline", {vertex(0, 0, 0)}),
+                                  json(R"({"type":"XCircle","radius":2})"), lineElement("XArc", {}),
+                                  lineElement("XLine", {vertex(0, 0, 0), vertex(1, 1, 1)})}}});
     QVERIFY(messages.has("! Alignement !"));
     QCOMPARE(alignment.children().size(), 2);
     QVERIFY(dynamic_cast<tzXPolyline *>(alignment.children()[0]));

@@ -266,7 +266,8 @@ void TestLink::companionClosingThenComingBack()
     // The run is closed and started again, with the companion back.
     link.disconnectFromServer();
     // The reader loop has ended before the socket went back to the system.
-    QVERIFY(log.lines().filter(QRegularExpression(QStringLiteral("^recvfrom : \\d+$"))).size() == 1);
+    QVERIFY(log.lines().filter(QRegularExpression(QStringLiteral("^recvfrom : \\d+$"))).size()
+            == 1);
     companion = std::make_unique<Companion>();
     QVERIFY(companion->listen());
     QVERIFY(link.connectToServer());
@@ -299,7 +300,10 @@ void TestLink::lostLinkIsSaidAndTriedAgainWithTheTextsInOrder()
     link.sendPointMove(3, 3, 3, 2, 2, 2);
     link.sendMouseCursor({0, 0, 1}, {4, 4, 4});
     QCOMPARE(link.unsentCount(), 3);
-    QTest::qWait(2500); // a failed attempt or more, with nothing listening
+    // A failed attempt, with nothing listening, changes nothing of that.
+    const int attempts = link.attemptCount();
+    QTRY_VERIFY_WITH_TIMEOUT(link.attemptCount() > attempts, 5000);
+    QCOMPARE(link.unsentCount(), 3);
     QCOMPARE(lost.size(), 1);
     QCOMPARE(restored.size(), 0);
 
@@ -325,9 +329,12 @@ void TestLink::lostLinkIsSaidAndTriedAgainWithTheTextsInOrder()
 
     // Closing the run stops the attempts: nothing connects to a companion that comes back.
     link.disconnectFromServer();
+    QVERIFY(!link.attemptScheduled());
     companion = std::make_unique<Companion>();
     QVERIFY(companion->listen());
-    QTest::qWait(2500);
+    // What would have come in the attempts' interval: nothing.
+    QCoreApplication::processEvents();
+    QVERIFY(!link.attemptScheduled());
     QVERIFY(!companion->server.hasPendingConnections());
 }
 
@@ -359,8 +366,9 @@ void TestLink::aClosedLinkNeverReadsALaterSocket()
     tzCommunicationHandler link(nullptr);
     QVERIFY(link.connectToServer());
     QVERIFY(companion->accept());
+    QSignalSpy lost(&link, &tzCommunicationHandler::linkLost);
     companion.reset(); // the reader now reads nothing and waits between its reads
-    QTest::qWait(30);
+    QTRY_COMPARE(lost.size(), 1);
     QTcpServer server;
     QVERIFY(server.listen(QHostAddress::LocalHost));
     link.disconnectFromServer();
@@ -441,8 +449,10 @@ void TestLink::standInEndToEnd()
         "\"Gcolor\": 255, \"Bcolor\": 0, \"coord\": {\"X\": %1}}");
     QTRY_COMPARE(frames.size(), 3);
     // (after the script's raw "pending", which had no end of frame)
-    QCOMPARE(frames[2], QStringLiteral("pending")
-                 + numbered.arg(QStringLiteral("652345.1250, \"Y\": 6862345.5000, \"Z\": 123.2500")));
+    QCOMPARE(
+        frames[2],
+        QStringLiteral("pending")
+            + numbered.arg(QStringLiteral("652345.1250, \"Y\": 6862345.5000, \"Z\": 123.2500")));
     link.sendPointMove(652346, 6862346.25, 124, 652345.125, 6862345.5, 123.25);
     QTRY_COMPARE(frames.size(), 4);
     QCOMPARE(frames[3],

@@ -774,7 +774,7 @@ void TestLumivert::helpFromThePluginsMenuAndF1DuringARun()
     {
         ModalWatch watch;
         QTest::keyClick(viewer.window.activeView(), Qt::Key_F1);
-        QTest::qWait(200);
+        QCoreApplication::processEvents(); // a page would open from the key's own handling
         QVERIFY(watch.text.isEmpty());
     }
     viewer.start();
@@ -787,7 +787,7 @@ void TestLumivert::helpFromThePluginsMenuAndF1DuringARun()
     {
         ModalWatch watch;
         QTest::keyClick(viewer.window.activeView(), Qt::Key_F1);
-        QTest::qWait(200);
+        QCoreApplication::processEvents(); // a page would open from the key's own handling
         QVERIFY(watch.text.isEmpty());
     }
 }

@@ -42,10 +42,14 @@ void TestPhotoList::baseNameCutsTheLastCloudSuffix_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("base");
-    QTest::newRow("suffix") << "Site - Cloud" << "Site";
-    QTest::newRow("twice") << "Site - Cloud - Cloud" << "Site - Cloud";
-    QTest::newRow("none") << "Site" << "Site";
-    QTest::newRow("inside") << "A - Cloud B" << "A";
+    QTest::newRow("suffix") << "Site - Cloud"
+                            << "Site";
+    QTest::newRow("twice") << "Site - Cloud - Cloud"
+                           << "Site - Cloud";
+    QTest::newRow("none") << "Site"
+                          << "Site";
+    QTest::newRow("inside") << "A - Cloud B"
+                            << "A";
 }
 
 void TestPhotoList::baseNameCutsTheLastCloudSuffix()
@@ -110,8 +114,8 @@ void TestPhotoList::filesThatGiveNothing()
     QTemporaryDir dir;
     Read read {readPhotoList(write(dir, text), dir.path(), nullptr, nullptr)};
     QVERIFY(read.frustums.empty());
-    Read missing {readPhotoList(dir.filePath(QStringLiteral("none.json")), dir.path(), nullptr,
-                                nullptr)};
+    Read missing {
+        readPhotoList(dir.filePath(QStringLiteral("none.json")), dir.path(), nullptr, nullptr)};
     QVERIFY(missing.frustums.empty());
 }
 

@@ -76,7 +76,8 @@ void checkPhotosLineUp(tzGLWindow *view, const std::vector<tzHObject *> &photos)
         photo->setSelected(false);
         const QImage cloudOnly = frame(*view);
         const double aligned = mismatch(picture, cloudOnly, 0);
-        const double aside = std::min(mismatch(picture, cloudOnly, 20), mismatch(picture, cloudOnly, -20));
+        const double aside
+            = std::min(mismatch(picture, cloudOnly, 20), mismatch(picture, cloudOnly, -20));
         const QByteArray said = photo->getMetaData(QStringLiteral("camera")).toString().toUtf8()
             + ": " + QByteArray::number(aligned, 'f', 1) + " aligned, "
             + QByteArray::number(aside, 'f', 1) + " 20 pixels aside";
@@ -150,11 +151,12 @@ void TestPhotos::photoIsEnteredAndLeft()
 {
     // The companion draws a magenta line on the ground, 0.3 north of the station.
     QTemporaryDir dir;
-    Sim sim(writeScript(dir, R"({"type": "XSymbole", "ident": 7, "entities": [{"type": "XInsert", )"
-                             R"("entities": [{"type": "XLine", "Rcolor": 255, "Gcolor": 0, )"
-                             R"("Bcolor": 255, "vertex": [{"X": -0.5, "Y": 0.3, "Z": 0.0}, )"
-                             R"({"X": 0.5, "Y": 0.3, "Z": 0.0}]}]}]})"
-                             "\n!wait 100000\n"));
+    Sim sim(writeScript(dir,
+                        R"({"type": "XSymbole", "ident": 7, "entities": [{"type": "XInsert", )"
+                        R"("entities": [{"type": "XLine", "Rcolor": 255, "Gcolor": 0, )"
+                        R"("Bcolor": 255, "vertex": [{"X": -0.5, "Y": 0.3, "Z": 0.0}, )"
+                        R"({"X": 0.5, "Y": 0.3, "Z": 0.0}]}]}]})"
+                        "\n!wait 100000\n"));
     QTRY_VERIFY(sim.listening());
     Viewer viewer;
     viewer.start();
@@ -192,7 +194,8 @@ void TestPhotos::photoIsEnteredAndLeft()
     QVERIFY(view->getViewportParameters().perspectiveView);
     image = frame(*view);
     const QColor middle = image.pixelColor(view->width() / 2, view->height() / 2);
-    QVERIFY2(middle.blue() > 100 && middle.blue() < 200 && middle.red() < 100, qPrintable(middle.name()));
+    QVERIFY2(middle.blue() > 100 && middle.blue() < 200 && middle.red() < 100,
+             qPrintable(middle.name()));
     const QColor above = image.pixelColor(view->width() / 2, view->height() / 20);
     QVERIFY2(above.blue() < 100, qPrintable(above.name()));
     // The symbol shows over the picture, whatever lies nearer: 0.3 north at 10 below is 0.03
@@ -317,7 +320,8 @@ void TestPhotos::scannerPhotosInsideAnE57LineUpToo()
         for (tzHObject *photo : photosOf(cloud))
             photos.push_back(photo);
     }
-    QVERIFY(scans.contains(QStringLiteral("Station 1")) && scans.contains(QStringLiteral("Station 2")));
+    QVERIFY(scans.contains(QStringLiteral("Station 1"))
+            && scans.contains(QStringLiteral("Station 2")));
     QCOMPARE(int(photos.size()), 5);
     checkPhotosLineUp(viewer.window.activeView(), photos);
     // A second run finds the same photos, not twice as many.

@@ -52,4 +52,3 @@ inline QString writeScript(const QTemporaryDir &dir, const QByteArray &lines)
     file.write(lines);
     return path;
 }
-
