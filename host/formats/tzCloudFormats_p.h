@@ -57,6 +57,13 @@ template<typename T> T loadAs(const uchar *p, bool swap)
     return v;
 }
 
+//! Writes a value into bytes at offset (within them), as the file stores it (little-endian).
+template<typename T> void storeAt(QByteArray &bytes, int offset, T value)
+{
+    bytes.replace(offset, int(sizeof value), reinterpret_cast<const char *>(&value),
+                  int(sizeof value));
+}
+
 //! Sizes an array for n values, or fails saying that memory ran out.
 template<typename T> void allocate(std::vector<T> &values, size_t n)
 {

@@ -35,11 +35,6 @@ void writeAttributes(const tzPointCloud &cloud, unsigned index, uchar *record)
 // The LAS records are in millimetres.
 constexpr double LAS_SCALE = 0.001;
 
-template<typename T> void put(QByteArray &bytes, int at, T value)
-{
-    std::memcpy(bytes.data() + at, &value, sizeof value);
-}
-
 //! The global coordinates of a cloud's point: local / scale - shift.
 TZVector3d globalOf(const tzGenericPointCloud &cloud, unsigned i)
 {
@@ -86,8 +81,8 @@ void writeLasOrLaz(const tzPointCloud &cloud, bool laz, quint32 chunkSize, QIODe
         const std::vector<uchar> payload = tzLaz::descriptionBytes(description);
         vlr = QByteArray(54, '\0');
         std::memcpy(vlr.data() + 2, "laszip encoded", 14);
-        put<quint16>(vlr, 18, tzLaz::Description::RECORD_ID);
-        put<quint16>(vlr, 20, quint16(payload.size()));
+        storeAt<quint16>(vlr, 18, tzLaz::Description::RECORD_ID);
+        storeAt<quint16>(vlr, 20, quint16(payload.size()));
         std::memcpy(vlr.data() + 22, "Tessaro LAZ", 11);
         vlr.append(reinterpret_cast<const char *>(payload.data()), int(payload.size()));
     }
@@ -96,18 +91,18 @@ void writeLasOrLaz(const tzPointCloud &cloud, bool laz, quint32 chunkSize, QIODe
     head[24] = 1;
     head[25] = 2;
     std::memcpy(head.data() + 58, "Tessaro", 7);
-    put<quint16>(head, 94, 227);
-    put<quint32>(head, 96, quint32(227 + vlr.size()));
-    put<quint32>(head, 100, laz ? 1u : 0u);
+    storeAt<quint16>(head, 94, 227);
+    storeAt<quint32>(head, 96, quint32(227 + vlr.size()));
+    storeAt<quint32>(head, 100, laz ? 1u : 0u);
     head[104] = char(laz ? (format | 0x80) : format);
-    put<quint16>(head, 105, quint16(length));
-    put<quint32>(head, 107, n);
-    put<quint32>(head, 111, n); // all first returns
+    storeAt<quint16>(head, 105, quint16(length));
+    storeAt<quint32>(head, 107, n);
+    storeAt<quint32>(head, 111, n); // all first returns
     for (int d = 0; d < 3; ++d) {
-        put<double>(head, 131 + 8 * d, LAS_SCALE);
-        put<double>(head, 155 + 8 * d, offset[d]);
-        put<double>(head, 179 + 16 * d, n ? max[d] : 0.0);
-        put<double>(head, 187 + 16 * d, n ? min[d] : 0.0);
+        storeAt<double>(head, 131 + 8 * d, LAS_SCALE);
+        storeAt<double>(head, 155 + 8 * d, offset[d]);
+        storeAt<double>(head, 179 + 16 * d, n ? max[d] : 0.0);
+        storeAt<double>(head, 187 + 16 * d, n ? min[d] : 0.0);
     }
     writeAll(out, head.constData(), head.size());
     writeAll(out, vlr.constData(), vlr.size());

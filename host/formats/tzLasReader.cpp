@@ -517,11 +517,6 @@ private:
     quint64 m_done = 0;
 };
 
-template<typename T> void storeAt(QByteArray &bytes, int offset, T value)
-{
-    std::memcpy(bytes.data() + offset, &value, sizeof value);
-}
-
 } // namespace
 
 void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
