@@ -265,8 +265,11 @@ int main(int argc, char **argv) // NOLINT(bugprone-exception-escape): a benchmar
 
     // The sights, spread over the survey (companion coordinates: local - shift).
     tzHObject *group = measurementGroup(&window, true);
-    tzGlobalShift::scale = 1.0;
-    tzGlobalShift::shift = cloud->getGlobalShift();
+    // The run's frame, as its first pick would take it: the sights are drawn in it.
+    const auto frame
+        = std::make_shared<tzCoordinateFrame>(tzCoordinateFrame {1.0, cloud->getGlobalShift()});
+    plugin.sightTool()->setFrame(frame);
+    plugin.link()->setFrame(frame);
     {
         std::mt19937 rng(11);
         std::uniform_int_distribution<unsigned> anyPoint(0, cloud->size() - 1);
@@ -274,8 +277,9 @@ int main(int argc, char **argv) // NOLINT(bugprone-exception-escape): a benchmar
             const TZVector3 &p = *cloud->getPoint(anyPoint(rng));
             auto *sight = new tzCVisee();
             sight->setNumber(QString::number(i + 1));
-            sight->setCoordinates({p.x - tzGlobalShift::shift.x, p.y - tzGlobalShift::shift.y,
-                                   p.z - tzGlobalShift::shift.z});
+            sight->setCoordinates(
+                {p.x - frame->shift.x, p.y - frame->shift.y, p.z - frame->shift.z});
+            sight->setFrame(frame);
             sight->refreshNameAndMetaData();
             group->addChild(sight, DP_PARENT_OF_OTHER);
             window.addToDatabase(sight, false, false, false, false);

@@ -19,18 +19,18 @@ tzXComposite::~tzXComposite()
     qDeleteAll(m_entities);
 }
 
-void tzXComposite::convertToView()
+void tzXComposite::convertToView(const tzCoordinateFrame &frame)
 {
     m_drawingValid = false;
     for (tzXentity *entity : qAsConst(m_entities))
-        entity->convertToView();
+        entity->convertToView(frame);
 }
 
-void tzXComposite::convertFromView()
+void tzXComposite::convertFromView(const tzCoordinateFrame &frame)
 {
     m_drawingValid = false;
     for (tzXentity *entity : qAsConst(m_entities))
-        entity->convertFromView();
+        entity->convertFromView(frame);
 }
 
 void tzXComposite::addTo(tzXLineBatch &batch) const

@@ -14,8 +14,8 @@ public:
     tzXComposite();
     ~tzXComposite() override;
 
-    void convertToView() override;
-    void convertFromView() override;
+    void convertToView(const tzCoordinateFrame &frame) override;
+    void convertFromView(const tzCoordinateFrame &frame) override;
     void drawEntity(QOpenGLFunctions_2_1 *gl) override;
     void addTo(tzXLineBatch &batch) const override;
     tzHObject *node() override { return this; }

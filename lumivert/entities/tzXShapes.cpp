@@ -8,18 +8,18 @@
 
 namespace {
 
-TZVector3d toView(const TZVector3d &p)
+TZVector3d toView(const TZVector3d &p, const tzCoordinateFrame &frame)
 {
-    const double s = tzGlobalShift::scale;
-    const TZVector3d &t = tzGlobalShift::shift;
+    const double s = frame.scale;
+    const TZVector3d &t = frame.shift;
     return {p.x * s + t.x, p.y * s + t.y, p.z * s + t.z};
 }
 
 // The division comes before the subtraction: not the inverse of toView unless the scale is 1.
-TZVector3d fromView(const TZVector3d &p)
+TZVector3d fromView(const TZVector3d &p, const tzCoordinateFrame &frame)
 {
-    const double s = tzGlobalShift::scale;
-    const TZVector3d &t = tzGlobalShift::shift;
+    const double s = frame.scale;
+    const TZVector3d &t = frame.shift;
     return {p.x / s - t.x, p.y / s - t.y, p.z / s - t.z};
 }
 
@@ -129,16 +129,16 @@ bool tzXLine::readJson(const QJsonObject &frame)
     return true;
 }
 
-void tzXLine::convertToView()
+void tzXLine::convertToView(const tzCoordinateFrame &frame)
 {
     for (TZVector3d &v : m_vertices)
-        v = toView(v);
+        v = toView(v, frame);
 }
 
-void tzXLine::convertFromView()
+void tzXLine::convertFromView(const tzCoordinateFrame &frame)
 {
     for (TZVector3d &v : m_vertices)
-        v = fromView(v);
+        v = fromView(v, frame);
 }
 
 void tzXLine::addTo(tzXLineBatch &batch) const
@@ -174,16 +174,16 @@ bool tzXCircle::readJson(const QJsonObject &frame)
     return true;
 }
 
-void tzXCircle::convertToView()
+void tzXCircle::convertToView(const tzCoordinateFrame &frame)
 {
-    m_center = toView(m_center);
-    m_radius *= tzGlobalShift::scale;
+    m_center = toView(m_center, frame);
+    m_radius *= frame.scale;
 }
 
-void tzXCircle::convertFromView()
+void tzXCircle::convertFromView(const tzCoordinateFrame &frame)
 {
-    m_center = fromView(m_center);
-    m_radius /= tzGlobalShift::scale;
+    m_center = fromView(m_center, frame);
+    m_radius /= frame.scale;
 }
 
 void tzXCircle::addTo(tzXLineBatch &batch) const

@@ -40,8 +40,8 @@ class tzXLine : public tzXentity
 {
 public:
     bool readJson(const QJsonObject &frame) override;
-    void convertToView() override;
-    void convertFromView() override;
+    void convertToView(const tzCoordinateFrame &frame) override;
+    void convertFromView(const tzCoordinateFrame &frame) override;
     void drawEntity(QOpenGLFunctions_2_1 *gl) override;
     const QVector<TZVector3d> &vertices() const { return m_vertices; }
     void addTo(tzXLineBatch &batch) const override;
@@ -66,8 +66,8 @@ class tzXCircle : public tzXentity
 {
 public:
     bool readJson(const QJsonObject &frame) override;
-    void convertToView() override;
-    void convertFromView() override;
+    void convertToView(const tzCoordinateFrame &frame) override;
+    void convertFromView(const tzCoordinateFrame &frame) override;
     void drawEntity(QOpenGLFunctions_2_1 *gl) override;
     void addTo(tzXLineBatch &batch) const override;
     const TZVector3d &center() const { return m_center; }

@@ -4,35 +4,7 @@
 #include "tzHObject.h"
 #include "tzPointCloud.h"
 
-double tzGlobalShift::scale = 1.0;
-TZVector3d tzGlobalShift::shift;
 bool tzXentity::pictureShown = false;
-
-namespace {
-
-const tzGenericPointCloud *firstCloud(const tzHObject *object)
-{
-    for (unsigned i = 0; i < object->getChildrenNumber(); ++i) {
-        const tzHObject *child = object->getChild(i);
-        if (child->isA(TZ_TYPES::POINT_CLOUD))
-            return static_cast<const tzGenericPointCloud *>(child);
-        if (const tzGenericPointCloud *cloud = firstCloud(child))
-            return cloud;
-    }
-    return nullptr;
-}
-
-} // namespace
-
-bool tzGlobalShift::captureFrom(const tzHObject *root)
-{
-    const tzGenericPointCloud *cloud = root ? firstCloud(root) : nullptr;
-    if (!cloud)
-        return false;
-    scale = cloud->getGlobalScale();
-    shift = cloud->getGlobalShift();
-    return true;
-}
 
 bool tzXentity::readJson(const QJsonObject &frame)
 {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "TZVector3.h"
+#include "tzCoordinateFrame.h"
 
 #include <QJsonObject>
 #include <QString>
@@ -9,19 +10,6 @@ class QOpenGLFunctions_2_1;
 class tzApplicationInterface;
 class tzHObject;
 class tzXLineBatch;
-
-//! The scale and shift that turn the companion's coordinates into the scene's:
-//! scene = companion x scale + shift. One pair for the whole process, copied from the first cloud
-//! of the scene before each frame that creates or updates an object, and from the picked cloud
-//! at each pick of the sight tool. Until then the identity.
-struct tzGlobalShift
-{
-    static double scale;
-    static TZVector3d shift;
-    //! Copies the first point cloud's scale and shift (clouds looked for under root, depth
-    //! first); without a cloud the values stay. Returns whether a cloud was found.
-    static bool captureFrom(const tzHObject *root);
-};
 
 //! What every object described by the companion shares: its kind ("type"), its identifier
 //! ("ident") and its colour, read from the frame's JSON object; and the lookup of the scene group
@@ -39,10 +27,10 @@ public:
     //! assigned: reading twice doubles it (classes with a fixed kind set it again afterwards).
     //! A missing or non-integer member reads 0. Never refuses a frame.
     virtual bool readJson(const QJsonObject &frame);
-    //! Companion coordinates to scene coordinates, with tzGlobalShift.
-    virtual void convertToView() = 0;
+    //! Companion coordinates to scene coordinates, in a frame.
+    virtual void convertToView(const tzCoordinateFrame &frame) = 0;
     //! Back to the companion's; not the inverse of convertToView unless the scale is 1 (kept).
-    virtual void convertFromView() = 0;
+    virtual void convertFromView(const tzCoordinateFrame &frame) = 0;
     //! Immediate-mode drawing in scene coordinates, inside the 3D pass.
     virtual void drawEntity(QOpenGLFunctions_2_1 *gl) = 0;
     //! Adds what drawEntity draws to a batch of lines, for those entities made of lines.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "TZVector3.h"
+#include "tzCoordinateFrame.h"
 #include "tzSceneIndex.h"
 #include "tzSocket.h"
 
@@ -80,6 +81,11 @@ public:
     bool isReconnecting() const { return m_reconnecting; }
     //! One attempt now, if the link is not up (the user asking).
     void reconnectNow();
+    //! The frame between the companion's coordinates and the scene's, taken from the scene's
+    //! first cloud before each frame that creates or updates an object (the run shares it with
+    //! its sight tool); the sights made from frames are drawn in it.
+    void setFrame(std::shared_ptr<tzCoordinateFrame> frame) { m_frame = std::move(frame); }
+    const tzCoordinateFrame &frame() const { return *m_frame; }
     //! Connections tried so far (the first, the user's and the reconnection's).
     int attemptCount() const { return m_attempts; }
     //! Whether an attempt is due (the reconnection's timer runs).
@@ -163,6 +169,7 @@ private:
     QString m_inbox; // under m_inboxMutex
     QString m_pending; // GUI thread only: text after the last 0x04 seen
     int m_attempts = 0;
+    std::shared_ptr<tzCoordinateFrame> m_frame = std::make_shared<tzCoordinateFrame>();
     QString m_serverAddress = QStringLiteral("127.0.0.1");
     int m_serverPort = 6601; // fixed: the settings never change it
     int m_portValue = 0;

@@ -41,7 +41,7 @@ void tzCommunicationHandler::dispatch(const QString &frame)
     } else if (command == QLatin1String("mesure")) {
         setReferencePoint(type, object.value(QLatin1String("fromvisee")).toInt());
     } else {
-        tzGlobalShift::captureFrom(m_app->databaseRoot());
+        m_frame->captureFrom(m_app->databaseRoot());
         if (type == QLatin1String("CVisee"))
             createOrUpdateSight(object);
         else if (type == QLatin1String("XSymbole"))
@@ -96,6 +96,7 @@ void tzCommunicationHandler::refreshViews()
 void tzCommunicationHandler::createOrUpdateSight(const QJsonObject &frame)
 {
     auto sight = std::make_unique<tzCVisee>(QStringLiteral("Visee"));
+    sight->setFrame(m_frame);
     tzHObject *group = sight->getOrCreateGroup(m_app);
     if (!group || !sight->readJson(frame))
         return;
@@ -134,7 +135,7 @@ void tzCommunicationHandler::replaceComposite(std::unique_ptr<tzXComposite> comp
     composite->setType(QString());
     if (!group || !composite->readJson(frame))
         return;
-    composite->convertToView();
+    composite->convertToView(*m_frame);
     if (!deleteByIdent(composite->ident()))
         qDebug("%s", nothingDeleted);
     // The group may have gone with the deleted object (an object of that ident holding it).

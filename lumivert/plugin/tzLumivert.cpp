@@ -58,6 +58,10 @@ tzLumivert::tzLumivert(QObject *parent)
     , m_viseeTool(new tzCViseeTool(this))
     , m_comm(new tzCommunicationHandler(this))
 {
+    // One frame between the companion's coordinates and the scene's for the whole run: the
+    // tool takes the picked cloud's, the link the scene's first cloud's.
+    m_viseeTool->setFrame(m_frame);
+    m_comm->setFrame(m_frame);
     connect(m_comm, &tzCommunicationHandler::linkLost, this, &tzLumivert::onLinkLost);
     connect(m_comm, &tzCommunicationHandler::linkRestored, this, &tzLumivert::onLinkRestored);
     // Sights in scene files come back through the plug-in.
@@ -164,7 +168,7 @@ void tzLumivert::exportMeasuresAs()
         return;
     if (QFileInfo(path).suffix().isEmpty())
         path += QStringLiteral(".csv");
-    const tzMeasureExport done = exportMeasures(m_app->databaseRoot(), path);
+    const tzMeasureExport done = exportMeasures(m_app->databaseRoot(), path, *m_frame);
     if (!done.error.isEmpty()) {
         const QString text = QStringLiteral("Could not write '%1': %2").arg(path, done.error);
         printToConsole(QStringLiteral("[tzLumivert] ") + text,

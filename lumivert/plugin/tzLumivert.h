@@ -1,6 +1,7 @@
 #pragma once
 
 #include "TZVector3.h"
+#include "tzCoordinateFrame.h"
 #include "tzPickingListener.h"
 #include "tzStdPluginInterface.h"
 
@@ -9,6 +10,8 @@
 #include <QPointer>
 #include <QSet>
 #include <QString>
+
+#include <memory>
 
 #include <functional>
 
@@ -144,6 +147,7 @@ private:
     tzLineationTool *m_lineationTool;
     tzCViseeTool *m_viseeTool;
     tzCommunicationHandler *m_comm;
+    std::shared_ptr<tzCoordinateFrame> m_frame = std::make_shared<tzCoordinateFrame>();
     tzGLWindow *m_glWindow = nullptr;
     QString m_styleNormal = QStringLiteral("border:1px solid #A9A9A9;");
     QString m_styleActive = QStringLiteral("border:1px solid #ff0000;");

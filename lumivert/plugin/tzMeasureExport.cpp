@@ -23,8 +23,8 @@ QByteArray number(double value, int decimals)
     return QByteArray::number(value, 'f', decimals); // always the C locale
 }
 
-void collect(const tzHObject *object, QByteArray &sights, QByteArray &distances,
-             tzMeasureExport &result)
+void collect(const tzHObject *object, const tzCoordinateFrame &frame, QByteArray &sights,
+             QByteArray &distances, tzMeasureExport &result)
 {
     for (unsigned i = 0; i < object->getChildrenNumber(); ++i) {
         const tzHObject *child = object->getChild(i);
@@ -39,8 +39,8 @@ void collect(const tzHObject *object, QByteArray &sights, QByteArray &distances,
             const auto meta = [child](const char *key) {
                 return child->getMetaData(QLatin1String(key)).toDouble();
             };
-            const double s = tzGlobalShift::scale;
-            const TZVector3d &t = tzGlobalShift::shift;
+            const double s = frame.scale;
+            const TZVector3d &t = frame.shift;
             distances += "distance,,," + number((meta("Sx") - t.x) / s, 4) + ','
                 + number((meta("Sy") - t.y) / s, 4) + ',' + number((meta("Sz") - t.z) / s, 4) + ','
                 + number((meta("Ex") - t.x) / s, 4) + ',' + number((meta("Ey") - t.y) / s, 4) + ','
@@ -48,19 +48,19 @@ void collect(const tzHObject *object, QByteArray &sights, QByteArray &distances,
                 + number(meta("Trend"), 2) + ',' + number(meta("Plunge"), 2) + '\n';
             ++result.distances;
         }
-        collect(child, sights, distances, result);
+        collect(child, frame, sights, distances, result);
     }
 }
 
 } // namespace
 
-tzMeasureExport exportMeasures(const tzHObject *root, const QString &path)
+tzMeasureExport exportMeasures(const tzHObject *root, const QString &path, tzCoordinateFrame &frame)
 {
     tzMeasureExport result;
     QByteArray sights, distances;
     if (root) {
-        tzGlobalShift::captureFrom(root);
-        collect(root, sights, distances, result);
+        frame.captureFrom(root);
+        collect(root, frame, sights, distances, result);
     }
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly) || file.write(HEADER + sights + distances) < 0

@@ -2,6 +2,8 @@
 
 // The surveyor's measures as a table: File > Export measures.
 
+#include "tzCoordinateFrame.h"
+
 #include <QString>
 
 class tzHObject;
@@ -15,6 +17,9 @@ struct tzMeasureExport
 
 //! Writes to path, as CSV in the C locale with a header row, every sight under root (ident,
 //! number, x, y, z in the companion's coordinates) and every distance (start and end in the
-//! companion's coordinates, length in metres, trend and plunge in degrees). The file is written
-//! whole or left as it was.
-tzMeasureExport exportMeasures(const tzHObject *root, const QString &path);
+//! companion's coordinates, length in metres, trend and plunge in degrees). The distances go
+//! back to the companion's coordinates in frame, which first takes the scene's first cloud's
+//! (the run's frame, as each frame of the companion does). The file is written whole or left as
+//! it was.
+tzMeasureExport exportMeasures(const tzHObject *root, const QString &path,
+                               tzCoordinateFrame &frame);

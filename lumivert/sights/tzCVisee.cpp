@@ -113,19 +113,19 @@ void tzCVisee::refreshNameAndMetaData()
     setMetaData(data, true);
 }
 
-void tzCVisee::convertToView()
+void tzCVisee::convertToView(const tzCoordinateFrame &frame)
 {
-    const double s = tzGlobalShift::scale;
-    const TZVector3d &t = tzGlobalShift::shift;
+    const double s = frame.scale;
+    const TZVector3d &t = frame.shift;
     m_coordX = m_coordX * s + t.x;
     m_coordY = m_coordY * s + t.y;
     m_coordZ = m_coordZ * s + t.z;
 }
 
-void tzCVisee::convertFromView()
+void tzCVisee::convertFromView(const tzCoordinateFrame &frame)
 {
-    const double s = tzGlobalShift::scale;
-    const TZVector3d &t = tzGlobalShift::shift;
+    const double s = frame.scale;
+    const TZVector3d &t = frame.shift;
     m_coordX = (m_coordX - t.x) / s;
     m_coordY = (m_coordY - t.y) / s;
     m_coordZ = (m_coordX - t.z) / s; // from the new x, as the companion's side does
@@ -344,8 +344,8 @@ void tzCVisee::drawMeOnly(tzDrawContext &context)
         gl->glPushName(getUniqueID());
     const QColor colour = isSelected() && !picking ? QColor(Qt::red) : context.labelDefaultColor;
     // The companion's coordinates brought into the cloud's frame.
-    const double s = tzGlobalShift::scale;
-    const TZVector3d &t = tzGlobalShift::shift;
+    const double s = m_frame->scale;
+    const TZVector3d &t = m_frame->shift;
     const TZVector3d p(m_coordX * s + t.x, m_coordY * s + t.y, m_coordZ * s + t.z);
     const float scale = float(m_relMarkerScale * context.labelMarkerSize * pixelSizeAt(context, p));
     if (context.spheres && !picking) {
@@ -630,11 +630,12 @@ bool tzCVisee::resolveLoadedReferences(const LoadedIDMap &oldToNew)
     }
     m_points = std::move(points);
     m_loadedCloudIDs.clear();
-    // Drawn in the frame of the scene's first cloud, before any run of the plug-in has taken
-    // it (a scene opened on its own).
+    // Drawn in the frame of the scene's first cloud (a scene opened on its own, no run).
     const tzHObject *top = this;
     while (top->getParent())
         top = top->getParent();
-    tzGlobalShift::captureFrom(top);
+    auto frame = std::make_shared<tzCoordinateFrame>();
+    frame->captureFrom(top);
+    m_frame = std::move(frame);
     return true;
 }

@@ -8,6 +8,8 @@
 #include <QRect>
 #include <QVector>
 
+#include <memory>
+
 class tzGenericPointCloud;
 
 //! A sight: a measurement point owned by the companion, with its identifier, the number the
@@ -41,9 +43,9 @@ public:
     // tzXentity
     //! "number" and "coord" {"X","Y","Z"} beside the base's members; never refuses.
     bool readJson(const QJsonObject &frame) override;
-    void convertToView() override;
+    void convertToView(const tzCoordinateFrame &frame) override;
     //! z is computed from the x just converted, not from coordZ (kept as it is).
-    void convertFromView() override;
+    void convertFromView(const tzCoordinateFrame &frame) override;
     void drawEntity(QOpenGLFunctions_2_1 *gl) override;
 
     //! False for no cloud, an index out of the cloud, or a fourth point.
@@ -99,6 +101,10 @@ public:
     void setShownIn2D(bool state) { m_shownIn2D = state; }
     float relativeMarkerScale() const { return m_relMarkerScale; }
     void setRelativeMarkerScale(float scale) { m_relMarkerScale = scale; }
+    //! The frame the sight is drawn in (its coordinates are the companion's): the run's that
+    //! made it, or, for a sight loaded from a scene, the scene's first cloud's.
+    const tzCoordinateFrame &frame() const { return *m_frame; }
+    void setFrame(std::shared_ptr<const tzCoordinateFrame> frame) { m_frame = std::move(frame); }
 
 protected:
     void drawMeOnly(tzDrawContext &context) override;
@@ -128,4 +134,5 @@ private:
     bool m_shownIn2D = true;
     float m_relMarkerScale = 1.f;
     std::vector<unsigned> m_loadedCloudIDs; // while a scene loads: old IDs of the points' clouds
+    std::shared_ptr<const tzCoordinateFrame> m_frame = std::make_shared<tzCoordinateFrame>();
 };

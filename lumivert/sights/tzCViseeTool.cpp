@@ -27,14 +27,6 @@ namespace {
 // The cylinder of the lowest-point search goes this far below its centre.
 constexpr float LOWEST_POINT_DEPTH = 20.f;
 
-tzCVisee *newWorkingSight()
-{
-    auto *sight = new tzCVisee(QStringLiteral("Visee"));
-    sight->setSelected(true);
-    sight->setPickable(false);
-    return sight;
-}
-
 TZVector3 narrowed(const TZVector3d &p)
 {
     return TZVector3(float(p.x), float(p.y), float(p.z));
@@ -197,10 +189,25 @@ bool tzCViseeTool::searchAround(const TZVector3 &M, float r, int &nearestIndex, 
     return !neighbours.empty();
 }
 
-TZVector3d tzCViseeTool::toLocal(const tzCVisee &sight)
+tzCVisee *tzCViseeTool::newWorkingSight() const
 {
-    const double s = tzGlobalShift::scale;
-    const TZVector3d &t = tzGlobalShift::shift;
+    auto *sight = new tzCVisee(QStringLiteral("Visee"));
+    sight->setSelected(true);
+    sight->setPickable(false);
+    sight->setFrame(m_frame);
+    return sight;
+}
+
+void tzCViseeTool::setFrame(std::shared_ptr<tzCoordinateFrame> frame)
+{
+    m_frame = std::move(frame);
+    m_workingSight->setFrame(m_frame);
+}
+
+TZVector3d tzCViseeTool::toLocal(const tzCVisee &sight) const
+{
+    const double s = m_frame->scale;
+    const TZVector3d &t = m_frame->shift;
     const TZVector3d c = sight.coordinates();
     return {s * c.x + t.x, s * c.y + t.y, s * c.z + t.z};
 }
@@ -217,8 +224,8 @@ void tzCViseeTool::refreshKeepingName(tzCVisee &sight)
 
 void tzCViseeTool::setWorkingSightCoordinates(const TZVector3 &P)
 {
-    const double s = tzGlobalShift::scale;
-    const TZVector3d &t = tzGlobalShift::shift;
+    const double s = m_frame->scale;
+    const TZVector3d &t = m_frame->shift;
     m_workingSight->setCoordinates({(P.x - t.x) / s, (P.y - t.y) / s, (P.z - t.z) / s});
     m_workingSight->refreshNameAndMetaData();
 }
@@ -232,10 +239,10 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex, 
     m_cloud = cloud;
     if (!cloud->getOctree())
         cloud->computeOctree();
-    tzGlobalShift::scale = cloud->getGlobalScale();
-    tzGlobalShift::shift = cloud->getGlobalShift();
-    const double s = tzGlobalShift::scale;
-    const TZVector3d &t = tzGlobalShift::shift;
+    m_frame->scale = cloud->getGlobalScale();
+    m_frame->shift = cloud->getGlobalShift();
+    const double s = m_frame->scale;
+    const TZVector3d &t = m_frame->shift;
 
     const bool lowestWanted
         = (m_plugin && m_plugin->isKeyHeld(Qt::Key_Z)) || m_mode == LOWEST_POINT;
@@ -478,8 +485,8 @@ void tzCViseeTool::reportCursor(tzGLWindow *window, const TZVector3d &M)
         return;
     m_lastReportMs = now;
     qDebug(" --> 3D (%.2lf ; %.2lf ; %.2lf)", M.x, M.y, M.z);
-    const double s = tzGlobalShift::scale;
-    const TZVector3d &t = tzGlobalShift::shift;
+    const double s = m_frame->scale;
+    const TZVector3d &t = m_frame->shift;
     if (tzCommunicationHandler *link = m_plugin ? m_plugin->link() : nullptr)
         link->sendMouseCursor(window->getCurrentUpDir(),
                               {(M.x - t.x) / s, (M.y - t.y) / s, (M.z - t.z) / s});

@@ -2,8 +2,11 @@
 
 #include "Octree.h"
 #include "tzTool.h"
+#include "tzXentity.h"
 
 #include <QPoint>
+
+#include <memory>
 
 class QMouseEvent;
 class tzCVisee;
@@ -28,6 +31,12 @@ public:
 
     explicit tzCViseeTool(tzLumivert *plugin);
     ~tzCViseeTool() override;
+
+    //! The frame between the companion's coordinates and the scene's, which the tool takes from
+    //! the picked cloud at each pick and the sights it makes are drawn in (the run shares it
+    //! with its link).
+    void setFrame(std::shared_ptr<tzCoordinateFrame> frame);
+    const tzCoordinateFrame &frame() const { return *m_frame; }
 
     void toolActivated() override;
     void toolDeactivated() override;
@@ -93,7 +102,8 @@ private:
     static void refreshKeepingName(tzCVisee &sight);
     void setWorkingSightCoordinates(const TZVector3 &P);
     //! The sight's coordinates in the cloud's frame (S x coord + T).
-    static TZVector3d toLocal(const tzCVisee &sight);
+    TZVector3d toLocal(const tzCVisee &sight) const;
+    tzCVisee *newWorkingSight() const;
     void reportCursor(tzGLWindow *view, const TZVector3d &M);
     void showRubberBand(const TZVector3 &to);
     //! The rubber band to the cursor, the circle shown or not, and a new frame.
@@ -101,6 +111,7 @@ private:
     tzGLWindow *view() const;
 
     tzLumivert *m_plugin; // not owned
+    std::shared_ptr<tzCoordinateFrame> m_frame = std::make_shared<tzCoordinateFrame>();
     tzMouseCircle *m_mouseCircle = nullptr;
     int m_mode = OFF;
     TZVector3 m_lastPoint;

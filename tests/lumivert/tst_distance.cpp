@@ -247,12 +247,13 @@ void TestDistance::measuresOfASavedSceneExported()
                  qPrintable(error));
     }
     // Opened on its own (no run has taken the survey's shift): its sights draw on the survey.
-    tzGlobalShift::shift = {0, 0, 0};
     QString error;
     const std::unique_ptr<tzHObject> loaded(
         tzSceneFile::load(dir.filePath(QStringLiteral("site.tzs")), error));
     QVERIFY2(loaded, qPrintable(error));
-    QCOMPARE(tzGlobalShift::shift, TZVector3d(-651200, -6861400, 0));
+    const auto *loadedSight = dynamic_cast<const tzCVisee *>(loaded->getChild(1)->getChild(0));
+    QVERIFY(loadedSight);
+    QCOMPARE(loadedSight->frame().shift, TZVector3d(-651200, -6861400, 0));
     // The distance comes back as a distance (drawn with its arrow), on its cloud.
     const auto *distance = dynamic_cast<const tzLineation *>(loaded->getChild(1)->getChild(1));
     QVERIFY(distance);
@@ -261,7 +262,8 @@ void TestDistance::measuresOfASavedSceneExported()
 
     QLocale::setDefault(QLocale(QLocale::French)); // a decimal comma must not reach the file
     const QString csv = dir.filePath(QStringLiteral("measures.csv"));
-    const tzMeasureExport done = exportMeasures(loaded.get(), csv);
+    tzCoordinateFrame frame; // a run's, which takes the survey's first cloud's
+    const tzMeasureExport done = exportMeasures(loaded.get(), csv, frame);
     QLocale::setDefault(QLocale::c());
     QVERIFY2(done.error.isEmpty(), qPrintable(done.error));
     QCOMPARE(done.sights, 1);
@@ -276,7 +278,7 @@ void TestDistance::measuresOfASavedSceneExported()
 
     // A folder that does not exist: an error, and no file.
     const tzMeasureExport failed
-        = exportMeasures(loaded.get(), dir.filePath(QStringLiteral("no/m.csv")));
+        = exportMeasures(loaded.get(), dir.filePath(QStringLiteral("no/m.csv")), frame);
     QVERIFY(!failed.error.isEmpty());
     QVERIFY(!QFile::exists(dir.filePath(QStringLiteral("no/m.csv"))));
 }

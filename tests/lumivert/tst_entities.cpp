@@ -79,20 +79,6 @@ template<typename T> QList<T *> objectsOf(tzHObject *root)
     return found;
 }
 
-struct ShiftScope
-{
-    ShiftScope(double scale, const TZVector3d &shift)
-    {
-        tzGlobalShift::scale = scale;
-        tzGlobalShift::shift = shift;
-    }
-    ~ShiftScope()
-    {
-        tzGlobalShift::scale = 1.0;
-        tzGlobalShift::shift = TZVector3d();
-    }
-};
-
 } // namespace
 
 class TestEntities : public QObject
@@ -105,7 +91,7 @@ private slots:
 
     void baseReadAppendsTheTypeAndOverwritesTheRest();
     void shapesReadAndTraceTheirGeometry();
-    void conversionsUseTheGlobalScaleAndShift();
+    void conversionsUseTheFramesScaleAndShift();
     void symbolTakesTheLastInsertOnly();
     void alignmentTakesLinesAndPolylines();
     void groupsAreLookedForTwoLevelsDeep();
@@ -151,8 +137,6 @@ void TestEntities::initTestCase()
 void TestEntities::init()
 {
     m_app.reset();
-    tzGlobalShift::scale = 1.0;
-    tzGlobalShift::shift = TZVector3d();
 }
 
 void TestEntities::baseReadAppendsTheTypeAndOverwritesTheRest()
@@ -191,23 +175,23 @@ void TestEntities::shapesReadAndTraceTheirGeometry()
         "XCircle: R: 0, G: 0, B: 0 , center: 1.000000,2.000000,3.000000 radius: 0.500000"));
 }
 
-void TestEntities::conversionsUseTheGlobalScaleAndShift()
+void TestEntities::conversionsUseTheFramesScaleAndShift()
 {
-    ShiftScope shift(2.0, TZVector3d(10, 20, 30));
+    const tzCoordinateFrame frame {2.0, TZVector3d(10, 20, 30)};
     tzXLine line;
     line.readJson(lineElement("XLine", {vertex(1, 1, 1)}));
-    line.convertToView();
+    line.convertToView(frame);
     QCOMPARE(line.vertices()[0], TZVector3d(12, 22, 32));
     // Back: divided first, then shifted; not the inverse.
-    line.convertFromView();
+    line.convertFromView(frame);
     QCOMPARE(line.vertices()[0], TZVector3d(-4, -9, -14));
 
     tzXCircle circle;
     circle.readJson(json(R"({"center":{"X":1,"Y":1,"Z":1},"radius":5})"));
-    circle.convertToView();
+    circle.convertToView(frame);
     QCOMPARE(circle.center(), TZVector3d(12, 22, 32));
     QCOMPARE(circle.radius(), 10.0);
-    circle.convertFromView();
+    circle.convertFromView(frame);
     QCOMPARE(circle.radius(), 5.0);
 }
 
@@ -332,12 +316,12 @@ void TestEntities::sightReadsAFrame()
 
 void TestEntities::sightConversionsKeepTheCompanionsRule()
 {
-    ShiftScope shift(2.0, TZVector3d(10, 20, 30));
+    const tzCoordinateFrame frame {2.0, TZVector3d(10, 20, 30)};
     tzCVisee sight;
     sight.setCoordinates({1, 2, 3});
-    sight.convertToView();
+    sight.convertToView(frame);
     QCOMPARE(sight.coordinates(), TZVector3d(12, 24, 36));
-    sight.convertFromView();
+    sight.convertFromView(frame);
     // x and y come back; z is taken from the converted x: (1 - 30) / 2.
     QCOMPARE(sight.coordinates(), TZVector3d(1, 2, -14.5));
 }
@@ -615,7 +599,6 @@ void TestEntities::symbolsAreReplacedByIdentTwoLevelsDeep()
 
 void TestEntities::alignmentReplacement()
 {
-    ShiftScope shift(1.0, TZVector3d(-600000, -200000, 0));
     auto *cloud = cloudOf(3);
     cloud->setGlobalShift(TZVector3d(-600000, -200000, 0));
     m_app.databaseRoot()->addChild(cloud);
@@ -706,8 +689,12 @@ void TestEntities::lookupsFollowChangesMadeElsewhere()
 
 void TestEntities::frameCapturesTheShiftOfTheFirstCloud()
 {
+    // The run's frame, fresh: shared by its link and its sight tool.
+    const auto frame = std::make_shared<tzCoordinateFrame>();
+    link()->setFrame(frame);
+    m_plugin->sightTool()->setFrame(frame);
     send(sightFrame(1, "A", 10, 20, 30));
-    QCOMPARE(tzGlobalShift::scale, 1.0); // no cloud: the values stay
+    QCOMPARE(link()->frame().scale, 1.0); // no cloud: the values stay
     auto *group = new tzHObject(QStringLiteral("g"));
     m_app.databaseRoot()->addChild(group);
     auto *first = cloudOf(1);
@@ -718,10 +705,15 @@ void TestEntities::frameCapturesTheShiftOfTheFirstCloud()
     second->setGlobalShift(TZVector3d(9, 9, 9));
     m_app.databaseRoot()->addChild(second);
     send(json(R"({"type":"CVisee","command":"delete","ident":5})"));
-    QCOMPARE(tzGlobalShift::scale, 1.0); // deletes do not capture
+    QCOMPARE(link()->frame().scale, 1.0); // deletes do not capture
     send(symbolFrame(4, {}));
-    QCOMPARE(tzGlobalShift::scale, 0.5);
-    QCOMPARE(tzGlobalShift::shift, TZVector3d(1, 2, 3));
+    QCOMPARE(link()->frame().scale, 0.5);
+    QCOMPARE(link()->frame().shift, TZVector3d(1, 2, 3));
+    // The sight tool draws its sights in the same frame, and so does the sight made before.
+    QCOMPARE(m_plugin->sightTool()->frame().shift, TZVector3d(1, 2, 3));
+    const QList<tzCVisee *> sights = objectsOf<tzCVisee>(m_app.databaseRoot());
+    QVERIFY(!sights.isEmpty());
+    QCOMPARE(sights.front()->frame().scale, 0.5);
 }
 
 QTEST_MAIN(TestEntities)
