@@ -10,6 +10,7 @@
 
 #include "SurveyViewer.h"
 #include "tzCommunicationHandler.h"
+#include "tzFrameDispatcher.h"
 #include "tzGLWindow.h"
 #include "tzLumivert.h"
 #include "tzMainWindow.h"
@@ -211,7 +212,7 @@ int main(int argc, char **argv)
     tzLumivert plugin;
     plugin.setAppInterface(&window);
     tzCommunicationHandler *link = plugin.link();
-    link->setAppInterface(&window);
+    plugin.frames()->setAppInterface(&window); // as a run does when it starts
     unsigned received = 0, expected = 0;
     QEventLoop wait;
     link->setFrameObserver([&](const QString &) {

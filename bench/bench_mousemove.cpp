@@ -15,6 +15,7 @@
 #include "tzCVisee.h"
 #include "tzCViseeTool.h"
 #include "tzCommunicationHandler.h"
+#include "tzFrameDispatcher.h"
 #include "tzGLWindow.h"
 #include "tzLumivert.h"
 #include "tzMainWindow.h"
@@ -257,7 +258,7 @@ int main(int argc, char **argv) // NOLINT(bugprone-exception-escape): a benchmar
     }
     tzLumivert plugin;
     plugin.setAppInterface(&window);
-    plugin.link()->setAppInterface(&window);
+    plugin.frames()->setAppInterface(&window); // as a run does when it starts
     if (!plugin.link()->connectToServer()) {
         std::fprintf(stderr, "bench_mousemove: the link did not connect\n");
         return 1;
@@ -269,7 +270,7 @@ int main(int argc, char **argv) // NOLINT(bugprone-exception-escape): a benchmar
     const auto frame
         = std::make_shared<tzCoordinateFrame>(tzCoordinateFrame {1.0, cloud->getGlobalShift()});
     plugin.sightTool()->setFrame(frame);
-    plugin.link()->setFrame(frame);
+    plugin.frames()->setFrame(frame);
     {
         std::mt19937 rng(11);
         std::uniform_int_distribution<unsigned> anyPoint(0, cloud->size() - 1);

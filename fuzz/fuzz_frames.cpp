@@ -2,7 +2,9 @@
 // would receive them, assembled into frames and dispatched into a scene that holds a cloud.
 // Each byte 0xFF of the input ends a chunk (and is not part of it).
 
+#include "tzCViseeTool.h"
 #include "tzCommunicationHandler.h"
+#include "tzFrameDispatcher.h"
 #include "tzLog.h"
 #include "tzLumivert.h"
 #include "tzPointCloud.h"
@@ -39,8 +41,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     cloud->addPoint({0, 0, 0});
     cloud->setGlobalShift(TZVector3d(-1000, -2000, 0));
     scene.databaseRoot()->addChild(cloud);
-    tzCommunicationHandler link(&plugin);
-    link.setAppInterface(&scene);
+    tzCommunicationHandler link;
+    tzFrameDispatcher frames;
+    frames.setAppInterface(&scene);
+    frames.setReferencePointReceiver(
+        [](const TZVector3 &point) { plugin.sightTool()->setReferencePoint(point); });
+    link.setFrameReceiver([&frames](const QString &frame) { frames.dispatch(frame); });
 
     const char *bytes = reinterpret_cast<const char *>(data);
     size_t start = 0;

@@ -71,8 +71,7 @@ void Reader::doWork(tzCommunicationHandler *handler)
     handler->m_readerDone.notify_all();
 }
 
-tzCommunicationHandler::tzCommunicationHandler(tzLumivert *plugin)
-    : m_plugin(plugin)
+tzCommunicationHandler::tzCommunicationHandler()
 {
     auto *reader = new Reader;
     reader->moveToThread(&m_workerThread);
@@ -236,7 +235,10 @@ void tzCommunicationHandler::feed(const QString &chunk)
          end = m_pending.indexOf(QChar(4), start)) {
         const QString frame = m_pending.mid(start, end - start);
         start = end + 1;
-        dispatch(frame);
+        if (m_frameObserver)
+            m_frameObserver(frame);
+        if (m_frameReceiver)
+            m_frameReceiver(frame);
     }
     m_pending.remove(0, start);
 }

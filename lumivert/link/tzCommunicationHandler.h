@@ -1,8 +1,6 @@
 #pragma once
 
 #include "TZVector3.h"
-#include "tzCoordinateFrame.h"
-#include "tzSceneIndex.h"
 #include "tzSocket.h"
 
 #include <QObject>
@@ -17,11 +15,7 @@
 #include <memory>
 #include <mutex>
 
-class QJsonObject;
-class tzApplicationInterface;
 class tzCommunicationHandler;
-class tzXComposite;
-class tzLumivert;
 
 //! The worker of the link: blocks in the receive call on the worker thread and hands what
 //! arrives to the GUI thread through the handler's one-slot inbox.
@@ -42,9 +36,9 @@ signals:
 //! The TCP link with the companion application on 127.0.0.1:6601.
 //!
 //! Threads: the reader loop runs on the link's worker thread; everything else (connect,
-//! disconnect, the senders, frame assembly and dispatch) on the GUI thread. The two meet only in
-//! the inbox, under one plain mutex: the reader puts a received chunk there once it is empty and
-//! wakes the GUI thread, which cuts the chunks into frames at each byte 0x04.
+//! disconnect, the senders, frame assembly and handing the frames on) on the GUI thread. The two
+//! meet only in the inbox, under one plain mutex: the reader puts a received chunk there once it is
+//! empty and wakes the GUI thread, which cuts the chunks into frames at each byte 0x04.
 //!
 //! Outbound messages are one line each, in the companion's own templates, which are not JSON
 //! (missing commas, double spaces and the "Port=" pair are part of them): see the senders.
@@ -58,13 +52,9 @@ class tzCommunicationHandler : public QObject
     Q_OBJECT
 
 public:
-    explicit tzCommunicationHandler(tzLumivert *plugin);
+    tzCommunicationHandler();
     //! Shuts the socket down first, so that a reader blocked in recv lets the thread end.
     ~tzCommunicationHandler() override;
-
-    tzLumivert *plugin() const { return m_plugin; }
-    void setAppInterface(tzApplicationInterface *app) { m_app = app; }
-    tzApplicationInterface *appInterface() const { return m_app; }
 
     static constexpr int RECONNECT_INTERVAL_MS = 2000;
     static constexpr int MAX_UNSENT = 10000;
@@ -81,11 +71,6 @@ public:
     bool isReconnecting() const { return m_reconnecting; }
     //! One attempt now, if the link is not up (the user asking).
     void reconnectNow();
-    //! The frame between the companion's coordinates and the scene's, taken from the scene's
-    //! first cloud before each frame that creates or updates an object (the run shares it with
-    //! its sight tool); the sights made from frames are drawn in it.
-    void setFrame(std::shared_ptr<tzCoordinateFrame> frame) { m_frame = std::move(frame); }
-    const tzCoordinateFrame &frame() const { return *m_frame; }
     //! Connections tried so far (the first, the user's and the reconnection's).
     int attemptCount() const { return m_attempts; }
     //! Whether an attempt is due (the reconnection's timer runs).
@@ -112,21 +97,21 @@ public:
     //! The port value copied into the outbound texts: the "portTCP" setting read at connect
     //! (0 before). It never changes the port connected to.
     int portValue() const { return m_portValue; }
-    //! Receives every frame cut from the link, in order, on the GUI thread (tests and tools).
+    //! Where each frame cut from the link goes, in order, on the GUI thread (the run hands them
+    //! to the scene's dispatcher).
+    void setFrameReceiver(std::function<void(const QString &)> receiver)
+    {
+        m_frameReceiver = std::move(receiver);
+    }
+    //! Also told every frame, before the receiver (tests and tools).
     void setFrameObserver(std::function<void(const QString &)> observer)
     {
         m_frameObserver = std::move(observer);
     }
 
-    //! Cuts frames at each byte 0x04 from what has arrived so far plus chunk, and dispatches
-    //! them in order; the text after the last 0x04 waits for the next chunk. GUI thread.
+    //! Cuts frames at each byte 0x04 from what has arrived so far plus chunk, and hands them on
+    //! in order; the text after the last 0x04 waits for the next chunk. GUI thread.
     void feed(const QString &chunk);
-    //! Turns one frame into changes of the scene: creates or updates sights, replaces symbols
-    //! and alignments, deletes by identifier, or sets the sight tool's reference point. Bad
-    //! frames (not JSON, empty, of an unknown type) are dropped without a word.
-    void dispatch(const QString &frame);
-    //! Removes the first object two levels below the scene root whose "ident" metadata is ident.
-    bool deleteByIdent(int ident);
 
 signals:
     void operate(tzCommunicationHandler *handler);
@@ -153,11 +138,6 @@ private:
     int sendUnsent();
     //! Shuts the socket down, waits for the reader loop to leave it, then closes it.
     void endConnection();
-    void setReferencePoint(const QString &type, int fromVisee);
-    void createOrUpdateSight(const QJsonObject &frame);
-    void replaceComposite(std::unique_ptr<tzXComposite> composite, const QJsonObject &frame,
-                          const char *nothingDeleted);
-    void refreshViews();
 
     QThread m_workerThread;
     std::atomic<tzSocket::Handle> m_socket {tzSocket::INVALID}; // read by the reader too
@@ -169,7 +149,6 @@ private:
     QString m_inbox; // under m_inboxMutex
     QString m_pending; // GUI thread only: text after the last 0x04 seen
     int m_attempts = 0;
-    std::shared_ptr<tzCoordinateFrame> m_frame = std::make_shared<tzCoordinateFrame>();
     QString m_serverAddress = QStringLiteral("127.0.0.1");
     int m_serverPort = 6601; // fixed: the settings never change it
     int m_portValue = 0;
@@ -180,8 +159,6 @@ private:
     QTimer m_reconnectTimer;
     std::deque<QByteArray> m_unsent; // GUI thread, oldest first
     int m_dropped = 0; // texts dropped from m_unsent since the link went
-    tzApplicationInterface *m_app = nullptr;
-    tzLumivert *m_plugin; // not owned
+    std::function<void(const QString &)> m_frameReceiver;
     std::function<void(const QString &)> m_frameObserver;
-    tzSceneIndex m_index; // GUI thread: the dispatch's lookups
 };

@@ -6,6 +6,7 @@
 #include "tzCVisee.h"
 #include "tzCViseeTool.h"
 #include "tzCommunicationHandler.h"
+#include "tzFrameDispatcher.h"
 #include "tzGLWindow.h"
 #include "tzImageFrustum.h"
 #include "tzLineationTool.h"
@@ -56,12 +57,17 @@ tzLumivert::tzLumivert(QObject *parent)
     , tzStdPluginInterface(QString()) // no info file is read: every value comes from the overrides
     , m_lineationTool(new tzLineationTool)
     , m_viseeTool(new tzCViseeTool(this))
-    , m_comm(new tzCommunicationHandler(this))
+    , m_comm(new tzCommunicationHandler)
+    , m_frames(std::make_unique<tzFrameDispatcher>())
 {
     // One frame between the companion's coordinates and the scene's for the whole run: the
     // tool takes the picked cloud's, the link the scene's first cloud's.
     m_viseeTool->setFrame(m_frame);
-    m_comm->setFrame(m_frame);
+    m_frames->setFrame(m_frame);
+    // The link cuts the companion's frames; the dispatcher turns them into the scene's changes.
+    m_comm->setFrameReceiver([this](const QString &frame) { m_frames->dispatch(frame); });
+    m_frames->setReferencePointReceiver(
+        [this](const TZVector3 &point) { m_viseeTool->setReferencePoint(point); });
     connect(m_comm, &tzCommunicationHandler::linkLost, this, &tzLumivert::onLinkLost);
     connect(m_comm, &tzCommunicationHandler::linkRestored, this, &tzLumivert::onLinkRestored);
     // Sights in scene files come back through the plug-in.
@@ -202,7 +208,7 @@ void tzLumivert::doAction()
 {
     m_lineationTool->setupTool(m_app);
     m_viseeTool->setupTool(m_app);
-    m_comm->setAppInterface(m_app);
+    m_frames->setAppInterface(m_app);
 
     tzGLWindow *view = m_app ? m_app->activeView() : nullptr;
     if (!view) {

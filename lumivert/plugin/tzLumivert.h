@@ -21,6 +21,7 @@ class QToolButton;
 class tzAboutDlg;
 class tzCViseeTool;
 class tzCommunicationHandler;
+class tzFrameDispatcher;
 class tzGLWindow;
 class tzLineationTool;
 class tzTool;
@@ -74,6 +75,8 @@ public:
     QString activeToolName() const;
     qLumivertDlg *dialog() const { return m_dialog; }
     tzCommunicationHandler *link() const { return m_comm; }
+    //! What turns the companion's frames into the scene's changes.
+    tzFrameDispatcher *frames() const { return m_frames.get(); }
     tzCViseeTool *sightTool() const { return m_viseeTool; }
     //! Whether a key is held down in the viewer now. The event filter keeps the set of held keys;
     //! it forgets them all when the viewer loses the keyboard (focus out, window deactivated)
@@ -147,6 +150,7 @@ private:
     tzLineationTool *m_lineationTool;
     tzCViseeTool *m_viseeTool;
     tzCommunicationHandler *m_comm;
+    std::unique_ptr<tzFrameDispatcher> m_frames;
     std::shared_ptr<tzCoordinateFrame> m_frame = std::make_shared<tzCoordinateFrame>();
     tzGLWindow *m_glWindow = nullptr;
     QString m_styleNormal = QStringLiteral("border:1px solid #A9A9A9;");

@@ -4,7 +4,7 @@
 #include "Messages.h"
 #include "tzCVisee.h"
 #include "tzCViseeTool.h"
-#include "tzCommunicationHandler.h"
+#include "tzFrameDispatcher.h"
 #include "tzLumivert.h"
 #include "tzMouseCircle.h"
 #include "tzPointCloud.h"
@@ -119,10 +119,10 @@ private:
     tzSceneApp m_app;
     std::unique_ptr<tzLumivert> m_plugin;
     QTemporaryDir m_settings;
-    tzCommunicationHandler *link() { return m_plugin->link(); }
+    tzFrameDispatcher *frames() { return m_plugin->frames(); }
     void send(const QJsonObject &frame)
     {
-        link()->dispatch(QString::fromUtf8(QJsonDocument(frame).toJson(QJsonDocument::Compact)));
+        frames()->dispatch(QString::fromUtf8(QJsonDocument(frame).toJson(QJsonDocument::Compact)));
     }
 };
 
@@ -131,7 +131,7 @@ void TestEntities::initTestCase()
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settings.path());
     m_plugin = std::make_unique<tzLumivert>(); // registers the sight's factory
     m_plugin->setAppInterface(&m_app);
-    link()->setAppInterface(&m_app);
+    frames()->setAppInterface(&m_app); // as a run does when it starts
 }
 
 void TestEntities::init()
@@ -642,7 +642,7 @@ void TestEntities::badFramesAreDroppedSilently()
 {
     Messages messages;
     for (const char *frame : {"", "not json", "{}", "[1,2]", "{\"type\":", "\u0001"})
-        link()->dispatch(QString::fromLatin1(frame));
+        frames()->dispatch(QString::fromLatin1(frame));
     QVERIFY(messages.lines().isEmpty());
     send(json(R"({"type":"XLine","ident":1,"vertex":[{"X":1}]})"));
     send(json(R"({"type":"Unknown"})"));
@@ -691,10 +691,10 @@ void TestEntities::frameCapturesTheShiftOfTheFirstCloud()
 {
     // The run's frame, fresh: shared by its link and its sight tool.
     const auto frame = std::make_shared<tzCoordinateFrame>();
-    link()->setFrame(frame);
+    frames()->setFrame(frame);
     m_plugin->sightTool()->setFrame(frame);
     send(sightFrame(1, "A", 10, 20, 30));
-    QCOMPARE(link()->frame().scale, 1.0); // no cloud: the values stay
+    QCOMPARE(frames()->frame().scale, 1.0); // no cloud: the values stay
     auto *group = new tzHObject(QStringLiteral("g"));
     m_app.databaseRoot()->addChild(group);
     auto *first = cloudOf(1);
@@ -705,10 +705,10 @@ void TestEntities::frameCapturesTheShiftOfTheFirstCloud()
     second->setGlobalShift(TZVector3d(9, 9, 9));
     m_app.databaseRoot()->addChild(second);
     send(json(R"({"type":"CVisee","command":"delete","ident":5})"));
-    QCOMPARE(link()->frame().scale, 1.0); // deletes do not capture
+    QCOMPARE(frames()->frame().scale, 1.0); // deletes do not capture
     send(symbolFrame(4, {}));
-    QCOMPARE(link()->frame().scale, 0.5);
-    QCOMPARE(link()->frame().shift, TZVector3d(1, 2, 3));
+    QCOMPARE(frames()->frame().scale, 0.5);
+    QCOMPARE(frames()->frame().shift, TZVector3d(1, 2, 3));
     // The sight tool draws its sights in the same frame, and so does the sight made before.
     QCOMPARE(m_plugin->sightTool()->frame().shift, TZVector3d(1, 2, 3));
     const QList<tzCVisee *> sights = objectsOf<tzCVisee>(m_app.databaseRoot());

@@ -168,7 +168,7 @@ void TestLink::framesAreCutAtEachEndOfTransmission()
 {
     Companion companion;
     QVERIFY(companion.listen());
-    tzCommunicationHandler link(nullptr);
+    tzCommunicationHandler link;
     QStringList frames;
     link.setFrameObserver([&frames](const QString &frame) { frames << frame; });
     QVERIFY(link.connectToServer());
@@ -194,7 +194,7 @@ void TestLink::framesAreCutAtEachEndOfTransmission()
 void TestLink::connectWithNothingListening()
 {
     Messages log;
-    tzCommunicationHandler link(nullptr);
+    tzCommunicationHandler link;
     QVERIFY(!link.connectToServer());
     QVERIFY(log.has(QStringLiteral("\nInitialising Winsock...")));
     QVERIFY(log.has(QStringLiteral("Socket created.")));
@@ -210,7 +210,7 @@ void TestLink::portSettingOnlyFillsTheField()
         .setValue(QStringLiteral("portTCP"), 7000);
     Companion companion; // on 6601 all the same
     QVERIFY(companion.listen());
-    tzCommunicationHandler link(nullptr);
+    tzCommunicationHandler link;
     QCOMPARE(link.portValue(), 0);
     QVERIFY(link.connectToServer());
     QVERIFY(companion.accept());
@@ -225,7 +225,7 @@ void TestLink::portSettingOnlyFillsTheField()
 
 void TestLink::textsMadeWithoutALinkWaitForIt()
 {
-    tzCommunicationHandler link(nullptr);
+    tzCommunicationHandler link;
     link.sendMouseCursor({0, 0, 1}, {1, 2, 3});
     link.sendCoordinates(4, 5, 6);
     QCOMPARE(link.unsentCount(), 2);
@@ -250,7 +250,7 @@ void TestLink::companionClosingThenComingBack()
     Messages log;
     auto companion = std::make_unique<Companion>();
     QVERIFY(companion->listen());
-    tzCommunicationHandler link(nullptr);
+    tzCommunicationHandler link;
     QStringList frames;
     link.setFrameObserver([&frames](const QString &frame) { frames << frame; });
     QVERIFY(link.connectToServer());
@@ -283,7 +283,7 @@ void TestLink::lostLinkIsSaidAndTriedAgainWithTheTextsInOrder()
 {
     auto companion = std::make_unique<Companion>();
     QVERIFY(companion->listen());
-    tzCommunicationHandler link(nullptr);
+    tzCommunicationHandler link;
     QSignalSpy lost(&link, &tzCommunicationHandler::linkLost);
     QSignalSpy restored(&link, &tzCommunicationHandler::linkRestored);
     QVERIFY(link.connectToServer());
@@ -340,7 +340,7 @@ void TestLink::lostLinkIsSaidAndTriedAgainWithTheTextsInOrder()
 
 void TestLink::atMostTheNewestUnsentTextsWait()
 {
-    tzCommunicationHandler link(nullptr);
+    tzCommunicationHandler link;
     const int extra = 5;
     for (int i = 0; i < tzCommunicationHandler::MAX_UNSENT + extra; ++i)
         link.sendCoordinates(i, 0, 0);
@@ -363,7 +363,7 @@ void TestLink::aClosedLinkNeverReadsALaterSocket()
 {
     auto companion = std::make_unique<Companion>();
     QVERIFY(companion->listen());
-    tzCommunicationHandler link(nullptr);
+    tzCommunicationHandler link;
     QVERIFY(link.connectToServer());
     QVERIFY(companion->accept());
     QSignalSpy lost(&link, &tzCommunicationHandler::linkLost);
@@ -394,7 +394,7 @@ void TestLink::destroyingWhileConnectedDoesNotHang()
 {
     Companion companion;
     QVERIFY(companion.listen());
-    auto link = std::make_unique<tzCommunicationHandler>(nullptr);
+    auto link = std::make_unique<tzCommunicationHandler>();
     QVERIFY(link->connectToServer());
     QVERIFY(companion.accept());
     // Two chunks the GUI thread never takes: the reader waits for the inbox with the second.
@@ -433,7 +433,7 @@ void TestLink::standInEndToEnd()
     QVERIFY(sim.waitForStarted());
     QTRY_VERIFY(QFile::exists(logPath) && QFile(logPath).size() > 0); // listening
 
-    tzCommunicationHandler link(nullptr);
+    tzCommunicationHandler link;
     QStringList frames;
     link.setFrameObserver([&frames](const QString &frame) { frames << frame; });
     QVERIFY(link.connectToServer());

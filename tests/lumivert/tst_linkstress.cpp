@@ -117,7 +117,7 @@ void TestLinkStress::framesArriveOnceAndInOrderUnderLoad()
     Companion companion;
     QVERIFY(companion.listen());
     companion.serve(stream, 7);
-    tzCommunicationHandler link(nullptr);
+    tzCommunicationHandler link;
     int next = 0;
     bool inOrder = true;
     link.setFrameObserver([&](const QString &frame) {

@@ -1,11 +1,10 @@
 // What the companion's frames do to the scene (the GUI thread, under the link's lock).
 
+#include "tzFrameDispatcher.h"
+
 #include "tzApplicationInterface.h"
 #include "tzCVisee.h"
-#include "tzCViseeTool.h"
-#include "tzCommunicationHandler.h"
 #include "tzGLWindow.h"
-#include "tzLumivert.h"
 #include "tzXComposite.h"
 
 #include <QJsonDocument>
@@ -22,10 +21,8 @@ constexpr double SAME_SIGHT = 0.0001;
 
 } // namespace
 
-void tzCommunicationHandler::dispatch(const QString &frame)
+void tzFrameDispatcher::dispatch(const QString &frame)
 {
-    if (m_frameObserver)
-        m_frameObserver(frame);
     const QJsonDocument document = QJsonDocument::fromJson(frame.toUtf8());
     const QJsonObject object = document.object();
     if (document.isNull() || object.isEmpty())
@@ -52,7 +49,7 @@ void tzCommunicationHandler::dispatch(const QString &frame)
     }
 }
 
-bool tzCommunicationHandler::deleteByIdent(int ident)
+bool tzFrameDispatcher::deleteByIdent(int ident)
 {
     tzHObject *root = m_app ? m_app->databaseRoot() : nullptr;
     // The first object two levels below the root whose "ident" metadata is ident.
@@ -65,7 +62,7 @@ bool tzCommunicationHandler::deleteByIdent(int ident)
     return true;
 }
 
-void tzCommunicationHandler::setReferencePoint(const QString &type, int fromVisee)
+void tzFrameDispatcher::setReferencePoint(const QString &type, int fromVisee)
 {
     tzCVisee probe;
     probe.setType(type);
@@ -82,18 +79,18 @@ void tzCommunicationHandler::setReferencePoint(const QString &type, int fromVise
             break;
         }
     }
-    if (m_plugin)
-        m_plugin->sightTool()->setReferencePoint(point);
+    if (m_referencePoint)
+        m_referencePoint(point);
 }
 
-void tzCommunicationHandler::refreshViews()
+void tzFrameDispatcher::refreshViews()
 {
     m_app->refreshAllViews();
     if (tzGLWindow *view = m_app->activeView())
         view->redraw();
 }
 
-void tzCommunicationHandler::createOrUpdateSight(const QJsonObject &frame)
+void tzFrameDispatcher::createOrUpdateSight(const QJsonObject &frame)
 {
     auto sight = std::make_unique<tzCVisee>(QStringLiteral("Visee"));
     sight->setFrame(m_frame);
@@ -125,8 +122,8 @@ void tzCommunicationHandler::createOrUpdateSight(const QJsonObject &frame)
     refreshViews();
 }
 
-void tzCommunicationHandler::replaceComposite(std::unique_ptr<tzXComposite> composite,
-                                              const QJsonObject &frame, const char *nothingDeleted)
+void tzFrameDispatcher::replaceComposite(std::unique_ptr<tzXComposite> composite,
+                                         const QJsonObject &frame, const char *nothingDeleted)
 {
     // The group named by the frame's type, found or made before the frame is read (the read
     // appends the type to the composite's own, which starts empty).
