@@ -114,7 +114,7 @@ using KD2
 class KdTreeTool : public tzCViseeTool
 {
 public:
-    KdTreeTool(tzLumivert *plugin, const TZLib::PointCloud &cloud)
+    KdTreeTool(tzSightToolHost *plugin, const TZLib::PointCloud &cloud)
         : tzCViseeTool(plugin)
         , m_ad3 {cloud}
         , m_ad2 {cloud}
@@ -141,7 +141,7 @@ protected:
             }
         }
         const bool any = !matches.empty();
-        const float radius = float(plugin()->accuaryLowestPoint());
+        const float radius = float(host()->accuaryLowestPoint());
         matches.clear();
         m_kd2.radiusSearch(&M.x, radius * radius, matches, params);
         const TZLib::PointCloud &cloud = m_ad3.cloud;

@@ -3,7 +3,6 @@
 #include "tzApplicationInterface.h"
 #include "tzDrawContext.h"
 #include "tzGLWindow.h"
-#include "tzLumivert.h"
 #include "tzPointCloud.h"
 #include "tzSettings.h"
 #include "tzSphere.h"
@@ -46,9 +45,10 @@ double number(const QJsonObject &photo, const char *key)
 
 } // namespace
 
-tzImageFrustum::tzImageFrustum(tzApplicationInterface *app, tzLumivert *plugin, const QString &name)
+tzImageFrustum::tzImageFrustum(tzApplicationInterface *app, std::function<bool()> directionShown,
+                               const QString &name)
     : m_app(app)
-    , m_plugin(plugin)
+    , m_directionShown(std::move(directionShown))
 {
     Q_UNUSED(name)
     setEnabled(true);
@@ -264,7 +264,7 @@ void tzImageFrustum::drawMeOnly(tzDrawContext &context)
         marker.draw(plain);
         gl->glPopMatrix();
     }
-    if (m_plugin && m_plugin->cameraDirection() && !picking) {
+    if (m_directionShown && m_directionShown() && !picking) {
         gl->glPushAttrib(GL_COLOR_BUFFER_BIT | GL_CURRENT_BIT);
         gl->glEnable(GL_BLEND);
         gl->glColor3ub(0, 255, 0);

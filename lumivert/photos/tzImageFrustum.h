@@ -7,12 +7,12 @@
 #include <QMetaObject>
 #include <QSize>
 
+#include <functional>
 #include <memory>
 
 class QOpenGLContext;
 class QOpenGLTexture;
 class tzApplicationInterface;
-class tzLumivert;
 
 //! A photograph of the survey at its camera station: a sphere at the station (green, red when
 //! selected), on request a line along the viewing direction, and once selected the picture,
@@ -26,7 +26,9 @@ class tzImageFrustum : public tzImage, public tzInteractor
 {
 public:
     //! The name is not applied (the object keeps the image's default name).
-    tzImageFrustum(tzApplicationInterface *app, tzLumivert *plugin, const QString &name);
+    //! directionShown tells whether the run shows the photos' viewing directions (none: never).
+    tzImageFrustum(tzApplicationInterface *app, std::function<bool()> directionShown,
+                   const QString &name);
     ~tzImageFrustum() override;
 
     //! Fills the fields from one element of a photo list: a missing key, or a value of another
@@ -78,7 +80,7 @@ private:
     double m_Vx = 0, m_Vy = 0, m_Vz = 0;
     double m_cx = 0, m_cy = 0, m_f = 0;
     tzApplicationInterface *m_app; // not owned
-    tzLumivert *m_plugin; // not owned
+    std::function<bool()> m_directionShown;
     // The picture's texture, made once per selection in the context that draws it.
     std::unique_ptr<QOpenGLTexture> m_texture;
     QOpenGLContext *m_textureContext = nullptr;

@@ -14,7 +14,8 @@ QString photoListBase(const QString &cloudName)
 }
 
 std::vector<tzImageFrustum *> readPhotoList(const QString &path, const QString &folder,
-                                            tzApplicationInterface *app, tzLumivert *plugin,
+                                            tzApplicationInterface *app,
+                                            const std::function<bool()> &directionShown,
                                             QString *problem)
 {
     std::vector<tzImageFrustum *> frustums;
@@ -44,7 +45,7 @@ std::vector<tzImageFrustum *> readPhotoList(const QString &path, const QString &
         return frustums;
     const QJsonArray images = document.object().value(QLatin1String("images")).toArray();
     for (int i = 0; i < images.size(); ++i) {
-        auto *frustum = new tzImageFrustum(app, plugin, QStringLiteral("imageFrustum"));
+        auto *frustum = new tzImageFrustum(app, directionShown, QStringLiteral("imageFrustum"));
         if (!frustum->readPhoto(images.at(i).toObject())) {
             delete frustum;
             continue;

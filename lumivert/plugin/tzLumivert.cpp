@@ -76,6 +76,11 @@ tzLumivert::tzLumivert(QObject *parent)
                                [] { return new tzLineation; });
 }
 
+QAbstractButton *tzLumivert::previousHeightSwitch() const
+{
+    return m_dialog ? m_dialog->SimpleAjoutZButton : nullptr;
+}
+
 tzLumivert::~tzLumivert()
 {
     // The viewer's menus keep what the plug-in put there: not once the plug-in is gone.
@@ -594,8 +599,8 @@ void tzLumivert::loadPhotoLists()
             folder = QFileInfo(made).absolutePath() + QLatin1Char('/');
         }
         QString problem;
-        const std::vector<tzImageFrustum *> photos
-            = readPhotoList(listPath, folder, m_app, this, &problem);
+        const std::vector<tzImageFrustum *> photos = readPhotoList(
+            listPath, folder, m_app, [this] { return cameraDirection(); }, &problem);
         if (!problem.isEmpty() && !m_unreadableLists.contains(listPath)) {
             // Said once: every run reads the lists again.
             m_unreadableLists.insert(listPath);

@@ -3,6 +3,7 @@
 #include "TZVector3.h"
 #include "tzCoordinateFrame.h"
 #include "tzPickingListener.h"
+#include "tzSightToolHost.h"
 #include "tzStdPluginInterface.h"
 
 #include <QMenu>
@@ -32,7 +33,10 @@ class qLumivertDlg;
 //! (doAction) and ends with the tool bar's close button (onClose). Between the two it routes the
 //! picks of the picking hub to the active tool, switches tools from the tool bar's buttons,
 //! reacts to keys in the 3D view and holds the link with the companion. GUI thread only.
-class tzLumivert : public QObject, public tzStdPluginInterface, public tzPickingListener
+class tzLumivert : public QObject,
+                   public tzStdPluginInterface,
+                   public tzPickingListener,
+                   public tzSightToolHost
 {
     Q_OBJECT
     Q_INTERFACES(tzStdPluginInterface)
@@ -63,10 +67,10 @@ public:
     QList<QAction *> listActions() override;
     void selectionChanged(const tzHObject::Container &selectedEntities) override;
 
-    double accuaryLowestPoint() const { return m_accuaryLowestPoint; }
-    double accuaryMovePoint() const { return m_accuaryMovePoint; }
+    double accuaryLowestPoint() const override { return m_accuaryLowestPoint; }
+    double accuaryMovePoint() const override { return m_accuaryMovePoint; }
     unsigned pointSizeCloud() const { return m_pointSizeCloud; }
-    bool displayIn2D() const { return m_displayIn2D; }
+    bool displayIn2D() const override { return m_displayIn2D; }
     int accuaryZLabel() const { return m_accuaryZLabel; }
     float sizeSpheres() const { return m_sizeSpheres; }
     bool isListening() const { return m_listening; }
@@ -74,14 +78,15 @@ public:
     bool cameraDirection() const { return m_cameraDirection; }
     QString activeToolName() const;
     qLumivertDlg *dialog() const { return m_dialog; }
-    tzCommunicationHandler *link() const { return m_comm; }
+    tzCommunicationHandler *link() const override { return m_comm; }
+    QAbstractButton *previousHeightSwitch() const override;
     //! What turns the companion's frames into the scene's changes.
     tzFrameDispatcher *frames() const { return m_frames.get(); }
     tzCViseeTool *sightTool() const { return m_viseeTool; }
     //! Whether a key is held down in the viewer now. The event filter keeps the set of held keys;
     //! it forgets them all when the viewer loses the keyboard (focus out, window deactivated)
     //! and when the run stops, since the releases then go elsewhere.
-    Q_INVOKABLE bool isKeyHeld(int key) const { return m_heldKeys.contains(key); }
+    Q_INVOKABLE bool isKeyHeld(int key) const override { return m_heldKeys.contains(key); }
 
     //! Shows or hides every photo station of the scene.
     void setPhotoFrustumsVisible(bool visible);

@@ -8,7 +8,6 @@
 #include "tzDrawContext.h"
 #include "tzGLWindow.h"
 #include "tzLog.h"
-#include "tzLumivert.h"
 #include "tzMouseCircle.h"
 #include "tzPointCloud.h"
 #include "tzPolyline.h"
@@ -39,8 +38,8 @@ qint64 nowMs()
 
 } // namespace
 
-tzCViseeTool::tzCViseeTool(tzLumivert *plugin)
-    : m_plugin(plugin)
+tzCViseeTool::tzCViseeTool(tzSightToolHost *host)
+    : m_host(host)
     , m_workingSight(newWorkingSight())
     , m_lastReportMs(std::numeric_limits<qint64>::min() / 2)
 {
@@ -152,7 +151,7 @@ bool tzCViseeTool::findLowestPoint(const TZVector3 &C, TZVector3 &lowest, int &i
     TZLib::Octree::CylindricalNeighbourhood cylinder;
     cylinder.center = C;
     cylinder.dir = TZVector3(0, 0, -1);
-    cylinder.radius = float(m_plugin->accuaryLowestPoint());
+    cylinder.radius = float(m_host->accuaryLowestPoint());
     cylinder.maxHalfLength = LOWEST_POINT_DEPTH;
     cylinder.onlyPositiveDir = true;
     // The level suits the circle's radius, not the cylinder's: kept.
@@ -244,8 +243,7 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex, 
     const double s = m_frame->scale;
     const TZVector3d &t = m_frame->shift;
 
-    const bool lowestWanted
-        = (m_plugin && m_plugin->isKeyHeld(Qt::Key_Z)) || m_mode == LOWEST_POINT;
+    const bool lowestWanted = (m_host && m_host->isKeyHeld(Qt::Key_Z)) || m_mode == LOWEST_POINT;
     TZVector3 L = P;
     int lowestIndex = -1;
     if (lowestWanted)
@@ -259,10 +257,9 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex, 
         return;
 
     const float H = lowestWanted ? L.z : P.z;
-    QAbstractButton *previousHeight
-        = m_plugin && m_plugin->dialog() ? m_plugin->dialog()->SimpleAjoutZButton : nullptr;
+    QAbstractButton *previousHeight = m_host ? m_host->previousHeightSwitch() : nullptr;
     const bool changeHeight = previousHeight && previousHeight->isChecked();
-    tzCommunicationHandler *link = m_plugin ? m_plugin->link() : nullptr;
+    tzCommunicationHandler *link = m_host ? m_host->link() : nullptr;
     const auto sendMove = [link](const TZVector3d &from, const TZVector3d &to) {
         if (link)
             link->sendPointMove(to.x, to.y, to.z, from.x, from.y, from.z);
@@ -385,7 +382,7 @@ void tzCViseeTool::placeWorkingSight(tzPointCloud *cloud, unsigned index, const 
 void tzCViseeTool::fixWorkingSight()
 {
     tzHObject *group = sightContainer(m_app);
-    m_workingSight->setShownIn2D(m_plugin ? m_plugin->displayIn2D() : false);
+    m_workingSight->setShownIn2D(m_host ? m_host->displayIn2D() : false);
     if (m_shownIn)
         m_shownIn->removeFromViewDatabase(m_workingSight);
     m_workingSight->setSelected(false);
@@ -447,7 +444,7 @@ void tzCViseeTool::onMouseMove(QMouseEvent *event, tzGLWindow *window)
     for (tzCVisee *sight : sights()) {
         const TZVector3d p = toLocal(*sight);
         const double d = std::hypot(p.x - found.x, p.y - found.y);
-        if (d < m_plugin->accuaryMovePoint() && d < best) {
+        if (d < m_host->accuaryMovePoint() && d < best) {
             best = d;
             m_nearFlag = true;
         }
@@ -463,7 +460,7 @@ void tzCViseeTool::onMouseMove(QMouseEvent *event, tzGLWindow *window)
             placeWorkingSight(m_cloud, unsigned(lowestIndex), &at, &lowest);
         showPreview(window, M, false);
     } else if (m_mode == SIMPLE_POINT) {
-        if (std::abs(M.z - lowest.z) > m_plugin->accuaryLowestPoint() && M.z != 0.f
+        if (std::abs(M.z - lowest.z) > m_host->accuaryLowestPoint() && M.z != 0.f
             && lowestIndex >= 0)
             placeWorkingSight(m_cloud, unsigned(lowestIndex), &at, &lowest);
         else if (foundIndex >= 0)
@@ -487,7 +484,7 @@ void tzCViseeTool::reportCursor(tzGLWindow *window, const TZVector3d &M)
     qDebug(" --> 3D (%.2lf ; %.2lf ; %.2lf)", M.x, M.y, M.z);
     const double s = m_frame->scale;
     const TZVector3d &t = m_frame->shift;
-    if (tzCommunicationHandler *link = m_plugin ? m_plugin->link() : nullptr)
+    if (tzCommunicationHandler *link = m_host ? m_host->link() : nullptr)
         link->sendMouseCursor(window->getCurrentUpDir(),
                               {(M.x - t.x) / s, (M.y - t.y) / s, (M.z - t.z) / s});
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Octree.h"
+#include "tzSightToolHost.h"
 #include "tzTool.h"
 #include "tzXentity.h"
 
@@ -10,7 +11,6 @@
 
 class QMouseEvent;
 class tzCVisee;
-class tzLumivert;
 class tzMouseCircle;
 class tzPointCloud;
 class tzPolyline;
@@ -29,7 +29,8 @@ public:
     //! Cursor reports to the companion are at least this far apart (milliseconds).
     static constexpr qint64 CURSOR_REPORT_SPACING_MS = 500;
 
-    explicit tzCViseeTool(tzLumivert *plugin);
+    //! host: the run that drives the tool (its settings, keys, switch and link), or null.
+    explicit tzCViseeTool(tzSightToolHost *host);
     ~tzCViseeTool() override;
 
     //! The frame between the companion's coordinates and the scene's, which the tool takes from
@@ -48,7 +49,7 @@ public:
     void pointPicked(tzHObject *insertionParent, unsigned itemIndex, tzHObject *entity,
                      const TZVector3 &P) override;
 
-    tzLumivert *plugin() const { return m_plugin; }
+    tzSightToolHost *host() const { return m_host; }
     int mode() const { return m_mode; }
     void setMode(int mode) { m_mode = mode; }
     //! Sights placed next go on the lowest point below the pick.
@@ -110,7 +111,7 @@ private:
     void showPreview(tzGLWindow *window, const TZVector3 &cursor, bool circleShown);
     tzGLWindow *view() const;
 
-    tzLumivert *m_plugin; // not owned
+    tzSightToolHost *m_host; // not owned
     std::shared_ptr<tzCoordinateFrame> m_frame = std::make_shared<tzCoordinateFrame>();
     tzMouseCircle *m_mouseCircle = nullptr;
     int m_mode = OFF;

@@ -1,0 +1,23 @@
+#pragma once
+
+class QAbstractButton;
+class tzCommunicationHandler;
+
+//! What the sight tool needs of the run that drives it: the settings it reads, the keys held,
+//! the "Modifier Z precedent" switch, and where the texts to the companion go.
+class tzSightToolHost
+{
+public:
+    virtual ~tzSightToolHost() = default;
+    //! The settings "accuaryLowestPoint", "accuaryMovePoint" and "displayIn2D" as the run read
+    //! them.
+    virtual double accuaryLowestPoint() const = 0;
+    virtual double accuaryMovePoint() const = 0;
+    virtual bool displayIn2D() const = 0;
+    //! Whether the key (a Qt::Key) is held over the view now.
+    virtual bool isKeyHeld(int key) const = 0;
+    //! The previous-height switch ("Modifier Z precedent"), or null without the run's tool bar.
+    virtual QAbstractButton *previousHeightSwitch() const = 0;
+    //! The sender of the texts to the companion, or null.
+    virtual tzCommunicationHandler *link() const = 0;
+};
