@@ -1,7 +1,6 @@
 #include "tzCViseeTool.h"
 
 #include "Octree.h"
-#include "qLumivertDlg.h"
 #include "tzApplicationInterface.h"
 #include "tzCVisee.h"
 #include "tzCommunicationHandler.h"
@@ -12,6 +11,7 @@
 #include "tzPointCloud.h"
 #include "tzPolyline.h"
 
+#include <QAbstractButton>
 #include <QApplication>
 #include <QDateTime>
 #include <QMouseEvent>
