@@ -125,7 +125,7 @@ bool tzCommunicationHandler::connectToServer()
             m_reconnectTimer.start();
         return false;
     };
-    m_portValue = openLumivertSettings()->value(QStringLiteral("portTCP")).toInt();
+    m_portValue = tzLumivertSettings::portValue();
     if (!quiet)
         qDebug("\nInitialising Winsock...");
     if (!tzSocket::startup()) {

@@ -32,8 +32,7 @@ tzImageFrustum *g_lookedThrough = nullptr;
 tzSphere &stationMarker()
 {
     static const std::unique_ptr<tzSphere> marker = std::make_unique<tzSphere>(
-        openLumivertSettings()->value(QStringLiteral("sizeSpheres")).toFloat(),
-        QStringLiteral("PointMarker"), 12);
+        tzLumivertSettings::stationSize(), QStringLiteral("PointMarker"), 12);
     return *marker;
 }
 

@@ -273,53 +273,19 @@ void tzLumivert::doAction()
 
 void tzLumivert::readSettings()
 {
-    // Each value is read with no default, and an "unset" reading writes the member back instead.
-    // The unset markers differ from value to value and are kept exactly so: they are how the
-    // companion's side reads and writes the same store.
-    auto settings = openLumivertSettings();
-    const auto key = [](const char *name) { return QString::fromLatin1(name); };
-
-    if (settings->value(key("accuaryLowestPoint")).toFloat() == 0.f)
-        settings->setValue(key("accuaryLowestPoint"), m_accuaryLowestPoint);
-    else
-        m_accuaryLowestPoint = settings->value(key("accuaryLowestPoint")).toFloat();
-
-    if (settings->value(key("accuaryMovePoint")).toFloat() == 0.f)
-        settings->setValue(key("accuaryMovePoint"), m_accuaryMovePoint);
-    else
-        m_accuaryMovePoint = settings->value(key("accuaryMovePoint")).toFloat();
-
-    if (settings->value(key("pointSizeCloud")).toUInt() == 1)
-        settings->setValue(key("pointSizeCloud"), m_pointSizeCloud);
-    else
-        m_pointSizeCloud = settings->value(key("pointSizeCloud")).toUInt(); // missing: 0
-
-    if (!settings->value(key("displayIn2D")).toBool())
-        settings->setValue(key("displayIn2D"), m_displayIn2D);
-    else
-        m_displayIn2D = true;
-
-    if (settings->value(key("accuaryZLabel")).toUInt() == 2)
-        settings->setValue(key("accuaryZLabel"), m_accuaryZLabel);
-    else
-        m_accuaryZLabel = int(settings->value(key("accuaryZLabel")).toUInt()); // missing: 0
-
-    // Deliberately the other way round: a stored size is never taken here; only the options
-    // form changes the member.
-    if (settings->value(key("sizeSpheres")).toFloat() == 0.f)
-        settings->setValue(key("sizeSpheres"), m_sizeSpheres);
+    m_settings.readAtStart(*openLumivertSettings());
 }
 
 void tzLumivert::fillOptionsForm()
 {
     if (!m_optionsDialog)
         return;
-    m_optionsDialog->ValueAccuaryLowestPoint->setValue(m_accuaryLowestPoint);
-    m_optionsDialog->ValueAccuaryMovePoint->setValue(m_accuaryMovePoint);
-    m_optionsDialog->ValuePointSizeCloud->setValue(int(m_pointSizeCloud));
-    m_optionsDialog->ValueDisplayIn2D->setChecked(m_displayIn2D);
-    m_optionsDialog->ValueAccuaryZLabel->setValue(m_accuaryZLabel);
-    m_optionsDialog->ValueSizeBoulePhoto->setValue(double(m_sizeSpheres));
+    m_optionsDialog->ValueAccuaryLowestPoint->setValue(m_settings.accuaryLowestPoint);
+    m_optionsDialog->ValueAccuaryMovePoint->setValue(m_settings.accuaryMovePoint);
+    m_optionsDialog->ValuePointSizeCloud->setValue(int(m_settings.pointSizeCloud));
+    m_optionsDialog->ValueDisplayIn2D->setChecked(m_settings.displayIn2D);
+    m_optionsDialog->ValueAccuaryZLabel->setValue(m_settings.accuaryZLabel);
+    m_optionsDialog->ValueSizeBoulePhoto->setValue(double(m_settings.sizeSpheres));
 }
 
 bool tzLumivert::startMeasuring()
@@ -334,7 +300,7 @@ bool tzLumivert::startMeasuring()
     m_glWindow = view;
     m_app->mainWindow()->installEventFilter(this);
     view->installEventFilter(this);
-    view->setPointSize(float(m_pointSizeCloud));
+    view->setPointSize(float(m_settings.pointSizeCloud));
     view->redraw();
     if (m_dialog) {
         m_app->attachOverlayDialog(m_dialog, Qt::TopRightCorner);
@@ -512,7 +478,8 @@ void tzLumivert::setTakeSimplePoint()
     switchMode(m_dialog->pointPropertiesButton, m_viseeTool,
                QStringLiteral("Creer une visee sur la souris"), [this] {
                    m_viseeTool->setMode(tzCViseeTool::SIMPLE_POINT);
-                   openLumivertSettings()->setValue(QStringLiteral("SimplePoint"), true);
+                   openLumivertSettings()->setValue(QLatin1String(tzSettingKeys::SIMPLE_POINT),
+                                                    true);
                });
 }
 
@@ -523,7 +490,8 @@ void tzLumivert::setTakeLowestPoint()
     switchMode(m_dialog->pointPropertiesPointButton, m_viseeTool,
                QStringLiteral("Creer une visee sur le label"), [this] {
                    m_viseeTool->setLowestPointSearch();
-                   openLumivertSettings()->setValue(QStringLiteral("SimplePoint"), false);
+                   openLumivertSettings()->setValue(QLatin1String(tzSettingKeys::SIMPLE_POINT),
+                                                    false);
                });
 }
 
@@ -718,23 +686,17 @@ void tzLumivert::oncloseAbout()
 {
     if (!m_optionsDialog)
         return;
-    m_pointSizeCloud = quint32(m_optionsDialog->ValuePointSizeCloud->value());
-    m_accuaryMovePoint = m_optionsDialog->ValueAccuaryMovePoint->value();
-    m_accuaryLowestPoint = m_optionsDialog->ValueAccuaryLowestPoint->value();
-    m_displayIn2D = m_optionsDialog->ValueDisplayIn2D->isChecked();
-    m_accuaryZLabel = m_optionsDialog->ValueAccuaryZLabel->value();
-    m_sizeSpheres = float(m_optionsDialog->ValueSizeBoulePhoto->value());
+    m_settings.pointSizeCloud = quint32(m_optionsDialog->ValuePointSizeCloud->value());
+    m_settings.accuaryMovePoint = m_optionsDialog->ValueAccuaryMovePoint->value();
+    m_settings.accuaryLowestPoint = m_optionsDialog->ValueAccuaryLowestPoint->value();
+    m_settings.displayIn2D = m_optionsDialog->ValueDisplayIn2D->isChecked();
+    m_settings.accuaryZLabel = m_optionsDialog->ValueAccuaryZLabel->value();
+    m_settings.sizeSpheres = float(m_optionsDialog->ValueSizeBoulePhoto->value());
     if (tzGLWindow *view = m_app ? m_app->activeView() : nullptr) {
-        view->setPointSize(float(m_pointSizeCloud));
+        view->setPointSize(float(m_settings.pointSizeCloud));
         view->redraw();
     }
-    auto settings = openLumivertSettings();
-    settings->setValue(QStringLiteral("pointSizeCloud"), m_pointSizeCloud);
-    settings->setValue(QStringLiteral("accuaryMovePoint"), m_accuaryMovePoint);
-    settings->setValue(QStringLiteral("accuaryLowestPoint"), m_accuaryLowestPoint);
-    settings->setValue(QStringLiteral("displayIn2D"), m_displayIn2D);
-    settings->setValue(QStringLiteral("accuaryZLabel"), m_accuaryZLabel);
-    settings->setValue(QStringLiteral("sizeSpheres"), m_sizeSpheres);
+    m_settings.write(*openLumivertSettings());
     m_optionsDialog->stop(true);
 }
 

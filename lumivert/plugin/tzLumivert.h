@@ -3,6 +3,7 @@
 #include "TZVector3.h"
 #include "tzCoordinateFrame.h"
 #include "tzPickingListener.h"
+#include "tzSettings.h"
 #include "tzSightToolHost.h"
 #include "tzStdPluginInterface.h"
 
@@ -67,12 +68,13 @@ public:
     QList<QAction *> listActions() override;
     void selectionChanged(const tzHObject::Container &selectedEntities) override;
 
-    double accuaryLowestPoint() const override { return m_accuaryLowestPoint; }
-    double accuaryMovePoint() const override { return m_accuaryMovePoint; }
-    unsigned pointSizeCloud() const { return m_pointSizeCloud; }
-    bool displayIn2D() const override { return m_displayIn2D; }
-    int accuaryZLabel() const { return m_accuaryZLabel; }
-    float sizeSpheres() const { return m_sizeSpheres; }
+    double accuaryLowestPoint() const override { return m_settings.accuaryLowestPoint; }
+    double accuaryMovePoint() const override { return m_settings.accuaryMovePoint; }
+    unsigned pointSizeCloud() const { return m_settings.pointSizeCloud; }
+    bool displayIn2D() const override { return m_settings.displayIn2D; }
+    int accuaryZLabel() const { return m_settings.accuaryZLabel; }
+    float sizeSpheres() const { return m_settings.sizeSpheres; }
+    const tzLumivertSettings &settings() const { return m_settings; }
     bool isListening() const { return m_listening; }
     bool isZPressed() const { return m_isZpress; }
     bool cameraDirection() const { return m_cameraDirection; }
@@ -160,13 +162,8 @@ private:
     tzGLWindow *m_glWindow = nullptr;
     QString m_styleNormal = QStringLiteral("border:1px solid #A9A9A9;");
     QString m_styleActive = QStringLiteral("border:1px solid #ff0000;");
-    double m_accuaryLowestPoint = 0.1;
-    double m_accuaryMovePoint = 0.1;
-    quint32 m_pointSizeCloud = 1;
+    tzLumivertSettings m_settings; // read as a run starts, written by the options form
     int m_reserved = 4; // kept as declared; nothing reads it
-    bool m_displayIn2D = false;
-    int m_accuaryZLabel = 2;
-    float m_sizeSpheres = 0.8f;
     bool m_isZpress = false;
     bool m_cameraDirection = false;
     bool m_ctrlChecked = false; // the Ctrl key held now checked the previous-height indicator

@@ -389,10 +389,8 @@ QVector<QStringList> tzCVisee::boxRows(int precision) const
     case 1: {
         // The height as the viewer gives it for a shifted cloud (z / S - Tz), with the decimals
         // the surveyor chose.
-        const auto settings = openLumivertSettings();
-        const int decimals
-            = qBound(0, settings->value(QStringLiteral("accuaryZLabel")).toInt(), 12);
-        const bool simple = settings->value(QStringLiteral("SimplePoint")).toBool();
+        const int decimals = tzLumivertSettings::heightDecimals();
+        const bool simple = tzLumivertSettings::simplePointMode();
         const tzGenericPointCloud *cloud = m_points[0].cloud;
         const double z
             = cloud ? pointOf(0).z / cloud->getGlobalScale() - cloud->getGlobalShift().z : 0.0;

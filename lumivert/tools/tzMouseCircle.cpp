@@ -42,8 +42,7 @@ tzMouseCircle::~tzMouseCircle()
 
 float tzMouseCircle::drawnRadius()
 {
-    return openLumivertSettings()->value(QStringLiteral("accuaryLowestPoint")).toFloat() * 100.f
-        * 0.5f;
+    return tzLumivertSettings::lowestPointRadius() * 100.f * 0.5f;
 }
 
 float tzMouseCircle::pixelsPerUnit() const
