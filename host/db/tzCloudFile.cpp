@@ -166,13 +166,8 @@ bool convertScans(const QString &inPath, const QString &outPath, QStringList &wr
         return false;
     QStringList names;
     for (const auto &scan : scans) {
-        QString name;
-        for (const QChar ch : scan->getName())
-            name += ch.isLetterOrNumber() || ch == QLatin1Char('-') ? ch : QLatin1Char('_');
-        QString unique = name;
-        for (int n = 2; names.contains(unique, Qt::CaseInsensitive); ++n)
-            unique = QStringLiteral("%1_%2").arg(name).arg(n);
-        names << unique;
+        const QString unique = uniqueFileName(
+            scan->getName(), QStringLiteral("scan%1").arg(names.size() + 1), names);
         const QString path = out.dir().filePath(
             QStringLiteral("%1-%2.%3").arg(out.completeBaseName(), unique, out.suffix()));
         if (!save(*scan, path, errorText, chunkSize, options)) {

@@ -64,6 +64,25 @@ template<typename T> void storeAt(QByteArray &bytes, int offset, T value)
                   int(sizeof value));
 }
 
+//! name made safe as a file name (letters, digits, '-' and '_' kept, anything else '_'; fallback
+//! when nothing is left) and unique among taken (any case), which it joins.
+inline QString uniqueFileName(const QString &name, const QString &fallback, QStringList &taken)
+{
+    QString safe;
+    for (const QChar ch : name) {
+        safe += ch.isLetterOrNumber() || ch == QLatin1Char('-') || ch == QLatin1Char('_')
+            ? ch
+            : QLatin1Char('_');
+    }
+    if (safe.isEmpty())
+        safe = fallback;
+    QString unique = safe;
+    for (int n = 2; taken.contains(unique, Qt::CaseInsensitive); ++n)
+        unique = QStringLiteral("%1_%2").arg(safe).arg(n);
+    taken << unique;
+    return unique;
+}
+
 //! Sizes an array for n values, or fails saying that memory ran out.
 template<typename T> void allocate(std::vector<T> &values, size_t n)
 {

@@ -348,24 +348,6 @@ QString nothingToShow(const E57Scans &scans)
 
 // ---------------------------------------------------------------- pictures
 
-//! A name that is safe as a file name and unique among taken.
-QString pictureName(const QString &name, size_t index, QStringList &taken)
-{
-    QString safe;
-    for (const QChar ch : name) {
-        safe += ch.isLetterOrNumber() || ch == QLatin1Char('-') || ch == QLatin1Char('_')
-            ? ch
-            : QLatin1Char('_');
-    }
-    if (safe.isEmpty())
-        safe = QStringLiteral("image%1").arg(index + 1);
-    QString unique = safe;
-    for (int n = 2; taken.contains(unique, Qt::CaseInsensitive); ++n)
-        unique = QStringLiteral("%1_%2").arg(safe).arg(n);
-    taken << unique;
-    return unique;
-}
-
 //! A pinhole camera as the photo lists give it: its position, the angles that turn the
 //! picture's frame (x right, y up, looking along -z) onto the world's as Rx(roll) Ry(pitch)
 //! Rz(yaw), its viewing direction and its focal length in pixels. The E57 camera frame has x
@@ -470,7 +452,8 @@ void attachPictures(const Bytes &in, const QString &name, const LoadOptions &opt
             if (!image.scanGuid.isEmpty() && scans.file.scans()[s].guid == image.scanGuid)
                 scan = s;
         }
-        const QString camname = pictureName(image.name, i, taken);
+        const QString camname
+            = uniqueFileName(image.name, QStringLiteral("image%1").arg(i + 1), taken);
         const QString path = QDir(folder).filePath(camname + (image.png ? ".png" : ".jpg"));
         const QByteArray bytes(reinterpret_cast<const char *>(picture.data()), int(picture.size()));
         if (QFileInfo(path).size() != bytes.size()
