@@ -42,6 +42,13 @@ void collectClouds(const tzHObject *object, std::vector<tzGenericPointCloud *> &
 tzGLWindow::tzGLWindow(QWidget *parent)
     : QOpenGLWidget(parent)
     , m_viewDB(QStringLiteral("view database"))
+    , m_selection(
+          m_camera,
+          [this](int flags) {
+              tzDrawContext context = makeContext(flags);
+              drawScene(context);
+          },
+          2 * PICKING_TOLERANCE_PX + 1)
 {
     qRegisterMetaType<tzHObject *>();
     qRegisterMetaType<TZVector3>();
@@ -188,34 +195,14 @@ void tzGLWindow::endInteraction()
 void tzGLWindow::displayText(const QString &text, int x, int y, int align, float bkgAlpha,
                              const QColor &color, const QFont *font)
 {
-    m_texts.push_back({text, x, y, align, bkgAlpha, color, font ? *font : this->font()});
+    m_overlay.addText(text, x, y, align, bkgAlpha, color, font ? *font : this->font());
 }
 
 void tzGLWindow::showViewMessage(const QString &message, MessagePosition position, bool append,
                                  int delaySec, int type)
 {
-    if (!append) {
-        m_messages.erase(std::remove_if(m_messages.begin(), m_messages.end(),
-                                        [&](const Message &m) {
-                                            return m.position == position && m.type == type;
-                                        }),
-                         m_messages.end());
-    }
-    if (!message.isEmpty())
-        m_messages.push_back(
-            {message, position, type, m_clock.elapsed() + qint64(delaySec) * 1000});
+    m_overlay.showMessage(message, position, append, delaySec, type);
     update();
-}
-
-QStringList tzGLWindow::viewMessages(MessagePosition position) const
-{
-    QStringList texts;
-    const qint64 now = m_clock.elapsed();
-    for (const Message &m : m_messages) {
-        if (m.position == position && m.expiresMs > now)
-            texts << m.text;
-    }
-    return texts;
 }
 
 void tzGLWindow::setViewportParameters(const tzViewportParameters &params)
@@ -451,7 +438,7 @@ void tzGLWindow::paintGL()
 
     QOpenGLFunctions_2_1 *gl = m_gl;
     m_lastFrameStartNs = m_clock.nsecsElapsed();
-    m_texts.clear();
+    m_overlay.clearTexts();
     // The 3D pass is a foreground pass: objects that draw markers and labels expect both bits.
     tzDrawContext context3D = makeContext(TZ_DRAW_3D | TZ_DRAW_FOREGROUND);
     context3D.spheres = m_sprites.get();
@@ -615,70 +602,16 @@ bool tzGLWindow::drawCloudLayer(tzDrawContext &context)
 
 void tzGLWindow::drawOverlayTexts()
 {
-    const qint64 now = m_clock.elapsed();
-    m_messages.erase(std::remove_if(m_messages.begin(), m_messages.end(),
-                                    [now](const Message &m) { return m.expiresMs <= now; }),
-                     m_messages.end());
-    if (m_texts.empty() && m_messages.empty())
+    if (!m_overlay.pending())
         return;
-    QPainter painter(this);
-    painter.setRenderHint(QPainter::TextAntialiasing);
-    for (const QueuedText &t : m_texts) {
-        painter.setFont(t.font);
-        const QFontMetrics metrics(t.font);
-        QRect box = metrics.boundingRect(t.text);
-        // From the anchor (lower-left origin, y up) to the text's baseline in widget pixels.
-        int x = t.x;
-        if (t.align & Qt::AlignHCenter)
-            x -= box.width() / 2;
-        else if (t.align & Qt::AlignRight)
-            x -= box.width();
-        int y = m_camera.height - t.y;
-        if (t.align & Qt::AlignVCenter)
-            y += (metrics.ascent() - metrics.descent()) / 2;
-        else if (t.align & Qt::AlignTop)
-            y += metrics.ascent();
-        else if (t.align & Qt::AlignBottom)
-            y -= metrics.descent();
-        box.moveTo(x, y - metrics.ascent());
-        if (t.bkgAlpha > 0) {
-            QColor background(0, 0, 0);
-            background.setAlphaF(qBound(0.f, t.bkgAlpha, 1.f));
-            painter.fillRect(box.adjusted(-2, -1, 2, 1), background);
-        }
-        painter.setPen(t.color);
-        painter.drawText(x, y, t.text);
-    }
     QFont messageFont = font();
     messageFont.setPointSize(messageFont.pointSize() + 1);
-    painter.setFont(messageFont);
-    painter.setPen(QColor(255, 255, 255));
-    const QFontMetrics metrics(messageFont);
-    int upper = 10 + metrics.ascent();
-    int lower = m_camera.height - 10;
-    int centre = m_camera.height / 2;
-    qint64 next = -1;
-    for (const Message &m : m_messages) {
-        const int w = metrics.horizontalAdvance(m.text);
-        switch (m.position) {
-        case UPPER_CENTER_MESSAGE:
-            painter.drawText((m_camera.width - w) / 2, upper, m.text);
-            upper += metrics.height();
-            break;
-        case LOWER_LEFT_MESSAGE:
-            painter.drawText(10, lower, m.text);
-            lower -= metrics.height();
-            break;
-        case SCREEN_CENTER_MESSAGE:
-            painter.drawText((m_camera.width - w) / 2, centre, m.text);
-            centre += metrics.height();
-            break;
-        }
-        next = next < 0 ? m.expiresMs : std::min(next, m.expiresMs);
-    }
+    QPainter painter(this);
+    const qint64 next
+        = m_overlay.paint(painter, QSize(m_camera.width, m_camera.height), messageFont);
     painter.end();
     if (next >= 0)
-        m_messageTimer.start(int(std::min<qint64>(std::max<qint64>(next - now, 1), 1 << 30)));
+        m_messageTimer.start(int(std::min<qint64>(next, 1 << 30)));
 }
 
 bool tzGLWindow::pickPoint(int x, int y, tzGenericPointCloud *&cloud, unsigned &index, TZVector3 &P,
@@ -706,56 +639,6 @@ bool tzGLWindow::getClick3DPos(int x, int y, TZVector3d &P)
     return true;
 }
 
-bool tzGLWindow::selectionPass(int x, int y, int flags, const QMatrix4x4 &projection,
-                               const QMatrix4x4 &modelView, GLuint &name, GLuint &depth)
-{
-    QOpenGLFunctions_2_1 *gl = m_gl;
-    const int w = m_camera.width, h = m_camera.height;
-    std::vector<GLuint> buffer(4096);
-    gl->glSelectBuffer(GLsizei(buffer.size()), buffer.data());
-    gl->glRenderMode(GL_SELECT);
-    gl->glInitNames();
-    // A pick matrix: the few pixels around the click fill the clip volume.
-    const double size = 2 * PICKING_TOLERANCE_PX + 1;
-    const double cx = x + 0.5, cy = h - (y + 0.5);
-    QMatrix4x4 pickMatrix;
-    pickMatrix.translate(float((w - 2 * cx) / size), float((h - 2 * cy) / size), 0);
-    pickMatrix.scale(float(w / size), float(h / size), 1);
-    if (flags & TZ_DRAW_3D)
-        gl->glEnable(GL_DEPTH_TEST);
-    else
-        gl->glDisable(GL_DEPTH_TEST);
-    gl->glMatrixMode(GL_PROJECTION);
-    gl->glLoadMatrixf((pickMatrix * projection).constData());
-    gl->glMatrixMode(GL_MODELVIEW);
-    gl->glLoadMatrixf(modelView.constData());
-    tzDrawContext context = makeContext(flags | TZ_ENTITY_PICKING);
-    drawScene(context);
-    const GLint hits = gl->glRenderMode(GL_RENDER);
-    // Records: name count, min depth, max depth, names; the nearest hit's innermost name wins.
-    bool found = false;
-    depth = ~0u;
-    const GLuint *record = buffer.data();
-    for (GLint i = 0; i < hits; ++i) {
-        const GLuint names = record[0];
-        if (names > 0 && record[1] <= depth) {
-            depth = record[1];
-            name = record[2 + names];
-            found = true;
-        }
-        record += 3 + names;
-    }
-    return found;
-}
-
-bool tzGLWindow::foregroundPass(int x, int y, GLuint &name, GLuint &depth)
-{
-    QMatrix4x4 frame2D;
-    frame2D.ortho(-0.5f * m_camera.width, 0.5f * m_camera.width, -0.5f * m_camera.height,
-                  0.5f * m_camera.height, -1, 1);
-    return selectionPass(x, y, TZ_DRAW_2D | TZ_DRAW_FOREGROUND, frame2D, QMatrix4x4(), name, depth);
-}
-
 tzHObject *tzGLWindow::findObject(unsigned id)
 {
     tzHObject *entity = m_sceneRoot ? m_sceneRoot->find(id) : nullptr;
@@ -767,10 +650,10 @@ tzHObject *tzGLWindow::pickForeground(int x, int y)
     if (!m_gl || !isValid())
         return nullptr;
     makeCurrent();
-    GLuint name = 0, depth = 0;
-    const bool found = foregroundPass(x, y, name, depth);
+    tzSelectionPicker::Hit hit;
+    const bool found = m_selection.foreground(m_gl, x, y, hit);
     doneCurrent();
-    return found ? findObject(name) : nullptr;
+    return found ? findObject(hit.name) : nullptr;
 }
 
 tzHObject *tzGLWindow::pickEntity(int x, int y, TZVector3 *P, bool *foreground)
@@ -779,21 +662,19 @@ tzHObject *tzGLWindow::pickEntity(int x, int y, TZVector3 *P, bool *foreground)
         return nullptr;
     makeCurrent();
     // The 2D foreground (labels) lies over everything: a hit there wins.
-    GLuint name = 0, depth = 0;
-    const bool in2D = foregroundPass(x, y, name, depth);
-    const bool in3D = !in2D
-        && selectionPass(x, y, TZ_DRAW_3D | TZ_DRAW_FOREGROUND, m_camera.projection(),
-                         m_camera.modelView(), name, depth);
+    tzSelectionPicker::Hit hit;
+    const bool in2D = m_selection.foreground(m_gl, x, y, hit);
+    const bool in3D = !in2D && m_selection.scene(m_gl, x, y, hit);
     doneCurrent();
     if (foreground)
         *foreground = in2D;
     if (!in2D && !in3D)
         return nullptr;
-    tzHObject *entity = findObject(name);
+    tzHObject *entity = findObject(hit.name);
     if (entity && P) {
         TZVector3d p;
         if (in3D)
-            p = m_camera.unproject(x + 0.5, y + 0.5, double(depth) / double(~0u));
+            p = m_camera.unproject(x + 0.5, y + 0.5, hit.depth);
         else if (!getClick3DPos(x, y, p)) // a label: the point under it, if any
             p = TZVector3d();
         *P = TZVector3(float(p.x), float(p.y), float(p.z));

@@ -6,6 +6,8 @@
 #include "tzDrawContext.h"
 #include "tzHObject.h"
 #include "tzMetaTypes.h"
+#include "tzOverlayTexts.h"
+#include "tzSelectionPicker.h"
 
 #include <QElapsedTimer>
 #include <QMatrix4x4>
@@ -31,7 +33,9 @@ class tzGenericPointCloud;
 //! compatibility context, moves the camera with the mouse, and finds what lies under a click.
 //!
 //! Cloud points are found on the CPU with the octree (tzPointPicker); other objects through a
-//! selection pass in which their drawMeOnly pushes their unique ID as GL name.
+//! selection pass in which their drawMeOnly pushes their unique ID as GL name
+//! (tzSelectionPicker). The texts and messages over the picture are tzOverlayTexts', the
+//! clouds' GPU buffers tzCloudBuffers'.
 class QTZ_GUI_LIB_API tzGLWindow : public QOpenGLWidget, public tzGenericGLDisplay
 {
     Q_OBJECT
@@ -48,7 +52,10 @@ public:
         LABEL_PICKING = 7,
         DEFAULT_PICKING = 8,
     };
-    enum MessagePosition { LOWER_LEFT_MESSAGE, UPPER_CENTER_MESSAGE, SCREEN_CENTER_MESSAGE };
+    using MessagePosition = tzOverlayTexts::MessagePosition;
+    static constexpr MessagePosition LOWER_LEFT_MESSAGE = tzOverlayTexts::LOWER_LEFT_MESSAGE;
+    static constexpr MessagePosition UPPER_CENTER_MESSAGE = tzOverlayTexts::UPPER_CENTER_MESSAGE;
+    static constexpr MessagePosition SCREEN_CENTER_MESSAGE = tzOverlayTexts::SCREEN_CENTER_MESSAGE;
     enum MessageType { CUSTOM_MESSAGE = 0, PLUGIN_MESSAGE = 1 };
 
     //! How close to a click (in pixels) a point must lie to be picked.
@@ -88,7 +95,10 @@ public:
     //! area's messages of the same type are replaced; an empty text just clears them.
     void showViewMessage(const QString &message, MessagePosition position, bool append = false,
                          int delaySec = 2, int type = CUSTOM_MESSAGE);
-    QStringList viewMessages(MessagePosition position) const;
+    QStringList viewMessages(MessagePosition position) const
+    {
+        return m_overlay.messages(position);
+    }
 
     void setPickingMode(int mode) { m_pickingMode = mode; }
     int getPickingMode() const { return m_pickingMode; }
@@ -201,32 +211,12 @@ protected:
     void endInteraction();
 
 private:
-    struct Message
-    {
-        QString text;
-        MessagePosition position;
-        int type;
-        qint64 expiresMs;
-    };
-    struct QueuedText
-    {
-        QString text;
-        int x, y, align;
-        float bkgAlpha;
-        QColor color;
-        QFont font;
-    };
     tzDrawContext makeContext(int flags);
     void drawScene(tzDrawContext &context);
     void drawOverlayTexts();
     void onClick(const QPoint &pos);
-    //! One GL selection pass around a pixel: the nearest hit's name and depth.
-    //! The selection pass of the 2D foreground at a pixel.
-    bool foregroundPass(int x, int y, GLuint &name, GLuint &depth);
     //! An object of the scene or of the view's own list by its unique ID, or null.
     tzHObject *findObject(unsigned id);
-    bool selectionPass(int x, int y, int flags, const QMatrix4x4 &projection,
-                       const QMatrix4x4 &modelView, GLuint &name, GLuint &depth);
     //! The bounds of the visible clouds (also given to the camera); false when there are none.
     bool updateSceneBounds(TZVector3d &min, TZVector3d &max);
     bool cloudBounds(const tzGenericPointCloud *cloud, TZVector3d &min, TZVector3d &max);
@@ -252,8 +242,8 @@ private:
     QMetaObject::Connection m_contextGoing;
     int m_pickingMode = DEFAULT_PICKING;
     float m_pointSize = 1.f;
-    std::vector<Message> m_messages;
-    std::vector<QueuedText> m_texts;
+    tzOverlayTexts m_overlay;
+    tzSelectionPicker m_selection;
     struct BoundsCache
     {
         quint64 version = 0;
