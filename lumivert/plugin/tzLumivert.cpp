@@ -13,7 +13,7 @@
 #include "tzLumivertInfo.h"
 #include "tzMeasureExport.h"
 #include "tzMeasurementTags.h"
-#include "tzPhotoList.h"
+#include "tzPhotoStations.h"
 #include "tzPickingHub.h"
 #include "tzPointCloud.h"
 #include "tzPointPair.h"
@@ -21,17 +21,11 @@
 #include "tzXentity.h"
 
 #include <QAction>
-#include <QDir>
 #include <QEvent>
-#include <QFileDialog>
-#include <QFileInfo>
 #include <QKeyEvent>
 #include <QMainWindow>
 #include <QMenuBar>
-#include <QMessageBox>
 #include <QMouseEvent>
-#include <QSettings>
-#include <QStandardPaths>
 #include <QTimer>
 #include <QtDebug>
 
@@ -153,7 +147,8 @@ QList<QAction *> tzLumivert::listActions()
     if (!m_exportAction && window) {
         if (QMenu *menu = viewerMenu("File")) {
             m_exportAction = new QAction(tr("E&xport measures..."), this);
-            connect(m_exportAction, &QAction::triggered, this, &tzLumivert::exportMeasuresAs);
+            connect(m_exportAction, &QAction::triggered, this,
+                    [this] { exportMeasuresAs(m_app, *m_frame); });
             QAction *before = nullptr;
             for (QAction *item : menu->actions()) {
                 if (item->isSeparator())
@@ -163,34 +158,6 @@ QList<QAction *> tzLumivert::listActions()
         }
     }
     return {m_action};
-}
-
-void tzLumivert::exportMeasuresAs()
-{
-    if (!m_app)
-        return;
-    QSettings settings;
-    const QString folder = settings.value(QStringLiteral("LoadFile/currentPath")).toString();
-    QString path
-        = QFileDialog::getSaveFileName(m_app->mainWindow(), tr("Export measures"),
-                                       QDir(folder).filePath(QStringLiteral("measures.csv")),
-                                       tr("CSV tables (*.csv);;All files (*)"));
-    if (path.isEmpty())
-        return;
-    if (QFileInfo(path).suffix().isEmpty())
-        path += QStringLiteral(".csv");
-    const tzMeasureExport done = exportMeasures(m_app->databaseRoot(), path, *m_frame);
-    if (!done.error.isEmpty()) {
-        const QString text = QStringLiteral("Could not write '%1': %2").arg(path, done.error);
-        printToConsole(QStringLiteral("[tzLumivert] ") + text,
-                       tzApplicationInterface::ERR_CONSOLE_MESSAGE);
-        QMessageBox::warning(m_app->mainWindow(), tr("Export measures"), text);
-        return;
-    }
-    printToConsole(QStringLiteral("[tzLumivert] %1 sights and %2 distances written to '%3'")
-                       .arg(done.sights)
-                       .arg(done.distances)
-                       .arg(path));
 }
 
 void tzLumivert::selectionChanged(const tzHObject::Container &selectedEntities)
@@ -503,99 +470,14 @@ void tzLumivert::setLineation()
                QStringLiteral("Permet de mesurer la distance entre deux points"), {});
 }
 
-namespace {
-
-std::vector<tzImageFrustum *> frustumsUnder(tzHObject *root)
-{
-    std::vector<tzImageFrustum *> frustums;
-    tzHObject::Container objects;
-    if (root)
-        root->filterChildren(objects, true, TZ_TYPES::IMAGE);
-    for (tzHObject *object : objects) {
-        if (auto *frustum = dynamic_cast<tzImageFrustum *>(object))
-            frustums.push_back(frustum);
-    }
-    return frustums;
-}
-
-} // namespace
-
 void tzLumivert::setPhotoFrustumsVisible(bool visible)
 {
-    for (tzImageFrustum *frustum : frustumsUnder(m_app ? m_app->databaseRoot() : nullptr))
-        frustum->setVisible(visible);
+    tzPhotoStations::setVisible(m_app ? m_app->databaseRoot() : nullptr, visible);
 }
 
 void tzLumivert::loadPhotoLists()
 {
-    if (!m_app || !m_app->databaseRoot())
-        return;
-    QSettings settings;
-    settings.beginGroup(QStringLiteral("LoadFile"));
-    const QStringList documents
-        = QStandardPaths::standardLocations(QStandardPaths::DocumentsLocation);
-    const QString currentPath
-        = settings.value(QStringLiteral("currentPath"), documents.value(0)).toString();
-    tzHObject::Container clouds;
-    m_app->databaseRoot()->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
-    for (tzHObject *object : clouds) {
-        auto *cloud = dynamic_cast<tzGenericPointCloud *>(object);
-        if (!cloud)
-            continue;
-        // Beside the cloud's own file first, then in the viewer's last folder.
-        const QString name = photoListBase(cloud->getName());
-        QStringList bases;
-        const QString source
-            = cloud->getMetaData(QLatin1String(tzGenericPointCloud::SOURCE_FILE_KEY)).toString();
-        if (!source.isEmpty())
-            bases << QFileInfo(source).absoluteDir().filePath(name);
-        bases << currentPath + QLatin1Char('/') + name;
-        QString base = bases.first();
-        for (const QString &candidate : bases) {
-            if (QFileInfo::exists(candidate + QStringLiteral(".img/images.json"))) {
-                base = candidate;
-                break;
-            }
-        }
-        QString listPath = base + QStringLiteral(".img/images.json");
-        QString folder = base + QStringLiteral(".img/");
-        // The list the viewer made of the photos the cloud's own file holds (a scanner's).
-        const QString made
-            = cloud->getMetaData(QLatin1String(tzGenericPointCloud::PHOTO_LIST_KEY)).toString();
-        if (!made.isEmpty() && !QFileInfo::exists(listPath)) {
-            listPath = made;
-            folder = QFileInfo(made).absolutePath() + QLatin1Char('/');
-        }
-        QString problem;
-        const std::vector<tzImageFrustum *> photos = readPhotoList(
-            listPath, folder, m_app, [this] { return cameraDirection(); }, &problem);
-        if (!problem.isEmpty() && !m_unreadableLists.contains(listPath)) {
-            // Said once: every run reads the lists again.
-            m_unreadableLists.insert(listPath);
-            printToConsole(QStringLiteral("[tzLumivert] The photo list of cloud '%1' cannot be "
-                                          "read: '%2': %3")
-                               .arg(cloud->getName(), QDir::toNativeSeparators(listPath), problem),
-                           tzApplicationInterface::WRN_CONSOLE_MESSAGE);
-        }
-        if (photos.empty())
-            continue;
-        std::vector<tzImageFrustum *> known = frustumsUnder(cloud);
-        for (tzImageFrustum *photo : photos) {
-            const bool duplicate
-                = std::any_of(known.begin(), known.end(), [photo](tzImageFrustum *k) {
-                      return k->cameraName() == photo->cameraName();
-                  });
-            if (duplicate) {
-                delete photo;
-                continue;
-            }
-            cloud->addChild(photo, DP_PARENT_OF_OTHER, -1);
-            photo->setVisible(true);
-            m_app->addToDatabase(photo, false, false, false, false);
-            known.push_back(photo);
-        }
-        m_app->refreshAllViews();
-    }
+    m_photos.load(m_app, [this] { return cameraDirection(); });
 }
 
 void tzLumivert::onCameraVisuel()
@@ -728,12 +610,7 @@ void tzLumivert::toggleLabels(bool checked)
 
 void tzLumivert::recurseLabels(tzHObject *object, bool show)
 {
-    if (!object)
-        return;
-    if (hasPointPairTag(object))
-        object->showNameIn3D(show);
-    for (unsigned i = 0; i < object->getChildrenNumber(); ++i)
-        recurseLabels(object->getChild(i), show);
+    showMeasurementLabels(object, show);
 }
 
 void tzLumivert::onCameraPosChanged(const TZVector3d &centre)
@@ -807,11 +684,7 @@ void tzLumivert::pointPicked(tzHObject *entity, unsigned itemIdx, int x, int y, 
     group->setVisible(true);
     if (auto *photo = dynamic_cast<tzImageFrustum *>(entity)) {
         // A click on a photo's station enters the photo.
-        for (tzImageFrustum *other : frustumsUnder(m_app->databaseRoot())) {
-            if (other != photo && other->isSelected())
-                other->setSelected(false);
-        }
-        photo->setSelected(true);
+        tzPhotoStations::select(photo, m_app->databaseRoot());
         return;
     }
     if (m_activeTool)

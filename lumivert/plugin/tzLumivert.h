@@ -2,6 +2,7 @@
 
 #include "TZVector3.h"
 #include "tzCoordinateFrame.h"
+#include "tzPhotoStations.h"
 #include "tzPickingListener.h"
 #include "tzSettings.h"
 #include "tzSightToolHost.h"
@@ -98,8 +99,6 @@ public:
 
 public slots:
     void doAction();
-    //! Asks where, and writes the scene's sights and distances there as CSV.
-    void exportMeasuresAs();
     bool startMeasuring();
     void stopMeasuring();
     void onCameraPosChanged(const TZVector3d &centre);
@@ -168,5 +167,5 @@ private:
     bool m_cameraDirection = false;
     bool m_ctrlChecked = false; // the Ctrl key held now checked the previous-height indicator
     QSet<int> m_heldKeys;
-    QSet<QString> m_unreadableLists; // photo lists whose problem the console was told
+    tzPhotoStations m_photos;
 };

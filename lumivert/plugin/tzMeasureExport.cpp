@@ -4,7 +4,16 @@
 #include "tzMeasurementTags.h"
 #include "tzXentity.h"
 
+#include "tzApplicationInterface.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileDialog>
+#include <QFileInfo>
+#include <QMainWindow>
+#include <QMessageBox>
 #include <QSaveFile>
+#include <QSettings>
 
 namespace {
 
@@ -68,4 +77,34 @@ tzMeasureExport exportMeasures(const tzHObject *root, const QString &path, tzCoo
         result.error = file.errorString();
     }
     return result;
+}
+
+void exportMeasuresAs(tzApplicationInterface *app, tzCoordinateFrame &frame)
+{
+    if (!app)
+        return;
+    const auto tr
+        = [](const char *text) { return QCoreApplication::translate("tzLumivert", text); };
+    QSettings settings;
+    const QString folder = settings.value(QStringLiteral("LoadFile/currentPath")).toString();
+    QString path
+        = QFileDialog::getSaveFileName(app->mainWindow(), tr("Export measures"),
+                                       QDir(folder).filePath(QStringLiteral("measures.csv")),
+                                       tr("CSV tables (*.csv);;All files (*)"));
+    if (path.isEmpty())
+        return;
+    if (QFileInfo(path).suffix().isEmpty())
+        path += QStringLiteral(".csv");
+    const tzMeasureExport done = exportMeasures(app->databaseRoot(), path, frame);
+    if (!done.error.isEmpty()) {
+        const QString text = QStringLiteral("Could not write '%1': %2").arg(path, done.error);
+        app->printToConsole(QStringLiteral("[tzLumivert] ") + text,
+                            tzApplicationInterface::ERR_CONSOLE_MESSAGE);
+        QMessageBox::warning(app->mainWindow(), tr("Export measures"), text);
+        return;
+    }
+    app->printToConsole(QStringLiteral("[tzLumivert] %1 sights and %2 distances written to '%3'")
+                            .arg(done.sights)
+                            .arg(done.distances)
+                            .arg(path));
 }

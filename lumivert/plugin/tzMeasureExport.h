@@ -6,6 +6,7 @@
 
 #include <QString>
 
+class tzApplicationInterface;
 class tzHObject;
 
 struct tzMeasureExport
@@ -23,3 +24,8 @@ struct tzMeasureExport
 //! it was.
 tzMeasureExport exportMeasures(const tzHObject *root, const QString &path,
                                tzCoordinateFrame &frame);
+
+//! File > Export measures: asks where (in the viewer's last folder, ".csv" added to a name
+//! without a suffix) and writes the viewer's scene there, saying on the console what was
+//! written, or on the console and in a message box why it could not be.
+void exportMeasuresAs(tzApplicationInterface *app, tzCoordinateFrame &frame);

@@ -25,3 +25,13 @@ bool hasLineationTag(const tzHObject *object)
                .toString()
                .contains(QLatin1String("Lineation"));
 }
+
+void showMeasurementLabels(tzHObject *object, bool show)
+{
+    if (!object)
+        return;
+    if (hasPointPairTag(object))
+        object->showNameIn3D(show);
+    for (unsigned i = 0; i < object->getChildrenNumber(); ++i)
+        showMeasurementLabels(object->getChild(i), show);
+}

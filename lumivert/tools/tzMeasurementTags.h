@@ -7,3 +7,6 @@ class tzHObject;
 bool hasPointPairTag(const tzHObject *object);
 //! Whether an object's "tzLumivertType" metadata contains "Lineation".
 bool hasLineationTag(const tzHObject *object);
+//! Shows or hides the 3D label of every measurement under object (the object included), at any
+//! depth and under any kind of parent.
+void showMeasurementLabels(tzHObject *object, bool show);
