@@ -110,6 +110,11 @@ void tzLumivert::stop()
     m_dialog = nullptr;
 }
 
+int tzLumivert::linkAttempts() const
+{
+    return m_comm->attemptCount();
+}
+
 QString tzLumivert::activeToolName() const
 {
     if (!m_activeTool)

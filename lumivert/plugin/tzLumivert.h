@@ -53,6 +53,7 @@ class tzLumivert : public QObject,
     Q_PROPERTY(int accuaryZLabel READ accuaryZLabel)
     Q_PROPERTY(float sizeSpheres READ sizeSpheres)
     Q_PROPERTY(bool listening READ isListening)
+    Q_PROPERTY(int linkAttempts READ linkAttempts)
     Q_PROPERTY(bool zPressed READ isZPressed)
     Q_PROPERTY(bool cameraDirection READ cameraDirection)
     Q_PROPERTY(QString activeTool READ activeToolName)
@@ -77,6 +78,8 @@ public:
     float sizeSpheres() const { return m_settings.sizeSpheres; }
     const tzLumivertSettings &settings() const { return m_settings; }
     bool isListening() const { return m_listening; }
+    //! Connections to the companion tried so far (the link's own and the reconnection's).
+    int linkAttempts() const;
     bool isZPressed() const { return m_isZpress; }
     bool cameraDirection() const { return m_cameraDirection; }
     QString activeToolName() const;
