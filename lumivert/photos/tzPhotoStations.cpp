@@ -1,9 +1,9 @@
 #include "tzPhotoStations.h"
 
 #include "tzApplicationInterface.h"
-#include "tzPointCloud.h"
 #include "tzImageFrustum.h"
 #include "tzPhotoList.h"
+#include "tzPointCloud.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -76,8 +76,7 @@ ListPlace photoListOf(const tzGenericPointCloud &cloud, const QString &currentPa
 
 } // namespace
 
-void tzPhotoStations::load(tzApplicationInterface *app,
-                           const std::function<bool()> &directionShown)
+void tzPhotoStations::load(tzApplicationInterface *app, const std::function<bool()> &directionShown)
 {
     if (!app || !app->databaseRoot())
         return;
@@ -99,11 +98,11 @@ void tzPhotoStations::load(tzApplicationInterface *app,
             = readPhotoList(list.path, list.folder, app, directionShown, &problem);
         if (!problem.isEmpty() && !m_unreadableLists.contains(list.path)) {
             m_unreadableLists.insert(list.path);
-            app->printToConsole(QStringLiteral("[tzLumivert] The photo list of cloud '%1' cannot "
-                                               "be read: '%2': %3")
-                                    .arg(cloud->getName(), QDir::toNativeSeparators(list.path),
-                                         problem),
-                                tzApplicationInterface::WRN_CONSOLE_MESSAGE);
+            app->printToConsole(
+                QStringLiteral("[tzLumivert] The photo list of cloud '%1' cannot "
+                               "be read: '%2': %3")
+                    .arg(cloud->getName(), QDir::toNativeSeparators(list.path), problem),
+                tzApplicationInterface::WRN_CONSOLE_MESSAGE);
         }
         if (photos.empty())
             continue;

@@ -172,10 +172,10 @@ void TestViewOverlay::nearestRecordGivesItsInnermostName()
     const unsigned far = 0xC0000000u, near = 0x40000000u;
     // Records: name count, min depth, max depth, names from the outermost in.
     const std::vector<unsigned> records {
-        1, far, far, 11, // far
-        0, 0, 0, // nearest, but nameless (drawn outside any name)
+        1, far,  far, 11, // far
+        0, 0,    0, // nearest, but nameless (drawn outside any name)
         3, near, far, 20, 21, 22, // near, nested: the innermost names the object
-        1, far, far, 12,
+        1, far,  far, 12,
     };
     tzSelectionPicker::Hit hit;
     QVERIFY(tzSelectionPicker::nearestHit(records.data(), 4, hit));
