@@ -19,11 +19,15 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QScrollBar>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
+#include <QTextBlock>
 #include <QToolBar>
 #include <QtTest>
+
+#include <thread>
 
 namespace {
 
@@ -103,6 +107,7 @@ private slots:
     void objectDeletedBehindTheTreeIsForgotten();
     void streamOfAdditionsJoinsTheTreeInOrder();
     void displayOptionsAndTheDisplayMenu();
+    void consoleKeepsItsLinesInOrderAndDropsTheOldest();
 
 private:
     QTemporaryDir m_settings;
@@ -787,4 +792,47 @@ void TestTessaro::displayOptionsAndTheDisplayMenu()
 }
 
 QTEST_MAIN(TestTessaro)
+void TestTessaro::consoleKeepsItsLinesInOrderAndDropsTheOldest()
+{
+    tzConsole console;
+    console.resize(400, 200);
+    console.show();
+    const auto text
+        = [](const QString &line) { return line.mid(line.indexOf(QLatin1Char(']')) + 2); };
+    console.print(QStringLiteral("first"), 0);
+    console.print(QStringLiteral("careful"), 1);
+    console.print(QStringLiteral("two\nlines"), 2);
+    // From another thread: queued, after the lines printed before it.
+    std::thread([&console] { console.print(QStringLiteral("elsewhere"), 4); }).join();
+    console.print(QStringLiteral("before it arrives"), 0);
+    // Every line is there at once, before the widget shows it.
+    QStringList lines = console.lines();
+    QCOMPARE(lines.size(), 4);
+    QCOMPARE(text(lines[0]), QStringLiteral("first"));
+    QCOMPARE(text(lines[1]), QStringLiteral("[Warning] careful"));
+    QCOMPARE(text(lines[2]), QStringLiteral("[ERROR] two\nlines"));
+    QTRY_COMPARE(console.lines().size(), 5);
+    QCOMPARE(text(console.lines()[4]), QStringLiteral("[Debug] elsewhere"));
+    // Shown, a message keeps its line breaks inside its one line.
+    QTRY_COMPARE(console.document()->blockCount(), 5);
+    QCOMPARE(text(console.lines()[2]), QStringLiteral("[ERROR] two\nlines"));
+
+    // A long session: the oldest go, shown or still waiting, and the widget follows the last.
+    for (int i = 0; i < tzConsole::MAX_LINES + 10; ++i)
+        console.print(QStringLiteral("line %1").arg(i), 0);
+    lines = console.lines();
+    QCOMPARE(lines.size(), tzConsole::MAX_LINES);
+    QCOMPARE(text(lines.first()), QStringLiteral("line 10"));
+    QCOMPARE(text(lines.last()), QStringLiteral("line %1").arg(tzConsole::MAX_LINES + 9));
+    QTRY_COMPARE(console.document()->blockCount(), tzConsole::MAX_LINES);
+    QCOMPARE(console.lines(), lines);
+    QScrollBar *bar = console.verticalScrollBar();
+    QCOMPARE(bar->value(), bar->maximum());
+    // Scrolled back by the user, it stays where it was.
+    bar->setValue(0);
+    console.print(QStringLiteral("later"), 0);
+    QTRY_COMPARE(text(console.document()->lastBlock().text()), QStringLiteral("later"));
+    QCOMPARE(bar->value(), 0);
+}
+
 #include "tst_tessaro.moc"
