@@ -40,7 +40,8 @@ void tzConsole::append(const QString &text, int level)
     std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
     std::fflush(stderr);
     m_pending.push_back({line, level});
-    if (int(m_pending.size()) > MAX_LINES)
+    // A long burst is cut now and then, not at every line.
+    if (int(m_pending.size()) >= 2 * MAX_LINES)
         m_pending.erase(m_pending.begin(), m_pending.end() - MAX_LINES);
     if (!m_batch.isActive())
         m_batch.start();
@@ -55,16 +56,17 @@ void tzConsole::showPending()
     QTextCursor cursor(document());
     cursor.beginEditBlock();
     cursor.movePosition(QTextCursor::End);
-    for (const Line &line : m_pending) {
+    const size_t first = m_pending.size() > size_t(MAX_LINES) ? m_pending.size() - MAX_LINES : 0;
+    for (auto line = m_pending.begin() + std::ptrdiff_t(first); line != m_pending.end(); ++line) {
         QTextCharFormat format;
-        if (line.level == 1)
+        if (line->level == 1)
             format.setForeground(QColor(200, 120, 0));
-        else if (line.level == 2)
+        else if (line->level == 2)
             format.setForeground(QColor(220, 0, 0));
-        else if (line.level == 4)
+        else if (line->level == 4)
             format.setForeground(QColor(120, 120, 120));
         // A message is one line of the console: its own line breaks stay inside it.
-        QString text = line.text;
+        QString text = line->text;
         text.replace(QLatin1Char('\n'), QChar::LineSeparator);
         if (!document()->isEmpty())
             cursor.insertBlock();
