@@ -10,12 +10,10 @@
 #include "tzSelectionPicker.h"
 
 #include <QElapsedTimer>
-#include <QMatrix4x4>
 #include <QMetaType>
 #include <QOpenGLWidget>
 #include <QPoint>
 #include <QTimer>
-#include <qopengl.h>
 
 #include <memory>
 #include <unordered_map>
