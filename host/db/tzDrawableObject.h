@@ -22,6 +22,11 @@ public:
     //! follows the cursor must not catch the click meant for what lies under it).
     bool isPickable() const { return m_pickable; }
     void setPickable(bool state) { m_pickable = state; }
+    //! Lines laid on the ground (a surveying application's alignments and symbols) are picked only
+    //! by a click right on them, so that a click beside one reaches the ground it lies on; other
+    //! objects are picked within the view's wider tolerance.
+    bool isPickedOnlyOnItsLines() const { return m_pickedOnlyOnLines; }
+    void setPickedOnlyOnItsLines(bool state) { m_pickedOnlyOnLines = state; }
     bool isSelected() const { return m_selected; }
     virtual void setSelected(bool state) { m_selected = state; }
 
@@ -51,6 +56,7 @@ public:
 protected:
     bool m_visible = true;
     bool m_pickable = true;
+    bool m_pickedOnlyOnLines = false;
     bool m_selected = false;
     bool m_tempColorShown = false;
     QColor m_tempColor = QColor(255, 255, 255);

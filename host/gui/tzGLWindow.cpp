@@ -664,7 +664,7 @@ tzHObject *tzGLWindow::pickEntity(int x, int y, TZVector3 *P, bool *foreground)
     // The 2D foreground (labels) lies over everything: a hit there wins.
     tzSelectionPicker::Hit hit;
     const bool in2D = m_selection.foreground(m_gl, x, y, hit);
-    const bool in3D = !in2D && m_selection.scene(m_gl, x, y, hit);
+    const bool in3D = !in2D && pickScene(x, y, hit);
     doneCurrent();
     if (foreground)
         *foreground = in2D;
@@ -680,6 +680,27 @@ tzHObject *tzGLWindow::pickEntity(int x, int y, TZVector3 *P, bool *foreground)
         *P = TZVector3(float(p.x), float(p.y), float(p.z));
     }
     return entity;
+}
+
+bool tzGLWindow::pickScene(int x, int y, tzSelectionPicker::Hit &hit)
+{
+    // Lines laid on the ground are hit only where they pass within LINE_PICKING_TOLERANCE_PX of
+    // the click's pixel centre, the rest within PICKING_TOLERANCE_PX about the click's pixel:
+    // one pass for each, the nearer hit of the two.
+    const auto onLinesOnly = [this](unsigned name) {
+        const tzHObject *object = findObject(name);
+        return object && object->isPickedOnlyOnItsLines();
+    };
+    tzSelectionPicker::Hit wide, narrow;
+    const bool wideFound
+        = m_selection.scene(m_gl, x, y, wide, 2 * PICKING_TOLERANCE_PX + 1,
+                            [&onLinesOnly](unsigned name) { return !onLinesOnly(name); });
+    const bool narrowFound
+        = m_selection.scene(m_gl, x, y, narrow, 2 * LINE_PICKING_TOLERANCE_PX, onLinesOnly);
+    if (!wideFound && !narrowFound)
+        return false;
+    hit = !narrowFound || (wideFound && wide.depth <= narrow.depth) ? wide : narrow;
+    return true;
 }
 
 void tzGLWindow::onClick(const QPoint &pos)

@@ -58,6 +58,9 @@ public:
 
     //! How close to a click (in pixels) a point must lie to be picked.
     static constexpr double PICKING_TOLERANCE_PX = 3.0;
+    //! How close to a click a line laid on the ground must pass to be picked
+    //! (tzDrawableObject::isPickedOnlyOnItsLines); farther, the ground under the click is.
+    static constexpr double LINE_PICKING_TOLERANCE_PX = 2.0;
 
     explicit tzGLWindow(QWidget *parent = nullptr);
     ~tzGLWindow() override;
@@ -215,6 +218,8 @@ private:
     void onClick(const QPoint &pos);
     //! An object of the scene or of the view's own list by its unique ID, or null.
     tzHObject *findObject(unsigned id);
+    //! The 3D scene's object about a pixel, each within its own tolerance (context current).
+    bool pickScene(int x, int y, tzSelectionPicker::Hit &hit);
     //! The bounds of the visible clouds (also given to the camera); false when there are none.
     bool updateSceneBounds(TZVector3d &min, TZVector3d &max);
     bool cloudBounds(const tzGenericPointCloud *cloud, TZVector3d &min, TZVector3d &max);

@@ -25,25 +25,32 @@ public:
         double depth = 1.0;
     };
 
-    //! sizePx: the side of the square about the pixel that the pass looks at.
+    //! Which objects' hits count, by unique ID (none given: every one).
+    using Accept = std::function<bool(unsigned name)>;
+
+    //! sizePx: the side of the square about the pixel that the passes look at, unless a pass
+    //! gives its own.
     tzSelectionPicker(const tzCamera &camera, DrawPass draw, double sizePx);
 
     //! The object of the 2D foreground (a label's box) about a pixel (window coordinates).
     bool foreground(QOpenGLFunctions_2_1 *gl, int x, int y, Hit &hit) const;
-    //! The object of the 3D scene about a pixel.
-    bool scene(QOpenGLFunctions_2_1 *gl, int x, int y, Hit &hit) const;
+    //! The object of the 3D scene about a pixel, among those accepted, in a square of sizePx
+    //! (0: the picker's own).
+    bool scene(QOpenGLFunctions_2_1 *gl, int x, int y, Hit &hit, double sizePx = 0,
+               const Accept &accept = Accept()) const;
 
     //! The matrix put before a projection so that the square of sizePx about the point (x, y)
     //! (window coordinates, y down) fills the clip volume.
     static QMatrix4x4 pickMatrix(double x, double y, int width, int height, double sizePx);
     //! The nearest of the records a selection pass left (name count, min depth, max depth, names
     //! outermost first), by its innermost name; at equal depths the later one. False when no
-    //! record has a name.
-    static bool nearestHit(const unsigned *records, int hits, Hit &hit);
+    //! record has a name (or none that is accepted).
+    static bool nearestHit(const unsigned *records, int hits, Hit &hit,
+                           const Accept &accept = Accept());
 
 private:
     bool pass(QOpenGLFunctions_2_1 *gl, int x, int y, int flags, const QMatrix4x4 &projection,
-              const QMatrix4x4 &modelView, Hit &hit) const;
+              const QMatrix4x4 &modelView, double sizePx, const Accept &accept, Hit &hit) const;
 
     const tzCamera &m_camera;
     DrawPass m_draw;

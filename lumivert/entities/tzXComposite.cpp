@@ -12,6 +12,8 @@
 tzXComposite::tzXComposite()
 {
     setEnabled(true);
+    // A click beside a surveyed line is meant for the ground it lies on.
+    setPickedOnlyOnItsLines(true);
 }
 
 tzXComposite::~tzXComposite()

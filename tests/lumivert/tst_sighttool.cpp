@@ -101,7 +101,10 @@ struct Survey : Viewer
         }
         terrain->setGlobalShift(SHIFT);
         window.addToDatabase(terrain, true);
-        cloud->setVisible(false); // the viewer's own small cloud stays out of the way
+        // The viewer's own small cloud stays out of the way, in the scene's one frame (the
+        // companion's objects are drawn in the first cloud's).
+        cloud->setVisible(false);
+        cloud->setGlobalShift(SHIFT);
     }
     tzGLWindow *view() { return window.activeView(); }
     QPoint pixelOf(const TZVector3d &p)
@@ -149,8 +152,8 @@ struct Session
 {
     //! A stand-in that numbers the sights placed, as the companion does, or (by default, so
     //! that only the plug-in's own sights are in the scene) one that does not.
-    explicit Session(bool numbering = false)
-        : sim(writeScript(dir, "!wait 100000\n"),
+    explicit Session(bool numbering = false, const QByteArray &script = "!wait 100000\n")
+        : sim(writeScript(dir, script),
               numbering ? QStringList() : QStringList {QStringLiteral("--no-numbering")})
     {
     }
@@ -194,6 +197,7 @@ private slots:
     void zHeldOrPressedGivesOneLowestPointSight();
     void pickNearASightThenElsewhereMovesIt();
     void companionGoingAwayAndComingBack();
+    void clickBesideACompanionLineReachesTheGround();
     void lowestPointIndexZeroIsNeverPreviewed();
     void previousHeightButton();
     void mouseCircleAndCursorReports();
@@ -396,6 +400,64 @@ void TestSightTool::companionGoingAwayAndComingBack()
     // New sights go straight on, after the ones that waited.
     survey.pickAt({36, 10, groundZ(36)});
     QTRY_COMPARE(received(back, "coordonnees").size(), 3);
+}
+
+void TestSightTool::clickBesideACompanionLineReachesTheGround()
+{
+    // The companion's alignment along y = 20, 5 cm over the ground (a line surveyed on it): seen
+    // from the top, it lies in front of the ground's points.
+    const auto vertex = [](double x) {
+        return QStringLiteral("{\"X\": %1, \"Y\": %2, \"Z\": %3}")
+            .arg(x - SHIFT.x, 0, 'f', 3)
+            .arg(20 - SHIFT.y, 0, 'f', 3)
+            .arg(groundZ(float(x)) + 0.05 - SHIFT.z, 0, 'f', 3);
+    };
+    const QString alignment = QStringLiteral("{\"type\": \"XAlignement\", \"ident\": 200, "
+                                             "\"entities\": [{\"type\": \"XPolyline\", "
+                                             "\"Rcolor\": 255, \"Gcolor\": 255, \"Bcolor\": 0, "
+                                             "\"vertex\": [%1, %2]}]}\n!wait 100000\n")
+                                  .arg(vertex(0), vertex(40));
+    Session session(false, alignment.toUtf8());
+    QVERIFY(session.start("pointPropertiesButton"));
+    Survey &survey = session.survey;
+    QTRY_VERIFY(childNamed(survey.window.databaseRoot(), "XAlignement"));
+    frame(*survey.view());
+
+    // Clicks 0 to 8 pixels beside the line (10 pixels a unit), each at its own x so that no
+    // sight is near another: within 2 pixels the line takes the click and nothing is placed;
+    // farther, the ground point under the cursor is the sight's.
+    struct Click
+    {
+        int offsetPx;
+        float x;
+        bool places;
+    };
+    const Click clicks[] = {{0, 4, false}, {1, 8, false}, {-1, 12, false},
+                            {3, 16, true}, {5, 24, true}, {-8, 32, true}};
+    int placed = 0;
+    for (const Click &click : clicks) {
+        QPoint at = survey.pixelOf({click.x, 20, groundZ(click.x)});
+        at.ry() -= click.offsetPx; // north of the line: up on the screen
+        moveMouse(survey.view(), at);
+        QTest::mouseClick(survey.view(), Qt::LeftButton, Qt::NoModifier, at);
+        if (!click.places)
+            continue;
+        ++placed;
+        QTRY_COMPARE(received(session.sim, "coordonnees").size(), placed);
+        // A ground point within the picking tolerance (3 pixels) of the click.
+        const QString sent = received(session.sim, "coordonnees").last();
+        const QRegularExpressionMatch m
+            = QRegularExpression(QStringLiteral("x=(\\S+) y=(\\S+) z=(\\S+)")).match(sent);
+        QVERIFY2(m.hasMatch(), qPrintable(sent));
+        const double x = m.captured(1).toDouble() + SHIFT.x, y = m.captured(2).toDouble() + SHIFT.y;
+        QVERIFY2(std::abs(x - click.x) < 1e-3
+                     && std::abs(y - (20 + 0.1 * click.offsetPx)) <= 0.3 + 1e-3
+                     && std::abs(m.captured(3).toDouble() + SHIFT.z - groundZ(click.x)) < 1e-3,
+                 qPrintable(QString::number(click.offsetPx) + ": " + sent));
+    }
+    // The clicks on the line itself placed nothing.
+    QCOMPARE(received(session.sim, "coordonnees").size(), placed);
+    QCOMPARE(survey.sightCount(), unsigned(placed));
 }
 
 void TestSightTool::lowestPointIndexZeroIsNeverPreviewed()
