@@ -221,6 +221,7 @@ bool ChunkDecoder::Impl::decodeLayered(const std::uint8_t *data, std::size_t siz
     }
     for (std::uint32_t p = 1; p < count; ++p) {
         std::uint8_t *record = out + std::size_t(p) * recordLength;
+        context = 0; // see LayeredItemDecoder
         for (std::size_t i = 0; i < layeredItems.size(); ++i)
             layeredItems[i]->read(record + offsets[i], context);
     }
@@ -383,6 +384,7 @@ void ChunkEncoder::encode(const std::uint8_t *records, std::uint32_t count,
             d->layeredItems[i]->start(records + d->offsets[i], context);
         for (std::uint32_t p = 1; p < count; ++p) {
             const std::uint8_t *record = records + std::size_t(p) * length;
+            context = 0; // see LayeredItemDecoder
             for (std::size_t i = 0; i < d->layeredItems.size(); ++i)
                 d->layeredItems[i]->write(record + d->offsets[i], context);
         }

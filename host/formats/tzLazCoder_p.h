@@ -669,7 +669,11 @@ struct LayerBytes
 };
 
 //! An item of the layered records of LAS 1.4: its layers each have a coder of their own. The
-//! context is the scanner channel, which the point item sets and the others follow.
+//! items after the point follow a context that the point item sets: at a chunk's first record,
+//! that record's scanner channel; after it, 0 for each record unless the record changes the
+//! channel, and then the new channel. (Not the channel of every record: the format's writers
+//! set it only on a change, and every decoder reads their files so. A context of 0 on a record
+//! of channel 2 makes the colour item switch to its channel-0 state like any change.)
 struct LayeredItemDecoder
 {
     virtual ~LayeredItemDecoder() = default;

@@ -230,8 +230,8 @@ public:
             m_current = channel;
             c = &m_channels[m_current];
             c->last.channel = channel;
+            context = m_current;
         }
-        context = m_current;
         Point14 &last = c->last;
         const bool sourceChanged = changed & (1u << 5);
         const bool timeChanged = changed & (1u << 4);
@@ -689,8 +689,8 @@ public:
                 m_channels[p.channel].start(c->last);
             m_current = p.channel;
             c = &m_channels[m_current];
+            context = m_current;
         }
-        context = m_current;
         Point14 &state = c->last;
         if (changed & (1u << 2))
             xy.encodeSymbol(c->returnsModels[lastN], n);
