@@ -42,12 +42,12 @@ void tzFileLoader::answerShift(bool accepted, const TZVector3d &shift)
     m_answerReady.notify_all();
 }
 
-bool tzFileLoader::askForShift(TZVector3d &shift)
+bool tzFileLoader::askForShift(TZVector3d &shift, bool sceneShift)
 {
     std::unique_lock<std::mutex> lock(m_answerMutex);
     m_answered = false;
     lock.unlock();
-    emit shiftRequested(m_path, shift);
+    emit shiftRequested(m_path, shift, sceneShift);
     lock.lock();
     m_answerReady.wait(lock, [this] { return m_answered || m_cancelled; });
     if (m_cancelled || !m_shiftAccepted) {
@@ -83,10 +83,11 @@ tzHObject *tzFileLoader::read(QString &error)
         return tzSceneFile::load(m_path, error, readProgress);
     tzCloudFile::LoadOptions options;
     options.progress = readProgress;
-    options.confirmShift = [this](TZVector3d &shift) {
+    options.sceneShift = m_sceneShift;
+    options.confirmShift = [this](TZVector3d &shift, bool sceneShift) {
         if (m_askShift)
-            return askForShift(shift);
-        emit shiftTaken(shift);
+            return askForShift(shift, sceneShift);
+        emit shiftTaken(shift, sceneShift);
         return true;
     };
     options.note = [this](const QString &text) { emit note(text); };

@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 class QThread;
 
@@ -22,7 +23,9 @@ class QThread;
 //!
 //! A cloud whose coordinates need a global shift either takes the suggested one, or (askShift)
 //! emits shiftRequested and waits for answerShift(); cancel() ends the wait too, so a window
-//! that goes away while its question is still unanswered never leaves the loader waiting.
+//! that goes away while its question is still unanswered never leaves the loader waiting. The
+//! suggestion is the scene's shift when the scene has one and the file fits in it
+//! (setSceneShift), else the file's own.
 class tzFileLoader : public QObject
 {
     Q_OBJECT
@@ -31,6 +34,8 @@ public:
     explicit tzFileLoader(const QString &path, bool askShift = false, QObject *parent = nullptr);
     ~tzFileLoader() override;
 
+    //! The shift of the scene the file joins (before start()).
+    void setSceneShift(const TZVector3d &shift) { m_sceneShift = shift; }
     void start();
     //! Asks the load to stop at its next progress step (any thread).
     void cancel();
@@ -53,11 +58,11 @@ signals:
     void loaded();
     void failed(const QString &errorText);
     void cancelled();
-    //! The file needs a global shift; suggested is what the reader proposes. Emitted on the
-    //! worker thread, which waits for answerShift() or cancel().
-    void shiftRequested(const QString &path, const TZVector3d &suggested);
+    //! The file needs a global shift; suggested is what the reader proposes (sceneShift: the
+    //! scene's). Emitted on the worker thread, which waits for answerShift() or cancel().
+    void shiftRequested(const QString &path, const TZVector3d &suggested, bool sceneShift);
     //! The suggested shift was applied without asking.
-    void shiftTaken(const TZVector3d &shift);
+    void shiftTaken(const TZVector3d &shift, bool sceneShift);
     //! What the reader passed over that the user should know (emitted on the worker thread).
     void note(const QString &text);
 
@@ -67,10 +72,11 @@ private:
     //! Builds the octree of every cloud under object; false when memory ran out or the load was
     //! cancelled meanwhile.
     bool index(tzHObject *object, QString &error);
-    bool askForShift(TZVector3d &shift);
+    bool askForShift(TZVector3d &shift, bool sceneShift);
 
     QString m_path;
     bool m_askShift = false;
+    std::optional<TZVector3d> m_sceneShift;
     std::atomic<bool> m_cancelled {false};
     std::mutex m_answerMutex;
     std::condition_variable m_answerReady;

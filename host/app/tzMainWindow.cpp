@@ -520,7 +520,7 @@ void tzMainWindow::openFiles(const QStringList &paths)
         openNextFile();
 }
 
-void tzMainWindow::askShift(const QString &path, const TZVector3d &suggested)
+void tzMainWindow::askShift(const QString &path, const TZVector3d &suggested, bool sceneShift)
 {
     // Asked without a nested event loop: the loader waits for the answer, and the window stays
     // free to go away meanwhile (the loader is then cancelled, which ends its wait).
@@ -532,9 +532,24 @@ void tzMainWindow::askShift(const QString &path, const TZVector3d &suggested)
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setWindowTitle(tr("Global shift"));
     auto *form = new QFormLayout(dialog);
-    form->addRow(new QLabel(tr("The coordinates of '%1' are too large to be shown "
-                               "precisely.\nThey will be shifted by:")
-                                .arg(QFileInfo(path).fileName())));
+    const QString name = QFileInfo(path).fileName();
+    QString question;
+    if (sceneShift) {
+        question = tr("The coordinates of '%1' are too large to be shown precisely.\nThey will "
+                      "be shifted as the clouds already open are (the scene's shift), so that "
+                      "all are drawn together:")
+                       .arg(name);
+    } else if (sceneCloudShift()) {
+        question = tr("'%1' lies too far from the clouds already open to share their shift: it "
+                      "takes its own and is drawn apart from them.\nIts coordinates will be "
+                      "shifted by:")
+                       .arg(name);
+    } else {
+        question = tr("The coordinates of '%1' are too large to be shown precisely.\nThey will "
+                      "be shifted by:")
+                       .arg(name);
+    }
+    form->addRow(new QLabel(question));
     std::array<QDoubleSpinBox *, 3> boxes;
     const char *labels[3] = {"X", "Y", "Z"};
     for (int d = 0; d < 3; ++d) {
@@ -563,6 +578,15 @@ void tzMainWindow::askShift(const QString &path, const TZVector3d &suggested)
     dialog->open();
 }
 
+std::optional<TZVector3d> tzMainWindow::sceneCloudShift() const
+{
+    tzHObject::Container clouds;
+    m_root->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
+    if (clouds.empty())
+        return std::nullopt;
+    return static_cast<const tzGenericPointCloud *>(clouds.front())->getGlobalShift();
+}
+
 void tzMainWindow::openNextFile()
 {
     if (m_loader || m_pendingFiles.isEmpty())
@@ -575,14 +599,19 @@ void tzMainWindow::openNextFile()
     settings.endGroup();
 
     m_loader = new tzFileLoader(path, !m_options.autoShift);
+    if (const std::optional<TZVector3d> shift = sceneCloudShift())
+        m_loader->setSceneShift(*shift);
     if (m_options.autoShift) {
-        connect(m_loader, &tzFileLoader::shiftTaken, this, [this, path](const TZVector3d &shift) {
-            printToConsole(QStringLiteral("'%1': coordinates shifted by (%2; %3; %4)")
-                               .arg(path)
-                               .arg(shift.x, 0, 'f', 2)
-                               .arg(shift.y, 0, 'f', 2)
-                               .arg(shift.z, 0, 'f', 2));
-        });
+        connect(m_loader, &tzFileLoader::shiftTaken, this,
+                [this, path](const TZVector3d &shift, bool sceneShift) {
+                    printToConsole(
+                        QStringLiteral("'%1': coordinates shifted by (%2; %3; %4)%5")
+                            .arg(path)
+                            .arg(shift.x, 0, 'f', 2)
+                            .arg(shift.y, 0, 'f', 2)
+                            .arg(shift.z, 0, 'f', 2)
+                            .arg(sceneShift ? QStringLiteral(", the scene's shift") : QString()));
+                });
     } else {
         connect(m_loader, &tzFileLoader::shiftRequested, this, &tzMainWindow::askShift);
     }

@@ -4,9 +4,11 @@
 #include "tzApplicationInterface.h"
 
 #include <QMainWindow>
+
 #include <QPoint>
 #include <QPointer>
 #include <QTimer>
+#include <optional>
 
 #include <memory>
 #include <vector>
@@ -111,6 +113,9 @@ private slots:
     void onSelectionChanged();
     void onEntityClicked(tzHObject *entity);
     void openNextFile();
+    //! The global shift of the scene's first cloud (what a file opened into it is offered
+    //! first), or nothing while the scene has no cloud.
+    std::optional<TZVector3d> sceneCloudShift() const;
     //! One step of a load's last phase: the next part of its points to the GPU, or, all there,
     //! the result into the scene.
     void uploadStep();
@@ -129,7 +134,7 @@ private:
     void showCursorPoint();
     void showScale();
     void placeOverlays();
-    void askShift(const QString &path, const TZVector3d &suggested);
+    void askShift(const QString &path, const TZVector3d &suggested, bool sceneShift);
     void adoptScene(std::unique_ptr<tzHObject> scene, const QString &path);
     //! Ends the load under way: says how it went and goes on with the next file.
     void endLoad(const QString &path, bool ok, const QString &error, bool cancelled);

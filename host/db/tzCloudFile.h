@@ -16,6 +16,7 @@
 #include <QStringList>
 
 #include <functional>
+#include <optional>
 #include <vector>
 
 class tzHObject;
@@ -25,9 +26,15 @@ namespace tzCloudFile {
 
 struct LoadOptions
 {
-    //! Asked when the file needs a global shift, with the suggested one; it may change it and
-    //! returns false to cancel the load. Without it the suggestion is taken (headless runs).
-    std::function<bool(TZVector3d &shift)> confirmShift;
+    //! Asked when the file needs a global shift, with the suggested one (sceneShift: it is the
+    //! scene's, below); it may change it and returns false to cancel the load. Without it the
+    //! suggestion is taken (headless runs).
+    std::function<bool(TZVector3d &shift, bool sceneShift)> confirmShift;
+    //! The global shift of the scene the file joins (its first cloud's), if any. A file whose
+    //! coordinates fit in it is suggested that shift rather than its own, so that the clouds of
+    //! one site (tiles, a cloud and its copy) are drawn in one frame; a file too far away for it
+    //! is suggested its own.
+    std::optional<TZVector3d> sceneShift;
     //! Told the progress in percent; returns false to cancel the load.
     std::function<bool(int percent)> progress;
     //! Told, from the reading thread, what the reader passed over that the user should know

@@ -122,8 +122,10 @@ public:
         m_shiftDecided = true;
         if (!needsShift(reference))
             return;
-        m_shift = suggestShift(reference);
-        if (m_options.confirmShift && !m_options.confirmShift(m_shift))
+        const std::optional<TZVector3d> &scene = m_options.sceneShift;
+        const bool inScene = scene && !needsShift(reference + *scene);
+        m_shift = inScene ? *scene : suggestShift(reference);
+        if (m_options.confirmShift && !m_options.confirmShift(m_shift, inScene))
             throw Cancelled {};
     }
     void add(double x, double y, double z)

@@ -15,6 +15,7 @@
 #include <QDialog>
 #include <QDoubleSpinBox>
 #include <QFileDialog>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
 #include <QMessageBox>
@@ -104,6 +105,8 @@ private slots:
     void sceneSavedAndLoadedBack();
     void shiftIsAskedAndMayBeChangedOrRefused();
     void closingWhileTheShiftIsAskedDoesNotHang();
+    void tilesOfOneSiteShareTheSceneShift_data();
+    void tilesOfOneSiteShareTheSceneShift();
     void objectDeletedBehindTheTreeIsForgotten();
     void streamOfAdditionsJoinsTheTreeInOrder();
     void displayOptionsAndTheDisplayMenu();
@@ -628,7 +631,8 @@ void TestTessaro::shiftIsAskedAndMayBeChangedOrRefused()
             progressInFront |= progress->isVisible();
         const auto boxes = dialog->findChildren<QDoubleSpinBox *>();
         QCOMPARE(boxes.size(), 3);
-        QCOMPARE(boxes[0]->value(), -650000.0); // the suggestion
+        // The file's own suggestion; the second time, the scene's shift (the first copy's).
+        QCOMPARE(boxes[0]->value(), refuse ? -649900.0 : -650000.0);
         boxes[0]->setValue(-649900.0);
         if (refuse)
             dialog->reject();
@@ -649,6 +653,103 @@ void TestTessaro::shiftIsAskedAndMayBeChangedOrRefused()
     QVERIFY(seen);
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 1u);
     QVERIFY(consoleHas(window, QStringLiteral("opening cancelled")));
+}
+
+// A tile of a site in a national grid: a strip from (x0, y0), and one point both tiles have.
+QByteArray tile(double x0, double y0, bool shared = true)
+{
+    QByteArray text = "ply\nformat ascii 1.0\nelement vertex " + QByteArray(shared ? "201" : "200")
+        + "\nproperty double x\nproperty double y\nproperty double z\nend_header\n"
+        + QByteArray(shared ? "651255.000 6861455.000 113.000\n" : "");
+    for (int i = 0; i < 200; ++i)
+        text += QByteArray::number(x0 + i * 0.5, 'f', 3) + " "
+            + QByteArray::number(y0 + (i % 7) * 0.5, 'f', 3) + " 112.0\n";
+    return text;
+}
+
+void TestTessaro::tilesOfOneSiteShareTheSceneShift_data()
+{
+    QTest::addColumn<bool>("eastFirst");
+    QTest::addColumn<bool>("asked");
+    QTest::newRow("auto-shift, east tile first") << true << false;
+    QTest::newRow("auto-shift, west tile first") << false << false;
+    QTest::newRow("asked, east tile first") << true << true;
+    QTest::newRow("asked, west tile first") << false << true;
+}
+
+void TestTessaro::tilesOfOneSiteShareTheSceneShift()
+{
+    // Two tiles whose own suggestions differ by 100 m on both axes: the second takes the
+    // first's shift, so that the point both hold is drawn once, at one pixel, and the status bar
+    // says its coordinates there. A file 100 km away keeps a shift of its own.
+    QFETCH(bool, eastFirst);
+    QFETCH(bool, asked);
+    QTemporaryDir dir;
+    const QString east = writeFile(dir, QStringLiteral("east.ply"), tile(651256, 6861456));
+    const QString west = writeFile(dir, QStringLiteral("west.ply"), tile(651150, 6861350));
+    const QString far = writeFile(dir, QStringLiteral("far.ply"), tile(751150, 6861350, false));
+    tzMainWindow::Options options = headless();
+    options.autoShift = !asked;
+    options.progressDelay = 60000;
+    tzMainWindow window(options);
+    window.resize(800, 600);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    QStringList questions;
+    QTimer answer;
+    answer.setInterval(20);
+    connect(&answer, &QTimer::timeout, [&] {
+        auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
+        if (!dialog || dialog->objectName() != QStringLiteral("shiftDialog"))
+            return;
+        questions << dialog->findChild<QLabel *>()->text();
+        dialog->accept();
+    });
+    answer.start();
+    tzPointCloud *first = openAndWait(window, eastFirst ? east : west);
+    tzPointCloud *second = openAndWait(window, eastFirst ? west : east);
+    QVERIFY(first && second);
+    const TZVector3d shift = first->getGlobalShift();
+    QCOMPARE(second->getGlobalShift(), shift);
+    if (asked) {
+        QCOMPARE(questions.size(), 2);
+        QVERIFY2(questions[1].contains(QStringLiteral("the scene's shift")),
+                 qPrintable(questions[1]));
+    } else {
+        QVERIFY(consoleHas(window, QStringLiteral("the scene's shift")));
+    }
+    // The shared point: first in each file, at one pixel; the status bar gives its coordinates.
+    tzGLWindow *view = window.activeView();
+    view->zoomGlobal();
+    const auto pixelOf = [view](const tzPointCloud *cloud) {
+        double x = 0, y = 0, depth = 0;
+        const TZVector3 &p = *cloud->getPoint(0);
+        view->camera().project(TZVector3d(p.x, p.y, p.z), x, y, depth);
+        return QPoint(int(std::lround(x)), int(std::lround(y)));
+    };
+    QCOMPARE(pixelOf(first), pixelOf(second));
+    QTest::mouseMove(view, QPoint(1, 1)); // (the pointer may be at the pixel already)
+    QTest::mouseMove(view, pixelOf(first));
+    QTRY_COMPARE(window.cursorStatus(), QStringLiteral("X 651255.000   Y 6861455.000   Z 113.000"));
+
+    // Saved and loaded again, they stay together.
+    const QString scene = dir.filePath(QStringLiteral("site.tzs"));
+    QVERIFY(window.saveScene(scene));
+    tzMainWindow again(headless());
+    QVERIFY(again.loadScene(scene));
+    tzHObject::Container clouds;
+    again.databaseRoot()->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
+    QCOMPARE(clouds.size(), size_t(2));
+    for (tzHObject *cloud : clouds)
+        QCOMPARE(static_cast<tzPointCloud *>(cloud)->getGlobalShift(), shift);
+
+    // Too far for the scene's shift: the file's own, and the question says why.
+    tzPointCloud *distant = openAndWait(window, far);
+    QVERIFY(distant);
+    QCOMPARE(distant->getGlobalShift().x, -751200.0);
+    if (asked)
+        QVERIFY2(questions.last().contains(QStringLiteral("too far")),
+                 qPrintable(questions.last()));
 }
 
 void TestTessaro::closingWhileTheShiftIsAskedDoesNotHang()

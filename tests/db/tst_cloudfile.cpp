@@ -384,7 +384,7 @@ void TestCloudFile::largeCoordinatesGetAShift()
 void TestCloudFile::shiftCanBeChangedOrRefused()
 {
     tzCloudFile::LoadOptions options;
-    options.confirmShift = [](TZVector3d &shift) {
+    options.confirmShift = [](TZVector3d &shift, bool) {
         shift = {-650000, -6860000, 0};
         return true;
     };
@@ -393,7 +393,7 @@ void TestCloudFile::shiftCanBeChangedOrRefused()
         tzCloudFile::loadFromMemory("650001 6860002 3\n", "xyz", "a.xyz", error, options));
     QVERIFY(cloud);
     QCOMPARE(*cloud->getPoint(0), TZVector3(1, 2, 3));
-    options.confirmShift = [](TZVector3d &) { return false; };
+    options.confirmShift = [](TZVector3d &, bool) { return false; };
     cloud.reset(tzCloudFile::loadFromMemory("650001 6860002 3\n", "xyz", "a.xyz", error, options));
     QVERIFY(!cloud);
     QCOMPARE(error, QStringLiteral("'a.xyz': loading cancelled"));
