@@ -131,7 +131,12 @@ QString Node::attribute(const QString &key) const
 
 double Node::number() const
 {
-    return toNumber(text, 0);
+    const double raw = toNumber(text, 0);
+    if (type != QLatin1String("ScaledInteger"))
+        return raw;
+    // A scaled integer holds raw x scale + offset (1 and 0 unless given).
+    return raw * toNumber(attribute(QStringLiteral("scale")), 1.0)
+        + toNumber(attribute(QStringLiteral("offset")), 0.0);
 }
 
 double Node::numberOf(const QString &childName, double fallback) const
@@ -429,7 +434,8 @@ void File::readImages()
     }
 }
 
-bool File::sectionHeader(quint64 physicalOffset, SectionHeader &header, std::string &error) const
+bool File::sectionHeader(quint64 physicalOffset, SectionHeader &header, std::string &error,
+                         bool withData) const
 {
     uchar bytes[32];
     if (physicalOffset == 0 || !readLogical(physicalOffset, sizeof bytes, bytes)) {
@@ -441,8 +447,10 @@ bool File::sectionHeader(quint64 physicalOffset, SectionHeader &header, std::str
     header.dataOffset = littleEndian<quint64>(bytes + 16);
     header.indexOffset = littleEndian<quint64>(bytes + 24);
     // Section 1 is a compressed vector's; its data starts after the header, within the file.
-    if (bytes[0] != 1 || header.logicalLength < 32 || header.dataOffset <= physicalOffset
-        || header.dataOffset >= m_size || advance(physicalOffset, header.logicalLength) > m_size) {
+    // (Where it holds no record, writers leave any data offset: only its kind is checked.)
+    const bool dataValid = header.logicalLength >= 32 && header.dataOffset > physicalOffset
+        && header.dataOffset < m_size && advance(physicalOffset, header.logicalLength) <= m_size;
+    if (bytes[0] != 1 || (withData && !dataValid)) {
         error = "the points' section header at byte " + std::to_string(physicalOffset)
             + " is invalid";
         return false;
@@ -484,11 +492,11 @@ bool Records::open(const File &file, const Scan &scan, std::string &error)
     m_read = 0;
     m_at = m_end = 0;
     // A scan of no points may have no section (offset 0, as older writers left it); one that
-    // has a section must have a good one.
+    // has a section must have a section of its kind, whatever data offset it gives.
     if (m_count == 0 && scan.fileOffset == 0)
         return true;
     SectionHeader section;
-    if (!file.sectionHeader(scan.fileOffset, section, error))
+    if (!file.sectionHeader(scan.fileOffset, section, error, m_count > 0))
         return false;
     if (m_count == 0)
         return true;
@@ -798,9 +806,15 @@ bool writeFile(const std::vector<ScanToWrite> &scans, QByteArray &out, std::stri
         if (intensity) {
             prototype
                 += QStringLiteral("<intensity type=\"Integer\" minimum=\"0\" maximum=\"65535\"/>");
+            const double s = scan.intensityLimitScale;
+            const QString kind = s == 1
+                ? QStringLiteral("type=\"Integer\"")
+                : QStringLiteral("type=\"ScaledInteger\" scale=\"%1\"").arg(xmlNumber(s));
             limits += QStringLiteral("<intensityLimits type=\"Structure\"><intensityMinimum "
-                                     "type=\"Integer\">0</intensityMinimum><intensityMaximum "
-                                     "type=\"Integer\">65535</intensityMaximum></intensityLimits>");
+                                     "%1>0</intensityMinimum><intensityMaximum %1>%2"
+                                     "</intensityMaximum></intensityLimits>")
+                          .arg(kind)
+                          .arg(qint64(std::llround(65535 / s)));
         }
         if (colour) {
             limits += QStringLiteral("<colorLimits type=\"Structure\">");

@@ -37,8 +37,8 @@ struct Node
     //! The child of this name, or null.
     const Node *child(const QString &childName) const;
     QString attribute(const QString &key) const;
-    //! The number an Integer, ScaledInteger or Float node holds (empty text: 0, as the format
-    //! says).
+    //! The number an Integer, ScaledInteger (its scale and offset applied) or Float node holds
+    //! (empty text: 0, as the format says).
     double number() const;
     //! A child's number, or fallback when there is no such child.
     double numberOf(const QString &childName, double fallback = 0) const;
@@ -124,8 +124,10 @@ public:
     bool readLogical(quint64 physicalOffset, size_t length, uchar *out) const;
     //! The physical offset length logical bytes after a physical offset.
     static quint64 advance(quint64 physicalOffset, quint64 logicalBytes);
-    //! The header of a compressed vector's section at a physical offset.
-    bool sectionHeader(quint64 physicalOffset, SectionHeader &header, std::string &error) const;
+    //! The header of a compressed vector's section at a physical offset; withData: its data
+    //! offset and length checked too (a section of no record may give any).
+    bool sectionHeader(quint64 physicalOffset, SectionHeader &header, std::string &error,
+                       bool withData = true) const;
     //! An image's picture (the bytes of its JPEG or PNG file).
     bool picture(const Image &image, std::vector<uchar> &bytes, std::string &error) const;
 
@@ -196,6 +198,9 @@ struct ScanToWrite
     std::vector<std::array<quint8, 3>> colours;
     Pose pose;
     double scale = 0.001;
+    //! The intensity limits (0 to 65535) written as scaled integers of this scale, as some
+    //! scanners write them (1: as integers).
+    double intensityLimitScale = 1;
 };
 
 //! A pinhole picture to write: its JPEG or PNG bytes, its camera and pose.

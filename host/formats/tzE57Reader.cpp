@@ -332,6 +332,13 @@ void readScans(const Bytes &in, const LoadOptions &options, E57Scans &result)
     }
 }
 
+//! Says that a scan without a valid point is left out.
+void noteLeftOut(const LoadOptions &options, const QString &name, const tzPointCloud &cloud)
+{
+    note(options,
+         QStringLiteral("'%1': %2 holds no valid point: left out").arg(name, cloud.getName()));
+}
+
 //! The reason a file gives no points to show, or empty.
 QString nothingToShow(const E57Scans &scans)
 {
@@ -487,13 +494,19 @@ void attachPictures(const Bytes &in, const QString &name, const LoadOptions &opt
 std::vector<std::unique_ptr<tzPointCloud>> readE57Scans(const Bytes &in, const QString &name,
                                                         const LoadOptions &options)
 {
-    Q_UNUSED(name)
     E57Scans scans;
     readScans(in, options, scans);
     const QString nothing = nothingToShow(scans);
     if (!nothing.isEmpty())
         failWith(nothing);
-    return std::move(scans.clouds);
+    std::vector<std::unique_ptr<tzPointCloud>> clouds;
+    for (std::unique_ptr<tzPointCloud> &cloud : scans.clouds) {
+        if (cloud->size() == 0)
+            noteLeftOut(options, name, *cloud);
+        else
+            clouds.push_back(std::move(cloud));
+    }
+    return clouds;
 }
 
 tzHObject *readE57Group(const Bytes &in, const QString &name, const LoadOptions &options)
@@ -508,9 +521,7 @@ tzHObject *readE57Group(const Bytes &in, const QString &name, const LoadOptions 
     for (std::unique_ptr<tzPointCloud> &cloud : scans.clouds) {
         // A scan without a valid point has nothing to show.
         if (cloud->size() == 0) {
-            note(options,
-                 QStringLiteral("'%1': %2 holds no valid point: left out")
-                     .arg(name, cloud->getName()));
+            noteLeftOut(options, name, *cloud);
             continue;
         }
         group->addChild(cloud.release());
@@ -526,13 +537,23 @@ tzPointCloud *readE57(const Bytes &in, const QString &name, const QString &,
         return clouds.front().release();
     // One cloud of every scan's points, in the same shift.
     size_t total = 0;
-    bool colours = true;
+    bool colours = false;
+    QStringList grey; // scans of points without colour
     quint8 kinds = tzPointDisplay::INTENSITY;
     for (const auto &cloud : clouds) {
         total += cloud->size();
-        colours = colours && (cloud->hasColors() || cloud->size() == 0);
+        colours = colours || cloud->hasColors();
+        if (cloud->size() > 0 && !cloud->hasColors())
+            grey << cloud->getName();
         if (cloud->size() > 0 && !(cloud->attributeKinds() & tzPointDisplay::INTENSITY))
             kinds = 0;
+    }
+    // A scan in colour gives the merged cloud its colours; the points of the scans without
+    // any are white there.
+    if (colours && !grey.isEmpty()) {
+        note(options,
+             QStringLiteral("'%1': %2 without colour: white in the merged cloud")
+                 .arg(name, grey.join(QStringLiteral(", "))));
     }
     std::vector<TZVector3> points;
     std::vector<tzRgb> rgb;
@@ -548,7 +569,7 @@ tzPointCloud *readE57(const Bytes &in, const QString &name, const QString &,
         const size_t n = cloud->size();
         if (n > 0) {
             std::copy_n(&cloud->point(0), n, points.begin() + std::ptrdiff_t(at));
-            if (colours)
+            if (colours && cloud->hasColors())
                 std::copy_n(cloud->colorData(), n, rgb.begin() + std::ptrdiff_t(at));
             if (kinds)
                 std::copy_n(cloud->attributeData(), n, attributes.begin() + std::ptrdiff_t(at));

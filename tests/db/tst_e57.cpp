@@ -116,6 +116,7 @@ private slots:
     void damagedRecordsAreRefused();
     void picturesBecomePhotoLists();
     void conversionsMergeOrSplitTheScans();
+    void scaledLimitsScansWithoutColourAndEmptyScans();
 
 private:
     QTemporaryDir m_cache;
@@ -601,6 +602,59 @@ void TestE57::conversionsMergeOrSplitTheScans()
     QVERIFY(!tzCloudFile::convertScans(bad, dir.filePath("bad.las"), written, error));
     QVERIFY2(error.contains("page 3 of") && error.contains("bad.e57"), qPrintable(error));
     QVERIFY(written.isEmpty() && !QFile::exists(dir.filePath("bad-Station_1.las")));
+}
+
+void TestE57::scaledLimitsScansWithoutColourAndEmptyScans()
+{
+    // An empty scan whose section says its data starts at 0 (as some writers leave it), a scan
+    // in colour whose intensity limits are scaled integers (0 to 131070 x 0.5), and a scan
+    // without colour.
+    std::vector<tzE57::ScanToWrite> scans(3);
+    scans[0].name = QStringLiteral("empty");
+    scans[1].name = QStringLiteral("coloured");
+    scans[1].intensityLimitScale = 0.5;
+    scans[2].name = QStringLiteral("plain");
+    for (int i = 0; i < 100; ++i) {
+        scans[1].xyz.insert(scans[1].xyz.end(), {i * 0.01, 0.0, 1.0});
+        scans[1].intensities.push_back(quint16(i * 13));
+        scans[1].colours.push_back({quint8(i), 7, 200});
+    }
+    for (int i = 0; i < 50; ++i) {
+        scans[2].xyz.insert(scans[2].xyz.end(), {i * 0.01, 1.0, 1.0});
+        scans[2].intensities.push_back(quint16(i * 7));
+    }
+    QByteArray bytes;
+    std::string problem;
+    QVERIFY2(tzE57::writeFile(scans, bytes, problem), problem.c_str());
+    const int dataOffset = 48 + 16; // the first scan's section follows the file's header
+    bytes.replace(dataOffset, 8, QByteArray(8, '\0'));
+    rechecksum(bytes);
+    QTemporaryDir dir;
+    const QString path = writeTo(dir, QStringLiteral("mixed.e57"), bytes);
+
+    Read read(path);
+    QVERIFY2(read.object, qPrintable(read.error));
+    QCOMPARE(int(read.clouds.size()), 2);
+    QCOMPARE(read.clouds[0]->getName(), QStringLiteral("coloured"));
+    QVERIFY2(read.notes.join('|').contains(QStringLiteral("empty holds no valid point: left out")),
+             qPrintable(read.notes.join('|')));
+    // The limits' scale applied: the intensities are the ones written (not halved).
+    QCOMPARE(int(read.clouds[0]->getPointAttributes(1).intensity), 13);
+    QCOMPARE(int(read.clouds[0]->getPointAttributes(99).intensity), 99 * 13);
+
+    // Merged, the colours stay; the scan without any is white, and the console says so.
+    QStringList notes;
+    tzCloudFile::LoadOptions options;
+    options.note = [&notes](const QString &text) { notes << text; };
+    QString error;
+    std::unique_ptr<tzPointCloud> merged(tzCloudFile::load(path, error, options));
+    QVERIFY2(merged, qPrintable(error));
+    QCOMPARE(int(merged->size()), 150);
+    QVERIFY(merged->hasColors());
+    QCOMPARE(merged->getPointColor(1), (tzRgb {1, 7, 200}));
+    QCOMPARE(merged->getPointColor(120), (tzRgb {255, 255, 255}));
+    QVERIFY2(notes.join('|').contains(QStringLiteral("plain without colour: white")),
+             qPrintable(notes.join('|')));
 }
 
 QTEST_GUILESS_MAIN(TestE57)
