@@ -244,6 +244,13 @@ template<typename Fn> void forEachVlr(const Bytes &in, const LasHeader &header, 
     }
 }
 
+//! Whether a VLR or an extended VLR (same first fields) is one of an octree's (COPC): its
+//! description or its hierarchy.
+bool isCopcRecord(const uchar *vlr)
+{
+    return std::memcmp(vlr + 2, "copc\0", 5) == 0;
+}
+
 bool isLaszipVlr(const uchar *vlr)
 {
     return std::memcmp(vlr + 2, "laszip encoded", 14) == 0
@@ -392,11 +399,15 @@ std::vector<tzLaz::Chunk> chunksInSequence(const Bytes &in, const LasHeader &hea
     return chunks;
 }
 
-//! Where the chunks of a LAZ file's points lie: from its chunk table, or found one after the
-//! other when the table is missing or damaged; the points of the first writers are one stream.
+//! Where the chunks of a LAZ file's points lie: from its chunk table (fromTable), or found one
+//! after the other when the table is missing or damaged; the points of the first writers are
+//! one stream.
 std::vector<tzLaz::Chunk> lazChunks(const Bytes &in, const LasHeader &header,
-                                    const tzLaz::Description &description)
+                                    const tzLaz::Description &description,
+                                    bool *fromTable = nullptr)
 {
+    if (fromTable)
+        *fromTable = false;
     std::vector<tzLaz::Chunk> chunks;
     if (header.count == 0)
         return chunks;
@@ -410,6 +421,8 @@ std::vector<tzLaz::Chunk> lazChunks(const Bytes &in, const LasHeader &header,
     if (!tzLaz::readChunkTable(in.data, in.size, header.dataOffset, header.count, description,
                                chunks, tableError))
         chunks = chunksInSequence(in, header, description);
+    else if (fromTable)
+        *fromTable = true;
     return chunks;
 }
 
@@ -425,7 +438,8 @@ tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QSt
     if (header.count > 0xffffffffull)
         failWith(QStringLiteral("%1 points are more than a cloud holds").arg(header.count));
     const size_t n = size_t(header.count);
-    std::vector<tzLaz::Chunk> chunks = lazChunks(in, header, description);
+    bool fromTable = false;
+    std::vector<tzLaz::Chunk> chunks = lazChunks(in, header, description, &fromTable);
     CloudBuilder builder(options);
     if (n > 0) {
         if (chunks.front().offset + header.recordLength > in.size)
@@ -435,11 +449,22 @@ tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QSt
     const RecordConverter convert {header, builder.shift()};
     CloudArrays arrays(header, n);
     auto &[points, colours, attributes] = arrays;
-    LazDecoding decoding(in, header, description, convert, std::move(chunks), points.data(),
-                         colours.empty() ? nullptr : colours.data(), attributes.data());
-    decoding.run(builder, n);
-    if (!colours.empty() && decoding.wide())
-        decoding.narrowColoursOfNarrowChunks();
+    const auto decode = [&](std::vector<tzLaz::Chunk> where) {
+        LazDecoding decoding(in, header, description, convert, std::move(where), points.data(),
+                             colours.empty() ? nullptr : colours.data(), attributes.data());
+        decoding.run(builder, n);
+        if (!colours.empty() && decoding.wide())
+            decoding.narrowColoursOfNarrowChunks();
+    };
+    try {
+        decode(std::move(chunks));
+    } catch (const ReadFailure &) {
+        // A table whose entries add up and still point a chunk to the wrong place: the chunks
+        // found one after the other say whether one is really damaged, and which.
+        if (!fromTable)
+            throw;
+        decode(chunksInSequence(in, header, description));
+    }
     return builder.finish(name, std::move(points), std::move(colours), std::move(attributes),
                           LAS_ATTRIBUTES);
 }
@@ -526,12 +551,13 @@ void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
     if (header.count > 0xffffffffull)
         failWith(QStringLiteral("%1 points are more than this converter takes").arg(header.count));
     const int minor = header.minor;
-    // The VLRs that stay: all but a laszip VLR.
+    // The VLRs that stay: all but a laszip VLR and an octree's (COPC) records, whose chunks
+    // and hierarchy the conversion does not keep.
     QByteArray vlrs;
     quint32 vlrCount = 0;
     size_t at = header.headerSize;
     forEachVlr(in, header, [&](const uchar *vlr, quint16 length) {
-        if (!isLaszipVlr(vlr)) {
+        if (!isLaszipVlr(vlr) && !isCopcRecord(vlr)) {
             vlrs.append(reinterpret_cast<const char *>(vlr), 54 + length);
             ++vlrCount;
         }
@@ -633,7 +659,35 @@ void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
         }
         if (tail < in.size) {
             const qint64 newTail = out.pos() - start;
-            write(reinterpret_cast<const char *>(in.data + tail), qint64(in.size - tail));
+            // The extended VLRs, last in the file, go one by one: an octree's hierarchy stays
+            // behind with its description.
+            const bool evlrsLast = after(evlrStart) && !(after(waveStart) && waveStart > evlrStart);
+            const quint64 copied = evlrsLast ? evlrStart : in.size;
+            write(reinterpret_cast<const char *>(in.data + tail), qint64(copied - tail));
+            qint64 newEvlrStart = 0;
+            quint32 keptEvlrs = 0;
+            if (evlrsLast) {
+                newEvlrStart = out.pos() - start;
+                quint32 kept = 0;
+                const quint32 count = loadAs<quint32>(in.data + 243, false);
+                quint64 p = evlrStart;
+                for (quint32 i = 0; i < count && p + 60 <= in.size; ++i) {
+                    const quint64 length = loadAs<quint64>(in.data + p + 20, false);
+                    if (length > in.size - p - 60)
+                        failWith(QStringLiteral("extended VLR %1 of %2 runs past the end of the "
+                                                "file")
+                                     .arg(i + 1)
+                                     .arg(count));
+                    if (!isCopcRecord(in.data + p)) {
+                        write(reinterpret_cast<const char *>(in.data + p), qint64(60 + length));
+                        ++kept;
+                    }
+                    p += 60 + length;
+                }
+                keptEvlrs = kept;
+                if (kept == 0)
+                    newEvlrStart = 0; // none left
+            }
             const qint64 finished = out.pos();
             const auto moved = [&](int field, quint64 offset) {
                 const qint64 now = qint64(offset - tail) + newTail;
@@ -643,8 +697,14 @@ void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
             };
             if (after(waveStart))
                 moved(227, waveStart);
-            if (after(evlrStart))
+            if (evlrsLast) {
+                if (!out.seek(start + 235))
+                    failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
+                write(reinterpret_cast<const char *>(&newEvlrStart), 8);
+                write(reinterpret_cast<const char *>(&keptEvlrs), 4); // at 243
+            } else if (after(evlrStart)) {
                 moved(235, evlrStart);
+            }
             out.seek(finished);
         }
     }

@@ -146,6 +146,14 @@ bool readChunkTable(const std::uint8_t *file, std::size_t fileSize, std::uint64_
         chunks.clear();
         return false;
     }
+    // The chunks lie end to end from the point data to the table: entries that do not add up
+    // to that are damaged, however plausible each one is.
+    if (offset != std::uint64_t(tableOffset)) {
+        error = "the chunk table's chunks end at byte " + std::to_string(offset)
+            + ", the table starts at byte " + std::to_string(tableOffset);
+        chunks.clear();
+        return false;
+    }
     return true;
 }
 
