@@ -5,6 +5,7 @@
 //           [--shading edl|none] [files...]
 //   tessaro --convert IN OUT [--chunk-size N] [--split]   (by extension; no window; --split:
 //                                                          one OUT per scan of an E57)
+//   tessaro --help                                        (every option, one line each)
 //
 // Opens the clouds (PLY, LAS, LAZ, E57, PCD, text) and scenes (.tzs) given, and loads the plug-ins
 // found in plugins/ beside the executable (lib/tessaro/plugins/ once installed) and in the folders
@@ -30,26 +31,52 @@
 
 namespace {
 
+// Every option of both uses (the viewer, and --convert without a window), described once, so
+// that --help lists them all and each use reads its own by name.
+void describeOptions(QCommandLineParser &parser)
+{
+    parser.setApplicationDescription(
+        QStringLiteral("Tessaro point-cloud viewer: opens the clouds (PLY, LAS, LAZ, E57, PCD, "
+                       "text) and scenes (.tzs) given.\nWith --convert IN OUT, converts a cloud "
+                       "file to another format (by OUT's extension) without a window."));
+    parser.addHelpOption();
+    const auto add = [&parser](const char *name, const char *text, const char *value = nullptr,
+                               const char *byDefault = nullptr) {
+        QCommandLineOption option(QLatin1String(name), QString::fromUtf8(text));
+        if (value)
+            option.setValueName(QLatin1String(value));
+        if (byDefault)
+            option.setDefaultValue(QLatin1String(byDefault));
+        parser.addOption(option);
+    };
+    add("auto-shift", "Take the suggested global shift of large coordinates without asking.");
+    add("oblique", "Show the clouds in an oblique view once open.");
+    add("action", "Once the files are open, run the plug-in action of this name.", "name");
+    add("screenshot", "Once the files are open and shown, save the window to <png> and quit.",
+        "png");
+    add("colour", "Show every cloud opened by rgb, intensity, elevation or classification.",
+        "mode");
+    add("point-size", "Draw the points of every cloud opened N pixels wide (1 to 10).", "N");
+    add("shading",
+        "Eye-dome shading: edl or none (by default on while a cloud is shown without colours).",
+        "edl|none");
+    add("convert", "Convert IN to OUT (LAS, LAZ, PLY by OUT's extension), no window.");
+    add("chunk-size", "With --convert: points per chunk of a LAZ output.", "N", "50000");
+    add("split", "With --convert: one OUT per scan of an E57 file (OUT-<scan>.<ext>).");
+    parser.addPositionalArgument(QStringLiteral("files"),
+                                 QStringLiteral("Clouds and scenes to open; with --convert, IN "
+                                                "and OUT."),
+                                 QStringLiteral("[files...]"));
+}
+
 // tessaro --convert IN OUT [--chunk-size N] [--split]: no window, no display needed.
 int convertFiles(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Converts a point cloud file to another "
-                                                    "format, by the output's extension."));
-    parser.addHelpOption();
-    QCommandLineOption convert(QStringLiteral("convert"), QStringLiteral("Convert IN to OUT."));
-    parser.addOption(convert);
-    QCommandLineOption chunkSize(QStringLiteral("chunk-size"),
-                                 QStringLiteral("Points per chunk of a LAZ output (50000)."),
-                                 QStringLiteral("n"), QStringLiteral("50000"));
-    parser.addOption(chunkSize);
-    QCommandLineOption split(QStringLiteral("split"),
-                             QStringLiteral("One output per scan of an E57 file: OUT's name with "
-                                            "\"-\" and the scan's name before its extension."));
-    parser.addOption(split);
-    parser.addPositionalArgument(QStringLiteral("in"), QStringLiteral("The file to convert."));
-    parser.addPositionalArgument(QStringLiteral("out"), QStringLiteral("The file to write."));
+    describeOptions(parser);
+    const QString chunkSize = QStringLiteral("chunk-size");
+    const QString split = QStringLiteral("split");
     parser.process(app);
     const QStringList files = parser.positionalArguments();
     if (files.size() != 2) {
@@ -89,8 +116,10 @@ int convertFiles(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    // Conversions and the help need no display.
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--convert") == 0)
+        if (std::strcmp(argv[i], "--convert") == 0 || std::strcmp(argv[i], "--help") == 0
+            || std::strcmp(argv[i], "-h") == 0 || std::strcmp(argv[i], "-?") == 0)
             return convertFiles(argc, argv);
     }
 
@@ -102,44 +131,11 @@ int main(int argc, char **argv)
     QApplication::setApplicationName(QStringLiteral("Tessaro"));
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Tessaro point-cloud viewer"));
-    parser.addHelpOption();
-    QCommandLineOption autoShift(QStringLiteral("auto-shift"),
-                                 QStringLiteral("Take the suggested global shift of large "
-                                                "coordinates without asking."));
-    parser.addOption(autoShift);
-    QCommandLineOption screenshot(
-        QStringLiteral("screenshot"),
-        QStringLiteral("Once the files are open and shown, save a picture "
-                       "of the window to <png> and quit."),
-        QStringLiteral("png"));
-    parser.addOption(screenshot);
-    QCommandLineOption oblique(QStringLiteral("oblique"),
-                               QStringLiteral("Show the clouds in an oblique view once open."));
-    parser.addOption(oblique);
-    QCommandLineOption action(QStringLiteral("action"),
-                              QStringLiteral("Once the files are open, run the plug-in action of "
-                                             "this name (as its button does)."),
-                              QStringLiteral("name"));
-    parser.addOption(action);
-    QCommandLineOption colour(QStringLiteral("colour"),
-                              QStringLiteral("Show every cloud opened by rgb, intensity, elevation "
-                                             "or classification."),
-                              QStringLiteral("mode"));
-    parser.addOption(colour);
-    QCommandLineOption pointSize(QStringLiteral("point-size"),
-                                 QStringLiteral("Draw the points of every cloud opened N pixels "
-                                                "wide (1 to 10)."),
-                                 QStringLiteral("N"));
-    parser.addOption(pointSize);
-    QCommandLineOption shading(QStringLiteral("shading"),
-                               QStringLiteral("Eye-dome shading of the clouds: edl or none (by "
-                                              "default on while a cloud is shown without its "
-                                              "colours)."),
-                               QStringLiteral("edl|none"));
-    parser.addOption(shading);
-    parser.addPositionalArgument(QStringLiteral("files"), QStringLiteral("Point clouds to open."),
-                                 QStringLiteral("[files...]"));
+    describeOptions(parser);
+    const QString autoShift = QStringLiteral("auto-shift"), oblique = QStringLiteral("oblique");
+    const QString action = QStringLiteral("action"), screenshot = QStringLiteral("screenshot");
+    const QString colour = QStringLiteral("colour"), pointSize = QStringLiteral("point-size");
+    const QString shading = QStringLiteral("shading");
     parser.process(app);
 
     tzMainWindow::Options options;

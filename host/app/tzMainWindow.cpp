@@ -450,13 +450,15 @@ void tzMainWindow::saveCloudAs()
     const QDir folder = source.isEmpty()
         ? QDir(settings.value(QStringLiteral("LoadFile/currentPath")).toString())
         : QFileInfo(source).absoluteDir();
-    QString path = QFileDialog::getSaveFileName(
-        this, tr("Save cloud as"), folder.filePath(cloud->getName() + QStringLiteral(".laz")),
-        tr("LAZ (*.laz);;LAS (*.las);;PLY (*.ply)"));
-    if (path.isEmpty())
+    // A name of its own: never the file the cloud came from, nor another file already there
+    // (one Enter must not overwrite the survey).
+    QString proposed = folder.filePath(cloud->getName() + QStringLiteral(".laz"));
+    for (int n = 2; QFileInfo::exists(proposed); ++n)
+        proposed = folder.filePath(QStringLiteral("%1_%2.laz").arg(cloud->getName()).arg(n));
+    QString path = QFileDialog::getSaveFileName(this, tr("Save cloud as"), proposed,
+                                                tr("LAZ (*.laz);;LAS (*.las);;PLY (*.ply)"));
+    if (!completedSavePath(path, QStringLiteral("laz")))
         return;
-    if (QFileInfo(path).suffix().isEmpty())
-        path += QStringLiteral(".laz");
     // Written here, the progress shown after a moment with its Cancel (the dialog keeps the
     // window's input away meanwhile; before it shows, only painting goes on).
     const QString fileName = QFileInfo(path).fileName();
@@ -891,11 +893,25 @@ bool tzMainWindow::saveSceneAs()
 {
     QString path = QFileDialog::getSaveFileName(this, tr("Save scene"), proposedScenePath(),
                                                 tr("Tessaro scenes (*.tzs)"));
+    if (!completedSavePath(path, QStringLiteral("tzs")))
+        return false;
+    return saveScene(path);
+}
+
+bool tzMainWindow::completedSavePath(QString &path, const QString &suffix)
+{
     if (path.isEmpty())
         return false;
-    if (QFileInfo(path).suffix().isEmpty())
-        path += QStringLiteral(".tzs");
-    return saveScene(path);
+    if (!QFileInfo(path).suffix().isEmpty())
+        return true; // the file dialog asked before a file of that name was replaced
+    // The suffix added here names another file, which the dialog did not ask about.
+    path += QLatin1Char('.') + suffix;
+    if (!QFileInfo::exists(path))
+        return true;
+    return QMessageBox::question(this, tr("Replace"),
+                                 tr("'%1' already exists. Replace it?").arg(path),
+                                 QMessageBox::Yes | QMessageBox::No, QMessageBox::No)
+        == QMessageBox::Yes;
 }
 
 bool tzMainWindow::saveScene(const QString &path)

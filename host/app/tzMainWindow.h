@@ -113,6 +113,9 @@ private slots:
     void onSelectionChanged();
     void onEntityClicked(tzHObject *entity);
     void openNextFile();
+    //! A path chosen in a save dialog, with the suffix added when it has none: false when
+    //! nothing was chosen, or when the name with the suffix is a file the user will not replace.
+    bool completedSavePath(QString &path, const QString &suffix);
     //! The global shift of the scene's first cloud (what a file opened into it is offered
     //! first), or nothing while the scene has no cloud.
     std::optional<TZVector3d> sceneCloudShift() const;

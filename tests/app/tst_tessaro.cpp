@@ -507,6 +507,18 @@ void TestTessaro::selectedCloudSavedAs()
     QVERIFY2(back, qPrintable(error));
     QCOMPARE(back->size(), cloud->size());
     QCOMPARE(back->getGlobalShift(), cloud->getGlobalShift());
+
+    // Again: a name of its own, never the file already there (one Enter would replace it).
+    FileDialogAnswer again;
+    saveCloud->trigger();
+    QCOMPARE(again.proposed, dir.filePath(QStringLiteral("site_2.laz")));
+    // A name typed without its suffix that, with it, is a file already there: asked first.
+    const QString kept = writeFile(dir, QStringLiteral("kept.laz"), "not to be lost");
+    FileDialogAnswer typed(dir.filePath(QStringLiteral("kept")));
+    BoxAnswer no(QMessageBox::No);
+    saveCloud->trigger();
+    QTRY_VERIFY(no.asked);
+    QCOMPARE(QFile(kept).size(), qint64(14));
 }
 
 void TestTessaro::progressShownDuringTheLoadEndsCleanly()

@@ -865,6 +865,14 @@ void TestLaz::convertFromTheCommandLine()
     QVERIFY(tessaro.waitForFinished(30000));
     QVERIFY(tessaro.exitCode() != 0);
     QVERIFY(tessaro.readAllStandardError().contains("missing.las': cannot open"));
+    // The help, without a display too, names every option of both uses.
+    tessaro.start(QStringLiteral(TESSARO_BIN), {QStringLiteral("--help")});
+    QVERIFY(tessaro.waitForFinished(30000));
+    QCOMPARE(tessaro.exitCode(), 0);
+    const QByteArray help = tessaro.readAllStandardOutput();
+    for (const char *option : {"--auto-shift", "--oblique", "--action", "--screenshot", "--colour",
+                               "--point-size", "--shading", "--convert", "--chunk-size", "--split"})
+        QVERIFY2(help.contains(option), option);
 }
 
 void TestLaz::pointsInOneStreamOpen()
