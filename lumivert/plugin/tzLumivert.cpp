@@ -733,6 +733,10 @@ bool tzLumivert::eventFilter(QObject *obj, QEvent *event)
                 m_dialog->SimpleAjoutZButton->setChecked(true);
             }
         } else if (key->key() == Qt::Key_Z) {
+            // Z held repeats its press: only the first arms the one lowest-point pick, or a
+            // hold that outlasts its pick would arm the next plain one too.
+            if (key->isAutoRepeat())
+                break;
             qDebug(" Z press ");
             if (m_dialog) {
                 m_dialog->pointPropertiesPointButton->setChecked(true);

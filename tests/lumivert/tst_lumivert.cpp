@@ -371,6 +371,17 @@ void TestLumivert::zKeyMakesOneLowestPointPick()
     QVERIFY(viewer.button("pointPropertiesButton")->isChecked());
     QVERIFY(!viewer.button("pointPropertiesPointButton")->isChecked());
     QCOMPARE(store()->value(QStringLiteral("SimplePoint")).toBool(), true);
+    // Z still held after its pick: the keyboard repeats the press, which arms nothing more.
+    QTest::sendKeyEvent(QTest::Press, view, Qt::Key_Z, 'z', Qt::NoModifier);
+    QVERIFY(viewer.state("zPressed").toBool());
+    QVERIFY(QMetaObject::invokeMethod(viewer.plugin, "pointPicked",
+                                      Q_ARG(tzHObject *, viewer.cloud), Q_ARG(unsigned, 5u),
+                                      Q_ARG(int, 10), Q_ARG(int, 10), Q_ARG(TZVector3, P)));
+    QKeyEvent repeat(QEvent::KeyPress, Qt::Key_Z, Qt::NoModifier, QStringLiteral("z"), true);
+    QApplication::sendEvent(view, &repeat);
+    QTest::sendKeyEvent(QTest::Release, view, Qt::Key_Z, 'z', Qt::NoModifier);
+    QVERIFY(!viewer.state("zPressed").toBool());
+    QVERIFY(viewer.button("pointPropertiesButton")->isChecked());
 }
 
 void TestLumivert::eachKeyPressIsSeenOnce()
