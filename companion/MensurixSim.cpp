@@ -1,10 +1,14 @@
 #include "MensurixSim.h"
 
 #include <QCoreApplication>
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
 #include <QSocketNotifier>
+#include <QStandardPaths>
 #include <QTextStream>
 #include <QThread>
 
@@ -118,6 +122,8 @@ bool MensurixSim::start()
         }
         m_script = QString::fromUtf8(script.readAll()).split(QLatin1Char('\n'));
     }
+    if (m_options.numberSights)
+        startNumbering();
     if (!m_server.listen(QHostAddress::LocalHost, m_options.port)) {
         std::fprintf(stderr,
                      "mensurix-sim: cannot listen on 127.0.0.1:%u: %s (is the companion or "
@@ -327,10 +333,48 @@ void MensurixSim::moveSight(const QList<double> &v)
     }
 }
 
+void MensurixSim::startNumbering()
+{
+    // Above every sight of the script, sent yet or not...
+    for (const QString &line : qAsConst(m_script)) {
+        const QJsonObject frame = QJsonDocument::fromJson(line.trimmed().toUtf8()).object();
+        if (frame.value(QLatin1String("type")).toString() != QLatin1String("CVisee"))
+            continue;
+        m_lastNumber
+            = std::max(m_lastNumber, frame.value(QLatin1String("number")).toVariant().toInt());
+        m_lastIdent = std::max(m_lastIdent, frame.value(QLatin1String("ident")).toInt());
+    }
+    // ...and every one numbered by an earlier run of the same script: a restarted companion
+    // still has its project, and must not give a sight on screen's number to a new one.
+    const QString folder = QStandardPaths::writableLocation(QStandardPaths::CacheLocation);
+    const QByteArray key
+        = QCryptographicHash::hash(QFileInfo(m_options.script).absoluteFilePath().toUtf8(),
+                                   QCryptographicHash::Sha1)
+              .toHex()
+              .left(16);
+    m_numbersPath = QDir(folder).filePath(QStringLiteral("numbers-") + QLatin1String(key));
+    QFile saved(m_numbersPath);
+    if (saved.open(QIODevice::ReadOnly)) {
+        const QList<QByteArray> values = saved.readAll().simplified().split(' ');
+        if (values.size() == 2) {
+            m_lastNumber = std::max(m_lastNumber, values[0].toInt());
+            m_lastIdent = std::max(m_lastIdent, values[1].toInt());
+        }
+    }
+    print(QStringLiteral("sights placed are numbered from %1 (ident %2; %3)")
+              .arg(m_lastNumber + 1)
+              .arg(m_lastIdent + 1)
+              .arg(QDir::toNativeSeparators(m_numbersPath)));
+}
+
 void MensurixSim::numberSight(double x, double y, double z)
 {
     print(QStringLiteral("   numbered sight %1").arg(m_lastNumber + 1));
     sendFrame(sightFrame(m_lastIdent + 1, QString::number(m_lastNumber + 1), x, y, z));
+    QDir().mkpath(QFileInfo(m_numbersPath).absolutePath());
+    QFile saved(m_numbersPath);
+    if (saved.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        saved.write(QByteArray::number(m_lastNumber) + ' ' + QByteArray::number(m_lastIdent));
 }
 
 void MensurixSim::runLine(const QString &line)

@@ -53,6 +53,8 @@ private:
     void sendFrame(const QString &frame);
     //! Notes the number and ident of a CVisee frame sent, so that the next ones are free.
     void noteSight(const QString &frame);
+    //! Where the numbering starts: above the script's sights and those numbered before.
+    void startNumbering();
     void numberSight(double x, double y, double z);
     void moveSight(const QList<double> &fromTo);
     void runScript();
@@ -72,6 +74,7 @@ private:
     int m_framesSent = 0;
     int m_lastNumber = 1000; // of the sights sent
     int m_lastIdent = 0;
+    QString m_numbersPath; // the last number and ident given, kept across runs of a script
     struct Sight
     {
         int ident = 0;

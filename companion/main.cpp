@@ -25,7 +25,9 @@ int main(int argc, char **argv)
         "  !close       close the connection; the next one is accepted\n"
         "  !quit        stop\n\n"
         "The script starts when the plug-in connects. Each sight placed (\"coordonnees\") is\n"
-        "answered with a CVisee frame giving it the next free number (--no-numbering: not)."));
+        "answered with a CVisee frame giving it the next free number (--no-numbering: not):\n"
+        "above every sight of the script and every one numbered by an earlier run of it (kept\n"
+        "in the user's cache), so that a restarted stand-in never renumbers a sight on screen."));
     parser.addHelpOption();
     QCommandLineOption port(QStringLiteral("port"), QStringLiteral("Port to listen on."),
                             QStringLiteral("port"), QStringLiteral("6601"));

@@ -198,6 +198,7 @@ private slots:
     void pickNearASightThenElsewhereMovesIt();
     void companionGoingAwayAndComingBack();
     void clickBesideACompanionLineReachesTheGround();
+    void restartedStandInNumbersAboveWhatItGave();
     void lowestPointIndexZeroIsNeverPreviewed();
     void previousHeightButton();
     void mouseCircleAndCursorReports();
@@ -212,6 +213,8 @@ private:
 void TestSightTool::initTestCase()
 {
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settings.path());
+    // The stand-ins keep their numbering in the cache: this run's own.
+    qputenv("XDG_CACHE_HOME", m_settings.filePath(QStringLiteral("cache")).toUtf8());
     QCoreApplication::setOrganizationName(QStringLiteral("Tessaro"));
     QCoreApplication::setApplicationName(QStringLiteral("Tessaro"));
 }
@@ -400,6 +403,35 @@ void TestSightTool::companionGoingAwayAndComingBack()
     // New sights go straight on, after the ones that waited.
     survey.pickAt({36, 10, groundZ(36)});
     QTRY_COMPARE(received(back, "coordonnees").size(), 3);
+}
+
+void TestSightTool::restartedStandInNumbersAboveWhatItGave()
+{
+    // Its script holds sight 1007, not sent yet: the first sight placed is 1008. Restarted with
+    // the same script, it numbers the next one 1009; sight 1008 stays where it was.
+    const QByteArray script = "!wait 100000\n{\"type\": \"CVisee\", \"ident\": 7, \"number\": "
+                              "\"1007\", \"coord\": {\"X\": 651201, \"Y\": 6861401, \"Z\": 112}}\n";
+    Session session(true, script);
+    QVERIFY(session.start("pointPropertiesButton"));
+    Survey &survey = session.survey;
+    const auto numbered = [&survey] {
+        QStringList numbers;
+        if (tzHObject *group = childNamed(survey.window.databaseRoot(), "CVisee")) {
+            for (unsigned i = 0; i < group->getChildrenNumber(); ++i)
+                numbers << sightOf(group->getChild(i))->number();
+        }
+        return numbers;
+    };
+    survey.pickAt({10, 10, groundZ(10)});
+    QTRY_COMPARE(numbered(), QStringList {QStringLiteral("1008")});
+    session.sim.kill();
+    QTRY_VERIFY(survey.consoleHas(QStringLiteral("Link with Mensurix lost")));
+    Sim back(writeScript(session.dir, script));
+    QTRY_VERIFY_WITH_TIMEOUT(back.log().contains(QStringLiteral("client connected")), 5000);
+    survey.pickAt({30, 10, groundZ(30)});
+    QTRY_COMPARE(numbered(), (QStringList {QStringLiteral("1008"), QStringLiteral("1009")}));
+    const auto *first = sightOf(childNamed(survey.window.databaseRoot(), "CVisee")->getChild(0));
+    QCOMPARE(first->getMetaData(QStringLiteral("Coord x")).toDouble(), 651210.0);
 }
 
 void TestSightTool::clickBesideACompanionLineReachesTheGround()
