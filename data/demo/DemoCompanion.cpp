@@ -109,7 +109,8 @@ QByteArray companionScript(const Scene &scene)
                                  {p.x - r * std::sqrt(0.5), p.y + r * std::sqrt(0.5), z},
                                  {p.x, p.y + r, z}})});
     }
-    // The road's centre line, and its edges as lines, every few metres.
+    // The road's centre line and its edges, as lines every few metres (an XPolyline is drawn
+    // closed: the centre line as one would run back across the site from its end to its start).
     script += "# The alignment of the road.\n";
     std::vector<Xyz> centre;
     QList<QByteArray> entities;
@@ -118,7 +119,8 @@ QByteArray companionScript(const Scene &scene)
         const double x = scene.side() * i / steps;
         centre.push_back({x, scene.roadY(x), scene.ground(x, scene.roadY(x))});
     }
-    entities << shape("XPolyline", colour(255, 255, 0), centre);
+    for (size_t i = 0; i + 1 < centre.size(); ++i)
+        entities << shape("XLine", colour(255, 255, 0), {centre[i], centre[i + 1]});
     for (const double side : {-1.0, 1.0}) {
         for (size_t i = 0; i + 1 < centre.size(); ++i) {
             const double offset = side * scene.roadHalfWidth();
