@@ -448,10 +448,11 @@ tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QSt
     }
     const RecordConverter convert {header, builder.shift()};
     CloudArrays arrays(header, n);
-    auto &[points, colours, attributes] = arrays;
     const auto decode = [&](std::vector<tzLaz::Chunk> where) {
-        LazDecoding decoding(in, header, description, convert, std::move(where), points.data(),
-                             colours.empty() ? nullptr : colours.data(), attributes.data());
+        std::vector<tzRgb> &colours = arrays.colours;
+        LazDecoding decoding(in, header, description, convert, std::move(where),
+                             arrays.points.data(), colours.empty() ? nullptr : colours.data(),
+                             arrays.attributes.data());
         decoding.run(builder, n);
         if (!colours.empty() && decoding.wide())
             decoding.narrowColoursOfNarrowChunks();
@@ -465,8 +466,8 @@ tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QSt
             throw;
         decode(chunksInSequence(in, header, description));
     }
-    return builder.finish(name, std::move(points), std::move(colours), std::move(attributes),
-                          LAS_ATTRIBUTES);
+    return builder.finish(name, std::move(arrays.points), std::move(arrays.colours),
+                          std::move(arrays.attributes), LAS_ATTRIBUTES);
 }
 
 // ---------------------------------------------------------------- conversion
