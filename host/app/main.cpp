@@ -5,6 +5,7 @@
 //           [--shading edl|none] [files...]
 //   tessaro --convert IN OUT [--chunk-size N] [--split]   (by extension; no window; --split:
 //                                                          one OUT per scan of an E57)
+//   tessaro --info [--json] FILE...                       (each file's header; no point read)
 //   tessaro --help                                        (every option, one line each)
 //
 // Opens the clouds (PLY, LAS, LAZ, E57, PCD, text) and scenes (.tzs) given, and loads the plug-ins
@@ -19,6 +20,9 @@
 #include <QAction>
 #include <QApplication>
 #include <QCommandLineParser>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QPixmap>
 #include <QScreen>
 #include <QSurfaceFormat>
@@ -63,13 +67,47 @@ void describeOptions(QCommandLineParser &parser)
     add("convert", "Convert IN to OUT (LAS, LAZ, PLY by OUT's extension), no window.");
     add("chunk-size", "With --convert: points per chunk of a LAZ output.", "N", "50000");
     add("split", "With --convert: one OUT per scan of an E57 file (OUT-<scan>.<ext>).");
+    add("info",
+        "Say what each file's header holds (format, points, bounds, VLRs, compression, "
+        "octree, scans) without reading its points, no window.");
+    add("json", "With --info: as one JSON array.");
     parser.addPositionalArgument(QStringLiteral("files"),
                                  QStringLiteral("Clouds and scenes to open; with --convert, IN "
-                                                "and OUT."),
+                                                "and OUT; with --info, the files to describe."),
                                  QStringLiteral("[files...]"));
 }
 
-// tessaro --convert IN OUT [--chunk-size N] [--split]: no window, no display needed.
+// tessaro --info [--json] FILE...: each file's header, no point read. 1 when one could not be
+// described (the others are).
+int describeFiles(const QStringList &files, bool json)
+{
+    if (files.isEmpty()) {
+        std::fprintf(stderr, "tessaro --info: give the files to describe\n");
+        return 2;
+    }
+    QJsonArray all;
+    int failed = 0;
+    for (const QString &path : files) {
+        QJsonObject info;
+        QString error;
+        if (!tzCloudFile::describe(path, info, error)) {
+            std::fprintf(stderr, "tessaro --info: %s\n", qPrintable(error));
+            ++failed;
+            continue;
+        }
+        if (json)
+            all.append(info);
+        else
+            std::printf("%s%s", all.isEmpty() && path == files.first() ? "" : "\n",
+                        qPrintable(tzCloudFile::describeAsText(info)));
+    }
+    if (json)
+        std::printf("%s", QJsonDocument(all).toJson().constData());
+    return failed ? 1 : 0;
+}
+
+// tessaro --convert IN OUT [--chunk-size N] [--split], tessaro --info, tessaro --help: no
+// window, no display needed.
 int convertFiles(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
@@ -79,6 +117,8 @@ int convertFiles(int argc, char **argv)
     const QString split = QStringLiteral("split");
     parser.process(app);
     const QStringList files = parser.positionalArguments();
+    if (parser.isSet(QStringLiteral("info")))
+        return describeFiles(files, parser.isSet(QStringLiteral("json")));
     if (files.size() != 2) {
         std::fprintf(stderr, "tessaro --convert: give the file to convert and the file to write\n");
         return 2;
@@ -118,8 +158,9 @@ int main(int argc, char **argv)
 {
     // Conversions and the help need no display.
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--convert") == 0 || std::strcmp(argv[i], "--help") == 0
-            || std::strcmp(argv[i], "-h") == 0 || std::strcmp(argv[i], "-?") == 0)
+        if (std::strcmp(argv[i], "--convert") == 0 || std::strcmp(argv[i], "--info") == 0
+            || std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0
+            || std::strcmp(argv[i], "-?") == 0)
             return convertFiles(argc, argv);
     }
 

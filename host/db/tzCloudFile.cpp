@@ -6,6 +6,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonObject>
 
 #include <algorithm>
 #include <charconv>
@@ -114,6 +116,103 @@ tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format, con
 {
     const Bytes view {reinterpret_cast<const uchar *>(bytes.constData()), size_t(bytes.size())};
     return readAny(view, format, name, errorText, options);
+}
+
+bool describe(const QString &path, QJsonObject &info, QString &errorText)
+{
+    const QString suffix = QFileInfo(path).suffix().toLower();
+    const Format *format = formatOf(suffix);
+    FileBytes in;
+    if (!format || !format->read) {
+        errorText = QStringLiteral("'%1': unknown cloud file extension '.%2'").arg(path, suffix);
+        return false;
+    }
+    if (!in.open(path, errorText))
+        return false;
+    info = QJsonObject();
+    if (format->describe) {
+        info = reading(path, errorText, [&] { return format->describe(in.bytes()); });
+        if (info.isEmpty())
+            return false;
+    } else {
+        info.insert(QStringLiteral("format"), format->description);
+    }
+    info.insert(QStringLiteral("file"), QFileInfo(path).absoluteFilePath());
+    info.insert(QStringLiteral("bytes"), double(in.bytes().size));
+    return true;
+}
+
+namespace {
+
+QString textOf(const QJsonValue &value)
+{
+    if (value.isDouble()) {
+        const double v = value.toDouble();
+        return v == std::round(v) && std::abs(v) < 1e15 ? QString::number(qint64(v))
+                                                        : QString::number(v, 'g', 15);
+    }
+    if (value.isBool())
+        return value.toBool() ? QStringLiteral("yes") : QStringLiteral("no");
+    return value.toString();
+}
+
+void appendText(QStringList &lines, const QString &indent, const QString &key,
+                const QJsonValue &value)
+{
+    if (value.isObject()) {
+        // The first facts first, the rest by name.
+        static const QStringList FIRST {
+            QStringLiteral("file"),         QStringLiteral("bytes"),
+            QStringLiteral("format"),       QStringLiteral("compressor"),
+            QStringLiteral("version"),      QStringLiteral("encoding"),
+            QStringLiteral("points"),       QStringLiteral("pointFormat"),
+            QStringLiteral("recordLength"), QStringLiteral("bounds"),
+            QStringLiteral("min"),          QStringLiteral("max"),
+            QStringLiteral("scale"),        QStringLiteral("offset"),
+            QStringLiteral("system"),       QStringLiteral("software"),
+            QStringLiteral("name"),         QStringLiteral("userId"),
+            QStringLiteral("recordId"),     QStringLiteral("description"),
+            QStringLiteral("laz"),          QStringLiteral("copc")};
+        const QJsonObject object = value.toObject();
+        QStringList keys = object.keys();
+        std::stable_sort(keys.begin(), keys.end(), [](const QString &a, const QString &b) {
+            const int ia = FIRST.indexOf(a), ib = FIRST.indexOf(b);
+            return (ia < 0 ? FIRST.size() : ia) < (ib < 0 ? FIRST.size() : ib);
+        });
+        const QString inner = key.isEmpty() ? indent : indent + QStringLiteral("  ");
+        if (!key.isEmpty())
+            lines << indent + key + QLatin1Char(':');
+        for (const QString &k : keys)
+            appendText(lines, inner, k, object.value(k));
+        return;
+    }
+    if (value.isArray()) {
+        const QJsonArray array = value.toArray();
+        const bool flat = std::none_of(array.begin(), array.end(), [](const QJsonValue &v) {
+            return v.isObject() || v.isArray();
+        });
+        if (flat) {
+            QStringList items;
+            for (const QJsonValue &v : array)
+                items << textOf(v);
+            lines << indent + key + QStringLiteral(": ") + items.join(QStringLiteral(", "));
+            return;
+        }
+        lines << indent + key + QStringLiteral(" (%1):").arg(array.size());
+        for (int i = 0; i < array.size(); ++i)
+            appendText(lines, indent + QStringLiteral("  "), QString::number(i + 1), array[i]);
+        return;
+    }
+    lines << indent + key + QStringLiteral(": ") + textOf(value);
+}
+
+} // namespace
+
+QString describeAsText(const QJsonObject &info)
+{
+    QStringList lines;
+    appendText(lines, QString(), QString(), info);
+    return lines.join(QLatin1Char('\n')) + QLatin1Char('\n');
 }
 
 bool convert(const QString &inPath, const QString &outPath, QString &errorText, quint32 chunkSize,

@@ -19,6 +19,7 @@
 #include <optional>
 #include <vector>
 
+class QJsonObject;
 class tzHObject;
 class tzPointCloud;
 
@@ -59,6 +60,16 @@ QTZ_DB_LIB_API QString openFilter();
 //! one cloud (the scans of an E57 merged, in the file's coordinates).
 QTZ_DB_LIB_API tzPointCloud *load(const QString &path, QString &errorText,
                                   const LoadOptions &options = {});
+//! What a file's header says, without reading its points (a file of any size answers at once):
+//! "file", "format" and, as the format gives them, "version", "pointFormat", "recordLength",
+//! "points", "bounds" (min and max in the file's coordinates), "scale", "offset", "software",
+//! "vlrs" and "evlrs" (user id, record id, description, length), "wkt" or "geoKeys", "laz"
+//! (compressor, chunk size, chunks), "copc" (octree depth and nodes), "scans" and "images"
+//! (E57), "properties" (PLY, PCD). False, with errorText naming the file and the problem, for
+//! a file that cannot be read.
+QTZ_DB_LIB_API bool describe(const QString &path, QJsonObject &info, QString &errorText);
+//! The description as lines of text, one fact a line.
+QTZ_DB_LIB_API QString describeAsText(const QJsonObject &info);
 //! Reads the file as the viewer shows it: a cloud, or, for a file of scans (E57), a group
 //! named after the file with a cloud per scan, all in one global shift, each scan placed by its
 //! pose; the pictures of its pinhole cameras become a photo list of the scan's cloud

@@ -15,10 +15,14 @@ namespace detail {
 const std::vector<Format> &formats()
 {
     static const std::vector<Format> all {
-        {QStringLiteral("PLY"), {QStringLiteral("ply")}, readPly},
-        {QStringLiteral("LAS and LAZ"), {QStringLiteral("las"), QStringLiteral("laz")}, readLas},
-        {QStringLiteral("E57"), {QStringLiteral("e57")}, readE57, readE57Group},
-        {QStringLiteral("PCD"), {QStringLiteral("pcd")}, readPcd},
+        {QStringLiteral("PLY"), {QStringLiteral("ply")}, readPly, nullptr, describePly},
+        {QStringLiteral("LAS and LAZ"),
+         {QStringLiteral("las"), QStringLiteral("laz")},
+         readLas,
+         nullptr,
+         describeLas},
+        {QStringLiteral("E57"), {QStringLiteral("e57")}, readE57, readE57Group, describeE57},
+        {QStringLiteral("PCD"), {QStringLiteral("pcd")}, readPcd, nullptr, describePcd},
         {QStringLiteral("Text"), textKinds(), readText},
         {QStringLiteral("Tessaro scenes"), {QStringLiteral("tzs")}, nullptr},
     };

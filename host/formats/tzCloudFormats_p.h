@@ -8,6 +8,7 @@
 #include "tzPointCloud.h"
 
 #include <QIODevice>
+#include <QJsonObject>
 #include <QString>
 #include <QStringList>
 
@@ -324,14 +325,19 @@ using Reader = tzPointCloud *(*)(const Bytes &in, const QString &name, const QSt
 using GroupReader
     = tzHObject *(*)(const Bytes &in, const QString &name, const LoadOptions &options);
 
-//! A format of files the viewer opens: what it is, the extensions it goes by (lower case), and
-//! its reader (none for scenes, which tzSceneFile reads).
+//! What a file's header says, read without its points (tessaro --info): the keys of
+//! tzCloudFile::describe. Failures raised as in the readers.
+using Describer = QJsonObject (*)(const Bytes &in);
+
+//! A format of files the viewer opens: what it is, the extensions it goes by (lower case), its
+//! reader (none for scenes, which tzSceneFile reads) and what reads its header alone.
 struct Format
 {
     QString description;
     QStringList extensions;
     Reader read = nullptr;
     GroupReader readGroup = nullptr; // files of several clouds: the viewer shows them apart
+    Describer describe = nullptr;
 };
 //! Every format opened, in the order the open dialog lists them (tzCloudFormats.cpp).
 const std::vector<Format> &formats();
@@ -351,6 +357,11 @@ tzHObject *readE57Group(const Bytes &in, const QString &name, const LoadOptions 
 //! E57: the clouds of the scans, in one shift.
 std::vector<std::unique_ptr<tzPointCloud>> readE57Scans(const Bytes &in, const QString &name,
                                                         const LoadOptions &options);
+//! The headers alone: LAS and LAZ (COPC's octree too), E57, PLY, PCD.
+QJsonObject describeLas(const Bytes &in);
+QJsonObject describeE57(const Bytes &in);
+QJsonObject describePly(const Bytes &in);
+QJsonObject describePcd(const Bytes &in);
 //! What a reader tells the user beside its result (options.note, or the log).
 void note(const LoadOptions &options, const QString &text);
 

@@ -194,7 +194,8 @@ bool File::readLogical(quint64 physicalOffset, size_t length, uchar *out) const
     return true;
 }
 
-bool File::open(const uchar *data, size_t size, std::string &error, unsigned threads)
+bool File::open(const uchar *data, size_t size, std::string &error, unsigned threads,
+                bool everyPage)
 {
     m_data = data;
     m_size = size;
@@ -225,7 +226,15 @@ bool File::open(const uchar *data, size_t size, std::string &error, unsigned thr
     const size_t pages = m_size / PAGE_SIZE;
     threads = unsigned(std::clamp<size_t>(pages / 4096, 1, std::max(1u, threads)));
     std::atomic<size_t> firstBad {pages};
+    // Without every page: those of the XML section only (what is read here).
+    const size_t firstChecked = everyPage ? 0 : std::min<size_t>(pages, xmlOffset / PAGE_SIZE);
+    const size_t lastChecked = everyPage
+        ? pages
+        : std::min<size_t>(
+            pages, advance(xmlOffset, std::min<quint64>(xmlLength, m_size)) / PAGE_SIZE + 1);
     const auto check = [&](size_t from, size_t to) {
+        from = std::max(from, firstChecked);
+        to = std::min(to, lastChecked);
         for (size_t page = from; page < to && page < firstBad; ++page) {
             const uchar *p = data + page * PAGE_SIZE;
             const quint32 stored = quint32(p[PAGE_DATA]) << 24 | quint32(p[PAGE_DATA + 1]) << 16

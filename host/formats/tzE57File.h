@@ -111,9 +111,10 @@ struct SectionHeader
 class File
 {
 public:
-    //! Reads the header, checks every page's checksum (on up to threads threads) and reads the
-    //! XML section.
-    bool open(const uchar *data, size_t size, std::string &error, unsigned threads = 1);
+    //! Reads the header, checks every page's checksum (on up to threads threads; only the XML
+    //! section's pages unless everyPage) and reads the XML section.
+    bool open(const uchar *data, size_t size, std::string &error, unsigned threads = 1,
+              bool everyPage = true);
 
     const Node &root() const { return m_root; }
     const std::vector<Scan> &scans() const { return m_scans; }

@@ -509,6 +509,58 @@ std::vector<std::unique_ptr<tzPointCloud>> readE57Scans(const Bytes &in, const Q
     return clouds;
 }
 
+QJsonObject describeE57(const Bytes &in)
+{
+    // The XML alone: only its pages' checksums are checked, no point is read.
+    tzE57::File file;
+    std::string error;
+    if (!file.open(in.data, in.size, error, 1, false))
+        failWith(QString::fromStdString(error));
+    const auto pose = [](const tzE57::Pose &p) {
+        return QJsonObject {
+            {QStringLiteral("rotation"),
+             QJsonArray {p.rotation[0], p.rotation[1], p.rotation[2], p.rotation[3]}},
+            {QStringLiteral("translation"),
+             QJsonArray {p.translation[0], p.translation[1], p.translation[2]}}};
+    };
+    QJsonArray scans, images;
+    double total = 0;
+    for (size_t s = 0; s < file.scans().size(); ++s) {
+        const tzE57::Scan &scan = file.scans()[s];
+        QStringList fields;
+        for (const tzE57::Field &field : scan.fields)
+            fields << field.name;
+        total += double(scan.recordCount);
+        scans.append(
+            QJsonObject {{QStringLiteral("name"),
+                          scan.name.isEmpty() ? QStringLiteral("Scan %1").arg(s + 1) : scan.name},
+                         {QStringLiteral("guid"), scan.guid},
+                         {QStringLiteral("points"), double(scan.recordCount)},
+                         {QStringLiteral("pose"), pose(scan.pose)},
+                         {QStringLiteral("fields"), QJsonArray::fromStringList(fields)}});
+    }
+    for (const tzE57::Image &image : file.images()) {
+        QJsonObject entry {{QStringLiteral("name"), image.name},
+                           {QStringLiteral("representation"), image.representation},
+                           {QStringLiteral("width"), image.width},
+                           {QStringLiteral("height"), image.height},
+                           {QStringLiteral("scan"), image.scanGuid}};
+        if (image.hasPose)
+            entry.insert(QStringLiteral("pose"), pose(image.pose));
+        images.append(entry);
+    }
+    QJsonObject info {{QStringLiteral("format"), QStringLiteral("E57")},
+                      {QStringLiteral("version"),
+                       QStringLiteral("%1.%2")
+                           .arg(loadAs<quint32>(in.data + 8, false))
+                           .arg(loadAs<quint32>(in.data + 12, false))},
+                      {QStringLiteral("points"), total},
+                      {QStringLiteral("scans"), scans}};
+    if (!images.isEmpty())
+        info.insert(QStringLiteral("images"), images);
+    return info;
+}
+
 tzHObject *readE57Group(const Bytes &in, const QString &name, const LoadOptions &options)
 {
     E57Scans scans;

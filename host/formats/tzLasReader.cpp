@@ -4,6 +4,8 @@
 #include "tzCloudFormats_p.h"
 #include "tzLazCodec.h"
 
+#include <QJsonArray>
+#include <QJsonObject>
 #include <QtGlobal>
 
 #include <atomic>
@@ -709,6 +711,189 @@ void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
             out.seek(finished);
         }
     }
+}
+
+namespace {
+
+//! Text of a fixed-size field, up to its first zero byte.
+QString fixedText(const uchar *p, int size)
+{
+    const auto *c = reinterpret_cast<const char *>(p);
+    return QString::fromLatin1(c, int(std::find(c, c + size, '\0') - c)).trimmed();
+}
+
+QJsonArray triple(const double (&v)[3])
+{
+    return QJsonArray {v[0], v[1], v[2]};
+}
+
+//! A VLR's or an extended VLR's head (their first fields are alike; the description lies
+//! after a length of 2 or 8 bytes).
+QJsonObject recordHead(const uchar *head, quint64 length, bool extended)
+{
+    return QJsonObject {
+        {QStringLiteral("userId"), fixedText(head + 2, 16)},
+        {QStringLiteral("recordId"), loadAs<quint16>(head + 18, false)},
+        {QStringLiteral("length"), double(length)},
+        {QStringLiteral("description"), fixedText(head + (extended ? 28 : 22), 32)}};
+}
+
+//! The GeoTIFF keys of a key directory (its entries of 4 shorts after a head of 4).
+QJsonArray geoKeys(const uchar *payload, quint64 length)
+{
+    QJsonArray keys;
+    if (length < 8)
+        return keys;
+    const quint16 count = loadAs<quint16>(payload + 6, false);
+    for (quint64 i = 0; i < count && 8 + 8 * (i + 1) <= length; ++i) {
+        const uchar *e = payload + 8 + 8 * i;
+        const quint16 location = loadAs<quint16>(e + 2, false);
+        QJsonObject key {{QStringLiteral("key"), loadAs<quint16>(e, false)}};
+        if (location == 0)
+            key.insert(QStringLiteral("value"), loadAs<quint16>(e + 6, false));
+        else
+            key.insert(QStringLiteral("in"),
+                       QStringLiteral("%1[%2]").arg(location).arg(loadAs<quint16>(e + 6, false)));
+        keys.append(key);
+    }
+    return keys;
+}
+
+//! The octree of a COPC file: from its info VLR, the hierarchy's pages walked from the root
+//! (each page's entries: a node's key, where its chunk is and its points, or a page below).
+QJsonObject copcOctree(const Bytes &in, const uchar *info)
+{
+    const auto number = [info](int at) { return loadAs<double>(info + at, false); };
+    const quint64 rootOffset = loadAs<quint64>(info + 40, false);
+    const quint64 rootSize = loadAs<quint64>(info + 48, false);
+    int depth = -1;
+    quint64 nodes = 0, pages = 0, points = 0;
+    QString problem; // the octree is described as far as its pages can be read
+    std::vector<std::pair<quint64, quint64>> toRead {{rootOffset, rootSize}};
+    while (!toRead.empty() && pages < 1000000) {
+        const auto [offset, size] = toRead.back();
+        toRead.pop_back();
+        if (offset > in.size || size > in.size - offset || size % 32 != 0) {
+            problem = QStringLiteral("a hierarchy page (%1 bytes at byte %2) lies outside the "
+                                     "file")
+                          .arg(size)
+                          .arg(offset);
+            break;
+        }
+        ++pages;
+        for (quint64 at = offset; at < offset + size; at += 32) {
+            const uchar *e = in.data + at;
+            const qint32 count = loadAs<qint32>(e + 28, false);
+            depth = std::max(depth, int(loadAs<qint32>(e, false)));
+            if (count == -1) {
+                toRead.push_back(
+                    {loadAs<quint64>(e + 16, false), quint64(loadAs<qint32>(e + 24, false))});
+            } else {
+                ++nodes;
+                points += quint64(std::max(0, count));
+            }
+        }
+    }
+    QJsonObject octree {{QStringLiteral("center"), QJsonArray {number(0), number(8), number(16)}},
+                        {QStringLiteral("halfSize"), number(24)},
+                        {QStringLiteral("spacing"), number(32)},
+                        {QStringLiteral("depth"), depth + 1},
+                        {QStringLiteral("nodes"), double(nodes)},
+                        {QStringLiteral("hierarchyPages"), double(pages)},
+                        {QStringLiteral("pointsInNodes"), double(points)},
+                        {QStringLiteral("gpsTime"), QJsonArray {number(56), number(64)}}};
+    if (!problem.isEmpty())
+        octree.insert(QStringLiteral("problem"), problem);
+    return octree;
+}
+
+} // namespace
+
+QJsonObject describeLas(const Bytes &in)
+{
+    const LasHeader header = parseHeader(in);
+    QJsonObject info;
+    info.insert(QStringLiteral("version"),
+                QStringLiteral("%1.%2").arg(header.major).arg(header.minor));
+    info.insert(QStringLiteral("pointFormat"), header.format);
+    info.insert(QStringLiteral("recordLength"), header.recordLength);
+    info.insert(QStringLiteral("points"), double(header.count));
+    info.insert(QStringLiteral("bounds"),
+                QJsonObject {{QStringLiteral("min"), triple(header.bbMin)},
+                             {QStringLiteral("max"), triple(header.bbMax)}});
+    info.insert(QStringLiteral("scale"), triple(header.scale));
+    info.insert(QStringLiteral("offset"), triple(header.offset));
+    info.insert(QStringLiteral("system"), fixedText(in.data + 26, 32));
+    info.insert(QStringLiteral("software"), fixedText(in.data + 58, 32));
+    QJsonArray vlrs;
+    const uchar *copcInfo = nullptr;
+    const auto projection = [&info, &in](const uchar *head, const uchar *payload, quint64 length) {
+        if (fixedText(head + 2, 16) != QLatin1String("LASF_Projection")
+            || payload + length > in.data + in.size)
+            return;
+        const quint16 id = loadAs<quint16>(head + 18, false);
+        if (id == 2112)
+            info.insert(QStringLiteral("wkt"), fixedText(payload, int(length)));
+        else if (id == 34735)
+            info.insert(QStringLiteral("geoKeys"), geoKeys(payload, length));
+    };
+    forEachVlr(in, header, [&](const uchar *vlr, quint16 length) {
+        vlrs.append(recordHead(vlr, length, false));
+        projection(vlr, vlr + 54, length);
+        if (vlrs.size() == 1 && std::memcmp(vlr + 2, "copc\0", 5) == 0
+            && loadAs<quint16>(vlr + 18, false) == 1 && length >= 160)
+            copcInfo = vlr + 54;
+    });
+    info.insert(QStringLiteral("vlrs"), vlrs);
+    if (header.minor >= 4 && header.headerSize >= 375) {
+        QJsonArray evlrs;
+        quint64 at = loadAs<quint64>(in.data + 235, false);
+        const quint32 count = loadAs<quint32>(in.data + 243, false);
+        for (quint32 i = 0; i < count && at + 60 <= in.size; ++i) {
+            const quint64 length = loadAs<quint64>(in.data + at + 20, false);
+            evlrs.append(recordHead(in.data + at, length, true));
+            if (length > in.size - at - 60)
+                break;
+            projection(in.data + at, in.data + at + 60, length);
+            at += 60 + length;
+        }
+        if (!evlrs.isEmpty())
+            info.insert(QStringLiteral("evlrs"), evlrs);
+    }
+    info.insert(QStringLiteral("format"),
+                !header.compressed ? QStringLiteral("LAS")
+                    : copcInfo     ? QStringLiteral("COPC")
+                                   : QStringLiteral("LAZ"));
+    if (header.compressed) {
+        const tzLaz::Description description = lazDescription(in, header);
+        static const char *const KINDS[] = {"", "one stream", "chunks", "layered chunks"};
+        QJsonObject laz {
+            {QStringLiteral("compressor"),
+             QString::fromLatin1(description.compressor <= 3 ? KINDS[description.compressor]
+                                                             : "unknown")},
+            {QStringLiteral("version"),
+             QStringLiteral("%1.%2 r%3")
+                 .arg(description.versionMajor)
+                 .arg(description.versionMinor)
+                 .arg(description.revision)}};
+        if (description.compressor >= 2) {
+            if (description.chunkSize == tzLaz::Description::VARIABLE_CHUNK_SIZE)
+                laz.insert(QStringLiteral("chunkSize"), QStringLiteral("variable"));
+            else
+                laz.insert(QStringLiteral("chunkSize"), double(description.chunkSize));
+            std::vector<tzLaz::Chunk> chunks;
+            std::string tableError;
+            if (tzLaz::readChunkTable(in.data, in.size, header.dataOffset, header.count,
+                                      description, chunks, tableError))
+                laz.insert(QStringLiteral("chunks"), double(chunks.size()));
+            else
+                laz.insert(QStringLiteral("chunkTable"), QString::fromStdString(tableError));
+        }
+        info.insert(QStringLiteral("laz"), laz);
+        if (copcInfo)
+            info.insert(QStringLiteral("copc"), copcOctree(in, copcInfo));
+    }
+    return info;
 }
 
 tzPointCloud *readLas(const Bytes &in, const QString &name, const QString &,

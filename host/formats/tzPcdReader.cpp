@@ -7,6 +7,7 @@
 #include "tzCloudFormats_p.h"
 
 #include <QByteArray>
+#include <QJsonArray>
 #include <QList>
 
 #include <cstring>
@@ -267,6 +268,18 @@ void readPcdBinary(const Bytes &in, const PcdHeader &header, const AddPoint &add
 }
 
 } // namespace
+
+QJsonObject describePcd(const Bytes &in)
+{
+    const PcdHeader header = parsePcdHeader(in);
+    QStringList fields;
+    for (const Field &field : header.fields)
+        fields << QString::fromLatin1(field.name);
+    return QJsonObject {{QStringLiteral("format"), QStringLiteral("PCD")},
+                        {QStringLiteral("encoding"), QString::fromLatin1(header.data)},
+                        {QStringLiteral("points"), double(header.points)},
+                        {QStringLiteral("properties"), QJsonArray::fromStringList(fields)}};
+}
 
 tzPointCloud *readPcd(const Bytes &in, const QString &name, const QString &,
                       const LoadOptions &options)

@@ -5,6 +5,7 @@
 #include "tzCloudFormats_p.h"
 
 #include <QByteArray>
+#include <QJsonArray>
 #include <QList>
 
 #include <cstring>
@@ -354,6 +355,26 @@ void readPlyBinary(const Bytes &in, const PlyHeader &header, CloudBuilder &build
 }
 
 } // namespace
+
+QJsonObject describePly(const Bytes &in)
+{
+    const PlyHeader header = parsePlyHeader(in);
+    static const char *const ENCODINGS[] = {"ascii", "binary little endian", "binary big endian"};
+    QJsonArray elements;
+    for (const PlyElement &element : header.elements) {
+        QStringList properties;
+        for (const PlyProperty &property : element.properties)
+            properties << QString::fromLatin1(property.name);
+        elements.append(
+            QJsonObject {{QStringLiteral("name"), QString::fromLatin1(element.name)},
+                         {QStringLiteral("count"), double(element.count)},
+                         {QStringLiteral("properties"), QJsonArray::fromStringList(properties)}});
+    }
+    return QJsonObject {{QStringLiteral("format"), QStringLiteral("PLY")},
+                        {QStringLiteral("encoding"), QLatin1String(ENCODINGS[header.encoding])},
+                        {QStringLiteral("points"), double(header.vertices().count)},
+                        {QStringLiteral("elements"), elements}};
+}
 
 tzPointCloud *readPly(const Bytes &in, const QString &name, const QString &,
                       const LoadOptions &options)

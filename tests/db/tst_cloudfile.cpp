@@ -83,6 +83,8 @@ private slots:
     void cancelLeavesNoCloud();
     void filesWrittenByAnotherProgram_data();
     void filesWrittenByAnotherProgram();
+    void headersAreDescribedWithoutThePoints_data();
+    void headersAreDescribedWithoutThePoints();
 };
 
 void TestCloudFile::goodFiles_data()
@@ -489,6 +491,66 @@ void TestCloudFile::filesWrittenByAnotherProgram()
             QCOMPARE(int(got.b), c[2].toInt());
         }
     }
+}
+
+void TestCloudFile::headersAreDescribedWithoutThePoints_data()
+{
+    QTest::addColumn<QString>("file");
+    for (const char *name : {"las/simple.las", "las/simple.laz", "las/autzen.las",
+                             "las/test1_4.las", "las/1_4_w_evlr.las", "las/1_4_w_evlr.laz",
+                             "las/extra.laz", "las/simple1_3.las", "las/simple1_4.las"})
+        QTest::newRow(name) << QString::fromLatin1(name);
+}
+
+void TestCloudFile::headersAreDescribedWithoutThePoints()
+{
+    // What --info says of other programs' files, against the bytes of their own headers.
+    QFETCH(QString, file);
+    const QString path = QStringLiteral(TESSARO_TEST_DATA "/") + file;
+    QFile raw(path);
+    QVERIFY(raw.open(QIODevice::ReadOnly));
+    const QByteArray h = raw.read(375);
+    const auto at = [&h](auto zero, int offset) {
+        decltype(zero) v;
+        std::memcpy(&v, h.constData() + offset, sizeof v);
+        return v;
+    };
+    QJsonObject info;
+    QString error;
+    QVERIFY2(tzCloudFile::describe(path, info, error), qPrintable(error));
+    const bool laz = (uchar(h[104]) & 0x80) != 0;
+    QCOMPARE(info.value("format").toString(), QLatin1String(laz ? "LAZ" : "LAS"));
+    QCOMPARE(info.value("version").toString(),
+             QStringLiteral("%1.%2").arg(int(h[24])).arg(int(h[25])));
+    QCOMPARE(info.value("pointFormat").toInt(), int(uchar(h[104]) & 0x3f));
+    QCOMPARE(info.value("recordLength").toInt(), int(at(quint16(), 105)));
+    const quint64 count
+        = h[25] == 4 && at(quint32(), 107) == 0 ? at(quint64(), 247) : at(quint32(), 107);
+    QCOMPARE(info.value("points").toDouble(), double(count));
+    for (int d = 0; d < 3; ++d) {
+        QCOMPARE(info.value("scale").toArray()[d].toDouble(), at(double(), 131 + 8 * d));
+        QCOMPARE(info.value("offset").toArray()[d].toDouble(), at(double(), 155 + 8 * d));
+        const QJsonObject bounds = info.value("bounds").toObject();
+        QCOMPARE(bounds.value("max").toArray()[d].toDouble(), at(double(), 179 + 16 * d));
+        QCOMPARE(bounds.value("min").toArray()[d].toDouble(), at(double(), 187 + 16 * d));
+    }
+    QCOMPARE(info.value("software").toString(),
+             QString::fromLatin1(h.mid(58, 32)).remove(QChar(0)).trimmed());
+    QCOMPARE(info.value("vlrs").toArray().size(), int(at(quint32(), 100)));
+    if (h[25] == 4)
+        QCOMPARE(info.value("evlrs").toArray().size(), int(at(quint32(), 243)));
+    if (laz) {
+        const QJsonObject compression = info.value("laz").toObject();
+        QVERIFY(compression.value("chunks").toInt() >= 1);
+        bool described = false;
+        for (const QJsonValue &vlr : info.value("vlrs").toArray())
+            described
+                |= vlr.toObject().value("userId").toString() == QLatin1String("laszip encoded");
+        QVERIFY(described);
+    }
+    // The text gives the same facts, one a line.
+    const QString text = tzCloudFile::describeAsText(info);
+    QVERIFY(text.contains(QStringLiteral("\npoints: %1\n").arg(count)));
 }
 
 QTEST_GUILESS_MAIN(TestCloudFile)

@@ -117,6 +117,7 @@ private slots:
     void picturesBecomePhotoLists();
     void conversionsMergeOrSplitTheScans();
     void scaledLimitsScansWithoutColourAndEmptyScans();
+    void describedFromItsXmlAlone();
 
 private:
     QTemporaryDir m_cache;
@@ -655,6 +656,46 @@ void TestE57::scaledLimitsScansWithoutColourAndEmptyScans()
     QCOMPARE(merged->getPointColor(120), (tzRgb {255, 255, 255}));
     QVERIFY2(notes.join('|').contains(QStringLiteral("plain without colour: white")),
              qPrintable(notes.join('|')));
+}
+
+void TestE57::describedFromItsXmlAlone()
+{
+    // Other programs' files: their scans and pictures as their XML gives them.
+    QJsonObject info;
+    QString error;
+    QVERIFY2(
+        tzCloudFile::describe(QStringLiteral(TESSARO_TEST_DATA "/e57/bunnyInt32.e57"), info, error),
+        qPrintable(error));
+    QCOMPARE(info.value("format").toString(), QStringLiteral("E57"));
+    const QJsonObject bunny = info.value("scans").toArray()[0].toObject();
+    QCOMPARE(bunny.value("name").toString(), QStringLiteral("bunny"));
+    QCOMPARE(bunny.value("points").toInt(), 30571);
+    QCOMPARE(info.value("points").toInt(), 30571);
+    QVERIFY(tzCloudFile::describe(
+        QStringLiteral(TESSARO_TEST_DATA "/e57/PinholeImageWithDistortionParameters.e57"), info,
+        error));
+    QCOMPARE(info.value("images").toArray().size(), 3);
+    QCOMPARE(info.value("images").toArray()[0].toObject().value("representation").toString(),
+             QStringLiteral("pinholeRepresentation"));
+    // Ours, with a picture's pose: a damaged page of points does not stop the description (no
+    // point is read), while opening the file refuses it.
+    std::vector<tzE57::ScanToWrite> scans(1);
+    scans[0].name = QStringLiteral("station");
+    scans[0].pose.translation = {651200, 6861400, 112};
+    for (int i = 0; i < 4000; ++i)
+        scans[0].xyz.insert(scans[0].xyz.end(), {i * 0.01, 0.0, 1.0});
+    QByteArray bytes;
+    std::string problem;
+    QVERIFY2(tzE57::writeFile(scans, bytes, problem), problem.c_str());
+    bytes[1500] = char(bytes[1500] ^ 0x55); // in the second page, among the points
+    QTemporaryDir dir;
+    const QString path = writeTo(dir, QStringLiteral("damaged.e57"), bytes);
+    QVERIFY2(tzCloudFile::describe(path, info, error), qPrintable(error));
+    const QJsonObject station = info.value("scans").toArray()[0].toObject();
+    QCOMPARE(station.value("points").toInt(), 4000);
+    QCOMPARE(station.value("pose").toObject().value("translation").toArray()[0].toDouble(),
+             651200.0);
+    QVERIFY(!Read(path).object);
 }
 
 QTEST_GUILESS_MAIN(TestE57)

@@ -8,6 +8,9 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -870,9 +873,22 @@ void TestLaz::convertFromTheCommandLine()
     QVERIFY(tessaro.waitForFinished(30000));
     QCOMPARE(tessaro.exitCode(), 0);
     const QByteArray help = tessaro.readAllStandardOutput();
-    for (const char *option : {"--auto-shift", "--oblique", "--action", "--screenshot", "--colour",
-                               "--point-size", "--shading", "--convert", "--chunk-size", "--split"})
+    for (const char *option :
+         {"--auto-shift", "--oblique", "--action", "--screenshot", "--colour", "--point-size",
+          "--shading", "--convert", "--chunk-size", "--split", "--info", "--json"})
         QVERIFY2(help.contains(option), option);
+    // --info --json: an array of the files described; a file that cannot be read is said, the
+    // others still described.
+    tessaro.start(QStringLiteral(TESSARO_BIN),
+                  {QStringLiteral("--info"), QStringLiteral("--json"), data("simple.laz"),
+                   dir.filePath(QStringLiteral("missing.las")), data("autzen.las")});
+    QVERIFY(tessaro.waitForFinished(30000));
+    QCOMPARE(tessaro.exitCode(), 1);
+    const QJsonArray described = QJsonDocument::fromJson(tessaro.readAllStandardOutput()).array();
+    QCOMPARE(described.size(), 2);
+    QCOMPARE(described[0].toObject().value("points").toInt(), 1065);
+    QCOMPARE(described[1].toObject().value("format").toString(), QStringLiteral("LAS"));
+    QVERIFY(tessaro.readAllStandardError().contains("missing.las': cannot open"));
 }
 
 void TestLaz::pointsInOneStreamOpen()
@@ -964,10 +980,39 @@ void TestLaz::octreeNodeChunksOpen()
         return e + body;
     };
     const QByteArray other = evlr("surveyor", 7, "kept as it is");
-    out += evlr("copc", 1000, QByteArray(32, '\0')) + other;
+    // The hierarchy: a root page of two entries, the root node (its 4000-odd points in the
+    // second chunk) and a page below of one node at depth 3.
+    const auto entry = [](qint32 d, quint64 offset, qint32 bytes, qint32 points) {
+        QByteArray e(32, '\0');
+        store(e, 0, d);
+        store(e, 16, offset);
+        store(e, 24, bytes);
+        store(e, 28, points);
+        return e;
+    };
+    const quint64 rootPage = evlrStart + 60, childPage = rootPage + 64;
+    const QByteArray hierarchy = entry(0, chunks[1].offset, qint32(chunks[1].bytes), 4000)
+        + entry(1, childPage, 32, -1) + entry(3, chunks[2].offset, qint32(chunks[2].bytes), 37);
+    out += evlr("copc", 1000, hierarchy) + other;
+    store(out, 375 + 54 + 40, rootPage);
+    store(out, 375 + 54 + 48, quint64(64));
 
     QTemporaryDir dir;
     const QString copc = writeBytes(dir, "survey.copc.laz", out);
+    // Described without its points: the octree walked from its root page.
+    QJsonObject info;
+    QString described;
+    QVERIFY2(tzCloudFile::describe(copc, info, described), qPrintable(described));
+    QCOMPARE(info.value("format").toString(), QStringLiteral("COPC"));
+    QCOMPARE(info.value("laz").toObject().value("chunkSize").toString(),
+             QStringLiteral("variable"));
+    QCOMPARE(info.value("laz").toObject().value("chunks").toInt(), 6);
+    const QJsonObject octree = info.value("copc").toObject();
+    QCOMPARE(octree.value("depth").toInt(), 4);
+    QCOMPARE(octree.value("nodes").toInt(), 2);
+    QCOMPARE(octree.value("hierarchyPages").toInt(), 2);
+    QCOMPARE(octree.value("pointsInNodes").toInt(), 4037);
+    QVERIFY(!octree.contains("problem"));
     QString problem;
     QCOMPARE(lazRecords(out, problem), records);
     QVERIFY2(problem.isEmpty(), qPrintable(problem));
