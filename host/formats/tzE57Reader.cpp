@@ -4,6 +4,7 @@
 
 #include "tzCloudFormats_p.h"
 #include "tzE57File.h"
+#include "tzPhotoListKeys.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -368,20 +369,24 @@ QJsonObject photoEntry(const tzE57::Image &image, const QString &camname)
     const double pitch = std::asin(std::clamp(-forward[0], -1.0, 1.0));
     const double yaw = std::atan2(-up[0], right[0]);
     const double roll = std::atan2(forward[1], -forward[2]);
+    using namespace tzPhotoListKeys;
     QJsonObject entry;
-    entry.insert(QStringLiteral("camname"), camname);
-    entry.insert(QStringLiteral("camX"), image.pose.translation[0]);
-    entry.insert(QStringLiteral("camY"), image.pose.translation[1]);
-    entry.insert(QStringLiteral("camZ"), image.pose.translation[2]);
-    entry.insert(QStringLiteral("roll"), roll);
-    entry.insert(QStringLiteral("pitch"), pitch);
-    entry.insert(QStringLiteral("yaw"), yaw);
-    entry.insert(QStringLiteral("Vx"), forward[0]);
-    entry.insert(QStringLiteral("Vy"), forward[1]);
-    entry.insert(QStringLiteral("Vz"), forward[2]);
-    entry.insert(QStringLiteral("f"), image.focalLength / image.pixelWidth);
-    entry.insert(QStringLiteral("cx"), image.principalX);
-    entry.insert(QStringLiteral("cy"), image.principalY);
+    const auto set = [&entry](const char *key, const QJsonValue &value) {
+        entry.insert(QLatin1String(key), value);
+    };
+    set(CAMERA_NAME, camname);
+    set(CAMERA_X, image.pose.translation[0]);
+    set(CAMERA_Y, image.pose.translation[1]);
+    set(CAMERA_Z, image.pose.translation[2]);
+    set(ROLL, roll);
+    set(PITCH, pitch);
+    set(YAW, yaw);
+    set(VIEW_X, forward[0]);
+    set(VIEW_Y, forward[1]);
+    set(VIEW_Z, forward[2]);
+    set(FOCAL, image.focalLength / image.pixelWidth);
+    set(CENTRE_X, image.principalX);
+    set(CENTRE_Y, image.principalY);
     return entry;
 }
 
@@ -478,7 +483,7 @@ void attachPictures(const Bytes &in, const QString &name, const LoadOptions &opt
             continue;
         const QString list = QDir(folder).filePath(QStringLiteral("scan%1.json").arg(s + 1));
         QJsonObject root;
-        root.insert(QStringLiteral("images"), lists[s]);
+        root.insert(QLatin1String(tzPhotoListKeys::IMAGES), lists[s]);
         if (!writeWholeFile(list, QJsonDocument(root).toJson())) {
             note(options,
                  QStringLiteral("'%1': the photo list cannot be written to '%2'")

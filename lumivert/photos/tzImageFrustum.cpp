@@ -3,6 +3,7 @@
 #include "tzApplicationInterface.h"
 #include "tzDrawContext.h"
 #include "tzGLWindow.h"
+#include "tzPhotoListKeys.h"
 #include "tzPointCloud.h"
 #include "tzSettings.h"
 #include "tzSphere.h"
@@ -64,20 +65,21 @@ tzImageFrustum::~tzImageFrustum()
 
 bool tzImageFrustum::readPhoto(const QJsonObject &photo)
 {
-    const QJsonValue name = photo.value(QLatin1String("camname"));
+    using namespace tzPhotoListKeys;
+    const QJsonValue name = photo.value(QLatin1String(CAMERA_NAME));
     m_cameraName = name.isString() ? name.toString() : QString();
-    m_camX = number(photo, "camX");
-    m_camY = number(photo, "camY");
-    m_camZ = number(photo, "camZ");
-    m_roll = number(photo, "roll");
-    m_pitch = number(photo, "pitch");
-    m_yaw = number(photo, "yaw");
-    m_Vx = number(photo, "Vx");
-    m_Vy = number(photo, "Vy");
-    m_Vz = number(photo, "Vz");
-    m_cx = number(photo, "cx");
-    m_cy = number(photo, "cy");
-    m_f = number(photo, "f");
+    m_camX = number(photo, CAMERA_X);
+    m_camY = number(photo, CAMERA_Y);
+    m_camZ = number(photo, CAMERA_Z);
+    m_roll = number(photo, ROLL);
+    m_pitch = number(photo, PITCH);
+    m_yaw = number(photo, YAW);
+    m_Vx = number(photo, VIEW_X);
+    m_Vy = number(photo, VIEW_Y);
+    m_Vz = number(photo, VIEW_Z);
+    m_cx = number(photo, CENTRE_X);
+    m_cy = number(photo, CENTRE_Y);
+    m_f = number(photo, FOCAL);
     QVariantMap data;
     data.insert(QStringLiteral("tzLumivertType"), QStringLiteral("imageFrustum"));
     data.insert(QStringLiteral("camera"), m_cameraName);

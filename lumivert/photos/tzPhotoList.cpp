@@ -1,6 +1,7 @@
 #include "tzPhotoList.h"
 
 #include "tzImageFrustum.h"
+#include "tzPhotoListKeys.h"
 
 #include <QFile>
 #include <QJsonArray>
@@ -43,7 +44,8 @@ std::vector<tzImageFrustum *> readPhotoList(const QString &path, const QString &
     }
     if (document.isEmpty() || document.object().isEmpty())
         return frustums;
-    const QJsonArray images = document.object().value(QLatin1String("images")).toArray();
+    const QJsonArray images
+        = document.object().value(QLatin1String(tzPhotoListKeys::IMAGES)).toArray();
     for (int i = 0; i < images.size(); ++i) {
         auto *frustum = new tzImageFrustum(app, directionShown, QStringLiteral("imageFrustum"));
         if (!frustum->readPhoto(images.at(i).toObject())) {
