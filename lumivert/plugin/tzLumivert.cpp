@@ -70,9 +70,15 @@ tzLumivert::tzLumivert(QObject *parent)
                                [] { return new tzLineation; });
 }
 
-QAbstractButton *tzLumivert::previousHeightSwitch() const
+bool tzLumivert::previousHeightWanted() const
 {
-    return m_dialog ? m_dialog->SimpleAjoutZButton : nullptr;
+    return m_dialog && m_dialog->SimpleAjoutZButton->isChecked();
+}
+
+void tzLumivert::previousHeightDone()
+{
+    if (m_dialog)
+        m_dialog->SimpleAjoutZButton->setChecked(false);
 }
 
 tzLumivert::~tzLumivert()

@@ -85,7 +85,8 @@ public:
     QString activeToolName() const;
     qLumivertDlg *dialog() const { return m_dialog; }
     tzCommunicationHandler *link() const override { return m_comm; }
-    QAbstractButton *previousHeightSwitch() const override;
+    bool previousHeightWanted() const override;
+    void previousHeightDone() override;
     //! What turns the companion's frames into the scene's changes.
     tzFrameDispatcher *frames() const { return m_frames.get(); }
     tzCViseeTool *sightTool() const { return m_viseeTool; }

@@ -11,7 +11,6 @@
 #include "tzPointCloud.h"
 #include "tzPolyline.h"
 
-#include <QAbstractButton>
 #include <QApplication>
 #include <QDateTime>
 #include <QMouseEvent>
@@ -81,8 +80,7 @@ void tzCViseeTool::toolActivated()
 {
     tzGLWindow *window = view();
     delete m_mouseCircle;
-    m_mouseCircle
-        = window ? new tzMouseCircle(window, this, QStringLiteral("MouseCircle")) : nullptr;
+    m_mouseCircle = window ? new tzMouseCircle(window, QStringLiteral("MouseCircle")) : nullptr;
     if (m_mouseCircle)
         m_mouseCircle->setVisible(true);
     m_workingSight->clear();
@@ -257,8 +255,7 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex, 
         return;
 
     const float H = lowestWanted ? L.z : P.z;
-    QAbstractButton *previousHeight = m_host ? m_host->previousHeightSwitch() : nullptr;
-    const bool changeHeight = previousHeight && previousHeight->isChecked();
+    const bool changeHeight = m_host && m_host->previousHeightWanted();
     tzCommunicationHandler *link = m_host ? m_host->link() : nullptr;
     const auto sendMove = [link](const TZVector3d &from, const TZVector3d &to) {
         if (link)
@@ -292,7 +289,7 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex, 
             refreshKeepingName(*last);
             sendMove(from, last->coordinates());
             m_lastPoint = narrowed(last->coordinates());
-            previousHeight->setChecked(false);
+            m_host->previousHeightDone();
         }
     } else if (!m_nearFlag) {
         tzCVisee *sight = m_movingSight;
@@ -307,7 +304,7 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex, 
             refreshKeepingName(*sight);
             sendMove(from, sight->coordinates());
             m_lastPoint = narrowed(sight->coordinates());
-            previousHeight->setChecked(false);
+            m_host->previousHeightDone();
         }
         m_movingSight = nullptr;
     } else {

@@ -1,6 +1,5 @@
 #pragma once
 
-class QAbstractButton;
 class tzCommunicationHandler;
 
 //! What the sight tool needs of the run that drives it: the settings it reads, the keys held,
@@ -16,8 +15,11 @@ public:
     virtual bool displayIn2D() const = 0;
     //! Whether the key (a Qt::Key) is held over the view now.
     virtual bool isKeyHeld(int key) const = 0;
-    //! The previous-height switch ("Modifier Z precedent"), or null without the run's tool bar.
-    virtual QAbstractButton *previousHeightSwitch() const = 0;
+    //! Whether the previous-height switch ("Modifier Z precedent") is on: the next pick gives
+    //! its height to the last sight (false without the run's tool bar).
+    virtual bool previousHeightWanted() const = 0;
+    //! Turns the switch off once its pick has been made.
+    virtual void previousHeightDone() = 0;
     //! The sender of the texts to the companion, or null.
     virtual tzCommunicationHandler *link() const = 0;
 };

@@ -12,10 +12,9 @@
 #include <algorithm>
 #include <cmath>
 
-tzMouseCircle::tzMouseCircle(tzGLWindow *owner, tzCViseeTool *tool, const QString &name)
+tzMouseCircle::tzMouseCircle(tzGLWindow *owner, const QString &name)
     : tz2DViewportObject(name.isEmpty() ? QStringLiteral("MouseCircle") : name)
     , m_owner(owner)
-    , m_tool(tool)
 {
     for (int n = 0; n < SEGMENTS; ++n) {
         const double angle = n * 0.06283185307179587;

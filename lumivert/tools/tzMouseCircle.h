@@ -6,7 +6,6 @@
 
 #include <array>
 
-class tzCViseeTool;
 class tzGLWindow;
 
 //! The red dashed circle round the cursor that shows how far the lowest-point search looks.
@@ -20,7 +19,7 @@ class tzMouseCircle : public QObject, public tz2DViewportObject
 {
 public:
     //! Drawn in owner (not owned) for tool (not owned); an empty name gives "MouseCircle".
-    tzMouseCircle(tzGLWindow *owner, tzCViseeTool *tool, const QString &name = QString());
+    explicit tzMouseCircle(tzGLWindow *owner, const QString &name = QString());
     ~tzMouseCircle() override;
 
     int radius() const { return m_radius; }
@@ -40,7 +39,6 @@ protected:
 private:
     static constexpr int SEGMENTS = 100;
     tzGLWindow *m_owner; // not owned
-    tzCViseeTool *m_tool; // not owned
     int m_radius = 7;
     int m_radiusStep = 4;
     std::array<float, 2 * SEGMENTS> m_unitCircle;
