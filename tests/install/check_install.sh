@@ -12,7 +12,7 @@ fail() { echo "check_install: $*" >&2; exit 1; }
 cmake --install "$build" --prefix "$work/prefix" >"$work/install.log" || fail "cmake --install failed: $(cat "$work/install.log")"
 mv "$work/prefix" "$work/moved"
 p="$work/moved"
-for f in bin/tessaro bin/mensurix-sim lib/tessaro/libTZ_CORE_LIB.so lib/tessaro/libQTZ_DB_LIB.so \
+for f in bin/tessaro bin/mensurix-sim lib/tessaro/libTZ_CORE_LIB.so lib/tessaro/libQTZ_DB_LIB.so lib/tessaro/libQTZ_FORMATS_LIB.so \
          lib/tessaro/libQTZ_GUI_LIB.so lib/tessaro/plugins/libQLUMIVERT_PLUGIN.so \
          share/tessaro/companion/every-frame.jsonl; do
     [ -f "$p/$f" ] || fail "$f is not installed"

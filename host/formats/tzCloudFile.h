@@ -10,7 +10,7 @@
 // and the problem: never a half-filled cloud.
 
 #include "TZVector3.h"
-#include "qtz_db_global.h"
+#include "qtz_formats_global.h"
 
 #include <QString>
 #include <QStringList>
@@ -47,18 +47,18 @@ struct LoadOptions
 constexpr double MAX_UNSHIFTED_COORDINATE = 1.0e4;
 
 //! Whether a point needs a shift, and the shift suggested for it (whole hundreds of units).
-QTZ_DB_LIB_API bool needsShift(const TZVector3d &p);
-QTZ_DB_LIB_API TZVector3d suggestShift(const TZVector3d &p);
+QTZ_FORMATS_LIB_API bool needsShift(const TZVector3d &p);
+QTZ_FORMATS_LIB_API TZVector3d suggestShift(const TZVector3d &p);
 
 //! The extensions of the clouds in text files: xyz, txt, asc, pts, csv, xyzrgb, xyzn.
-QTZ_DB_LIB_API const QStringList &textKinds();
+QTZ_FORMATS_LIB_API const QStringList &textKinds();
 //! Whether the file is a saved scene (.tzs, read by tzSceneFile) rather than a cloud.
-QTZ_DB_LIB_API bool isScene(const QString &path);
+QTZ_FORMATS_LIB_API bool isScene(const QString &path);
 //! The open dialog's filter: every cloud format read, each alone, then all files.
-QTZ_DB_LIB_API QString openFilter();
+QTZ_FORMATS_LIB_API QString openFilter();
 //! Reads the file by its extension (.ply, .las, .laz, .e57, .pcd, or one of the text kinds) as
 //! one cloud (the scans of an E57 merged, in the file's coordinates).
-QTZ_DB_LIB_API tzPointCloud *load(const QString &path, QString &errorText,
+QTZ_FORMATS_LIB_API tzPointCloud *load(const QString &path, QString &errorText,
                                   const LoadOptions &options = {});
 //! What a file's header says, without reading its points (a file of any size answers at once):
 //! "file", "format" and, as the format gives them, "version", "pointFormat", "recordLength",
@@ -67,31 +67,31 @@ QTZ_DB_LIB_API tzPointCloud *load(const QString &path, QString &errorText,
 //! (compressor, chunk size, chunks), "copc" (octree depth and nodes), "scans" and "images"
 //! (E57), "properties" (PLY, PCD). False, with errorText naming the file and the problem, for
 //! a file that cannot be read.
-QTZ_DB_LIB_API bool describe(const QString &path, QJsonObject &info, QString &errorText);
+QTZ_FORMATS_LIB_API bool describe(const QString &path, QJsonObject &info, QString &errorText);
 //! The description as lines of text, one fact a line.
-QTZ_DB_LIB_API QString describeAsText(const QJsonObject &info);
+QTZ_FORMATS_LIB_API QString describeAsText(const QJsonObject &info);
 //! Reads the file as the viewer shows it: a cloud, or, for a file of scans (E57), a group
 //! named after the file with a cloud per scan, all in one global shift, each scan placed by its
 //! pose; the pictures of its pinhole cameras become a photo list of the scan's cloud
 //! (tzGenericPointCloud::PHOTO_LIST_KEY), written in the user's cache folder.
-QTZ_DB_LIB_API tzHObject *loadObjects(const QString &path, QString &errorText,
+QTZ_FORMATS_LIB_API tzHObject *loadObjects(const QString &path, QString &errorText,
                                       const LoadOptions &options = {});
 //! Reads an E57 file's scans each as a cloud of its own (in the file's coordinates, one global
 //! shift for all), for a conversion of one output per scan.
-QTZ_DB_LIB_API std::vector<tzPointCloud *> loadScans(const QString &path, QString &errorText,
+QTZ_FORMATS_LIB_API std::vector<tzPointCloud *> loadScans(const QString &path, QString &errorText,
                                                      const LoadOptions &options = {});
 //! Reads a file's bytes of the given format ("ply", "las", "laz", "pcd", or a text kind such as
 //! "xyz" or "pts"); name is used in messages.
-QTZ_DB_LIB_API tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format,
+QTZ_FORMATS_LIB_API tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format,
                                             const QString &name, QString &errorText,
                                             const LoadOptions &options = {});
 
 //! The extensions clouds are written as: las, laz, ply.
-QTZ_DB_LIB_API const QStringList &writableKinds();
+QTZ_FORMATS_LIB_API const QStringList &writableKinds();
 //! Writes a cloud in its global coordinates, by the extension: LAS 1.2 or LAZ (point format 2
 //! with colours, 0 without; millimetre records), or binary PLY (double coordinates). Nothing is
 //! left at path when it fails; errorText names the file and the problem.
-QTZ_DB_LIB_API bool save(const tzPointCloud &cloud, const QString &path, QString &errorText,
+QTZ_FORMATS_LIB_API bool save(const tzPointCloud &cloud, const QString &path, QString &errorText,
                          quint32 chunkSize = 0, const LoadOptions &options = {});
 
 //! Converts a file to another format by the output's extension. Between LAS and LAZ it does not
@@ -99,12 +99,12 @@ QTZ_DB_LIB_API bool save(const tzPointCloud &cloud, const QString &path, QString
 //! (the LAZ description added or taken away). Otherwise the cloud read is written as save()
 //! does. LAZ is written in chunks of chunkSize points (0: 50,000). Nothing is left at outPath
 //! when it fails; errorText names the file and the problem.
-QTZ_DB_LIB_API bool convert(const QString &inPath, const QString &outPath, QString &errorText,
+QTZ_FORMATS_LIB_API bool convert(const QString &inPath, const QString &outPath, QString &errorText,
                             quint32 chunkSize = 0, const LoadOptions &options = {});
 
 //! Converts each scan of an E57 file to a file of its own: OUT's name with "-" and the scan's
 //! name before its extension (written lists them). Nothing is left when one fails.
-QTZ_DB_LIB_API bool convertScans(const QString &inPath, const QString &outPath,
+QTZ_FORMATS_LIB_API bool convertScans(const QString &inPath, const QString &outPath,
                                  QStringList &written, QString &errorText, quint32 chunkSize = 0,
                                  const LoadOptions &options = {});
 
