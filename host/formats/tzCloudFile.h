@@ -59,7 +59,7 @@ QTZ_FORMATS_LIB_API QString openFilter();
 //! Reads the file by its extension (.ply, .las, .laz, .e57, .pcd, or one of the text kinds) as
 //! one cloud (the scans of an E57 merged, in the file's coordinates).
 QTZ_FORMATS_LIB_API tzPointCloud *load(const QString &path, QString &errorText,
-                                  const LoadOptions &options = {});
+                                       const LoadOptions &options = {});
 //! What a file's header says, without reading its points (a file of any size answers at once):
 //! "file", "format" and, as the format gives them, "version", "pointFormat", "recordLength",
 //! "points", "bounds" (min and max in the file's coordinates), "scale", "offset", "software",
@@ -75,16 +75,16 @@ QTZ_FORMATS_LIB_API QString describeAsText(const QJsonObject &info);
 //! pose; the pictures of its pinhole cameras become a photo list of the scan's cloud
 //! (tzGenericPointCloud::PHOTO_LIST_KEY), written in the user's cache folder.
 QTZ_FORMATS_LIB_API tzHObject *loadObjects(const QString &path, QString &errorText,
-                                      const LoadOptions &options = {});
+                                           const LoadOptions &options = {});
 //! Reads an E57 file's scans each as a cloud of its own (in the file's coordinates, one global
 //! shift for all), for a conversion of one output per scan.
 QTZ_FORMATS_LIB_API std::vector<tzPointCloud *> loadScans(const QString &path, QString &errorText,
-                                                     const LoadOptions &options = {});
+                                                          const LoadOptions &options = {});
 //! Reads a file's bytes of the given format ("ply", "las", "laz", "pcd", or a text kind such as
 //! "xyz" or "pts"); name is used in messages.
 QTZ_FORMATS_LIB_API tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format,
-                                            const QString &name, QString &errorText,
-                                            const LoadOptions &options = {});
+                                                 const QString &name, QString &errorText,
+                                                 const LoadOptions &options = {});
 
 //! The extensions clouds are written as: las, laz, ply.
 QTZ_FORMATS_LIB_API const QStringList &writableKinds();
@@ -92,7 +92,7 @@ QTZ_FORMATS_LIB_API const QStringList &writableKinds();
 //! with colours, 0 without; millimetre records), or binary PLY (double coordinates). Nothing is
 //! left at path when it fails; errorText names the file and the problem.
 QTZ_FORMATS_LIB_API bool save(const tzPointCloud &cloud, const QString &path, QString &errorText,
-                         quint32 chunkSize = 0, const LoadOptions &options = {});
+                              quint32 chunkSize = 0, const LoadOptions &options = {});
 
 //! Converts a file to another format by the output's extension. Between LAS and LAZ it does not
 //! go through a cloud: the header, the VLRs and every point record come out as they went in
@@ -100,12 +100,12 @@ QTZ_FORMATS_LIB_API bool save(const tzPointCloud &cloud, const QString &path, QS
 //! does. LAZ is written in chunks of chunkSize points (0: 50,000). Nothing is left at outPath
 //! when it fails; errorText names the file and the problem.
 QTZ_FORMATS_LIB_API bool convert(const QString &inPath, const QString &outPath, QString &errorText,
-                            quint32 chunkSize = 0, const LoadOptions &options = {});
+                                 quint32 chunkSize = 0, const LoadOptions &options = {});
 
 //! Converts each scan of an E57 file to a file of its own: OUT's name with "-" and the scan's
 //! name before its extension (written lists them). Nothing is left when one fails.
 QTZ_FORMATS_LIB_API bool convertScans(const QString &inPath, const QString &outPath,
-                                 QStringList &written, QString &errorText, quint32 chunkSize = 0,
-                                 const LoadOptions &options = {});
+                                      QStringList &written, QString &errorText,
+                                      quint32 chunkSize = 0, const LoadOptions &options = {});
 
 } // namespace tzCloudFile
