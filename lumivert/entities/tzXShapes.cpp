@@ -8,21 +8,6 @@
 
 namespace {
 
-TZVector3d toView(const TZVector3d &p, const tzCoordinateFrame &frame)
-{
-    const double s = frame.scale;
-    const TZVector3d &t = frame.shift;
-    return {p.x * s + t.x, p.y * s + t.y, p.z * s + t.z};
-}
-
-// The division comes before the subtraction: not the inverse of toView unless the scale is 1.
-TZVector3d fromView(const TZVector3d &p, const tzCoordinateFrame &frame)
-{
-    const double s = frame.scale;
-    const TZVector3d &t = frame.shift;
-    return {p.x / s - t.x, p.y / s - t.y, p.z / s - t.z};
-}
-
 TZVector3d point(const QJsonObject &object)
 {
     return {jsonNumber(object, "X"), jsonNumber(object, "Y"), jsonNumber(object, "Z")};
@@ -132,13 +117,13 @@ bool tzXLine::readJson(const QJsonObject &frame)
 void tzXLine::convertToView(const tzCoordinateFrame &frame)
 {
     for (TZVector3d &v : m_vertices)
-        v = toView(v, frame);
+        v = frame.toScene(v);
 }
 
 void tzXLine::convertFromView(const tzCoordinateFrame &frame)
 {
     for (TZVector3d &v : m_vertices)
-        v = fromView(v, frame);
+        v = frame.shapeToCompanion(v);
 }
 
 void tzXLine::addTo(tzXLineBatch &batch) const
@@ -176,13 +161,13 @@ bool tzXCircle::readJson(const QJsonObject &frame)
 
 void tzXCircle::convertToView(const tzCoordinateFrame &frame)
 {
-    m_center = toView(m_center, frame);
+    m_center = frame.toScene(m_center);
     m_radius *= frame.scale;
 }
 
 void tzXCircle::convertFromView(const tzCoordinateFrame &frame)
 {
-    m_center = fromView(m_center, frame);
+    m_center = frame.shapeToCompanion(m_center);
     m_radius /= frame.scale;
 }
 

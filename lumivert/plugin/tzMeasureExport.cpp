@@ -48,12 +48,11 @@ void collect(const tzHObject *object, const tzCoordinateFrame &frame, QByteArray
             const auto meta = [child](const char *key) {
                 return child->getMetaData(QLatin1String(key)).toDouble();
             };
-            const double s = frame.scale;
-            const TZVector3d &t = frame.shift;
-            distances += "distance,,," + number((meta("Sx") - t.x) / s, 4) + ','
-                + number((meta("Sy") - t.y) / s, 4) + ',' + number((meta("Sz") - t.z) / s, 4) + ','
-                + number((meta("Ex") - t.x) / s, 4) + ',' + number((meta("Ey") - t.y) / s, 4) + ','
-                + number((meta("Ez") - t.z) / s, 4) + ',' + number(meta("Length") / s, 4) + ','
+            const TZVector3d start = frame.toCompanion({meta("Sx"), meta("Sy"), meta("Sz")});
+            const TZVector3d end = frame.toCompanion({meta("Ex"), meta("Ey"), meta("Ez")});
+            distances += "distance,,," + number(start.x, 4) + ',' + number(start.y, 4) + ','
+                + number(start.z, 4) + ',' + number(end.x, 4) + ',' + number(end.y, 4) + ','
+                + number(end.z, 4) + ',' + number(meta("Length") / frame.scale, 4) + ','
                 + number(meta("Trend"), 2) + ',' + number(meta("Plunge"), 2) + '\n';
             ++result.distances;
         }

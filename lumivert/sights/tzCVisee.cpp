@@ -115,20 +115,12 @@ void tzCVisee::refreshNameAndMetaData()
 
 void tzCVisee::convertToView(const tzCoordinateFrame &frame)
 {
-    const double s = frame.scale;
-    const TZVector3d &t = frame.shift;
-    m_coordX = m_coordX * s + t.x;
-    m_coordY = m_coordY * s + t.y;
-    m_coordZ = m_coordZ * s + t.z;
+    setCoordinates(frame.toScene(coordinates()));
 }
 
 void tzCVisee::convertFromView(const tzCoordinateFrame &frame)
 {
-    const double s = frame.scale;
-    const TZVector3d &t = frame.shift;
-    m_coordX = (m_coordX - t.x) / s;
-    m_coordY = (m_coordY - t.y) / s;
-    m_coordZ = (m_coordX - t.z) / s; // from the new x, as the companion's side does
+    setCoordinates(frame.sightToCompanion(coordinates()));
 }
 
 bool tzCVisee::attachPoint(tzGenericPointCloud *cloud, unsigned index)
@@ -344,9 +336,7 @@ void tzCVisee::drawMeOnly(tzDrawContext &context)
         gl->glPushName(getUniqueID());
     const QColor colour = isSelected() && !picking ? QColor(Qt::red) : context.labelDefaultColor;
     // The companion's coordinates brought into the cloud's frame.
-    const double s = m_frame->scale;
-    const TZVector3d &t = m_frame->shift;
-    const TZVector3d p(m_coordX * s + t.x, m_coordY * s + t.y, m_coordZ * s + t.z);
+    const TZVector3d p = m_frame->toScene(coordinates());
     const float scale = float(m_relMarkerScale * context.labelMarkerSize * pixelSizeAt(context, p));
     if (context.spheres && !picking) {
         context.spheres->addSphere(TZVector3(float(p.x), float(p.y), float(p.z)), scale, colour);

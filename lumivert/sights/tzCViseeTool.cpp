@@ -203,10 +203,7 @@ void tzCViseeTool::setFrame(std::shared_ptr<tzCoordinateFrame> frame)
 
 TZVector3d tzCViseeTool::toLocal(const tzCVisee &sight) const
 {
-    const double s = m_frame->scale;
-    const TZVector3d &t = m_frame->shift;
-    const TZVector3d c = sight.coordinates();
-    return {s * c.x + t.x, s * c.y + t.y, s * c.z + t.z};
+    return m_frame->toScene(sight.coordinates());
 }
 
 void tzCViseeTool::refreshKeepingName(tzCVisee &sight)
@@ -221,9 +218,7 @@ void tzCViseeTool::refreshKeepingName(tzCVisee &sight)
 
 void tzCViseeTool::setWorkingSightCoordinates(const TZVector3 &P)
 {
-    const double s = m_frame->scale;
-    const TZVector3d &t = m_frame->shift;
-    m_workingSight->setCoordinates({(P.x - t.x) / s, (P.y - t.y) / s, (P.z - t.z) / s});
+    m_workingSight->setCoordinates(m_frame->toCompanion({P.x, P.y, P.z}));
     m_workingSight->refreshNameAndMetaData();
 }
 
@@ -238,8 +233,8 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex, 
         cloud->computeOctree();
     m_frame->scale = cloud->getGlobalScale();
     m_frame->shift = cloud->getGlobalShift();
-    const double s = m_frame->scale;
-    const TZVector3d &t = m_frame->shift;
+    // The height picked (H below) in the companion's coordinates.
+    const auto height = [this](float h) { return m_frame->toCompanion({0, 0, h}).z; };
 
     const bool lowestWanted = (m_host && m_host->isKeyHeld(Qt::Key_Z)) || m_mode == LOWEST_POINT;
     TZVector3 L = P;
@@ -285,7 +280,7 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex, 
             }
             tzCVisee *last = all.back();
             const TZVector3d from = last->coordinates();
-            last->setCoordinates({from.x, from.y, (H - t.z) / s});
+            last->setCoordinates({from.x, from.y, height(H)});
             refreshKeepingName(*last);
             sendMove(from, last->coordinates());
             m_lastPoint = narrowed(last->coordinates());
@@ -295,12 +290,12 @@ void tzCViseeTool::pointPicked(tzHObject *insertionParent, unsigned pointIndex, 
         tzCVisee *sight = m_movingSight;
         const TZVector3d from = sight->coordinates();
         if (!changeHeight) {
-            sight->setCoordinates({(P.x - t.x) / s, (P.y - t.y) / s, (H - t.z) / s});
+            sight->setCoordinates(m_frame->toCompanion({P.x, P.y, H}));
             refreshKeepingName(*sight);
             sendMove(from, sight->coordinates());
             m_lastPoint = narrowed(toLocal(*sight));
         } else {
-            sight->setCoordinates({from.x, from.y, (H - t.z) / s});
+            sight->setCoordinates({from.x, from.y, height(H)});
             refreshKeepingName(*sight);
             sendMove(from, sight->coordinates());
             m_lastPoint = narrowed(sight->coordinates());
@@ -479,9 +474,6 @@ void tzCViseeTool::reportCursor(tzGLWindow *window, const TZVector3d &M)
         return;
     m_lastReportMs = now;
     qDebug(" --> 3D (%.2lf ; %.2lf ; %.2lf)", M.x, M.y, M.z);
-    const double s = m_frame->scale;
-    const TZVector3d &t = m_frame->shift;
     if (tzCommunicationHandler *link = m_host ? m_host->link() : nullptr)
-        link->sendMouseCursor(window->getCurrentUpDir(),
-                              {(M.x - t.x) / s, (M.y - t.y) / s, (M.z - t.z) / s});
+        link->sendMouseCursor(window->getCurrentUpDir(), m_frame->toCompanion(M));
 }
