@@ -218,11 +218,9 @@ QString describeAsText(const QJsonObject &info)
 bool convert(const QString &inPath, const QString &outPath, QString &errorText, quint32 chunkSize,
              const LoadOptions &options)
 {
-    const QString inKind = QFileInfo(inPath).suffix().toLower();
     const QString outKind = QFileInfo(outPath).suffix().toLower();
-    const auto lasKind = [](const QString &kind) {
-        return kind == QLatin1String("las") || kind == QLatin1String("laz");
-    };
+    const Format *inFormat = formatOf(QFileInfo(inPath).suffix());
+    const Format *outFormat = formatOf(outKind);
     if (QFileInfo(inPath).absoluteFilePath() == QFileInfo(outPath).absoluteFilePath()) {
         errorText = QStringLiteral("'%1': the output would overwrite the input").arg(outPath);
         return false;
@@ -232,7 +230,9 @@ bool convert(const QString &inPath, const QString &outPath, QString &errorText, 
                         .arg(outPath, outKind);
         return false;
     }
-    if (!lasKind(inKind) || !lasKind(outKind)) {
+    // Between two formats of one record copier (LAS and LAZ), the records are copied as they
+    // are stored.
+    if (!inFormat || !inFormat->copyRecords || inFormat != outFormat) {
         // Through the cloud: read, then written in its global coordinates.
         const std::unique_ptr<tzPointCloud> cloud(load(inPath, errorText, options));
         return cloud && save(*cloud, outPath, errorText, chunkSize, options);
@@ -243,7 +243,8 @@ bool convert(const QString &inPath, const QString &outPath, QString &errorText, 
     return writeWhole(
         outPath, inPath, QStringLiteral("conversion"),
         [&](QIODevice &out) {
-            convertLas(in.bytes(), outKind == QLatin1String("laz"), chunkSize, out, options);
+            inFormat->copyRecords(in.bytes(), outKind == QLatin1String("laz"), chunkSize, out,
+                                  options);
         },
         errorText);
 }
@@ -309,7 +310,8 @@ std::vector<tzPointCloud *> loadScans(const QString &path, QString &errorText,
                                       const LoadOptions &options)
 {
     std::vector<tzPointCloud *> scans;
-    if (QFileInfo(path).suffix().toLower() != QLatin1String("e57")) {
+    const Format *format = formatOf(QFileInfo(path).suffix());
+    if (!format || !format->readScans) {
         if (tzPointCloud *cloud = load(path, errorText, options))
             scans.push_back(cloud);
         return scans;
@@ -318,7 +320,7 @@ std::vector<tzPointCloud *> loadScans(const QString &path, QString &errorText,
     if (!file.open(path, errorText))
         return scans;
     std::vector<std::unique_ptr<tzPointCloud>> read
-        = reading(path, errorText, [&] { return readE57Scans(file.bytes(), path, options); });
+        = reading(path, errorText, [&] { return format->readScans(file.bytes(), path, options); });
     for (std::unique_ptr<tzPointCloud> &cloud : read)
         scans.push_back(cloud.release());
     return scans;

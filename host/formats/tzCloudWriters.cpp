@@ -1,6 +1,7 @@
 // Writing a cloud of the scene to a file, in its global coordinates: LAS 1.2, LAZ, binary PLY.
 
 #include "tzCloudFormats_p.h"
+#include "tzLasFile_p.h"
 #include "tzLazCodec.h"
 
 #include <QFileInfo>
@@ -78,32 +79,27 @@ void writeLasOrLaz(const tzPointCloud &cloud, bool laz, quint32 chunkSize, QIODe
         std::string error;
         if (!tzLaz::describeFormat(format, size_t(length), chunkSize, description, error))
             failWith(QString::fromStdString(error));
-        const std::vector<uchar> payload = tzLaz::descriptionBytes(description);
-        vlr = QByteArray(54, '\0');
-        std::memcpy(vlr.data() + 2, "laszip encoded", 14);
-        storeAt<quint16>(vlr, 18, tzLaz::Description::RECORD_ID);
-        storeAt<quint16>(vlr, 20, quint16(payload.size()));
-        std::memcpy(vlr.data() + 22, "Tessaro LAZ", 11);
-        vlr.append(reinterpret_cast<const char *>(payload.data()), int(payload.size()));
+        vlr = laszipVlr(description);
     }
-    QByteArray head(227, '\0');
-    std::memcpy(head.data(), "LASF", 4);
-    head[24] = 1;
-    head[25] = 2;
-    std::memcpy(head.data() + 58, "Tessaro", 7);
-    storeAt<quint16>(head, 94, 227);
-    storeAt<quint32>(head, 96, quint32(227 + vlr.size()));
-    storeAt<quint32>(head, 100, laz ? 1u : 0u);
-    head[104] = char(laz ? (format | 0x80) : format);
-    storeAt<quint16>(head, 105, quint16(length));
-    storeAt<quint32>(head, 107, n);
-    storeAt<quint32>(head, 111, n); // all first returns
+    LasHeader header;
+    header.major = 1;
+    header.minor = 2;
+    header.software = QStringLiteral("Tessaro");
+    header.headerSize = 227;
+    header.dataOffset = quint32(227 + vlr.size());
+    header.vlrCount = laz ? 1u : 0u;
+    header.format = format;
+    header.compressed = laz;
+    header.recordLength = quint16(length);
+    header.count = n;
+    header.firstReturns = n; // all first returns
     for (int d = 0; d < 3; ++d) {
-        storeAt<double>(head, 131 + 8 * d, LAS_SCALE);
-        storeAt<double>(head, 155 + 8 * d, offset[d]);
-        storeAt<double>(head, 179 + 16 * d, n ? max[d] : 0.0);
-        storeAt<double>(head, 187 + 16 * d, n ? min[d] : 0.0);
+        header.scale[d] = LAS_SCALE;
+        header.offset[d] = offset[d];
+        header.bbMax[d] = n ? max[d] : 0.0;
+        header.bbMin[d] = n ? min[d] : 0.0;
     }
+    const QByteArray head = header.write();
     writeAll(out, head.constData(), head.size());
     writeAll(out, vlr.constData(), vlr.size());
     const qint64 tableOffsetAt = out.pos();

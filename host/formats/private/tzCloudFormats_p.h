@@ -329,8 +329,17 @@ using GroupReader
 //! tzCloudFile::describe. Failures raised as in the readers.
 using Describer = QJsonObject (*)(const Bytes &in);
 
+//! The clouds of a file of several scans, each its own, in one shift (--split).
+using ScansReader
+    = std::vector<std::unique_ptr<tzPointCloud>> (*)(const Bytes &in, const QString &name,
+                                                     const LoadOptions &options);
+//! Copies a file's records as stored into LAS (toLaz false) or LAZ, header and VLRs kept.
+using RecordCopier = void (*)(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
+                              const LoadOptions &options);
+
 //! A format of files the viewer opens: what it is, the extensions it goes by (lower case), its
-//! reader (none for scenes, which tzSceneFile reads) and what reads its header alone.
+//! reader (none for scenes, which tzSceneFile reads), what reads its header alone, and the
+//! readers and copiers that the files of some formats have besides.
 struct Format
 {
     QString description;
@@ -338,6 +347,8 @@ struct Format
     Reader read = nullptr;
     GroupReader readGroup = nullptr; // files of several clouds: the viewer shows them apart
     Describer describe = nullptr;
+    ScansReader readScans = nullptr;
+    RecordCopier copyRecords = nullptr; // LAS and LAZ into each other, record for record
 };
 //! Every format opened, in the order the open dialog lists them (tzCloudFormats.cpp).
 const std::vector<Format> &formats();
