@@ -75,7 +75,8 @@ LasHeader LasHeader::read(const Bytes &in)
     if (header.minor >= 4 && header.headerSize >= 375 && in.size >= 375) {
         header.evlrStart = loadAs<quint64>(h + EVLR_START_AT, false);
         header.evlrCount = loadAs<quint32>(h + EVLR_COUNT_AT, false);
-        header.firstReturns = std::max<quint64>(header.firstReturns, loadAs<quint64>(h + 255, false));
+        header.firstReturns
+            = std::max<quint64>(header.firstReturns, loadAs<quint64>(h + 255, false));
     }
     for (int d = 0; d < 3; ++d) {
         header.scale[d] = loadAs<double>(h + 131 + 8 * d, false);
@@ -135,7 +136,6 @@ QString chunkProblem(size_t index, size_t count, quint64 offset, const std::stri
         .arg(offset)
         .arg(QString::fromStdString(error));
 }
-
 
 bool isCopcRecord(const uchar *vlr)
 {
@@ -231,7 +231,6 @@ std::vector<tzLaz::Chunk> lazChunks(const Bytes &in, const LasHeader &header,
 }
 
 namespace {
-
 
 QJsonArray triple(const double (&v)[3])
 {
