@@ -337,8 +337,7 @@ void tzLumivert::onLinkRestored(int sentLate, int dropped)
 
 void tzLumivert::stopMeasuring()
 {
-    m_heldKeys.clear(); // the filter no longer sees the releases
-    m_ctrlChecked = false;
+    m_input.forget(); // the filter no longer sees the releases
     m_comm->setReconnecting(false);
     if (m_helpAction)
         m_helpAction->setShortcut(QKeySequence());
@@ -722,82 +721,5 @@ void tzLumivert::pointPicked(tzHObject *entity, unsigned itemIdx, int x, int y, 
 
 bool tzLumivert::eventFilter(QObject *obj, QEvent *event)
 {
-    if (obj == m_dialog && event->type() != QEvent::KeyPress && event->type() != QEvent::KeyRelease)
-        return false; // only the keys of the tool bar are the view's
-    if (m_app)
-        m_glWindow = m_app->activeView();
-    switch (event->type()) {
-    case QEvent::KeyPress: {
-        auto *key = static_cast<QKeyEvent *>(event);
-        if (!key->isAutoRepeat())
-            m_heldKeys.insert(key->key());
-        if (key->modifiers() == Qt::ControlModifier && m_listening) {
-            qDebug(" CTRL press ");
-            if (m_dialog) {
-                if (key->key() == Qt::Key_Control && !m_dialog->SimpleAjoutZButton->isChecked())
-                    m_ctrlChecked = true;
-                m_dialog->SimpleAjoutZButton->setChecked(true);
-            }
-        } else if (key->key() == Qt::Key_Z) {
-            // Z held repeats its press: only the first arms the one lowest-point pick, or a
-            // hold that outlasts its pick would arm the next plain one too.
-            if (key->isAutoRepeat())
-                break;
-            qDebug(" Z press ");
-            if (m_dialog) {
-                m_dialog->pointPropertiesPointButton->setChecked(true);
-                setTakeLowestPoint();
-            }
-            m_isZpress = true;
-        } else {
-            qDebug(" other press ");
-            if (key->key() == Qt::Key_Escape)
-                onEscape();
-            // F1 is also the Help item's shortcut; a key the shortcut did not take (the viewer's
-            // window not the active one) comes here.
-            else if (key->key() == Qt::Key_F1)
-                QTimer::singleShot(0, this, &tzLumivert::showHelp);
-        }
-        break;
-    }
-    case QEvent::KeyRelease: {
-        auto *key = static_cast<QKeyEvent *>(event);
-        if (!key->isAutoRepeat())
-            m_heldKeys.remove(key->key());
-        if (key->key() == Qt::Key_Control)
-            m_ctrlChecked = false;
-        break;
-    }
-    case QEvent::ShortcutOverride: {
-        // Ctrl held for one of the viewer's commands (Ctrl+S, Ctrl+O...) is not the surveyor
-        // asking for the previous height: what its press checked is unchecked.
-        auto *key = static_cast<QKeyEvent *>(event);
-        if (m_ctrlChecked && m_dialog && key->key() != Qt::Key_Control
-            && isViewerShortcut(QKeySequence(int(key->modifiers()) | key->key()))) {
-            m_dialog->SimpleAjoutZButton->setChecked(false);
-            m_ctrlChecked = false;
-        }
-        break;
-    }
-    case QEvent::FocusOut:
-    case QEvent::WindowDeactivate:
-        // A key released while the viewer does not have the keyboard never reaches us.
-        m_heldKeys.clear();
-        m_ctrlChecked = false;
-        break;
-    case QEvent::MouseMove:
-        if (m_activeTool == m_viseeTool)
-            m_viseeTool->onMouseMove(static_cast<QMouseEvent *>(event), m_glWindow);
-        break;
-    case QEvent::MouseButtonDblClick:
-        if (static_cast<QMouseEvent *>(event)->button() == Qt::RightButton) {
-            resetModes();
-            redraw();
-            releaseHub();
-        }
-        break;
-    default:
-        break;
-    }
-    return QObject::eventFilter(obj, event);
+    return m_input.filter(obj, event);
 }

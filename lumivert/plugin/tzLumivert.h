@@ -4,6 +4,7 @@
 #include "tzCoordinateFrame.h"
 #include "tzPhotoStations.h"
 #include "tzPickingListener.h"
+#include "tzRunInput.h"
 #include "tzSettings.h"
 #include "tzSightToolHost.h"
 #include "tzStdPluginInterface.h"
@@ -93,7 +94,7 @@ public:
     //! Whether a key is held down in the viewer now. The event filter keeps the set of held keys;
     //! it forgets them all when the viewer loses the keyboard (focus out, window deactivated)
     //! and when the run stops, since the releases then go elsewhere.
-    Q_INVOKABLE bool isKeyHeld(int key) const override { return m_heldKeys.contains(key); }
+    Q_INVOKABLE bool isKeyHeld(int key) const override { return m_input.isKeyHeld(key); }
 
     //! Shows or hides every photo station of the scene.
     void setPhotoFrustumsVisible(bool visible);
@@ -169,7 +170,7 @@ private:
     int m_reserved = 4; // kept as declared; nothing reads it
     bool m_isZpress = false;
     bool m_cameraDirection = false;
-    bool m_ctrlChecked = false; // the Ctrl key held now checked the previous-height indicator
-    QSet<int> m_heldKeys;
+    tzRunInput m_input {*this}; // the keys and the mouse, handled for the slots here
+    friend class tzRunInput;
     tzPhotoStations m_photos;
 };
