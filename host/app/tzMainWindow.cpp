@@ -6,6 +6,7 @@
 #include "tzDBTree.h"
 #include "tzFileLoader.h"
 #include "tzGLWindow.h"
+#include "tzLoadPipeline.h"
 #include "tzLog.h"
 #include "tzOverlayDialog.h"
 #include "tzPickingHub.h"
@@ -21,13 +22,10 @@
 #include <QCryptographicHash>
 #include <QDataStream>
 #include <QDialog>
-#include <QDialogButtonBox>
 #include <QDir>
 #include <QDockWidget>
-#include <QDoubleSpinBox>
 #include <QFileDialog>
 #include <QFileInfo>
-#include <QFormLayout>
 #include <QLabel>
 #include <QMdiArea>
 #include <QMdiSubWindow>
@@ -41,16 +39,12 @@
 #include <QStatusBar>
 #include <QToolBar>
 
-#include <array>
 #include <cmath>
 #include <functional>
 
 namespace {
 // Distance between an overlay dialog and the edges of the view (pixels).
 constexpr int OVERLAY_MARGIN = 6;
-// How long the window system is given to take the progress away before a loaded survey's first
-// frame.
-constexpr int FIRST_FRAME_DELAY_MS = 30;
 // The status bar's point under the cursor follows it at most this often (20 times a second).
 constexpr int CURSOR_STATUS_MS = 50;
 } // namespace
@@ -107,8 +101,14 @@ tzMainWindow::tzMainWindow(const Options &options)
     createMenus();
     createStatusBar();
     m_savedSignature = sceneSignature();
-    m_uploadTimer.setInterval(0);
-    connect(&m_uploadTimer, &QTimer::timeout, this, &tzMainWindow::uploadStep);
+    m_loads = new tzLoadPipeline(
+        this, m_view, {options.autoShift, options.progressDelay, options.uploadStepPoints});
+    m_loads->setSceneShift([this] { return sceneCloudShift(); });
+    connect(m_loads, &tzLoadPipeline::cloudRead, this, &tzMainWindow::applyDisplayOptions);
+    connect(m_loads, &tzLoadPipeline::arrived, this, &tzMainWindow::adoptLoaded);
+    connect(m_loads, &tzLoadPipeline::opened, this, &tzMainWindow::fileOpened);
+    connect(m_loads, &tzLoadPipeline::said, this,
+            [this](const QString &text, int level) { printToConsole(text, level); });
     if (options.loadPlugins)
         loadPlugins(tzPluginManager::searchPaths());
 }
@@ -116,11 +116,8 @@ tzMainWindow::tzMainWindow(const Options &options)
 tzMainWindow::~tzMainWindow()
 {
     // A load in progress is cancelled and waited for; its cloud never reaches the scene.
-    if (m_loader) {
-        m_loader->cancel();
-        delete m_loader;
-        m_loader = nullptr;
-    }
+    delete m_loads;
+    m_loads = nullptr;
     // Plug-ins go first: they may still hold scene objects, views and the hub.
     delete m_plugins;
     m_plugins = nullptr;
@@ -517,67 +514,12 @@ void tzMainWindow::onEntityClicked(tzHObject *entity)
 
 void tzMainWindow::openFiles(const QStringList &paths)
 {
-    m_pendingFiles << paths;
-    if (!m_loader)
-        openNextFile();
+    m_loads->open(paths);
 }
 
-void tzMainWindow::askShift(const QString &path, const TZVector3d &suggested, bool sceneShift)
+bool tzMainWindow::isLoading() const
 {
-    // Asked without a nested event loop: the loader waits for the answer, and the window stays
-    // free to go away meanwhile (the loader is then cancelled, which ends its wait).
-    QPointer<tzFileLoader> loader = m_loader;
-    if (!loader)
-        return;
-    auto *dialog = new QDialog(this);
-    dialog->setObjectName(QStringLiteral("shiftDialog"));
-    dialog->setAttribute(Qt::WA_DeleteOnClose);
-    dialog->setWindowTitle(tr("Global shift"));
-    auto *form = new QFormLayout(dialog);
-    const QString name = QFileInfo(path).fileName();
-    QString question;
-    if (sceneShift) {
-        question = tr("The coordinates of '%1' are too large to be shown precisely.\nThey will "
-                      "be shifted as the clouds already open are (the scene's shift), so that "
-                      "all are drawn together:")
-                       .arg(name);
-    } else if (sceneCloudShift()) {
-        question = tr("'%1' lies too far from the clouds already open to share their shift: it "
-                      "takes its own and is drawn apart from them.\nIts coordinates will be "
-                      "shifted by:")
-                       .arg(name);
-    } else {
-        question = tr("The coordinates of '%1' are too large to be shown precisely.\nThey will "
-                      "be shifted by:")
-                       .arg(name);
-    }
-    form->addRow(new QLabel(question));
-    std::array<QDoubleSpinBox *, 3> boxes;
-    const char *labels[3] = {"X", "Y", "Z"};
-    for (int d = 0; d < 3; ++d) {
-        boxes[d] = new QDoubleSpinBox(dialog);
-        boxes[d]->setRange(-1e9, 1e9);
-        boxes[d]->setDecimals(2);
-        boxes[d]->setValue(suggested[d]);
-        form->addRow(QString::fromLatin1(labels[d]), boxes[d]);
-    }
-    auto *buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel);
-    form->addRow(buttons);
-    connect(buttons, &QDialogButtonBox::accepted, dialog, &QDialog::accept);
-    connect(buttons, &QDialogButtonBox::rejected, dialog, &QDialog::reject);
-    // The question is asked with nothing in front of it: the progress steps aside meanwhile.
-    if (m_progress)
-        m_progress->hold();
-    connect(dialog, &QDialog::finished, this, [this, loader, boxes](int result) {
-        if (m_progress)
-            m_progress->release();
-        if (loader) {
-            loader->answerShift(
-                result == QDialog::Accepted,
-                TZVector3d(boxes[0]->value(), boxes[1]->value(), boxes[2]->value()));
-        }
-    });
-    dialog->open();
+    return m_loads && m_loads->isLoading();
 }
 
 std::optional<TZVector3d> tzMainWindow::sceneCloudShift() const
@@ -587,83 +529,6 @@ std::optional<TZVector3d> tzMainWindow::sceneCloudShift() const
     if (clouds.empty())
         return std::nullopt;
     return static_cast<const tzGenericPointCloud *>(clouds.front())->getGlobalShift();
-}
-
-void tzMainWindow::openNextFile()
-{
-    if (m_loader || m_pendingFiles.isEmpty())
-        return;
-    const QString path = m_pendingFiles.takeFirst();
-    const QString fileName = QFileInfo(path).fileName();
-    QSettings settings;
-    settings.beginGroup(QStringLiteral("LoadFile"));
-    settings.setValue(QStringLiteral("currentPath"), QFileInfo(path).absolutePath());
-    settings.endGroup();
-
-    m_loader = new tzFileLoader(path, !m_options.autoShift);
-    if (const std::optional<TZVector3d> shift = sceneCloudShift())
-        m_loader->setSceneShift(*shift);
-    if (m_options.autoShift) {
-        connect(m_loader, &tzFileLoader::shiftTaken, this,
-                [this, path](const TZVector3d &shift, bool sceneShift) {
-                    printToConsole(
-                        QStringLiteral("'%1': coordinates shifted by (%2; %3; %4)%5")
-                            .arg(path)
-                            .arg(shift.x, 0, 'f', 2)
-                            .arg(shift.y, 0, 'f', 2)
-                            .arg(shift.z, 0, 'f', 2)
-                            .arg(sceneShift ? QStringLiteral(", the scene's shift") : QString()));
-                });
-    } else {
-        connect(m_loader, &tzFileLoader::shiftRequested, this, &tzMainWindow::askShift);
-    }
-    connect(m_loader, &tzFileLoader::note, this,
-            [this](const QString &text) { printToConsole(text, WRN_CONSOLE_MESSAGE); });
-    m_progress
-        = new tzProgressDialog(tr("Opening %1").arg(fileName), m_options.progressDelay, this);
-    m_progress->setObjectName(QStringLiteral("loadProgress"));
-    connect(m_progress, &tzProgressDialog::canceled, m_loader, &tzFileLoader::cancel,
-            Qt::DirectConnection);
-    tzProgressDialog *progress = m_progress;
-    connect(m_loader, &tzFileLoader::progress, progress,
-            [progress, fileName](int percent, const QString &stage) {
-                progress->setProgress(percent, QStringLiteral("%1 %2...").arg(stage, fileName));
-            });
-    const auto finish = [this, path](bool ok, const QString &error, bool cancelled) {
-        // Cancel may have come after the last step checked it, while its result waited for
-        // this thread: the user's word holds, nothing is added.
-        if (m_loader->isCancelled()) {
-            ok = false;
-            cancelled = true;
-        }
-        if (!ok) {
-            endLoad(path, false, error, cancelled);
-            return;
-        }
-        // The last step, on this thread: the points go to the GPU in parts, the event loop
-        // (and Cancel) free between them; the scene gets the result once they are there.
-        m_uploading.reset(m_loader->takeResult());
-        m_uploadingPath = path;
-        m_uploadClouds.clear();
-        if (m_uploading->isKindOf(TZ_TYPES::POINT_CLOUD))
-            m_uploadClouds.push_back(static_cast<tzGenericPointCloud *>(m_uploading.get()));
-        tzHObject::Container clouds;
-        m_uploading->filterChildren(clouds, true, TZ_TYPES::POINT_CLOUD);
-        for (tzHObject *cloud : clouds)
-            m_uploadClouds.push_back(static_cast<tzGenericPointCloud *>(cloud));
-        if (!tzFileLoader::isSceneFile(path)) {
-            for (tzGenericPointCloud *cloud : m_uploadClouds)
-                applyDisplayOptions(cloud, path);
-        }
-        m_uploadCloud = 0;
-        m_uploadedPoints = 0;
-        m_uploadTimer.start();
-    };
-    connect(m_loader, &tzFileLoader::loaded, this, [finish] { finish(true, QString(), false); });
-    connect(m_loader, &tzFileLoader::failed, this,
-            [finish](const QString &error) { finish(false, error, false); });
-    connect(m_loader, &tzFileLoader::cancelled, this, [finish] { finish(false, QString(), true); });
-    m_loader->start();
 }
 
 std::vector<tzPointCloud *> tzMainWindow::selectedClouds() const
@@ -714,58 +579,9 @@ void tzMainWindow::applyDisplayOptions(tzGenericPointCloud *opened, const QStrin
     }
 }
 
-void tzMainWindow::uploadStep()
+void tzMainWindow::adoptLoaded(const QString &path, tzHObject *loaded)
 {
-    if (!m_loader || !m_uploading) {
-        m_uploadTimer.stop();
-        return;
-    }
-    const QString path = m_uploadingPath;
-    if (m_loader->isCancelled()) {
-        m_uploadTimer.stop();
-        for (const tzGenericPointCloud *cloud : m_uploadClouds)
-            m_view->forgetPreparedCloud(cloud->getUniqueID());
-        m_uploadClouds.clear();
-        m_uploading.reset();
-        endLoad(path, false, QString(), true);
-        return;
-    }
-    quint64 total = 0, done = 0;
-    for (std::size_t i = 0; i < m_uploadClouds.size(); ++i) {
-        total += m_uploadClouds[i]->size();
-        if (i < m_uploadCloud)
-            done += m_uploadClouds[i]->size();
-    }
-    if (m_uploadCloud < m_uploadClouds.size()) {
-        const tzGenericPointCloud &cloud = *m_uploadClouds[m_uploadCloud];
-        if (m_view->prepareCloud(cloud, m_uploadedPoints, m_options.uploadStepPoints)) {
-            done += cloud.size();
-            ++m_uploadCloud;
-            m_uploadedPoints = 0;
-        } else {
-            done += m_uploadedPoints;
-        }
-        if (m_progress) {
-            m_progress->setProgress(90 + int(total ? 10 * done / total : 10),
-                                    tr("Uploading %1...").arg(QFileInfo(path).fileName()));
-        }
-        if (m_uploadCloud < m_uploadClouds.size())
-            return;
-    }
-    m_uploadTimer.stop();
-    m_uploadClouds.clear();
-    // The progress leaves the screen before the scene's first frame, which may be long: the
-    // result joins the scene once the window system has taken the dialog away.
-    if (m_progress)
-        m_progress->hide();
-    QTimer::singleShot(FIRST_FRAME_DELAY_MS, this, [this, path] { adoptLoaded(path); });
-}
-
-void tzMainWindow::adoptLoaded(const QString &path)
-{
-    std::unique_ptr<tzHObject> object = std::move(m_uploading);
-    if (!object)
-        return;
+    std::unique_ptr<tzHObject> object(loaded);
     if (tzFileLoader::isSceneFile(path)) {
         adoptScene(std::move(object), path);
     } else {
@@ -784,27 +600,6 @@ void tzMainWindow::adoptLoaded(const QString &path)
         // Selected, so that what works on the selected cloud is ready at once.
         m_tree->selectObject(clouds.empty() ? nullptr : clouds.front());
     }
-    endLoad(path, true, QString(), false);
-}
-
-void tzMainWindow::endLoad(const QString &path, bool ok, const QString &error, bool cancelled)
-{
-    // Taken off the members first: nothing below may find a half-finished load.
-    tzFileLoader *loader = m_loader;
-    tzProgressDialog *progress = m_progress;
-    m_loader = nullptr;
-    m_progress = nullptr;
-    progress->hide();
-    if (cancelled) {
-        printToConsole(QStringLiteral("'%1': opening cancelled").arg(path), WRN_CONSOLE_MESSAGE);
-    } else if (!ok) {
-        printToConsole(error, ERR_CONSOLE_MESSAGE);
-    }
-    // Not deleted under the signal that called us.
-    loader->deleteLater();
-    progress->deleteLater();
-    emit fileOpened(path, ok);
-    openNextFile();
 }
 
 bool tzMainWindow::loadScene(const QString &path)
@@ -944,7 +739,6 @@ void tzMainWindow::closeEvent(QCloseEvent *event)
             return;
         }
     }
-    if (m_loader)
-        m_loader->cancel();
+    m_loads->cancel();
     event->accept();
 }

@@ -20,6 +20,7 @@ class QMdiSubWindow;
 class QMenu;
 class QToolBar;
 class tzFileLoader;
+class tzLoadPipeline;
 class tzConsole;
 class tzDBTree;
 class tzGenericPointCloud;
@@ -74,7 +75,7 @@ public:
     //! The "LoadFile/currentPath" setting follows the last one.
     void openFiles(const QStringList &paths);
     //! True while a file is being opened.
-    bool isLoading() const { return m_loader != nullptr; }
+    bool isLoading() const;
     //! Reads a scene on this thread and adds its objects to the scene (scripts, tests).
     bool loadScene(const QString &path);
     bool saveScene(const QString &path);
@@ -112,18 +113,14 @@ protected:
 private slots:
     void onSelectionChanged();
     void onEntityClicked(tzHObject *entity);
-    void openNextFile();
     //! A path chosen in a save dialog, with the suffix added when it has none: false when
     //! nothing was chosen, or when the name with the suffix is a file the user will not replace.
     bool completedSavePath(QString &path, const QString &suffix);
     //! The global shift of the scene's first cloud (what a file opened into it is offered
     //! first), or nothing while the scene has no cloud.
     std::optional<TZVector3d> sceneCloudShift() const;
-    //! One step of a load's last phase: the next part of its points to the GPU, or, all there,
-    //! the result into the scene.
-    void uploadStep();
-    //! What a load read joins the scene.
-    void adoptLoaded(const QString &path);
+    //! What a load read joins the scene (the window takes it).
+    void adoptLoaded(const QString &path, tzHObject *loaded);
 
 private:
     void createMenus();
@@ -137,10 +134,7 @@ private:
     void showCursorPoint();
     void showScale();
     void placeOverlays();
-    void askShift(const QString &path, const TZVector3d &suggested, bool sceneShift);
     void adoptScene(std::unique_ptr<tzHObject> scene, const QString &path);
-    //! Ends the load under way: says how it went and goes on with the next file.
-    void endLoad(const QString &path, bool ok, const QString &error, bool cancelled);
     QByteArray sceneSignature() const;
     //! A scene file name for the save dialog to propose.
     QString proposedScenePath() const;
@@ -158,16 +152,7 @@ private:
     tzHObject::Container m_selected;
     std::vector<unsigned> m_selectedIDs; // the same, by unique ID, to unselect them safely
     std::vector<std::pair<QPointer<tzOverlayDialog>, Qt::Corner>> m_overlays;
-    QStringList m_pendingFiles;
-    tzFileLoader *m_loader = nullptr;
-    tzProgressDialog *m_progress = nullptr;
-    // A load's last phase: what it read, its clouds going to the GPU one step at a time.
-    std::unique_ptr<tzHObject> m_uploading;
-    QString m_uploadingPath;
-    std::vector<tzGenericPointCloud *> m_uploadClouds;
-    std::size_t m_uploadCloud = 0; // the cloud being uploaded
-    unsigned m_uploadedPoints = 0; // of that cloud
-    QTimer m_uploadTimer;
+    tzLoadPipeline *m_loads = nullptr; // the files being opened
     QAction *m_saveCloudAction = nullptr; // File > Save cloud as, while a cloud is selected
     QLabel *m_cursorLabel = nullptr;
     QLabel *m_scaleLabel = nullptr;
