@@ -6,6 +6,8 @@
 //   tessaro --convert IN OUT [--chunk-size N] [--split]   (by extension; no window; --split:
 //                                                          one OUT per scan of an E57)
 //   tessaro --info [--json] FILE...                       (each file's header; no point read)
+//   tessaro --index IN... OUT.copc.laz [--memory MB]      (an octree index of the inputs; no
+//                                                          window)
 //   tessaro --help                                        (every option, one line each)
 //
 // Opens the clouds (PLY, LAS, LAZ, E57, PCD, text) and scenes (.tzs) given, and loads the plug-ins
@@ -13,6 +15,7 @@
 // of TESSARO_PLUGIN_PATH.
 
 #include "tzCloudFile.h"
+#include "tzCopc.h"
 #include "tzGLWindow.h"
 #include "tzMainWindow.h"
 #include "tzPointCloud.h"
@@ -20,6 +23,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QCommandLineParser>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -71,9 +75,14 @@ void describeOptions(QCommandLineParser &parser)
         "Say what each file's header holds (format, points, bounds, VLRs, compression, "
         "octree, scans) without reading its points, no window.");
     add("json", "With --info: as one JSON array.");
+    add("index",
+        "Index the clouds IN... (any format) into one COPC file OUT (its octree and points, in "
+        "bounded memory, on every core), no window.");
+    add("memory", "With --index: the memory the points may take, in MB.", "MB", "1536");
     parser.addPositionalArgument(QStringLiteral("files"),
                                  QStringLiteral("Clouds and scenes to open; with --convert, IN "
-                                                "and OUT; with --info, the files to describe."),
+                                                "and OUT; with --info, the files to describe; "
+                                                "with --index, IN... and OUT."),
                                  QStringLiteral("[files...]"));
 }
 
@@ -106,6 +115,47 @@ int describeFiles(const QStringList &files, bool json)
     return failed ? 1 : 0;
 }
 
+// tessaro --index IN... OUT [--memory MB]: the progress on the console, a line at each tenth.
+int indexFiles(const QStringList &files, const QString &memory)
+{
+    if (files.size() < 2) {
+        std::fprintf(stderr,
+                     "tessaro --index: give the clouds to index and the COPC file to "
+                     "write\n");
+        return 2;
+    }
+    bool ok = false;
+    const qulonglong megabytes = memory.toULongLong(&ok);
+    if (!ok || megabytes < 64) {
+        std::fprintf(stderr, "tessaro --index: '%s' is not a memory size (MB, at least 64)\n",
+                     qPrintable(memory));
+        return 2;
+    }
+    tzCopc::IndexOptions options;
+    options.memoryBudget = std::uint64_t(megabytes) << 20;
+    int told = -1;
+    QString toldStage;
+    const QString out = files.last();
+    options.progress = [&](int percent, const QString &stage) {
+        if (percent / 10 != told / 10 || stage != toldStage) {
+            std::fprintf(stderr, "tessaro --index: %s %s... %d %%\n", qPrintable(stage),
+                         qPrintable(QFileInfo(out).fileName()), percent);
+            told = percent;
+            toldStage = stage;
+        }
+        return true;
+    };
+    options.note = [](const QString &text) {
+        std::fprintf(stderr, "tessaro --index: %s\n", qPrintable(text));
+    };
+    QString error;
+    if (!tzCopc::index(files.mid(0, files.size() - 1), out, error, options)) {
+        std::fprintf(stderr, "tessaro --index: %s\n", qPrintable(error));
+        return 1;
+    }
+    return 0;
+}
+
 // tessaro --convert IN OUT [--chunk-size N] [--split], tessaro --info, tessaro --help: no
 // window, no display needed.
 int convertFiles(int argc, char **argv)
@@ -119,6 +169,8 @@ int convertFiles(int argc, char **argv)
     const QStringList files = parser.positionalArguments();
     if (parser.isSet(QStringLiteral("info")))
         return describeFiles(files, parser.isSet(QStringLiteral("json")));
+    if (parser.isSet(QStringLiteral("index")))
+        return indexFiles(files, parser.value(QStringLiteral("memory")));
     if (files.size() != 2) {
         std::fprintf(stderr, "tessaro --convert: give the file to convert and the file to write\n");
         return 2;
@@ -159,8 +211,8 @@ int main(int argc, char **argv)
     // Conversions and the help need no display.
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--convert") == 0 || std::strcmp(argv[i], "--info") == 0
-            || std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0
-            || std::strcmp(argv[i], "-?") == 0)
+            || std::strcmp(argv[i], "--index") == 0 || std::strcmp(argv[i], "--help") == 0
+            || std::strcmp(argv[i], "-h") == 0 || std::strcmp(argv[i], "-?") == 0)
             return convertFiles(argc, argv);
     }
 

@@ -22,37 +22,6 @@ namespace {
 
 using namespace detail;
 
-//! A file's bytes, mapped (read at memory speed) or, where mapping fails, read whole; an
-//! empty file cannot be mapped and gives no bytes.
-class FileBytes
-{
-public:
-    bool open(const QString &path, QString &errorText)
-    {
-        m_file.setFileName(path);
-        if (!m_file.open(QIODevice::ReadOnly)) {
-            errorText = QStringLiteral("'%1': cannot open (%2)").arg(path, m_file.errorString());
-            return false;
-        }
-        if (m_file.size() > 0) {
-            m_bytes.data = m_file.map(0, m_file.size());
-            m_bytes.size = size_t(m_file.size());
-            if (!m_bytes.data) {
-                m_copy = m_file.readAll();
-                m_bytes.data = reinterpret_cast<const uchar *>(m_copy.constData());
-                m_bytes.size = size_t(m_copy.size());
-            }
-        }
-        return true;
-    }
-    const Bytes &bytes() const { return m_bytes; }
-
-private:
-    QFile m_file;
-    QByteArray m_copy;
-    Bytes m_bytes;
-};
-
 //! What read() gives, or nothing with errorText naming the file and the problem.
 template<typename Read>
 auto reading(const QString &name, QString &errorText, Read &&read) -> decltype(read())

@@ -230,6 +230,62 @@ std::vector<tzLaz::Chunk> lazChunks(const Bytes &in, const LasHeader &header,
     return chunks;
 }
 
+RecordSource::RecordSource(const Bytes &in, const LasHeader &header)
+    : m_in(in)
+    , m_header(header)
+{
+    if (!header.compressed) {
+        if ((in.size - header.dataOffset) / header.recordLength < header.count)
+            failWith(QStringLiteral("the file is truncated: %1 points announced, data for %2")
+                         .arg(header.count)
+                         .arg((in.size - header.dataOffset) / header.recordLength));
+        return;
+    }
+    m_description = lazDescription(in, header);
+    if (m_description.recordLength() != header.recordLength)
+        failWith(
+            QStringLiteral("the laszip VLR's items make records of %1 bytes, the header says %2")
+                .arg(m_description.recordLength())
+                .arg(header.recordLength));
+    m_chunks = lazChunks(in, header, m_description);
+    m_decoder = std::make_unique<tzLaz::ChunkDecoder>(m_description);
+}
+
+RecordSource::~RecordSource() = default;
+
+const uchar *RecordSource::next(size_t &count)
+{
+    if (!m_header.compressed) {
+        count = size_t(std::min<quint64>(1u << 16, m_header.count - m_done));
+        const uchar *records = m_in.data + m_header.dataOffset + m_done * m_header.recordLength;
+        m_done += count;
+        return records;
+    }
+    if (m_chunk >= m_chunks.size()) {
+        count = 0;
+        return nullptr;
+    }
+    const tzLaz::Chunk &chunk = m_chunks[m_chunk];
+    allocate(m_records, size_t(chunk.points) * m_header.recordLength);
+    size_t consumed = 0;
+    std::string error;
+    if (!m_decoder->decode(m_in.data + chunk.offset, size_t(chunk.bytes), chunk.points,
+                           m_records.data(), consumed, error))
+        failWith(chunkProblem(m_chunk, m_chunks.size(), chunk.offset, error));
+    ++m_chunk;
+    m_done += chunk.points;
+    count = chunk.points;
+    return m_records.data();
+}
+
+quint64 RecordSource::pointDataEnd() const
+{
+    if (!m_header.compressed)
+        return m_header.dataOffset + m_header.count * m_header.recordLength;
+    return m_chunks.empty() ? m_header.dataOffset + 8
+                            : m_chunks.back().offset + m_chunks.back().bytes;
+}
+
 namespace {
 
 QJsonArray triple(const double (&v)[3])

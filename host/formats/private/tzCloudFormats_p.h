@@ -7,6 +7,7 @@
 #include "tzCloudFile.h"
 #include "tzPointCloud.h"
 
+#include <QFile>
 #include <QIODevice>
 #include <QJsonObject>
 #include <QString>
@@ -83,6 +84,37 @@ inline QString uniqueFileName(const QString &name, const QString &fallback, QStr
     taken << unique;
     return unique;
 }
+
+//! A file's bytes, mapped (read at memory speed) or, where mapping fails, read whole; an
+//! empty file cannot be mapped and gives no bytes.
+class FileBytes
+{
+public:
+    bool open(const QString &path, QString &errorText)
+    {
+        m_file.setFileName(path);
+        if (!m_file.open(QIODevice::ReadOnly)) {
+            errorText = QStringLiteral("'%1': cannot open (%2)").arg(path, m_file.errorString());
+            return false;
+        }
+        if (m_file.size() > 0) {
+            m_bytes.data = m_file.map(0, m_file.size());
+            m_bytes.size = size_t(m_file.size());
+            if (!m_bytes.data) {
+                m_copy = m_file.readAll();
+                m_bytes.data = reinterpret_cast<const uchar *>(m_copy.constData());
+                m_bytes.size = size_t(m_copy.size());
+            }
+        }
+        return true;
+    }
+    const Bytes &bytes() const { return m_bytes; }
+
+private:
+    QFile m_file;
+    QByteArray m_copy;
+    Bytes m_bytes;
+};
 
 //! Sizes an array for n values, or fails saying that memory ran out.
 template<typename T> void allocate(std::vector<T> &values, size_t n)

@@ -6,6 +6,7 @@
 #include "tzCloudFormats_p.h"
 #include "tzLazCodec.h"
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -79,6 +80,31 @@ std::vector<tzLaz::Chunk> chunksInSequence(const Bytes &in, const LasHeader &hea
 std::vector<tzLaz::Chunk> lazChunks(const Bytes &in, const LasHeader &header,
                                     const tzLaz::Description &description,
                                     bool *fromTable = nullptr);
+
+//! Where the records of a LAS or LAZ file come from, chunk by chunk, as stored (one thread).
+class RecordSource
+{
+public:
+    //! Fails when the file is truncated or its LAZ description cannot be used.
+    RecordSource(const Bytes &in, const LasHeader &header);
+    ~RecordSource();
+
+    //! The next records (at least one while some remain; none at the end).
+    const uchar *next(size_t &count);
+    quint64 done() const { return m_done; }
+    //! Where the point data ends (in LAZ, the last chunk; the chunk table follows).
+    quint64 pointDataEnd() const;
+
+private:
+    const Bytes &m_in;
+    const LasHeader &m_header;
+    tzLaz::Description m_description;
+    std::vector<tzLaz::Chunk> m_chunks;
+    std::unique_ptr<tzLaz::ChunkDecoder> m_decoder;
+    std::vector<uchar> m_records;
+    size_t m_chunk = 0;
+    quint64 m_done = 0;
+};
 
 } // namespace detail
 } // namespace tzCloudFile

@@ -1,0 +1,275 @@
+// Reading a COPC file a node at a time.
+
+#include "tzCopc.h"
+
+#include "tzLasFile_p.h"
+
+#include <cmath>
+#include <cstring>
+
+namespace tzCopc {
+
+using namespace tzCloudFile::detail;
+
+void Info::bounds(const Key &key, double (&min)[3], double (&max)[3]) const
+{
+    const double side = 2 * halfSize / double(std::int64_t(1) << key.depth);
+    const std::int32_t at[3] = {key.x, key.y, key.z};
+    for (int d = 0; d < 3; ++d) {
+        min[d] = center[d] - halfSize + side * at[d];
+        max[d] = min[d] + side;
+    }
+}
+
+struct File::Impl
+{
+    QString path;
+    FileBytes bytes;
+    LasHeader header;
+    tzLaz::Description description;
+    Info info;
+
+    const Bytes &in() const { return bytes.bytes(); }
+    QString problem(const QString &reason) const
+    {
+        return QStringLiteral("'%1': %2").arg(path, reason);
+    }
+};
+
+File::File()
+    : d(std::make_unique<Impl>())
+{
+}
+
+File::~File() = default;
+
+bool File::open(const QString &path, QString &errorText)
+{
+    d->path = path;
+    if (!d->bytes.open(path, errorText))
+        return false;
+    try {
+        d->header = LasHeader::read(d->in());
+        const LasHeader &h = d->header;
+        if (!h.compressed || h.format < 6 || h.format > 8)
+            failWith(QStringLiteral("not a COPC file (LAZ of point format 6 to 8 expected, the "
+                                    "file is %1 of point format %2)")
+                         .arg(h.compressed ? QStringLiteral("LAZ") : QStringLiteral("LAS"))
+                         .arg(h.format));
+        const uchar *info = nullptr;
+        forEachVlr(d->in(), h, [&](const uchar *vlr, quint16 length) {
+            if (!info && isCopcRecord(vlr) && loadAs<quint16>(vlr + 18, false) == 1
+                && length >= 160)
+                info = vlr + 54;
+        });
+        if (!info)
+            failWith(QStringLiteral("not a COPC file (no 'copc' info VLR)"));
+        Info &i = d->info;
+        for (int a = 0; a < 3; ++a)
+            i.center[a] = loadAs<double>(info + 8 * a, false);
+        i.halfSize = loadAs<double>(info + 24, false);
+        i.spacing = loadAs<double>(info + 32, false);
+        i.rootPageOffset = loadAs<quint64>(info + 40, false);
+        i.rootPageSize = loadAs<quint64>(info + 48, false);
+        i.gpsTimeMin = loadAs<double>(info + 56, false);
+        i.gpsTimeMax = loadAs<double>(info + 64, false);
+        if (!(i.halfSize > 0) || !std::isfinite(i.halfSize))
+            failWith(
+                QStringLiteral("the COPC info gives an octree of half size %1").arg(i.halfSize));
+        d->description = lazDescription(d->in(), h);
+        if (d->description.recordLength() != h.recordLength)
+            failWith(QStringLiteral("the laszip VLR's items make records of %1 bytes, the "
+                                    "header says %2")
+                         .arg(d->description.recordLength())
+                         .arg(h.recordLength));
+    } catch (const ReadFailure &failure) {
+        errorText = d->problem(failure.reason);
+        return false;
+    }
+    return true;
+}
+
+const QString &File::path() const
+{
+    return d->path;
+}
+
+const Info &File::info() const
+{
+    return d->info;
+}
+
+int File::pointFormat() const
+{
+    return d->header.format;
+}
+
+int File::recordLength() const
+{
+    return d->header.recordLength;
+}
+
+std::uint64_t File::pointCount() const
+{
+    return d->header.count;
+}
+
+const double (&File::scale() const)[3]
+{
+    return d->header.scale;
+}
+
+const double (&File::offset() const)[3]
+{
+    return d->header.offset;
+}
+
+void File::pointBounds(double (&min)[3], double (&max)[3]) const
+{
+    for (int a = 0; a < 3; ++a) {
+        min[a] = d->header.bbMin[a];
+        max[a] = d->header.bbMax[a];
+    }
+}
+
+bool File::readPage(std::uint64_t offset, std::uint64_t size, std::vector<Entry> &entries,
+                    QString &errorText) const
+{
+    entries.clear();
+    const Bytes &in = d->in();
+    if (offset > in.size || size > in.size - offset || size % 32 != 0) {
+        errorText = d->problem(QStringLiteral("a hierarchy page (%1 bytes at byte %2) lies "
+                                              "outside the file")
+                                   .arg(size)
+                                   .arg(offset));
+        return false;
+    }
+    entries.reserve(size_t(size / 32));
+    for (std::uint64_t at = offset; at < offset + size; at += 32) {
+        const uchar *e = in.data + at;
+        Entry entry;
+        entry.key = {loadAs<qint32>(e, false), loadAs<qint32>(e + 4, false),
+                     loadAs<qint32>(e + 8, false), loadAs<qint32>(e + 12, false)};
+        entry.offset = loadAs<quint64>(e + 16, false);
+        entry.byteSize = loadAs<qint32>(e + 24, false);
+        entry.pointCount = loadAs<qint32>(e + 28, false);
+        const Key &k = entry.key;
+        const std::int64_t side = k.depth >= 0 && k.depth < 31 ? std::int64_t(1) << k.depth : 0;
+        if (side == 0 || k.x < 0 || k.y < 0 || k.z < 0 || k.x >= side || k.y >= side || k.z >= side
+            || entry.pointCount < -1 || entry.byteSize < 0 || entry.offset > in.size
+            || std::uint64_t(entry.byteSize) > in.size - entry.offset) {
+            errorText = d->problem(QStringLiteral("the hierarchy entry at byte %1 is impossible "
+                                                  "(node %2-%3-%4-%5, %6 bytes at byte %7)")
+                                       .arg(at)
+                                       .arg(k.depth)
+                                       .arg(k.x)
+                                       .arg(k.y)
+                                       .arg(k.z)
+                                       .arg(entry.byteSize)
+                                       .arg(entry.offset));
+            return false;
+        }
+        entries.push_back(entry);
+    }
+    return true;
+}
+
+bool File::readHierarchy(std::vector<Entry> &nodes, QString &errorText) const
+{
+    nodes.clear();
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> pages {
+        {d->info.rootPageOffset, d->info.rootPageSize}};
+    std::vector<Entry> entries;
+    for (size_t read = 0; !pages.empty(); ++read) {
+        if (read > 1000000) {
+            errorText = d->problem(QStringLiteral("the hierarchy's pages refer to each other"));
+            return false;
+        }
+        const auto [offset, size] = pages.back();
+        pages.pop_back();
+        if (!readPage(offset, size, entries, errorText))
+            return false;
+        for (const Entry &e : entries) {
+            if (e.isPage())
+                pages.push_back({e.offset, std::uint64_t(e.byteSize)});
+            else
+                nodes.push_back(e);
+        }
+    }
+    return true;
+}
+
+bool File::readRecords(const Entry &node, std::vector<std::uint8_t> &records,
+                       QString &errorText) const
+{
+    records.clear();
+    if (node.pointCount <= 0)
+        return true;
+    const Bytes &in = d->in();
+    if (node.offset > in.size || std::uint64_t(node.byteSize) > in.size - node.offset) {
+        errorText = d->problem(QStringLiteral("the chunk of node %1-%2-%3-%4 lies outside the "
+                                              "file")
+                                   .arg(node.key.depth)
+                                   .arg(node.key.x)
+                                   .arg(node.key.y)
+                                   .arg(node.key.z));
+        return false;
+    }
+    try {
+        records.resize(size_t(node.pointCount) * d->header.recordLength);
+    } catch (const std::bad_alloc &) {
+        errorText
+            = d->problem(QStringLiteral("not enough memory for %1 points").arg(node.pointCount));
+        return false;
+    }
+    // A decoder is cheap next to a chunk's points, and one per call lets any thread read.
+    tzLaz::ChunkDecoder decoder(d->description);
+    size_t consumed = 0;
+    std::string error;
+    if (!decoder.decode(in.data + node.offset, size_t(node.byteSize), quint32(node.pointCount),
+                        records.data(), consumed, error)) {
+        errorText = d->problem(QStringLiteral("node %1-%2-%3-%4 at byte %5: %6")
+                                   .arg(node.key.depth)
+                                   .arg(node.key.x)
+                                   .arg(node.key.y)
+                                   .arg(node.key.z)
+                                   .arg(node.offset)
+                                   .arg(QString::fromStdString(error)));
+        records.clear();
+        return false;
+    }
+    return true;
+}
+
+Point File::pointOf(const std::uint8_t *r) const
+{
+    const LasHeader &h = d->header;
+    Point p;
+    p.x = loadAs<qint32>(r, false) * h.scale[0] + h.offset[0];
+    p.y = loadAs<qint32>(r + 4, false) * h.scale[1] + h.offset[1];
+    p.z = loadAs<qint32>(r + 8, false) * h.scale[2] + h.offset[2];
+    p.intensity = loadAs<quint16>(r + 12, false);
+    p.returns = r[14];
+    p.classification = r[16];
+    p.gpsTime = loadAs<double>(r + 22, false);
+    if (h.format >= 7) {
+        p.red = loadAs<quint16>(r + 30, false);
+        p.green = loadAs<quint16>(r + 32, false);
+        p.blue = loadAs<quint16>(r + 34, false);
+    }
+    return p;
+}
+
+bool File::readPoints(const Entry &node, std::vector<Point> &points, QString &errorText) const
+{
+    std::vector<std::uint8_t> records;
+    if (!readRecords(node, records, errorText))
+        return false;
+    const size_t length = d->header.recordLength;
+    points.resize(records.size() / length);
+    for (size_t i = 0; i < points.size(); ++i)
+        points[i] = pointOf(records.data() + i * length);
+    return true;
+}
+
+} // namespace tzCopc
