@@ -240,6 +240,7 @@ public:
                                 size_t(layout.extra));
             }
             sink(out.data(), n);
+            m_bytes.release(size_t(source.bytesRead()));
         }
         if (source.done() != count)
             failWith(QStringLiteral("%1 of %2 points were read").arg(source.done()).arg(count));
@@ -335,10 +336,17 @@ public:
 
     void add(const Key &key, const uchar *record)
     {
-        Bucket &b = m_buckets[key];
+        // Points come in runs of one bucket (a scan line, a tile): the last one is kept at hand.
+        if (!m_last || key != m_lastKey) {
+            m_last = &m_buckets[key];
+            m_lastKey = key;
+        }
+        Bucket &b = *m_last;
+        // What the buckets hold is counted as the memory they take (their capacity).
+        const size_t before = b.held.capacity();
         b.held.insert(b.held.end(), record, record + m_length);
         ++b.count;
-        m_held += m_length;
+        m_held += b.held.capacity() - before;
         if (m_held > m_budget)
             spill();
     }
@@ -363,8 +371,9 @@ public:
             at = size_t(size);
         }
         std::memcpy(records.data() + at, b.held.data(), b.held.size());
-        m_held -= b.held.size();
+        m_held -= b.held.capacity();
         m_buckets.erase(key);
+        m_last = nullptr;
         return records;
     }
 
@@ -392,7 +401,7 @@ private:
                     != qint64(size))
                 failWith(QStringLiteral("cannot write '%1' (%2)").arg(name, file.errorString()));
             b.onDisk += size / m_length;
-            m_held -= size;
+            m_held -= b.held.capacity();
             b.held = {};
         }
     }
@@ -402,6 +411,8 @@ private:
     size_t m_budget;
     size_t m_held = 0;
     std::map<Key, Bucket> m_buckets;
+    Bucket *m_last = nullptr;
+    Key m_lastKey;
 };
 
 //! A point of a bucket: its Morton code and where its record is.
@@ -889,15 +900,15 @@ void Indexer::run(std::vector<std::unique_ptr<Input>> &inputs, QIODevice &out,
         failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
 
     // Buckets a few levels down, so that one of them (of a survey spread over the ground)
-    // fits in the budget: each point costs its record twice (read, then its node's copy) and
-    // its code.
+    // fits in half the budget: each point costs its record twice (read, then its node's copy)
+    // and its code. A quarter holds the points waiting in memory for their buckets.
     const size_t length = size_t(m_layout.length);
     const quint64 budget = std::max<quint64>(m_options.memoryBudget, 1 << 20);
     m_maxBucket = size_t(std::max<quint64>(m_leafPoints, budget / 2 / (2 * length + 24)));
     int depth = 0;
     while (depth < MAX_DEPTH - 2 && (m_total >> (2 * depth)) > m_maxBucket / 2)
         ++depth;
-    Buckets buckets(workFolder, length, size_t(budget / 2));
+    Buckets buckets(workFolder, length, size_t(budget / 4));
     distribute(inputs, buckets, depth);
     inputs.clear();
 

@@ -278,6 +278,14 @@ const uchar *RecordSource::next(size_t &count)
     return m_records.data();
 }
 
+quint64 RecordSource::bytesRead() const
+{
+    if (!m_header.compressed)
+        return m_header.dataOffset + m_done * m_header.recordLength;
+    return m_chunk == 0 ? m_header.dataOffset
+                        : m_chunks[m_chunk - 1].offset + m_chunks[m_chunk - 1].bytes;
+}
+
 quint64 RecordSource::pointDataEnd() const
 {
     if (!m_header.compressed)

@@ -22,6 +22,8 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+
+#include <sys/mman.h>
 #include <vector>
 
 namespace tzCloudFile {
@@ -109,10 +111,25 @@ public:
         return true;
     }
     const Bytes &bytes() const { return m_bytes; }
+    //! Lets the system take back the pages of the mapping before byte upTo (read once, not
+    //! needed again), so that reading a file larger than memory does not hold it all.
+    void release(size_t upTo)
+    {
+        if (!m_copy.isEmpty() || !m_bytes.data)
+            return;
+        const size_t page = 1 << 16;
+        const size_t end = std::min(upTo, m_bytes.size) / page * page;
+        if (end > m_released) {
+            ::madvise(const_cast<uchar *>(m_bytes.data) + m_released, end - m_released,
+                      MADV_DONTNEED);
+            m_released = end;
+        }
+    }
 
 private:
     QFile m_file;
     QByteArray m_copy;
+    size_t m_released = 0;
     Bytes m_bytes;
 };
 

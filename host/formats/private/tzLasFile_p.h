@@ -92,6 +92,8 @@ public:
     //! The next records (at least one while some remain; none at the end).
     const uchar *next(size_t &count);
     quint64 done() const { return m_done; }
+    //! The bytes of the file before which every record given so far lay.
+    quint64 bytesRead() const;
     //! Where the point data ends (in LAZ, the last chunk; the chunk table follows).
     quint64 pointDataEnd() const;
 

@@ -1,0 +1,146 @@
+// Surveys of any size: indexing a survey into COPC against encoding the same survey as LAZ.
+//
+// Writes the benchmarks' survey terrain as an airborne survey's LAS (10 M points by default),
+// then runs, as a user runs them, `tessaro --index survey.las survey.copc.laz --memory MB` and
+// `tessaro --convert survey.las survey.laz`, alternately, twice each, the input warm in the
+// file cache; each one's wall time and peak resident memory come from the kernel (wait4). The
+// table gives the best of each: the index build over the LAZ encode, the index's rate in points
+// a second (and a core), its peak memory over its budget.
+//
+//   bench_scale [--points=N] [--memory=MB] [--keep=DIR]
+
+#include "LasFiles.h"
+#include "Terrain.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+extern char **environ;
+
+namespace {
+
+struct Run
+{
+    bool ok = false;
+    double seconds = 0;
+    double peakMB = 0;
+};
+
+// Runs the command to its end; its wall time and peak resident memory.
+Run runCommand(const std::vector<std::string> &command)
+{
+    std::vector<char *> argv;
+    for (const std::string &a : command)
+        argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    Run run;
+    pid_t pid = 0;
+    const auto t0 = std::chrono::steady_clock::now();
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
+        posix_spawn_file_actions_destroy(&actions);
+        return run;
+    }
+    int status = 0;
+    rusage usage {};
+    wait4(pid, &status, 0, &usage);
+    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    posix_spawn_file_actions_destroy(&actions);
+    run.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    run.peakMB = double(usage.ru_maxrss) / 1024.0;
+    return run;
+}
+
+void warm(const QString &path)
+{
+    QFile f(path);
+    if (f.open(QIODevice::ReadOnly)) {
+        while (!f.read(1 << 24).isEmpty()) { }
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    unsigned points = 10000000;
+    unsigned memoryMB = 1536;
+    QString keep;
+    for (int i = 1; i < argc; ++i) {
+        const QString arg = QString::fromLocal8Bit(argv[i]);
+        if (arg.startsWith(QLatin1String("--points=")))
+            points = arg.mid(9).toUInt();
+        else if (arg.startsWith(QLatin1String("--memory=")))
+            memoryMB = arg.mid(9).toUInt();
+        else if (arg.startsWith(QLatin1String("--keep=")))
+            keep = arg.mid(7);
+    }
+    QTemporaryDir temporary;
+    const QString folder = keep.isEmpty() ? temporary.path() : keep;
+    QDir().mkpath(folder);
+    const QString las = QDir(folder).filePath(QStringLiteral("survey.las"));
+    const QString copc = QDir(folder).filePath(QStringLiteral("survey.copc.laz"));
+    const QString laz = QDir(folder).filePath(QStringLiteral("survey.laz"));
+    {
+        bench::Terrain terrain;
+        bench::makeTerrain(terrain, points);
+        if (!bench::writeSurveyLas(las, terrain.cloud)) {
+            std::fprintf(stderr, "bench_scale: cannot write %s\n", qPrintable(las));
+            return 1;
+        }
+    }
+    warm(las);
+    const std::string tessaro = QDir(QCoreApplication::applicationDirPath())
+                                    .filePath(QStringLiteral("tessaro"))
+                                    .toStdString();
+    Run index, encode;
+    index.seconds = encode.seconds = 1e30;
+    for (int round = 0; round < 2; ++round) {
+        const Run i = runCommand({tessaro, "--index", las.toStdString(), copc.toStdString(),
+                                  "--memory", std::to_string(memoryMB)});
+        const Run e = runCommand({tessaro, "--convert", las.toStdString(), laz.toStdString()});
+        if (!i.ok || !e.ok) {
+            std::fprintf(stderr, "bench_scale: %s failed\n", i.ok ? "--convert" : "--index");
+            return 1;
+        }
+        std::printf("round %d: index %.3f s (%.0f MB peak), laz encode %.3f s (%.0f MB peak)\n",
+                    round + 1, i.seconds, i.peakMB, e.seconds, e.peakMB);
+        if (i.seconds < index.seconds)
+            index = i;
+        if (e.seconds < encode.seconds)
+            encode = e;
+    }
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    std::printf("\n%-52s %14s %14s %8s\n", "figure", "ours", "other", "ratio");
+    std::printf(
+        "%-52s %12.3f s %12.3f s %8.2f\n",
+        qPrintable(
+            QStringLiteral("index build vs laz encode, %1 M points").arg(points / 1e6, 0, 'f', 2)),
+        index.seconds, encode.seconds, index.seconds / encode.seconds);
+    std::printf("%-52s %10.0f MB %10.0f MB %8.2f\n", "index peak memory vs its budget",
+                index.peakMB, double(memoryMB), index.peakMB / memoryMB);
+    std::printf("index rate: %.2f M points/s on %u cores (%.2f M points/s a core)\n",
+                points / index.seconds / 1e6, cores, points / index.seconds / 1e6 / cores);
+    std::printf("sizes: COPC %.1f MB, LAZ %.1f MB, LAS %.1f MB\n",
+                QFileInfo(copc).size() / 1048576.0, QFileInfo(laz).size() / 1048576.0,
+                QFileInfo(las).size() / 1048576.0);
+    return 0;
+}
