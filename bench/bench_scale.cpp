@@ -1,4 +1,5 @@
-// Surveys of any size: indexing a survey into COPC against encoding the same survey as LAZ.
+// Surveys of any size: indexing a survey into COPC against encoding the same survey as LAZ, and
+// the first picture of a LAZ survey in the viewer against opening its LAS whole.
 //
 // Writes the benchmarks' survey terrain as an airborne survey's LAS (10 M points by default),
 // then runs, as a user runs them, `tessaro --index survey.las survey.copc.laz --memory MB` and
@@ -7,15 +8,23 @@
 // table gives the best of each: the index build over the LAZ encode, the index's rate in points
 // a second (and a core), its peak memory over its budget.
 //
+// Then, in the viewer (a fresh window each time, on a display), the LAZ from its opening to the
+// first frame that shows a picture of it (the coarse one drawn while the rest is read) against
+// the LAS from its opening to the first frame that shows it whole, alternately, twice each.
+//
 //   bench_scale [--points=N] [--memory=MB] [--keep=DIR]
 
 #include "LasFiles.h"
+#include "SurveyViewer.h"
 #include "Terrain.h"
+#include "tzLoadPipeline.h"
 
-#include <QCoreApplication>
+#include <QApplication>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QSurfaceFormat>
 #include <QTemporaryDir>
 
 #include <chrono>
@@ -76,11 +85,47 @@ void warm(const QString &path)
     }
 }
 
+// Opens a file in a fresh window, as a user does: the seconds to the first frame that shows a
+// picture of it (firstPicture: the first one drawn while it is read, if any) or all of it.
+double openToFrame(const QString &path, bool firstPicture)
+{
+    tzMainWindow window(bench::viewerOptions());
+    bench::showWindow(window, "bench_scale");
+    tzGLWindow *view = window.activeView();
+    auto *loads = window.findChild<tzLoadPipeline *>();
+    QSignalSpy opened(&window, &tzMainWindow::fileOpened);
+    QElapsedTimer timer;
+    double pictured = -1;
+    bool previewDrawn = false;
+    QObject::connect(loads, &tzLoadPipeline::previewShown, view,
+                     [&](const QString &, unsigned) { previewDrawn = true; });
+    QObject::connect(view, &tzGLWindow::frameDrawn, view, [&] {
+        if (firstPicture && previewDrawn && pictured < 0)
+            pictured = timer.elapsed() / 1000.0;
+    });
+    timer.start();
+    window.openFiles({path});
+    if (!opened.wait(600000) || window.databaseRoot()->getChildrenNumber() == 0) {
+        std::fprintf(stderr, "bench_scale: '%s' did not open\n", qPrintable(path));
+        std::abort();
+    }
+    if (pictured >= 0)
+        return pictured;
+    QSignalSpy drawn(view, &tzGLWindow::frameDrawn);
+    view->redraw();
+    drawn.wait(120000);
+    return timer.elapsed() / 1000.0;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    QCoreApplication app(argc, argv);
+    QSurfaceFormat::setDefaultFormat(tzGLWindow::defaultFormat());
+    QApplication app(argc, argv);
+    QApplication::setOrganizationName(QStringLiteral("TessaroBench"));
+    QApplication::setApplicationName(QStringLiteral("bench_scale"));
+    bench::silenceDebugLines();
     unsigned points = 10000000;
     unsigned memoryMB = 1536;
     QString keep;
@@ -128,6 +173,15 @@ int main(int argc, char **argv)
         if (e.seconds < encode.seconds)
             encode = e;
     }
+    // The viewer: the LAZ's first picture against the LAS whole.
+    double lazPicture = 1e30, lasOpen = 1e30;
+    for (int round = 0; round < 2; ++round) {
+        const double z = openToFrame(laz, true);
+        const double s = openToFrame(las, false);
+        std::printf("round %d: LAZ first picture %.3f s, LAS open %.3f s\n", round + 1, z, s);
+        lazPicture = std::min(lazPicture, z);
+        lasOpen = std::min(lasOpen, s);
+    }
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     std::printf("\n%-52s %14s %14s %8s\n", "figure", "ours", "other", "ratio");
     std::printf(
@@ -137,6 +191,8 @@ int main(int argc, char **argv)
         index.seconds, encode.seconds, index.seconds / encode.seconds);
     std::printf("%-52s %10.0f MB %10.0f MB %8.2f\n", "index peak memory vs its budget",
                 index.peakMB, double(memoryMB), index.peakMB / memoryMB);
+    std::printf("%-52s %12.3f s %12.3f s %8.2f\n", "laz first frame vs las open", lazPicture,
+                lasOpen, lazPicture / lasOpen);
     std::printf("index rate: %.2f M points/s on %u cores (%.2f M points/s a core)\n",
                 points / index.seconds / 1e6, cores, points / index.seconds / 1e6 / cores);
     std::printf("sizes: COPC %.1f MB, LAZ %.1f MB, LAS %.1f MB\n",

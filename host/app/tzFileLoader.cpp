@@ -67,6 +67,12 @@ void tzFileLoader::start()
     m_thread->start();
 }
 
+tzPointCloud *tzFileLoader::takePreview()
+{
+    std::lock_guard<std::mutex> lock(m_previewMutex);
+    return m_preview.release();
+}
+
 bool tzFileLoader::isSceneFile(const QString &path)
 {
     return tzCloudFile::isScene(path);
@@ -91,6 +97,20 @@ tzHObject *tzFileLoader::read(QString &error)
         return true;
     };
     options.note = [this](const QString &text) { emit note(text); };
+    const QString name = QFileInfo(m_path).completeBaseName();
+    options.preview = [this, name](std::vector<TZVector3> &&points, std::vector<tzRgb> &&colours,
+                                   const TZVector3d &shift) {
+        auto cloud = std::make_unique<tzPointCloud>(name);
+        cloud->setPoints(std::move(points));
+        if (!colours.empty())
+            cloud->setColors(std::move(colours));
+        cloud->setGlobalShift(shift);
+        {
+            std::lock_guard<std::mutex> lock(m_previewMutex);
+            m_preview = std::move(cloud);
+        }
+        emit previewReady();
+    };
     tzHObject *object = tzCloudFile::loadObjects(m_path, error, options);
     if (!object)
         return nullptr;

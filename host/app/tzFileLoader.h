@@ -14,6 +14,7 @@
 #include <optional>
 
 class QThread;
+class tzPointCloud;
 
 //! Reads a cloud file or a scene file and builds the clouds' octrees on a worker thread, so
 //! that the window stays live; reports progress, and the result or the error, by signals. A
@@ -50,6 +51,9 @@ public:
     //! The new cloud (a tzPointCloud), the group of a file's scans (E57) or the root of the
     //! scene read, once loaded; the caller owns it. What nobody takes goes with the loader.
     tzHObject *takeResult() { return m_result.release(); }
+    //! The latest first picture of the cloud being read (previewReady), or null; the caller
+    //! owns it. Any thread.
+    tzPointCloud *takePreview();
 
 signals:
     //! percent 0..100 of the whole load; stage names what is being done.
@@ -65,6 +69,9 @@ signals:
     void shiftTaken(const TZVector3d &shift, bool sceneShift);
     //! What the reader passed over that the user should know (emitted on the worker thread).
     void note(const QString &text);
+    //! A coarse sample of the points read so far is ready (takePreview()); emitted on the
+    //! worker thread, while the reading goes on.
+    void previewReady();
 
 private:
     void run();
@@ -85,4 +92,6 @@ private:
     TZVector3d m_answeredShift;
     QThread *m_thread = nullptr;
     std::unique_ptr<tzHObject> m_result;
+    std::mutex m_previewMutex;
+    std::unique_ptr<tzPointCloud> m_preview; // under m_previewMutex
 };

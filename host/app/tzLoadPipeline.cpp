@@ -28,6 +28,7 @@ tzLoadPipeline::tzLoadPipeline(QWidget *window, tzGLWindow *view, const Options 
     : QObject(window)
     , m_window(window)
     , m_view(view)
+    , m_viewAlive(view)
     , m_options(options)
 {
     m_uploadTimer.setInterval(0);
@@ -42,6 +43,8 @@ tzLoadPipeline::~tzLoadPipeline()
         delete m_loader;
         m_loader = nullptr;
     }
+    if (m_preview && m_viewAlive)
+        m_view->setPreview(nullptr);
 }
 
 void tzLoadPipeline::open(const QStringList &paths)
@@ -118,6 +121,29 @@ void tzLoadPipeline::askShift(const QString &path, const TZVector3d &suggested, 
     dialog->open();
 }
 
+void tzLoadPipeline::showPreview(const QString &path)
+{
+    if (!m_loader || m_loader->isCancelled())
+        return;
+    std::unique_ptr<tzPointCloud> cloud(m_loader->takePreview());
+    if (!cloud)
+        return; // taken by an earlier signal
+    unsigned done = 0;
+    m_view->prepareCloud(*cloud, done, cloud->size());
+    m_view->setPreview(cloud.get());
+    const unsigned points = cloud->size();
+    m_preview = std::move(cloud);
+    emit previewShown(path, points);
+}
+
+void tzLoadPipeline::dropPreview()
+{
+    if (!m_preview)
+        return;
+    m_view->setPreview(nullptr);
+    m_preview.reset();
+}
+
 void tzLoadPipeline::openNextFile()
 {
     if (m_loader || m_pendingFiles.isEmpty())
@@ -150,6 +176,7 @@ void tzLoadPipeline::openNextFile()
     connect(m_loader, &tzFileLoader::note, this, [this](const QString &text) {
         emit said(text, tzApplicationInterface::WRN_CONSOLE_MESSAGE);
     });
+    connect(m_loader, &tzFileLoader::previewReady, this, [this, path] { showPreview(path); });
     m_progress = new tzProgressDialog(QObject::tr("Opening %1").arg(fileName),
                                       m_options.progressDelay, m_window);
     m_progress->setObjectName(QStringLiteral("loadProgress"));
@@ -245,6 +272,7 @@ void tzLoadPipeline::uploadStep()
         std::unique_ptr<tzHObject> object = std::move(m_uploading);
         if (!object)
             return;
+        dropPreview();
         emit arrived(path, object.release());
         end(path, true, QString(), false);
     });
@@ -258,6 +286,7 @@ void tzLoadPipeline::end(const QString &path, bool ok, const QString &error, boo
     m_loader = nullptr;
     m_progress = nullptr;
     progress->hide();
+    dropPreview();
     if (cancelled) {
         emit said(QStringLiteral("'%1': opening cancelled").arg(path),
                   tzApplicationInterface::WRN_CONSOLE_MESSAGE);

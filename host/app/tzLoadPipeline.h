@@ -3,6 +3,7 @@
 #include "TZVector3.h"
 
 #include <QObject>
+#include <QPointer>
 #include <QStringList>
 #include <QTimer>
 
@@ -16,6 +17,7 @@ class tzFileLoader;
 class tzGLWindow;
 class tzGenericPointCloud;
 class tzHObject;
+class tzPointCloud;
 class tzProgressDialog;
 
 //! Opening files into the viewer, one after the other: each read and indexed on a loader's
@@ -60,10 +62,16 @@ signals:
     void opened(const QString &path, bool ok);
     //! What the user should read (a tzApplicationInterface console level).
     void said(const QString &text, int level);
+    //! A first picture of a file being read is drawn (points: how many it shows).
+    void previewShown(const QString &path, unsigned points);
 
 private:
     void openNextFile();
     void askShift(const QString &path, const TZVector3d &suggested, bool sceneShift);
+    //! Draws the loader's latest first picture in the view (not in the scene), in place of the
+    //! one before.
+    void showPreview(const QString &path);
+    void dropPreview();
     //! One step of a load's last phase: the next part of its points to the GPU, or, all there,
     //! the result handed over.
     void uploadStep();
@@ -72,6 +80,7 @@ private:
 
     QWidget *m_window;
     tzGLWindow *m_view;
+    QPointer<tzGLWindow> m_viewAlive; // the view may go first when the window closes
     Options m_options;
     std::function<std::optional<TZVector3d>()> m_sceneShift;
     QStringList m_pendingFiles;
@@ -84,4 +93,5 @@ private:
     std::size_t m_uploadCloud = 0; // the cloud being uploaded
     unsigned m_uploadedPoints = 0; // of that cloud
     QTimer m_uploadTimer;
+    std::unique_ptr<tzPointCloud> m_preview; // drawn by the view while its file is read
 };

@@ -11,7 +11,10 @@
 tzProgressDialog::tzProgressDialog(const QString &text, int delayMs, QWidget *parent)
     : QDialog(parent)
 {
-    setWindowModality(Qt::WindowModal);
+    // The window stays in the user's hands while a file opens (its first pictures are drawn
+    // meanwhile): the progress neither blocks it nor takes its keys.
+    setWindowModality(Qt::NonModal);
+    setAttribute(Qt::WA_ShowWithoutActivating);
     setWindowTitle(tr("Opening"));
     m_label = new QLabel(text, this);
     m_bar = new QProgressBar(this);
@@ -65,8 +68,15 @@ void tzProgressDialog::release()
 
 void tzProgressDialog::showIfDue()
 {
-    if (m_due && m_holds == 0 && !isVisible())
-        show();
+    if (!m_due || m_holds > 0 || isVisible())
+        return;
+    // In the bottom corner of the window, off the middle of the view where the picture is.
+    if (const QWidget *window = parentWidget() ? parentWidget()->window() : nullptr) {
+        adjustSize();
+        const QRect area = window->geometry();
+        move(area.right() - width() - 32, area.bottom() - height() - 64);
+    }
+    show();
 }
 
 void tzProgressDialog::reject()

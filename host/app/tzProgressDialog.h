@@ -6,7 +6,8 @@
 class QLabel;
 class QProgressBar;
 
-//! The progress of a long load, shown over the main window once the load has lasted a moment.
+//! The progress of a long load, shown in a corner of the main window once the load has lasted a
+//! moment; the window stays usable meanwhile.
 //!
 //! Updating it never runs an event loop (QProgressDialog::setValue does, when modal): the work
 //! it reports runs on another thread, and a nested loop here would deliver that work's result in

@@ -22,6 +22,7 @@
 class QJsonObject;
 class tzHObject;
 class tzPointCloud;
+struct tzRgb;
 
 namespace tzCloudFile {
 
@@ -41,7 +42,17 @@ struct LoadOptions
     //! Told, from the reading thread, what the reader passed over that the user should know
     //! (a scanner's spherical picture...). Without it the notes go to the log.
     std::function<void(const QString &text)> note;
+    //! Told, from the reading thread, a coarse sample of the points read so far, spread over
+    //! the whole extent (in the local coordinates of the shift given), while the rest is still
+    //! being read: a first picture, then finer ones. Colours empty when the file has none.
+    std::function<void(std::vector<TZVector3> &&points, std::vector<tzRgb> &&colours,
+                       const TZVector3d &shift)>
+        preview;
 };
+
+//! Readers give previews of files of at least so many points: after a 16th of them (at most
+//! a million), then a quarter (at most four).
+constexpr size_t PREVIEW_MIN_POINTS = 500000;
 
 //! Beyond this absolute value a coordinate needs a shift (a float keeps 1 mm up to ~8 km).
 constexpr double MAX_UNSHIFTED_COORDINATE = 1.0e4;

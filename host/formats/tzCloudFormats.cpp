@@ -2,6 +2,8 @@
 
 #include "tzCloudFormats_p.h"
 
+#include <tuple>
+
 #include "tzLog.h"
 
 #include <QFileInfo>
@@ -88,6 +90,72 @@ void SharedWork::fail(const QString &reason)
     if (m_error.isEmpty())
         m_error = reason;
     m_stop = true;
+}
+
+namespace {
+
+//! The bits of v in reverse order, of a number of the given bits.
+std::uint32_t reversed(std::uint32_t v, int bits)
+{
+    std::uint32_t r = 0;
+    for (int b = 0; b < bits; ++b)
+        r |= ((v >> b) & 1u) << (bits - 1 - b);
+    return r;
+}
+
+} // namespace
+
+std::vector<size_t> coveringOrder(const std::vector<std::pair<double, double>> &places)
+{
+    // A 64 x 64 grid over the places; along a Morton curve of its cells read backwards in
+    // bits, consecutive cells are far apart.
+    constexpr int BITS = 6;
+    double min[2] = {1e300, 1e300}, max[2] = {-1e300, -1e300};
+    for (const auto &[x, y] : places) {
+        const double at[2] = {x, y};
+        for (int a = 0; a < 2; ++a) {
+            if (std::isfinite(at[a])) {
+                min[a] = std::min(min[a], at[a]);
+                max[a] = std::max(max[a], at[a]);
+            }
+        }
+    }
+    std::vector<std::tuple<size_t, std::uint32_t, size_t>> keys; // rank in its cell, cell, piece
+    std::vector<size_t> inCell(size_t(1) << (2 * BITS), 0);
+    for (size_t i = 0; i < places.size(); ++i) {
+        const double at[2] = {places[i].first, places[i].second};
+        std::uint32_t cell[2] = {0, 0};
+        for (int a = 0; a < 2; ++a) {
+            const double u = max[a] > min[a] ? (at[a] - min[a]) / (max[a] - min[a]) : 0.0;
+            cell[a] = std::uint32_t(std::clamp(std::isfinite(u) ? u : 0.0, 0.0, 0.999999)
+                                    * (1 << BITS));
+        }
+        std::uint32_t morton = 0;
+        for (int b = 0; b < BITS; ++b)
+            morton |= ((cell[0] >> b) & 1u) << (2 * b) | ((cell[1] >> b) & 1u) << (2 * b + 1);
+        keys.emplace_back(inCell[morton]++, reversed(morton, 2 * BITS), i);
+    }
+    std::sort(keys.begin(), keys.end());
+    std::vector<size_t> order;
+    order.reserve(keys.size());
+    for (const auto &key : keys)
+        order.push_back(std::get<2>(key));
+    return order;
+}
+
+std::vector<size_t> spreadOrder(size_t count)
+{
+    int bits = 0;
+    while ((size_t(1) << bits) < count)
+        ++bits;
+    std::vector<size_t> order;
+    order.reserve(count);
+    for (std::uint32_t i = 0; i < (std::uint32_t(1) << bits); ++i) {
+        const std::uint32_t piece = reversed(i, bits);
+        if (piece < count)
+            order.push_back(piece);
+    }
+    return order;
 }
 
 unsigned threadsFor(size_t count)

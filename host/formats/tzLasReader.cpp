@@ -128,16 +128,37 @@ tzPointCloud *readPlain(const Bytes &in, const LasHeader &header, const QString 
     CloudArrays arrays(header, n);
     auto &[points, colours, attributes] = arrays;
     const bool withColours = !colours.empty();
-    const bool wide = withColours && convert.wideColours(data, n);
-    constexpr size_t STEP = 1 << 20;
-    for (size_t done = 0; done < n; done += STEP) {
-        const size_t count = std::min(STEP, n - done);
-        const uchar *records = data + done * header.recordLength;
-        convert.points(records, count, points.data() + done);
-        convert.attributes(records, count, attributes.data() + done);
-        if (withColours)
-            convert.colours(records, count, wide, colours.data() + done);
-        builder.progress(done + count, n);
+    // Blocks of records spread over the file first, for the previews; each block's colours
+    // taken as 8 or 16 bits by its own values until the whole file says.
+    const size_t STEP = std::clamp<size_t>(n / 256, 4096, 65536);
+    const size_t blocks = (n + STEP - 1) / STEP;
+    std::vector<char> wideBlock(blocks, 0);
+    Previews previews(options, n);
+    size_t done = 0;
+    for (const size_t block : spreadOrder(blocks)) {
+        const size_t first = block * STEP;
+        const size_t count = std::min(STEP, n - first);
+        const uchar *records = data + first * header.recordLength;
+        convert.points(records, count, points.data() + first);
+        convert.attributes(records, count, attributes.data() + first);
+        if (withColours) {
+            wideBlock[block] = convert.wideColours(records, count);
+            convert.colours(records, count, wideBlock[block], colours.data() + first);
+        }
+        previews.pieceDone(first, count, points.data(), withColours ? colours.data() : nullptr,
+                           builder.shift());
+        done += count;
+        builder.progress(done, n);
+    }
+    // In a file of 16-bit colours, the blocks whose values all fit in 8 bits kept them as they
+    // were: their high bytes are zeros.
+    if (std::any_of(wideBlock.begin(), wideBlock.end(), [](char w) { return w != 0; })) {
+        for (size_t block = 0; block < blocks; ++block) {
+            if (!wideBlock[block]) {
+                std::fill_n(colours.begin() + qint64(block * STEP),
+                            std::min(STEP, n - block * STEP), tzRgb {0, 0, 0});
+            }
+        }
     }
     return builder.finish(name, std::move(points), std::move(colours), std::move(attributes),
                           LAS_ATTRIBUTES);
@@ -153,7 +174,7 @@ class LazDecoding
 public:
     LazDecoding(const Bytes &in, const LasHeader &header, const tzLaz::Description &description,
                 const RecordConverter &convert, std::vector<tzLaz::Chunk> chunks, TZVector3 *points,
-                tzRgb *colours, tzPointAttributes *attributes)
+                tzRgb *colours, tzPointAttributes *attributes, Previews &previews)
         : m_in(in)
         , m_header(header)
         , m_description(description)
@@ -163,12 +184,24 @@ public:
         , m_colours(colours)
         , m_attributes(attributes)
         , m_wideChunk(m_chunks.size(), 0)
+        , m_previews(previews)
     {
         size_t first = 0;
+        // Chunks follow the flight lines: they are read in an order that covers the extent
+        // early, by where the first record of each lies (stored as it is, at the chunk's start).
+        std::vector<std::pair<double, double>> places;
         for (const tzLaz::Chunk &chunk : m_chunks) {
             m_firstPoint.push_back(first);
             first += chunk.points;
+            const uchar *record = in.data + chunk.offset;
+            if (chunk.offset + 8 <= in.size) {
+                places.push_back({loadAs<qint32>(record, false) * header.scale[0],
+                                  loadAs<qint32>(record + 4, false) * header.scale[1]});
+            } else {
+                places.push_back({0.0, 0.0});
+            }
         }
+        m_order = coveringOrder(places);
     }
 
     //! Runs the workers; progress is told from this thread, which may cancel.
@@ -198,7 +231,8 @@ private:
         tzLaz::ChunkDecoder decoder(m_description);
         std::vector<uchar> records;
         std::string error;
-        for (size_t c = m_next++; c < m_chunks.size() && !m_work.stopped(); c = m_next++) {
+        for (size_t next = m_next++; next < m_chunks.size() && !m_work.stopped(); next = m_next++) {
+            const size_t c = m_order[next];
             const tzLaz::Chunk &chunk = m_chunks[c];
             try {
                 records.resize(size_t(chunk.points) * m_header.recordLength);
@@ -220,6 +254,8 @@ private:
                 m_wideChunk[c] = wide;
                 m_convert.colours(records.data(), chunk.points, wide, m_colours + m_firstPoint[c]);
             }
+            m_previews.pieceDone(m_firstPoint[c], chunk.points, m_points, m_colours,
+                                 m_convert.shift);
             m_work.done(chunk.points);
         }
     }
@@ -234,6 +270,8 @@ private:
     tzRgb *m_colours;
     tzPointAttributes *m_attributes;
     std::vector<char> m_wideChunk;
+    Previews &m_previews;
+    std::vector<size_t> m_order;
     std::atomic<size_t> m_next {0};
     SharedWork m_work;
 };
@@ -262,9 +300,10 @@ tzPointCloud *readCompressed(const Bytes &in, const LasHeader &header, const QSt
     CloudArrays arrays(header, n);
     const auto decode = [&](std::vector<tzLaz::Chunk> where) {
         std::vector<tzRgb> &colours = arrays.colours;
+        Previews previews(options, n);
         LazDecoding decoding(in, header, description, convert, std::move(where),
                              arrays.points.data(), colours.empty() ? nullptr : colours.data(),
-                             arrays.attributes.data());
+                             arrays.attributes.data(), previews);
         decoding.run(builder, n);
         if (!colours.empty() && decoding.wide())
             decoding.narrowColoursOfNarrowChunks();

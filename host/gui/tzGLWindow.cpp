@@ -154,6 +154,19 @@ void tzGLWindow::removeFromViewDatabase(tzHObject *object)
         m_viewDB.detachChild(object);
 }
 
+void tzGLWindow::setPreview(tzGenericPointCloud *cloud)
+{
+    if (m_preview) {
+        removeFromViewDatabase(m_preview);
+        forgetPreparedCloud(m_preview->getUniqueID());
+        m_bounds.erase(m_preview->getUniqueID());
+    }
+    m_preview = cloud;
+    if (cloud)
+        addToViewDatabase(cloud);
+    redraw();
+}
+
 void tzGLWindow::redraw(bool only2D, bool resetLOD)
 {
     Q_UNUSED(only2D)
@@ -620,7 +633,9 @@ bool tzGLWindow::pickPoint(int x, int y, tzGenericPointCloud *&cloud, unsigned &
     m_camera.width = std::max(1, width());
     m_camera.height = std::max(1, height());
     tzPointPicker::Result result;
-    if (!tzPointPicker::pick(m_camera, visibleClouds(), x + 0.5, y + 0.5, tolerancePx, result))
+    std::vector<tzGenericPointCloud *> clouds = visibleClouds();
+    clouds.erase(std::remove(clouds.begin(), clouds.end(), m_preview), clouds.end());
+    if (!tzPointPicker::pick(m_camera, clouds, x + 0.5, y + 0.5, tolerancePx, result))
         return false;
     cloud = result.cloud;
     index = result.index;

@@ -76,6 +76,10 @@ public:
     //! which must leave the list before it is deleted.
     void addToViewDatabase(tzHObject *object, bool noDependency = true);
     void removeFromViewDatabase(tzHObject *object);
+    //! Draws a first picture of a cloud still being read (not owned; null: none), in place of
+    //! the one before; it is never picked (picks wait for the real points).
+    void setPreview(tzGenericPointCloud *cloud);
+    tzGenericPointCloud *preview() const { return m_preview; }
     tzHObject *getViewDatabase() { return &m_viewDB; }
 
     // tzGenericGLDisplay
@@ -226,6 +230,7 @@ private:
     void releaseGL();
 
     tzHObject *m_sceneRoot = nullptr;
+    tzGenericPointCloud *m_preview = nullptr; // in the view database while shown
     tzHObject m_viewDB;
     tzCamera m_camera;
     bool m_cameraSet = false; // false until a camera is set or fitted

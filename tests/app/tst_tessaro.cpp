@@ -5,6 +5,7 @@
 #include "tzConsole.h"
 #include "tzDBTree.h"
 #include "tzGLWindow.h"
+#include "tzLoadPipeline.h"
 #include "tzMainWindow.h"
 #include "tzOverlayDialog.h"
 #include "tzPluginManager.h"
@@ -86,6 +87,8 @@ class TestTessaro : public QObject
 
 private slots:
     void initTestCase();
+    void firstPictureWhileTheFileIsRead_data();
+    void firstPictureWhileTheFileIsRead();
     void pluginActionFollowsTheSelection();
     void overlayDialogStaysInItsCorner();
     void brokenPluginIsReportedWithItsPath();
@@ -236,6 +239,71 @@ void TestTessaro::badFileIsReportedAndAddsNothing()
     QCOMPARE(window.databaseRoot()->getChildrenNumber(), 0u);
     QVERIFY(consoleHas(window, QStringLiteral("[ERROR] '%1'").arg(path))
             || consoleHas(window, QStringLiteral("[ERROR] 'broken.ply'")));
+}
+
+void TestTessaro::firstPictureWhileTheFileIsRead_data()
+{
+    QTest::addColumn<bool>("cancel");
+    QTest::newRow("read to the end") << false;
+    QTest::newRow("cancelled at the first picture") << true;
+}
+
+void TestTessaro::firstPictureWhileTheFileIsRead()
+{
+    // A survey stored row after row, large enough for first pictures.
+    QFETCH(bool, cancel);
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("rows.laz"));
+    {
+        std::vector<TZVector3> points;
+        for (int i = 0; i < 640000; ++i)
+            points.push_back({float(i % 800) * 0.5f, float(i / 800) * 0.5f, float(i % 7)});
+        tzPointCloud cloud;
+        cloud.setPoints(std::move(points));
+        QString error;
+        QVERIFY2(tzCloudFile::save(cloud, path, error, 5000), qPrintable(error));
+    }
+    tzMainWindow::Options options = headless();
+    options.progressDelay = 0;
+    tzMainWindow window(options);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    tzGLWindow *view = window.activeView();
+    frame(*view);
+    auto *loads = window.findChild<tzLoadPipeline *>();
+    QVERIFY(loads);
+    QSignalSpy opened(&window, &tzMainWindow::fileOpened);
+    int pictures = 0;
+    bool pickedThePicture = false, blocked = false;
+    QObject::connect(loads, &tzLoadPipeline::previewShown, &window, [&](const QString &, unsigned) {
+        ++pictures;
+        QVERIFY(view->preview() && view->preview()->size() < 640000u);
+        // The window is the user's meanwhile; a pick waits for the real points.
+        blocked = blocked || QApplication::activeModalWidget() != nullptr;
+        tzGenericPointCloud *cloud = nullptr;
+        unsigned index = 0;
+        TZVector3 P;
+        pickedThePicture = pickedThePicture
+            || view->pickPoint(view->width() / 2, view->height() / 2, cloud, index, P, 20);
+        if (cancel && pictures == 1)
+            window.findChild<tzProgressDialog *>(QStringLiteral("loadProgress"))->reject();
+    });
+    window.openFiles({path});
+    QVERIFY(opened.wait(30000));
+    QVERIFY(pictures >= 1);
+    QVERIFY(!blocked);
+    QVERIFY(!pickedThePicture);
+    QVERIFY(!view->preview());
+    QCOMPARE(opened.at(0).at(1).toBool(), !cancel);
+    QCOMPARE(window.databaseRoot()->getChildrenNumber(), cancel ? 0u : 1u);
+    if (!cancel) {
+        tzGenericPointCloud *cloud = nullptr;
+        unsigned index = 0;
+        TZVector3 P;
+        frame(*view);
+        QVERIFY(view->pickPoint(view->width() / 2, view->height() / 2, cloud, index, P, 20));
+        QCOMPARE(cloud->size(), 640000u);
+    }
 }
 
 void TestTessaro::cancelledOpeningLeavesNothing()
@@ -432,7 +500,8 @@ void TestTessaro::ctrlSSavesBesideTheFirstCloud()
     addWork(window);
     QVERIFY(window.hasUnsavedChanges());
     FileDialogAnswer answer;
-    QApplication::setActiveWindow(&window);
+    // Asked of the window system (no window manager gives the focus on a bare display).
+    window.activateWindow();
     QVERIFY(QTest::qWaitForWindowActive(&window));
     QTest::keyClick(&window, Qt::Key_S, Qt::ControlModifier);
     QTRY_VERIFY(!answer.timer.isActive());

@@ -168,6 +168,8 @@ private slots:
     void octreeNodeChunksOpen();
     void damagedFilesAreRefused_data();
     void damagedFilesAreRefused();
+    void previewsCoverTheExtentEarly_data();
+    void previewsCoverTheExtentEarly();
 };
 
 void TestLaz::everyLasFileOpens_data()
@@ -1077,6 +1079,89 @@ void TestLaz::damagedFilesAreRefused()
     QVERIFY(!open(path, error));
     QVERIFY2(error.startsWith(QLatin1Char('\'') + path + QLatin1Char('\'')), qPrintable(error));
     QVERIFY2(error.contains(problem), qPrintable(error));
+}
+
+void TestLaz::previewsCoverTheExtentEarly_data()
+{
+    QTest::addColumn<int>("chunkSize"); // 0: LAS
+    QTest::newRow("LAS") << 0;
+    QTest::newRow("LAZ, chunks of 5000") << 5000;
+}
+
+void TestLaz::previewsCoverTheExtentEarly()
+{
+    // A survey flown in rows, stored row after row: what is read first in file order is a strip.
+    QFETCH(int, chunkSize);
+    constexpr int ROW = 750, ROWS = 800, LENGTH = 36;
+    QByteArray records(ROW * ROWS * LENGTH, '\0');
+    for (int i = 0; i < ROW * ROWS; ++i) {
+        char *r = records.data() + i * LENGTH;
+        const qint32 xyz[3] = {(i % ROW) * 40, (i / ROW) * 40, (i * 7) % 300};
+        std::memcpy(r, xyz, 12);
+        r[14] = 0x11;
+        const quint16 rgb[3] = {quint16(i % 256), quint16(i / ROW % 256), 90};
+        std::memcpy(r + 30, rgb, 6);
+    }
+    QTemporaryDir dir;
+    QString path = writeBytes(dir, "rows.las", las14(7, LENGTH, records));
+    if (chunkSize > 0) {
+        const QString laz = dir.filePath(QStringLiteral("rows.laz"));
+        QString error;
+        QVERIFY2(tzCloudFile::convert(path, laz, error, quint32(chunkSize)), qPrintable(error));
+        path = laz;
+    }
+    struct Shown
+    {
+        size_t points;
+        float span[2];
+        bool everyPointColoured;
+        std::vector<TZVector3> sample;
+    };
+    std::vector<Shown> previews;
+    tzCloudFile::LoadOptions options;
+    options.preview
+        = [&](std::vector<TZVector3> &&points, std::vector<tzRgb> &&colours, const TZVector3d &) {
+              Shown shown {points.size(), {0, 0}, colours.size() == points.size(), {}};
+              for (int a = 0; a < 2; ++a) {
+                  const auto [lo, hi] = std::minmax_element(
+                      points.begin(), points.end(),
+                      [a](const TZVector3 &p, const TZVector3 &q) { return p[a] < q[a]; });
+                  shown.span[a] = (*hi)[a] - (*lo)[a];
+              }
+              for (size_t i = 0; i < points.size(); i += 997)
+                  shown.sample.push_back(points[i]);
+              previews.push_back(std::move(shown));
+          };
+    QString error;
+    const std::unique_ptr<tzPointCloud> cloud(tzCloudFile::load(path, error, options));
+    QVERIFY2(cloud, qPrintable(error));
+    const std::unique_ptr<tzPointCloud> whole(tzCloudFile::load(path, error));
+    QVERIFY2(whole, qPrintable(error));
+    const unsigned n = cloud->size();
+    // A 16th, then a quarter, each spread over the whole survey's extent.
+    QCOMPARE(previews.size(), size_t(2));
+    QVERIFY(previews[0].points >= n / 16 && previews[0].points < n / 4);
+    QVERIFY(previews[1].points >= n / 4 && previews[1].points < n / 2);
+    const float full[2] = {(ROW - 1) * 0.4f, (ROWS - 1) * 0.4f};
+    for (const Shown &shown : previews) {
+        QVERIFY(shown.everyPointColoured);
+        for (int a = 0; a < 2; ++a)
+            QVERIFY2(shown.span[a] > 0.8f * full[a], qPrintable(QString::number(shown.span[a])));
+        // The points shown are points of the file, where they stay.
+        for (const TZVector3 &p : shown.sample) {
+            const int column = int(std::lround((p.x - cloud->getPoint(0)->x) / 0.4f));
+            const int row = int(std::lround((p.y - cloud->getPoint(0)->y) / 0.4f));
+            QVERIFY(column >= 0 && column < ROW && row >= 0 && row < ROWS);
+            QCOMPARE(*cloud->getPoint(unsigned(row * ROW + column)), p);
+        }
+    }
+    // The cloud read with previews is the cloud read without.
+    QCOMPARE(whole->size(), n);
+    for (unsigned i = 0; i < n; ++i) {
+        if (!(*whole->getPoint(i) == *cloud->getPoint(i))
+            || !(whole->getPointColor(i) == cloud->getPointColor(i)))
+            QFAIL(qPrintable(QStringLiteral("point %1 differs").arg(i)));
+    }
 }
 
 QTEST_MAIN(TestLaz)

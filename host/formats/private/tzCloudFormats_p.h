@@ -333,6 +333,66 @@ private:
     QString m_error; // under m_mutex
 };
 
+//! The previews of a reading whose pieces (chunks, blocks of records) are read in an order that
+//! covers the extent early: each piece done is told (from any thread) once its points are where
+//! they stay; when the points done reach the next share, what is done so far is copied out and
+//! given to options.preview.
+class Previews
+{
+public:
+    Previews(const LoadOptions &options, size_t total)
+        : m_options(options)
+    {
+        if (!options.preview || total < PREVIEW_MIN_POINTS)
+            return;
+        m_thresholds
+            = {std::min<size_t>(total / 16, 1000000), std::min<size_t>(total / 4, 4000000)};
+    }
+    void pieceDone(size_t first, size_t count, const TZVector3 *points, const tzRgb *colours,
+                   const TZVector3d &shift)
+    {
+        if (m_thresholds.empty())
+            return;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_pieces.push_back({first, count});
+        m_done += count;
+        if (m_next >= m_thresholds.size() || m_done < m_thresholds[m_next])
+            return;
+        while (m_next < m_thresholds.size() && m_done >= m_thresholds[m_next])
+            ++m_next;
+        std::vector<TZVector3> shownPoints;
+        std::vector<tzRgb> shownColours;
+        try {
+            shownPoints.reserve(m_done);
+            if (colours)
+                shownColours.reserve(m_done);
+        } catch (const std::bad_alloc &) {
+            return; // no picture before the whole
+        }
+        for (const auto &[from, n] : m_pieces) {
+            shownPoints.insert(shownPoints.end(), points + from, points + from + n);
+            if (colours)
+                shownColours.insert(shownColours.end(), colours + from, colours + from + n);
+        }
+        m_options.preview(std::move(shownPoints), std::move(shownColours), shift);
+    }
+
+private:
+    const LoadOptions &m_options;
+    std::vector<size_t> m_thresholds;
+    std::mutex m_mutex;
+    std::vector<std::pair<size_t, size_t>> m_pieces; // under m_mutex, with the two below
+    size_t m_done = 0;
+    size_t m_next = 0;
+};
+
+//! The order in which to read pieces so that the first ones are spread over the whole: piece
+//! i's place is given by (x, y), a point of it; the first piece of each part of the extent
+//! comes before the second of any, and the parts alternate from far apart to near.
+std::vector<size_t> coveringOrder(const std::vector<std::pair<double, double>> &places);
+//! The order of count pieces of a file whose places are not known: spread along the file.
+std::vector<size_t> spreadOrder(size_t count);
+
 //! The threads worth starting for count pieces of work: the cores, at most one a piece.
 unsigned threadsFor(size_t count);
 
