@@ -240,7 +240,6 @@ public:
                                 size_t(layout.extra));
             }
             sink(out.data(), n);
-            m_bytes.release(size_t(source.bytesRead()));
         }
         if (source.done() != count)
             failWith(QStringLiteral("%1 of %2 points were read").arg(source.done()).arg(count));

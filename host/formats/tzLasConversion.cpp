@@ -4,7 +4,9 @@
 
 #include <QIODevice>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 
 namespace tzCloudFile {
 namespace detail {
@@ -61,17 +63,41 @@ void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
         const qint64 placeholder = -1;
         write(reinterpret_cast<const char *>(&placeholder), 8);
     }
-    // Records go out as they come in, in chunks of the output's size when it is LAZ.
-    tzLaz::ChunkEncoder encoder(description);
-    std::vector<uchar> pending, encoded;
+    // Records go out as they come in, in chunks of the output's size when it is LAZ: a few
+    // chunks a thread encoded side by side, then written in their order.
+    const unsigned threads = threadsFor(size_t(header.count / std::max(1u, description.chunkSize)));
+    std::vector<std::unique_ptr<tzLaz::ChunkEncoder>> encoders;
+    for (unsigned t = 0; toLaz && t < threads; ++t)
+        encoders.push_back(std::make_unique<tzLaz::ChunkEncoder>(description));
+    std::vector<uchar> pending;
     const size_t length = header.recordLength;
-    const auto flush = [&](size_t points) {
-        encoded.clear();
-        encoder.encode(pending.data(), quint32(points), encoded);
-        chunks.push_back({quint64(out.pos() - start), encoded.size(), quint32(points)});
-        write(reinterpret_cast<const char *>(encoded.data()), qint64(encoded.size()));
-        pending.erase(pending.begin(), pending.begin() + qint64(points * length));
+    const auto flush = [&](size_t chunkCount, size_t lastPoints) {
+        // Chunks [0, chunkCount) of pending, the last of lastPoints records.
+        std::vector<std::vector<uchar>> encoded(chunkCount);
+        std::atomic<size_t> next {0};
+        const auto work = [&](tzLaz::ChunkEncoder &encoder) {
+            for (size_t c = next++; c < chunkCount; c = next++) {
+                const size_t points = c + 1 == chunkCount ? lastPoints : description.chunkSize;
+                encoder.encode(pending.data() + c * description.chunkSize * length, quint32(points),
+                               encoded[c]);
+            }
+        };
+        std::vector<std::thread> helpers;
+        for (size_t t = 1; t < encoders.size() && t < chunkCount; ++t)
+            helpers.emplace_back(work, std::ref(*encoders[t]));
+        work(*encoders[0]);
+        for (std::thread &helper : helpers)
+            helper.join();
+        for (size_t c = 0; c < chunkCount; ++c) {
+            const quint32 points
+                = quint32(c + 1 == chunkCount ? lastPoints : description.chunkSize);
+            chunks.push_back({quint64(out.pos() - start), encoded[c].size(), points});
+            write(reinterpret_cast<const char *>(encoded[c].data()), qint64(encoded[c].size()));
+        }
+        const size_t used = ((chunkCount - 1) * description.chunkSize + lastPoints) * length;
+        pending.erase(pending.begin(), pending.begin() + qint64(used));
     };
+    const size_t batch = size_t(4) * std::max<size_t>(1, encoders.size());
     CloudBuilder progress(options);
     for (size_t count = 0;;) {
         const uchar *records = source.next(count);
@@ -81,13 +107,16 @@ void convertLas(const Bytes &in, bool toLaz, quint32 chunkSize, QIODevice &out,
             write(reinterpret_cast<const char *>(records), qint64(count * length));
         } else {
             pending.insert(pending.end(), records, records + count * length);
-            while (pending.size() >= size_t(description.chunkSize) * length)
-                flush(description.chunkSize);
+            while (pending.size() >= batch * description.chunkSize * length)
+                flush(batch, description.chunkSize);
         }
         progress.progress(size_t(source.done()), size_t(std::max<quint64>(1, header.count)));
     }
-    if (toLaz && !pending.empty())
-        flush(pending.size() / length);
+    if (toLaz && !pending.empty()) {
+        const size_t left = pending.size() / length;
+        const size_t full = left / description.chunkSize, rest = left % description.chunkSize;
+        flush(full + (rest ? 1 : 0), rest ? rest : description.chunkSize);
+    }
     if (source.done() != header.count)
         failWith(QStringLiteral("%1 of %2 points were read").arg(source.done()).arg(header.count));
     if (toLaz) {

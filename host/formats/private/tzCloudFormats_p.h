@@ -47,7 +47,23 @@ struct Bytes
 {
     const uchar *data = nullptr;
     size_t size = 0;
+    bool mapped = false; // a mapping of the file (its pages can be let go and read again)
 };
+
+//! Lets the system take back the pages of a mapped file before byte upTo, from released on (a
+//! reading in order that will not come back), so that a file larger than memory is not held
+//! all; released moves on. Nothing for bytes that are not a mapping.
+inline void releaseRead(const Bytes &in, size_t upTo, size_t &released)
+{
+    if (!in.mapped)
+        return;
+    const size_t page = 1 << 16;
+    const size_t end = std::min(upTo, in.size) / page * page;
+    if (end > released) {
+        ::madvise(const_cast<uchar *>(in.data) + released, end - released, MADV_DONTNEED);
+        released = end;
+    }
+}
 
 //! A value of a file's bytes (unaligned), byte-swapped when asked.
 template<typename T> T loadAs(const uchar *p, bool swap)
@@ -102,6 +118,7 @@ public:
         if (m_file.size() > 0) {
             m_bytes.data = m_file.map(0, m_file.size());
             m_bytes.size = size_t(m_file.size());
+            m_bytes.mapped = m_bytes.data != nullptr;
             if (!m_bytes.data) {
                 m_copy = m_file.readAll();
                 m_bytes.data = reinterpret_cast<const uchar *>(m_copy.constData());
@@ -111,25 +128,10 @@ public:
         return true;
     }
     const Bytes &bytes() const { return m_bytes; }
-    //! Lets the system take back the pages of the mapping before byte upTo (read once, not
-    //! needed again), so that reading a file larger than memory does not hold it all.
-    void release(size_t upTo)
-    {
-        if (!m_copy.isEmpty() || !m_bytes.data)
-            return;
-        const size_t page = 1 << 16;
-        const size_t end = std::min(upTo, m_bytes.size) / page * page;
-        if (end > m_released) {
-            ::madvise(const_cast<uchar *>(m_bytes.data) + m_released, end - m_released,
-                      MADV_DONTNEED);
-            m_released = end;
-        }
-    }
 
 private:
     QFile m_file;
     QByteArray m_copy;
-    size_t m_released = 0;
     Bytes m_bytes;
 };
 

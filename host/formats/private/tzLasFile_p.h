@@ -89,7 +89,8 @@ public:
     RecordSource(const Bytes &in, const LasHeader &header);
     ~RecordSource();
 
-    //! The next records (at least one while some remain; none at the end).
+    //! The next records (at least one while some remain; none at the end): LAZ chunks are
+    //! decoded a few at a time on every core. What was read before goes out of memory.
     const uchar *next(size_t &count);
     quint64 done() const { return m_done; }
     //! The bytes of the file before which every record given so far lay.
@@ -102,10 +103,11 @@ private:
     const LasHeader &m_header;
     tzLaz::Description m_description;
     std::vector<tzLaz::Chunk> m_chunks;
-    std::unique_ptr<tzLaz::ChunkDecoder> m_decoder;
+    std::vector<std::unique_ptr<tzLaz::ChunkDecoder>> m_decoders; // one a thread
     std::vector<uchar> m_records;
     size_t m_chunk = 0;
     quint64 m_done = 0;
+    size_t m_released = 0;
 };
 
 } // namespace detail
