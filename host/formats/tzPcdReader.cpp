@@ -257,6 +257,25 @@ void readPcdBinary(const Bytes &in, const PcdHeader &header, const AddPoint &add
                      .arg(available));
     const Field *color = header.colorField();
     const uchar *rec = in.data + header.bodyOffset;
+    if (n >= PREVIEW_MIN_POINTS && builder.options().preview) {
+        // Blocks spread over the file first, for a first picture; then every record in order.
+        // (The shift is decided on the first point, as the reading would.)
+        const auto point = [&](size_t i) {
+            const uchar *r = rec + i * size_t(header.record);
+            TZVector3d p;
+            for (int d = 0; d < 3; ++d)
+                p[d] = binaryValue(r + header.axisField(d).offset, header.axisField(d));
+            return p;
+        };
+        const TZVector3d first = point(0);
+        if (std::isfinite(first.x) && std::isfinite(first.y) && std::isfinite(first.z)) {
+            builder.decideShift(first);
+            previewEvenBlocks(
+                builder.options(), n, builder.shift(), point, color != nullptr, [&](size_t i) {
+                    return unpack(packedColor(rec + i * size_t(header.record) + color->offset));
+                });
+        }
+    }
     for (size_t i = 0; i < n; ++i, rec += header.record) {
         double xyz[3];
         for (int d = 0; d < 3; ++d)

@@ -341,6 +341,24 @@ void readPlyBinary(const Bytes &in, const PlyHeader &header, CloudBuilder &build
         return plyColor(value(record, column), header.typeOf(column));
     };
     const uchar *data = in.data + offset;
+    if (n >= PREVIEW_MIN_POINTS && builder.options().preview) {
+        // Blocks spread over the file first, for a first picture; then every record in order.
+        // (The shift is decided on the first point, as the reading would.)
+        const auto point = [&](size_t i) {
+            const uchar *rec = data + i * stride;
+            return TZVector3d(value(rec, header.x), value(rec, header.y), value(rec, header.z));
+        };
+        const TZVector3d first = point(0);
+        if (std::isfinite(first.x) && std::isfinite(first.y) && std::isfinite(first.z)) {
+            builder.decideShift(first);
+            previewEvenBlocks(builder.options(), n, builder.shift(), point, header.withColors(),
+                              [&](size_t i) {
+                                  const uchar *rec = data + i * stride;
+                                  return tzRgb {colour(rec, header.red), colour(rec, header.green),
+                                                colour(rec, header.blue)};
+                              });
+        }
+    }
     for (size_t i = 0; i < n; ++i) {
         const uchar *rec = data + i * stride;
         builder.add(value(rec, header.x), value(rec, header.y), value(rec, header.z));

@@ -71,6 +71,8 @@ class TestCloudFile : public QObject
     Q_OBJECT
 
 private slots:
+    void firstPictureOfBinaryFiles_data();
+    void firstPictureOfBinaryFiles();
     void goodFiles_data();
     void goodFiles();
     void attributesOfTextAndPly_data();
@@ -206,6 +208,68 @@ void TestCloudFile::goodFiles_data()
         QTest::newRow("pcd binary, doubles, padding, a NaN point")
             << "pcd" << b << TZVector3d(650000.25, 6860000.5, 12) << true << 10;
     }
+}
+
+void TestCloudFile::firstPictureOfBinaryFiles_data()
+{
+    // A survey stored row after row (800 rows of 750 points, 0.5 m apart), coloured by row.
+    constexpr int ROW = 750, ROWS = 800;
+    QByteArray ply("ply\nformat binary_little_endian 1.0\nelement vertex 600000\n"
+                   "property float x\nproperty float y\nproperty float z\n"
+                   "property uchar red\nproperty uchar green\nproperty uchar blue\nend_header\n");
+    QByteArray pcd("VERSION .7\nFIELDS x y z rgb\nSIZE 4 4 4 4\nTYPE F F F U\nCOUNT 1 1 1 1\n"
+                   "WIDTH 600000\nHEIGHT 1\nDATA binary\n");
+    for (int i = 0; i < ROW * ROWS; ++i) {
+        for (const float v : {float(i % ROW) * 0.5f, float(i / ROW) * 0.5f, float(i % 5)}) {
+            append(ply, v);
+            append(pcd, v);
+        }
+        const uchar grey = uchar(i / ROW % 256);
+        ply.append(char(grey)).append(char(grey)).append(char(grey));
+        append(pcd, quint32(grey) << 16 | quint32(grey) << 8 | grey);
+    }
+    QTest::addColumn<QString>("format");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::newRow("binary PLY") << "ply" << ply;
+    QTest::newRow("binary PCD") << "pcd" << pcd;
+}
+
+void TestCloudFile::firstPictureOfBinaryFiles()
+{
+    QFETCH(QString, format);
+    QFETCH(QByteArray, bytes);
+    std::vector<TZVector3> shown;
+    std::vector<tzRgb> shownColours;
+    int pictures = 0;
+    tzCloudFile::LoadOptions options;
+    options.preview
+        = [&](std::vector<TZVector3> &&points, std::vector<tzRgb> &&colours, const TZVector3d &) {
+              ++pictures;
+              shown = std::move(points);
+              shownColours = std::move(colours);
+          };
+    QString error;
+    const std::unique_ptr<tzPointCloud> cloud(
+        tzCloudFile::loadFromMemory(bytes, format, "rows", error, options));
+    QVERIFY2(cloud, qPrintable(error));
+    QCOMPARE(cloud->size(), 600000u);
+    // A 16th of the points, from every part of the file: rows from first to last.
+    QCOMPARE(pictures, 1);
+    QCOMPARE(shown.size(), size_t(64 * (600000 / 1024)));
+    QCOMPARE(shownColours.size(), shown.size());
+    float low = 1e9f, high = -1e9f;
+    for (size_t i = 0; i < shown.size(); ++i) {
+        low = std::min(low, shown[i].y);
+        high = std::max(high, shown[i].y);
+        // Each is a point of the file with its colour.
+        const unsigned row = unsigned(std::lround(shown[i].y / 0.5f));
+        const unsigned index = row * 750 + unsigned(std::lround(shown[i].x / 0.5f));
+        QVERIFY(index < cloud->size());
+        if (!(*cloud->getPoint(index) == shown[i])
+            || !(cloud->getPointColor(index) == shownColours[i]))
+            QFAIL(qPrintable(QStringLiteral("preview point %1 is not the file's").arg(i)));
+    }
+    QVERIFY(high - low > 0.9f * 799 * 0.5f);
 }
 
 void TestCloudFile::goodFiles()

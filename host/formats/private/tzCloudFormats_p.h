@@ -169,6 +169,7 @@ public:
             failWith(QStringLiteral("not enough memory for %1 points").arg(n));
         }
     }
+    const LoadOptions &options() const { return m_options; }
     void decideShift(const TZVector3d &reference)
     {
         m_shiftDecided = true;
@@ -387,6 +388,35 @@ private:
     size_t m_done = 0;
     size_t m_next = 0;
 };
+
+//! A first picture of a file of n records that can be read in any order but are read in the
+//! file's: 64 evenly spaced blocks of a 1024th of the records each, given to options.preview
+//! before the reading. point(i) gives record i's global coordinates, colour(i) its colour
+//! (withColours); shift is the one decided.
+template<typename PointOf, typename ColourOf>
+void previewEvenBlocks(const LoadOptions &options, size_t n, const TZVector3d &shift,
+                       PointOf &&point, bool withColours, ColourOf &&colour)
+{
+    if (!options.preview || n < PREVIEW_MIN_POINTS)
+        return;
+    constexpr size_t BLOCKS = 64;
+    const size_t block = n / 1024;
+    std::vector<TZVector3> points;
+    std::vector<tzRgb> colours;
+    points.reserve(BLOCKS * block);
+    if (withColours)
+        colours.reserve(BLOCKS * block);
+    for (size_t b = 0; b < BLOCKS; ++b) {
+        const size_t first = b * (n / BLOCKS);
+        for (size_t i = first; i < first + block; ++i) {
+            const TZVector3d g = point(i);
+            points.push_back({float(g.x + shift.x), float(g.y + shift.y), float(g.z + shift.z)});
+            if (withColours)
+                colours.push_back(colour(i));
+        }
+    }
+    options.preview(std::move(points), std::move(colours), shift);
+}
 
 //! The order in which to read pieces so that the first ones are spread over the whole: piece
 //! i's place is given by (x, y), a point of it; the first piece of each part of the extent
