@@ -198,6 +198,58 @@ tzPointCloud *readText(const Bytes &in, const QString &name, const QString &kind
     size_t skipped = 0;
     constexpr int MAX_TOKENS = 64;
     Line token[MAX_TOKENS];
+    // A first picture of a large file, once its layout and its shift are known: the lines of
+    // 64 evenly spaced stretches of a 1024th of the file each (lines that are not points
+    // passed over), read before the whole.
+    const auto preview = [&](const char *from) {
+        if (!options.preview || in.size < PREVIEW_MIN_POINTS * 24)
+            return;
+        const size_t stretch = size_t(end - from) / 1024;
+        std::vector<TZVector3> points;
+        std::vector<tzRgb> shownColours;
+        const TZVector3d &shift = builder.shift();
+        Line field[MAX_TOKENS];
+        for (size_t b = 0; b < 64; ++b) {
+            const char *q = from + b * size_t(end - from) / 64;
+            const char *stop = std::min(end, q + stretch);
+            if (b > 0) {
+                q = static_cast<const char *>(std::memchr(q, '\n', size_t(end - q)));
+                q = q ? q + 1 : end;
+            }
+            while (q < stop) {
+                const char *eol = static_cast<const char *>(std::memchr(q, '\n', size_t(end - q)));
+                const Line line {q, eol ? eol : end};
+                q = eol ? eol + 1 : end;
+                const int needed = columns.needed();
+                if (tokens(line, decimalComma, field, std::min(needed, MAX_TOKENS)) < needed)
+                    continue;
+                double xyz[3], rgb[3] = {255, 255, 255};
+                bool ok = true;
+                for (int d = 0; d < 3 && ok; ++d)
+                    ok = number(field[columns.xyz[d]], decimalComma, xyz[d])
+                        && std::isfinite(xyz[d]);
+                for (int d = 0; d < 3 && ok && withColors; ++d)
+                    ok = number(field[columns.rgb[d]], decimalComma, rgb[d]);
+                if (!ok)
+                    continue;
+                points.push_back(
+                    {float(xyz[0] + shift.x), float(xyz[1] + shift.y), float(xyz[2] + shift.z)});
+                if (withColors) {
+                    // Fractions as the whole file would say, from this line alone.
+                    const bool small = std::max({rgb[0], rgb[1], rgb[2]}) <= 1.0;
+                    const bool fractional = rgb[0] != std::floor(rgb[0])
+                        || rgb[1] != std::floor(rgb[1]) || rgb[2] != std::floor(rgb[2]);
+                    const bool fractions = columns.fractions
+                        || (small && (fractional || kind == QLatin1String("xyzrgb")));
+                    shownColours.push_back({clampColor(rgb[0] * (fractions ? 255 : 1)),
+                                            clampColor(rgb[1] * (fractions ? 255 : 1)),
+                                            clampColor(rgb[2] * (fractions ? 255 : 1))});
+                }
+            }
+        }
+        options.preview(std::move(points), std::move(shownColours), shift);
+    };
+    bool previewed = false;
 
     for (const char *p = begin; p < end;) {
         ++lineNumber;
@@ -277,6 +329,10 @@ tzPointCloud *readText(const Bytes &in, const QString &name, const QString &kind
             continue;
         }
         builder.add(xyz[0], xyz[1], xyz[2]);
+        if (!previewed) {
+            previewed = true;
+            preview(line.begin);
+        }
         if (columns.intensity >= 0 || columns.classification >= 0)
             builder.addAttributes(intensity, classification, 0, 0);
         for (int d = 0; d < 3 && withColors; ++d) {
