@@ -19,9 +19,14 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
+#include <atomic>
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <exception>
 #include <map>
 #include <set>
 #include <thread>
@@ -42,6 +47,49 @@ constexpr int CORE_LENGTH[] = {30, 36, 38}; // of point formats 6, 7 and 8
 constexpr int LAS_CORE[] = {20, 28, 26, 34, 57, 63, 30, 36, 38, 59, 67};
 constexpr int LAS_RGB[] = {-1, -1, 20, 28, -1, 28, -1, 30, 30, -1, 30};
 constexpr int LAS_GPS[] = {-1, 20, -1, 20, 20, 20, 22, 22, 22, 22, 22};
+
+//! Runs fn(begin, end) over [0, n) in parts, one a core (one part alone when n is small); what
+//! a part raises is raised here.
+template<typename Fn> void inParallel(size_t n, Fn &&fn)
+{
+    const unsigned threads = n < 16384 ? 1 : threadsFor(n / 8192);
+    if (threads <= 1) {
+        fn(size_t(0), n);
+        return;
+    }
+    std::vector<std::exception_ptr> errors(threads);
+    const auto part = [&](unsigned t) {
+        try {
+            fn(n * t / threads, n * (t + 1) / threads);
+        } catch (...) {
+            errors[t] = std::current_exception();
+        }
+    };
+    std::vector<std::thread> helpers;
+    for (unsigned t = 1; t < threads; ++t)
+        helpers.emplace_back(part, t);
+    part(0);
+    for (std::thread &helper : helpers)
+        helper.join();
+    for (const std::exception_ptr &error : errors) {
+        if (error)
+            std::rethrow_exception(error);
+    }
+}
+
+//! Sorts on every core: the halves side by side, then merged.
+template<typename T> void sortInParallel(std::vector<T> &values)
+{
+    if (values.size() < 65536 || threadsFor(2) < 2) {
+        std::sort(values.begin(), values.end());
+        return;
+    }
+    const auto middle = values.begin() + qint64(values.size() / 2);
+    std::thread helper([&] { std::sort(values.begin(), middle); });
+    std::sort(middle, values.end());
+    helper.join();
+    std::inplace_merge(values.begin(), middle, values.end());
+}
 
 //! Spreads the low 21 bits of v to every third bit.
 std::uint64_t spread(std::uint64_t v)
@@ -195,50 +243,17 @@ public:
 
     void read(const Layout &layout, const std::function<void(const uchar *, size_t)> &sink) override
     {
-        Requantize axis[3];
         for (int a = 0; a < 3; ++a)
-            axis[a].set(scale[a], offset[a], layout.scale[a], layout.offset[a]);
+            m_axis[a].set(scale[a], offset[a], layout.scale[a], layout.offset[a]);
+        m_layout = &layout;
         RecordSource source(m_bytes.bytes(), m_header);
         std::vector<uchar> out;
-        const size_t inLength = m_header.recordLength;
-        const int f = lasFormat;
         for (size_t n = 0;;) {
             const uchar *records = source.next(n);
             if (n == 0)
                 break;
             out.assign(n * size_t(layout.length), 0);
-            for (size_t i = 0; i < n; ++i) {
-                const uchar *r = records + i * inLength;
-                uchar *o = out.data() + i * size_t(layout.length);
-                for (int a = 0; a < 3; ++a) {
-                    const qint32 v = axis[a](loadAs<qint32>(r + 4 * a, false));
-                    std::memcpy(o + 4 * a, &v, 4);
-                }
-                if (f >= 6) {
-                    std::memcpy(o + 12, r + 12, 18);
-                } else {
-                    // The legacy fields in the layout of formats 6 and above.
-                    std::memcpy(o + 12, r + 12, 2); // intensity
-                    o[14] = uchar((r[14] & 7) | ((r[14] >> 3) & 7) << 4);
-                    o[15] = uchar((r[15] >> 5) | (r[14] & 0xc0)); // flags, direction, edge
-                    o[16] = r[15] & 31;
-                    o[17] = r[17]; // user data
-                    const qint16 angle = qint16(std::lround(qint8(r[16]) / 0.006));
-                    std::memcpy(o + 18, &angle, 2);
-                    std::memcpy(o + 20, r + 18, 2); // point source
-                    if (LAS_GPS[f] >= 0)
-                        std::memcpy(o + 22, r + LAS_GPS[f], 8);
-                }
-                if (layout.format >= 7 && LAS_RGB[f] >= 0)
-                    std::memcpy(o + 30, r + LAS_RGB[f], 6);
-                else if (layout.format >= 7)
-                    std::memset(o + 30, 0xff, 6); // white among coloured points
-                if (layout.format == 8 && infrared)
-                    std::memcpy(o + 36, r + 36, 2);
-                if (layout.extra > 0)
-                    std::memcpy(o + CORE_LENGTH[layout.format - 6], r + LAS_CORE[f],
-                                size_t(layout.extra));
-            }
+            inParallel(n, [&](size_t from, size_t to) { convert(records, from, to, out); });
             sink(out.data(), n);
         }
         if (source.done() != count)
@@ -246,8 +261,50 @@ public:
     }
 
 private:
+    //! Records [from, to) in the output's layout.
+    void convert(const uchar *records, size_t from, size_t to, std::vector<uchar> &out) const
+    {
+        const Layout &layout = *m_layout;
+        const size_t inLength = m_header.recordLength;
+        const int f = lasFormat;
+        for (size_t i = from; i < to; ++i) {
+            const uchar *r = records + i * inLength;
+            uchar *o = out.data() + i * size_t(layout.length);
+            for (int a = 0; a < 3; ++a) {
+                const qint32 v = m_axis[a](loadAs<qint32>(r + 4 * a, false));
+                std::memcpy(o + 4 * a, &v, 4);
+            }
+            if (f >= 6) {
+                std::memcpy(o + 12, r + 12, 18);
+            } else {
+                // The legacy fields in the layout of formats 6 and above.
+                std::memcpy(o + 12, r + 12, 2); // intensity
+                o[14] = uchar((r[14] & 7) | ((r[14] >> 3) & 7) << 4);
+                o[15] = uchar((r[15] >> 5) | (r[14] & 0xc0)); // flags, direction, edge
+                o[16] = r[15] & 31;
+                o[17] = r[17]; // user data
+                const qint16 angle = qint16(std::lround(qint8(r[16]) / 0.006));
+                std::memcpy(o + 18, &angle, 2);
+                std::memcpy(o + 20, r + 18, 2); // point source
+                if (LAS_GPS[f] >= 0)
+                    std::memcpy(o + 22, r + LAS_GPS[f], 8);
+            }
+            if (layout.format >= 7 && LAS_RGB[f] >= 0)
+                std::memcpy(o + 30, r + LAS_RGB[f], 6);
+            else if (layout.format >= 7)
+                std::memset(o + 30, 0xff, 6); // white among coloured points
+            if (layout.format == 8 && infrared)
+                std::memcpy(o + 36, r + 36, 2);
+            if (layout.extra > 0)
+                std::memcpy(o + CORE_LENGTH[layout.format - 6], r + LAS_CORE[f],
+                            size_t(layout.extra));
+        }
+    }
+
     FileBytes m_bytes;
     LasHeader m_header;
+    Requantize m_axis[3];
+    const Layout *m_layout = nullptr;
 };
 
 //! Any other format: read whole as the viewer reads it.
@@ -432,6 +489,7 @@ struct NodeJob
 class Indexer
 {
 public:
+    ~Indexer() { stopEncoding(); }
     explicit Indexer(const IndexOptions &options)
         : m_options(options)
         , m_leafPoints(std::max<size_t>(1, options.leafPoints))
@@ -455,7 +513,16 @@ private:
     //! nodes above them always hand points down.
     void build(const std::vector<uchar> &records, Item *begin, Item *end, const Key &key,
                const Key &bucket, bool top, std::vector<NodeJob> &jobs);
-    void encode(std::vector<NodeJob> &jobs);
+    //! Starts the threads that encode and write the nodes built.
+    void startEncoding();
+    //! Hands nodes built to the encoders (waiting while a bucket's worth waits already).
+    void encode(std::vector<NodeJob> &&jobs);
+    //! Waits until every node handed over is written; raises what failed.
+    void finishEncoding();
+    //! Ends the encoders' threads (what still waits is dropped).
+    void stopEncoding();
+    //! Encodes a node and writes it after the others (any encoder's thread).
+    void writeNode(tzLaz::ChunkEncoder &encoder, std::vector<uchar> &encoded, NodeJob &job);
     void writeHead(QIODevice &out);
     void finish(QIODevice &out);
     //! The page of the hierarchy under key, after the pages it refers to; its place.
@@ -475,7 +542,7 @@ private:
     quint16 m_globalEncoding = 0;
     tzLaz::Description m_description;
     quint64 m_total = 0;
-    quint64 m_built = 0; // points whose nodes are written
+    std::atomic<quint64> m_built {0}; // points whose nodes are written
     size_t m_maxBucket = 0; // points
     size_t m_leafPoints = 100000;
     QIODevice *m_out = nullptr;
@@ -486,6 +553,15 @@ private:
     quint64 m_evlrStart = 0;
     std::pair<quint64, quint64> m_rootPage; // offset, size
     std::mutex m_writing;
+    // The nodes waiting for the encoders, under m_queueMutex with what follows.
+    std::mutex m_queueMutex;
+    std::condition_variable m_queueChanged;
+    std::deque<NodeJob> m_queue;
+    size_t m_queuedPoints = 0;
+    bool m_closing = false;
+    bool m_stop = false;
+    QString m_failure;
+    std::vector<std::thread> m_encoders;
     std::map<Key, Entry> m_nodes;
     std::vector<tzLaz::Chunk> m_chunks;
     qint64 m_min[3] = {INT32_MAX, INT32_MAX, INT32_MAX},
@@ -590,11 +666,16 @@ void Indexer::distribute(std::vector<std::unique_ptr<Input>> &inputs, Buckets &b
     m_stage = QObject::tr("Sorting the points of");
     quint64 done = 0;
     for (const auto &in : inputs) {
+        std::vector<Key> keys;
         in->read(m_layout, [&](const uchar *records, size_t n) {
-            for (size_t i = 0; i < n; ++i) {
-                const uchar *r = records + i * size_t(m_layout.length);
-                buckets.add(keyOf(m_layout.code(r), depth), r);
-            }
+            keys.resize(n);
+            const size_t length = size_t(m_layout.length);
+            inParallel(n, [&](size_t from, size_t to) {
+                for (size_t i = from; i < to; ++i)
+                    keys[i] = keyOf(m_layout.code(records + i * length), depth);
+            });
+            for (size_t i = 0; i < n; ++i)
+                buckets.add(keys[i], records + i * length);
             done += n;
             progress(int(40 * done / std::max<quint64>(1, m_total)));
         });
@@ -665,94 +746,161 @@ void Indexer::buildBucket(const Key &bucket, std::vector<uchar> &&records)
     const size_t n = records.size() / length;
     std::vector<Item> items;
     allocate(items, n);
-    for (size_t i = 0; i < n; ++i)
-        items[i] = {m_layout.code(records.data() + i * length), std::uint32_t(i)};
-    std::sort(items.begin(), items.end());
+    inParallel(n, [&](size_t from, size_t to) {
+        for (size_t i = from; i < to; ++i)
+            items[i] = {m_layout.code(records.data() + i * length), std::uint32_t(i)};
+    });
+    sortInParallel(items);
     std::vector<NodeJob> jobs;
     build(records, items.data(), items.data() + n, bucket, bucket, false, jobs);
     items = {};
     records = {};
-    encode(jobs);
+    encode(std::move(jobs));
 }
 
-void Indexer::encode(std::vector<NodeJob> &jobs)
+void Indexer::writeNode(tzLaz::ChunkEncoder &encoder, std::vector<uchar> &encoded, NodeJob &job)
 {
-    std::atomic<size_t> next {0};
-    SharedWork work;
-    const quint64 total = std::max<quint64>(1, m_total);
-    // Writing is the last 58 % of the bar; the work tells the share of all points it wrote.
-    tzCloudFile::LoadOptions told;
-    const int before = int(58 * m_built / total);
-    told.progress = [this, before](int percent) {
-        return !m_options.progress
-            || m_options.progress(std::min(98, 40 + before + percent * 58 / 100), m_stage);
-    };
-    CloudBuilder progressOf(told);
-    const int threads = m_options.threads > 0 ? m_options.threads : int(threadsFor(jobs.size()));
+    const size_t length = size_t(m_layout.length);
+    const size_t count = job.records.size() / length;
+    encoded.clear();
+    encoder.encode(job.records.data(), std::uint32_t(count), encoded);
+    // What the header and the info sum up.
+    qint64 min[3] = {INT32_MAX, INT32_MAX, INT32_MAX};
+    qint64 max[3] = {INT32_MIN, INT32_MIN, INT32_MIN};
+    quint64 byReturn[15] = {};
+    double gpsMin = 0, gpsMax = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const uchar *r = job.records.data() + i * length;
+        for (int a = 0; a < 3; ++a) {
+            const qint32 v = loadAs<qint32>(r + 4 * a, false);
+            min[a] = std::min<qint64>(min[a], v);
+            max[a] = std::max<qint64>(max[a], v);
+        }
+        const int number = r[14] & 15;
+        if (number >= 1)
+            ++byReturn[number - 1];
+        const double t = loadAs<double>(r + 22, false);
+        gpsMin = i == 0 ? t : std::min(gpsMin, t);
+        gpsMax = i == 0 ? t : std::max(gpsMax, t);
+    }
+    job.records = {};
+    std::lock_guard<std::mutex> lock(m_writing);
+    const qint64 at = m_out->pos() - m_start;
+    if (m_out->write(reinterpret_cast<const char *>(encoded.data()), qint64(encoded.size()))
+        != qint64(encoded.size()))
+        failWith(QStringLiteral("cannot write: %1").arg(m_out->errorString()));
+    m_chunks.push_back({quint64(at), encoded.size(), std::uint32_t(count)});
+    m_nodes[job.key]
+        = Entry {job.key, quint64(at), std::int32_t(encoded.size()), std::int32_t(count)};
+    for (int a = 0; a < 3; ++a) {
+        m_min[a] = std::min(m_min[a], min[a]);
+        m_max[a] = std::max(m_max[a], max[a]);
+    }
+    for (int k = 0; k < 15; ++k)
+        m_byReturn[k] += byReturn[k];
+    if (count > 0) {
+        m_gpsMin = m_anyPoint ? std::min(m_gpsMin, gpsMin) : gpsMin;
+        m_gpsMax = m_anyPoint ? std::max(m_gpsMax, gpsMax) : gpsMax;
+        m_anyPoint = true;
+    }
+    m_built += count;
+}
+
+void Indexer::startEncoding()
+{
+    const unsigned threads = m_options.threads > 0 ? unsigned(m_options.threads) : threadsFor(64);
+    for (unsigned t = 0; t < threads; ++t) {
+        m_encoders.emplace_back([this] {
+            tzLaz::ChunkEncoder encoder(m_description);
+            std::vector<uchar> encoded;
+            std::unique_lock<std::mutex> lock(m_queueMutex);
+            while (true) {
+                m_queueChanged.wait(lock,
+                                    [this] { return m_stop || m_closing || !m_queue.empty(); });
+                if (m_stop || m_queue.empty())
+                    return; // stopped, or closing with nothing left
+                NodeJob job = std::move(m_queue.front());
+                m_queue.pop_front();
+                const size_t points = job.records.size() / size_t(m_layout.length);
+                lock.unlock();
+                QString failure;
+                try {
+                    writeNode(encoder, encoded, job);
+                } catch (const ReadFailure &f) {
+                    failure = f.reason;
+                } catch (const std::bad_alloc &) {
+                    failure = QStringLiteral("not enough memory");
+                }
+                lock.lock();
+                m_queuedPoints -= points;
+                if (!failure.isEmpty() && m_failure.isEmpty()) {
+                    m_failure = failure;
+                    m_stop = true;
+                }
+                m_queueChanged.notify_all();
+            }
+        });
+    }
+}
+
+void Indexer::encode(std::vector<NodeJob> &&jobs)
+{
+    // The nodes wait for the encoders while the next bucket is built; no more than a bucket's
+    // worth waits (memory), the progress told meanwhile.
     m_stage = QObject::tr("Writing the octree of");
-    work.run(unsigned(std::max(1, std::min<int>(threads, int(jobs.size())))), progressOf,
-             size_t(total), [&] {
-                 tzLaz::ChunkEncoder encoder(m_description);
-                 std::vector<uchar> encoded;
-                 const size_t length = size_t(m_layout.length);
-                 while (!work.stopped()) {
-                     const size_t j = next++;
-                     if (j >= jobs.size())
-                         break;
-                     NodeJob &job = jobs[j];
-                     const size_t count = job.records.size() / length;
-                     encoded.clear();
-                     encoder.encode(job.records.data(), std::uint32_t(count), encoded);
-                     // What the header and the info sum up.
-                     qint64 min[3] = {INT32_MAX, INT32_MAX, INT32_MAX};
-                     qint64 max[3] = {INT32_MIN, INT32_MIN, INT32_MIN};
-                     quint64 byReturn[15] = {};
-                     double gpsMin = 0, gpsMax = 0;
-                     for (size_t i = 0; i < count; ++i) {
-                         const uchar *r = job.records.data() + i * length;
-                         for (int a = 0; a < 3; ++a) {
-                             const qint32 v = loadAs<qint32>(r + 4 * a, false);
-                             min[a] = std::min<qint64>(min[a], v);
-                             max[a] = std::max<qint64>(max[a], v);
-                         }
-                         const int number = r[14] & 15;
-                         if (number >= 1)
-                             ++byReturn[number - 1];
-                         const double t = loadAs<double>(r + 22, false);
-                         gpsMin = i == 0 ? t : std::min(gpsMin, t);
-                         gpsMax = i == 0 ? t : std::max(gpsMax, t);
-                     }
-                     std::lock_guard<std::mutex> lock(m_writing);
-                     const qint64 at = m_out->pos() - m_start;
-                     if (m_out->write(reinterpret_cast<const char *>(encoded.data()),
-                                      qint64(encoded.size()))
-                         != qint64(encoded.size())) {
-                         work.fail(QStringLiteral("cannot write: %1").arg(m_out->errorString()));
-                         break;
-                     }
-                     m_chunks.push_back({quint64(at), encoded.size(), std::uint32_t(count)});
-                     Entry &e = m_nodes[job.key];
-                     e.key = job.key;
-                     e.offset = quint64(at);
-                     e.byteSize = std::int32_t(encoded.size());
-                     e.pointCount = std::int32_t(count);
-                     for (int a = 0; a < 3; ++a) {
-                         m_min[a] = std::min(m_min[a], min[a]);
-                         m_max[a] = std::max(m_max[a], max[a]);
-                     }
-                     for (int k = 0; k < 15; ++k)
-                         m_byReturn[k] += byReturn[k];
-                     if (count > 0) {
-                         m_gpsMin = m_anyPoint ? std::min(m_gpsMin, gpsMin) : gpsMin;
-                         m_gpsMax = m_anyPoint ? std::max(m_gpsMax, gpsMax) : gpsMax;
-                         m_anyPoint = true;
-                     }
-                     job.records = {};
-                     m_built += count;
-                     work.done(size_t(count));
-                 }
-             });
+    const quint64 total = std::max<quint64>(1, m_total);
+    std::unique_lock<std::mutex> lock(m_queueMutex);
+    for (NodeJob &job : jobs) {
+        const size_t points = job.records.size() / size_t(m_layout.length);
+        while (!m_stop && m_queuedPoints > 0 && m_queuedPoints + points > m_maxBucket) {
+            m_queueChanged.wait_for(lock, std::chrono::milliseconds(50));
+            lock.unlock();
+            progress(40 + int(58 * m_built / total));
+            lock.lock();
+        }
+        if (m_stop)
+            break;
+        m_queuedPoints += points;
+        m_queue.push_back(std::move(job));
+        m_queueChanged.notify_one();
+    }
+    if (!m_failure.isEmpty())
+        failWith(m_failure);
+    lock.unlock();
     progress(40 + int(58 * m_built / total));
+}
+
+void Indexer::finishEncoding()
+{
+    {
+        std::unique_lock<std::mutex> lock(m_queueMutex);
+        m_closing = true;
+        m_queueChanged.notify_all();
+        const quint64 total = std::max<quint64>(1, m_total);
+        while (!m_stop && m_queuedPoints > 0) {
+            m_queueChanged.wait_for(lock, std::chrono::milliseconds(50));
+            lock.unlock();
+            progress(std::min(98, 40 + int(58 * m_built / total)));
+            lock.lock();
+        }
+    }
+    stopEncoding();
+    if (!m_failure.isEmpty())
+        failWith(m_failure);
+}
+
+void Indexer::stopEncoding()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_queueMutex);
+        m_closing = true;
+        if (!m_queue.empty())
+            m_stop = true; // given up (cancelled or failed): what waits is not written
+        m_queueChanged.notify_all();
+    }
+    for (std::thread &encoder : m_encoders)
+        encoder.join();
+    m_encoders.clear();
 }
 
 void Indexer::writeHead(QIODevice &out)
@@ -909,6 +1057,7 @@ void Indexer::run(std::vector<std::unique_ptr<Input>> &inputs, QIODevice &out,
         ++depth;
     Buckets buckets(workFolder, length, size_t(budget / 4));
     distribute(inputs, buckets, depth);
+    startEncoding();
     inputs.clear();
 
     // The buckets one by one; one still too large is shared among its children first.
@@ -945,8 +1094,9 @@ void Indexer::run(std::vector<std::unique_ptr<Input>> &inputs, QIODevice &out,
         std::sort(items.begin(), items.end());
         std::vector<NodeJob> jobs;
         build(top, items.data(), items.data() + n, Key {}, Key {}, true, jobs);
-        encode(jobs);
+        encode(std::move(jobs));
     }
+    finishEncoding();
     if (m_built != m_total)
         failWith(QStringLiteral("%1 of %2 points were indexed").arg(m_built).arg(m_total));
     m_stage = QObject::tr("Writing the hierarchy of");
