@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QString>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -38,6 +39,26 @@ inline QByteArray lasHeader(unsigned count)
     return h;
 }
 
+// Writes the box of the cloud's points (as the records round them) into the header of f.
+inline void writeBounds(QFile &f, const TZLib::PointCloud &cloud)
+{
+    const double offsets[3] = {650000, 6860000, 0};
+    double min[3] = {0, 0, 0}, max[3] = {0, 0, 0};
+    for (unsigned i = 0; i < cloud.size(); ++i) {
+        const TZVector3 &p = cloud.point(i);
+        for (int d = 0; d < 3; ++d) {
+            const double v = std::lround(p[d] * 1000.0) / 1000.0 + offsets[d];
+            min[d] = i == 0 ? v : std::min(min[d], v);
+            max[d] = i == 0 ? v : std::max(max[d], v);
+        }
+    }
+    for (int d = 0; d < 3; ++d) {
+        f.seek(179 + 16 * d);
+        f.write(reinterpret_cast<const char *>(&max[d]), 8);
+        f.write(reinterpret_cast<const char *>(&min[d]), 8);
+    }
+}
+
 // LAS 1.2, point format 3, in a national grid (scale 1 mm).
 inline bool writeLas(const QString &path, const TZLib::PointCloud &cloud)
 {
@@ -61,6 +82,7 @@ inline bool writeLas(const QString &path, const TZLib::PointCloud &cloud)
         }
     }
     f.write(chunk);
+    writeBounds(f, cloud);
     return true;
 }
 
@@ -100,6 +122,7 @@ inline bool writeSurveyLas(const QString &path, const TZLib::PointCloud &cloud)
         }
     }
     f.write(chunk);
+    writeBounds(f, cloud);
     return true;
 }
 

@@ -48,6 +48,12 @@ constexpr int LAS_CORE[] = {20, 28, 26, 34, 57, 63, 30, 36, 38, 59, 67};
 constexpr int LAS_RGB[] = {-1, -1, 20, 28, -1, 28, -1, 30, 30, -1, 30};
 constexpr int LAS_GPS[] = {-1, 20, -1, 20, 20, 20, 22, 22, 22, 22, 22};
 
+//! Raised when a point lies outside the box the headers gave (some writers leave it stale):
+//! the inputs are then measured and the indexing starts again.
+struct OutsideTheBox
+{
+};
+
 //! Runs fn(begin, end) over [0, n) in parts, one a core (one part alone when n is small); what
 //! a part raises is raised here.
 template<typename Fn> void inParallel(size_t n, Fn &&fn)
@@ -136,11 +142,19 @@ struct Layout
     //! The Morton code of a record's point in the cube.
     std::uint64_t code(const uchar *record) const
     {
+        bool outside = false;
+        return code(record, outside);
+    }
+    //! The code, and whether the point lies outside the cube (it is then given the nearest
+    //! cell).
+    std::uint64_t code(const uchar *record, bool &outside) const
+    {
         std::uint64_t c = 0;
         for (int a = 0; a < 3; ++a) {
             const double v = loadAs<qint32>(record + 4 * a, false) * scale[a] + offset[a];
             const double u = (v - (center[a] - halfSize)) / (2 * halfSize);
             const auto cell = std::int64_t(std::floor(u * double(1 << KEY_BITS)));
+            outside = outside || cell < 0 || cell >= (1 << KEY_BITS);
             c |= spread(std::uint64_t(std::clamp<std::int64_t>(cell, 0, (1 << KEY_BITS) - 1))) << a;
         }
         return c;
@@ -171,8 +185,7 @@ struct Requantize
         const qint64 out
             = exact ? v + delta : std::llround((v * inScale + inOffset - outOffset) / outScale);
         if (out < INT32_MIN || out > INT32_MAX)
-            failWith(QStringLiteral("a point lies too far from the others for the output's "
-                                    "records"));
+            throw OutsideTheBox {};
         return qint32(out);
     }
 };
@@ -185,6 +198,8 @@ public:
     //! Gives the records, in blocks, in the output's layout.
     virtual void read(const Layout &layout, const std::function<void(const uchar *, size_t)> &sink)
         = 0;
+    //! Takes the box of the points from the points themselves, not from the header.
+    virtual void measure() { }
 
     QString path;
     quint64 count = 0;
@@ -258,6 +273,26 @@ public:
         }
         if (source.done() != count)
             failWith(QStringLiteral("%1 of %2 points were read").arg(source.done()).arg(count));
+    }
+
+    void measure() override
+    {
+        RecordSource source(m_bytes.bytes(), m_header);
+        bool any = false;
+        for (size_t n = 0;;) {
+            const uchar *records = source.next(n);
+            if (n == 0)
+                break;
+            for (size_t i = 0; i < n; ++i) {
+                const uchar *r = records + i * m_header.recordLength;
+                for (int a = 0; a < 3; ++a) {
+                    const double v = loadAs<qint32>(r + 4 * a, false) * scale[a] + offset[a];
+                    min[a] = any ? std::min(min[a], v) : v;
+                    max[a] = any ? std::max(max[a], v) : v;
+                }
+                any = true;
+            }
+        }
     }
 
 private:
@@ -504,6 +539,12 @@ public:
 
 private:
     void decideLayout(std::vector<std::unique_ptr<Input>> &inputs);
+    //! Tells the user once, however many times the layout is decided.
+    void noteOnce(const QString &text)
+    {
+        if (m_noted.insert(text).second)
+            note(m_loadOptions, text);
+    }
     void distribute(std::vector<std::unique_ptr<Input>> &inputs, Buckets &buckets, int depth);
     //! Builds the subtree of a bucket's records; its own node's points go to the top's.
     void buildBucket(const Key &bucket, std::vector<uchar> &&records);
@@ -548,6 +589,7 @@ private:
     QIODevice *m_out = nullptr;
     qint64 m_start = 0;
     std::set<Key> m_bucketKeys; // the nodes the buckets start from
+    std::set<QString> m_noted;
     std::vector<uchar> m_top; // the records the buckets' own nodes kept, for the levels above
     // What is written, under m_writing.
     quint64 m_evlrStart = 0;
@@ -573,7 +615,11 @@ private:
 
 void Indexer::decideLayout(std::vector<std::unique_ptr<Input>> &inputs)
 {
+    m_layout = Layout {};
     Layout &l = m_layout;
+    m_total = 0;
+    m_vlrs.clear();
+    m_vlrCount = 0;
     bool colours = false, infrared = false, anyLas = false;
     double min[3], max[3];
     for (size_t i = 0; i < inputs.size(); ++i) {
@@ -600,15 +646,13 @@ void Indexer::decideLayout(std::vector<std::unique_ptr<Input>> &inputs)
     l.length = CORE_LENGTH[l.format - 6] + l.extra;
     for (const auto &in : inputs) {
         if (in->extra > 0 && !sameExtra)
-            note(m_loadOptions,
-                 QStringLiteral("'%1': its extra bytes are not kept (the inputs "
-                                "do not all have the same)")
-                     .arg(in->path));
+            noteOnce(QStringLiteral("'%1': its extra bytes are not kept (the inputs "
+                                    "do not all have the same)")
+                         .arg(in->path));
         if (colours && !in->colours)
-            note(m_loadOptions,
-                 QStringLiteral("'%1': without colours: white in the index").arg(in->path));
+            noteOnce(QStringLiteral("'%1': without colours: white in the index").arg(in->path));
         if (in->lasFormat == 4 || in->lasFormat == 5 || in->lasFormat >= 9)
-            note(m_loadOptions, QStringLiteral("'%1': its waveforms are not kept").arg(in->path));
+            noteOnce(QStringLiteral("'%1': its waveforms are not kept").arg(in->path));
     }
     // The cube around every point, the offset on the first input's grid near its centre.
     double side = 0;
@@ -639,10 +683,9 @@ void Indexer::decideLayout(std::vector<std::unique_ptr<Input>> &inputs)
         ++m_vlrCount;
         m_globalEncoding |= 0x10;
     } else if (first.hasGeoKeys) {
-        note(m_loadOptions,
-             QStringLiteral("'%1': its coordinate system (GeoTIFF keys) is not "
-                            "kept: the index takes a WKT one")
-                 .arg(first.path));
+        noteOnce(QStringLiteral("'%1': its coordinate system (GeoTIFF keys) is not "
+                                "kept: the index takes a WKT one")
+                     .arg(first.path));
     }
     if (l.extra > 0) {
         QByteArray vlr(54, '\0');
@@ -670,10 +713,16 @@ void Indexer::distribute(std::vector<std::unique_ptr<Input>> &inputs, Buckets &b
         in->read(m_layout, [&](const uchar *records, size_t n) {
             keys.resize(n);
             const size_t length = size_t(m_layout.length);
+            std::atomic<bool> outside {false};
             inParallel(n, [&](size_t from, size_t to) {
+                bool out = false;
                 for (size_t i = from; i < to; ++i)
-                    keys[i] = keyOf(m_layout.code(records + i * length), depth);
+                    keys[i] = keyOf(m_layout.code(records + i * length, out), depth);
+                if (out)
+                    outside = true;
             });
+            if (outside)
+                throw OutsideTheBox {};
             for (size_t i = 0; i < n; ++i)
                 buckets.add(keys[i], records + i * length);
             done += n;
@@ -1038,25 +1087,47 @@ void Indexer::finish(QIODevice &out)
 void Indexer::run(std::vector<std::unique_ptr<Input>> &inputs, QIODevice &out,
                   const QString &workFolder)
 {
-    decideLayout(inputs);
     m_out = &out;
     m_start = out.pos();
-    writeHead(out); // counts and places patched at the end
-    const qint64 placeholder = -1;
-    if (out.write(reinterpret_cast<const char *>(&placeholder), 8) != 8)
-        failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
-
-    // Buckets a few levels down, so that one of them (of a survey spread over the ground)
-    // fits in half the budget: each point costs its record twice (read, then its node's copy)
-    // and its code. A quarter holds the points waiting in memory for their buckets.
+    std::unique_ptr<Buckets> sorted;
+    for (int attempt = 0; !sorted; ++attempt) {
+        decideLayout(inputs);
+        if (!out.seek(m_start))
+            failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
+        writeHead(out); // counts and places patched at the end
+        const qint64 placeholder = -1;
+        if (out.write(reinterpret_cast<const char *>(&placeholder), 8) != 8)
+            failWith(QStringLiteral("cannot write: %1").arg(out.errorString()));
+        // Buckets a few levels down, so that one of them (of a survey spread over the ground)
+        // fits in half the budget: each point costs its record twice (read, then its node's
+        // copy) and its code. A quarter holds the points waiting in memory for their buckets.
+        const size_t length = size_t(m_layout.length);
+        const quint64 budget = std::max<quint64>(m_options.memoryBudget, 1 << 20);
+        m_maxBucket = size_t(std::max<quint64>(m_leafPoints, budget / 2 / (2 * length + 24)));
+        int depth = 0;
+        while (depth < MAX_DEPTH - 2 && (m_total >> (2 * depth)) > m_maxBucket / 2)
+            ++depth;
+        const QString folder = QDir(workFolder).filePath(QString::number(attempt));
+        if (!QDir().mkpath(folder))
+            failWith(QStringLiteral("cannot make the work folder '%1'").arg(folder));
+        auto buckets = std::make_unique<Buckets>(folder, length, size_t(budget / 4));
+        try {
+            distribute(inputs, *buckets, depth);
+            sorted = std::move(buckets);
+        } catch (const OutsideTheBox &) {
+            if (attempt > 0)
+                failWith(QStringLiteral("the points span too much for records of the finest "
+                                        "scale"));
+            // The headers' boxes do not hold every point: the points say where they lie.
+            buckets.reset();
+            QDir(folder).removeRecursively();
+            m_stage = QObject::tr("Measuring the points of");
+            for (const auto &in : inputs)
+                in->measure();
+        }
+    }
+    Buckets &buckets = *sorted;
     const size_t length = size_t(m_layout.length);
-    const quint64 budget = std::max<quint64>(m_options.memoryBudget, 1 << 20);
-    m_maxBucket = size_t(std::max<quint64>(m_leafPoints, budget / 2 / (2 * length + 24)));
-    int depth = 0;
-    while (depth < MAX_DEPTH - 2 && (m_total >> (2 * depth)) > m_maxBucket / 2)
-        ++depth;
-    Buckets buckets(workFolder, length, size_t(budget / 4));
-    distribute(inputs, buckets, depth);
     startEncoding();
     inputs.clear();
 
