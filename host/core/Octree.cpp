@@ -460,7 +460,7 @@ int Octree::build(const ProgressCallback &progress, unsigned maxThreads)
                 codes[at] = morton3(q[0], q[1], q[2]);
             }
         });
-        hist = {};
+        decltype(hist)().swap(hist); // its memory back, not only emptied
         report(50);
 
         // Pass 3: each coarse cell sorted by (code, index); threads take runs of cells of equal

@@ -129,8 +129,8 @@ void tzPointCloud::setAttributes(std::vector<tzPointAttributes> &&attributes, qu
 
 void tzPointCloud::reset()
 {
-    m_colors = {};
-    m_attributes = {};
+    decltype(m_colors)().swap(m_colors); // its memory back, not only emptied
+    decltype(m_attributes)().swap(m_attributes); // its memory back, not only emptied
     m_attributeKinds = 0;
     tzGenericPointCloud::reset();
 }

@@ -101,7 +101,8 @@ public:
     }
     const tzRgb &getPointColor(unsigned index) const { return m_colors.at(index); }
     const tzRgb *colorData() const { return m_colors.data(); }
-    void unallocateColors() { m_colors = {}; }
+    //! Drops the colours and gives their memory back.
+    void unallocateColors() { decltype(m_colors)().swap(m_colors); }
 
     //! Whether the colours are shown when the cloud is shown by RGB.
     bool colorsShown() const

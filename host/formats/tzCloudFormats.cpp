@@ -136,10 +136,35 @@ std::vector<size_t> coveringOrder(const std::vector<std::pair<double, double>> &
         keys.emplace_back(inCell[morton]++, reversed(morton, 2 * BITS), i);
     }
     std::sort(keys.begin(), keys.end());
+    // The first pieces each as far as can be from those before (a few hundred: the first
+    // pictures), then the others along that curve.
+    constexpr size_t FARTHEST = 256;
+    const size_t n = places.size();
     std::vector<size_t> order;
-    order.reserve(keys.size());
-    for (const auto &key : keys)
-        order.push_back(std::get<2>(key));
+    order.reserve(n);
+    std::vector<char> taken(n, 0);
+    std::vector<double> distance(n, 1e300);
+    const auto at = [&](size_t i, int a) {
+        const double v = a == 0 ? places[i].first : places[i].second;
+        return std::isfinite(v) && max[a] > min[a] ? (v - min[a]) / (max[a] - min[a]) : 0.0;
+    };
+    for (size_t pick = 0; pick < std::min(n, FARTHEST); ++pick) {
+        size_t farthest = 0;
+        for (size_t i = 0; i < n; ++i) {
+            if (!taken[i] && (taken[farthest] || distance[i] > distance[farthest]))
+                farthest = i;
+        }
+        taken[farthest] = 1;
+        order.push_back(farthest);
+        for (size_t i = 0; i < n; ++i) {
+            const double dx = at(i, 0) - at(farthest, 0), dy = at(i, 1) - at(farthest, 1);
+            distance[i] = std::min(distance[i], dx * dx + dy * dy);
+        }
+    }
+    for (const auto &key : keys) {
+        if (!taken[std::get<2>(key)])
+            order.push_back(std::get<2>(key));
+    }
     return order;
 }
 

@@ -48,6 +48,12 @@ constexpr int LAS_CORE[] = {20, 28, 26, 34, 57, 63, 30, 36, 38, 59, 67};
 constexpr int LAS_RGB[] = {-1, -1, 20, 28, -1, 28, -1, 30, 30, -1, 30};
 constexpr int LAS_GPS[] = {-1, 20, -1, 20, 20, 20, 22, 22, 22, 22, 22};
 
+//! Gives a vector's memory back (assigning {} would only empty it and keep its capacity).
+template<typename T> void freeMemory(std::vector<T> &values)
+{
+    std::vector<T>().swap(values);
+}
+
 //! Raised when a point lies outside the box the headers gave (some writers leave it stale):
 //! the inputs are then measured and the indexing starts again.
 struct OutsideTheBox
@@ -493,7 +499,7 @@ private:
                 failWith(QStringLiteral("cannot write '%1' (%2)").arg(name, file.errorString()));
             b.onDisk += size / m_length;
             m_held -= b.held.capacity();
-            b.held = {};
+            freeMemory(b.held);
         }
     }
 
@@ -802,8 +808,8 @@ void Indexer::buildBucket(const Key &bucket, std::vector<uchar> &&records)
     sortInParallel(items);
     std::vector<NodeJob> jobs;
     build(records, items.data(), items.data() + n, bucket, bucket, false, jobs);
-    items = {};
-    records = {};
+    freeMemory(items);
+    freeMemory(records);
     encode(std::move(jobs));
 }
 
@@ -832,7 +838,7 @@ void Indexer::writeNode(tzLaz::ChunkEncoder &encoder, std::vector<uchar> &encode
         gpsMin = i == 0 ? t : std::min(gpsMin, t);
         gpsMax = i == 0 ? t : std::max(gpsMax, t);
     }
-    job.records = {};
+    freeMemory(job.records);
     std::lock_guard<std::mutex> lock(m_writing);
     const qint64 at = m_out->pos() - m_start;
     if (m_out->write(reinterpret_cast<const char *>(encoded.data()), qint64(encoded.size()))
@@ -1145,7 +1151,7 @@ void Indexer::run(std::vector<std::unique_ptr<Input>> &inputs, QIODevice &out,
             for (size_t i = 0; i < records.size(); i += length)
                 buckets.add(keyOf(m_layout.code(records.data() + i), key.depth + 1),
                             records.data() + i);
-            records = {};
+            freeMemory(records);
             for (int c = 7; c >= 0; --c) {
                 if (buckets.all().count(key.child(c)))
                     waiting.push_back(key.child(c));

@@ -274,7 +274,7 @@ private:
             m_attributes[i].intensity
                 = asTheyAre ? quint16(v) : quint16(std::lround((double(v) - low) * scale));
         }
-        m_rawIntensities = {};
+        decltype(m_rawIntensities)().swap(m_rawIntensities); // its memory back, not only emptied
     }
 
     //! Forgets the attributes whose values are all zero (fields a writer left empty): nothing
@@ -283,7 +283,7 @@ private:
     {
         if (m_attributeKinds == 0 || m_attributes.empty()) {
             m_attributeKinds = 0;
-            m_attributes = {};
+            decltype(m_attributes)().swap(m_attributes); // its memory back, not only emptied
             return;
         }
         // Returns that are all "1 of 1" (a writer's default) tell nothing either.
@@ -301,7 +301,7 @@ private:
         if (!returns)
             m_attributeKinds &= ~quint8(tzPointDisplay::RETURNS);
         if (m_attributeKinds == 0)
-            m_attributes = {};
+            decltype(m_attributes)().swap(m_attributes); // its memory back, not only emptied
     }
 
     const LoadOptions &m_options;
