@@ -535,9 +535,7 @@ public:
         : m_options(options)
         , m_leafPoints(std::max<size_t>(1, options.leafPoints))
     {
-        m_loadOptions.progress = [this](int percent) {
-            return !m_options.progress || m_options.progress(percent, m_stage);
-        };
+        m_loadOptions.note = options.note;
     }
 
     void run(std::vector<std::unique_ptr<Input>> &inputs, QIODevice &out,

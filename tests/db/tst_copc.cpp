@@ -496,6 +496,9 @@ void TestCopc::commandLine()
     const QString said = QString::fromUtf8(tessaro.readAllStandardError());
     QVERIFY2(tessaro.exitCode() == 0, qPrintable(said));
     QVERIFY2(said.contains(QLatin1String("100 %")), qPrintable(said));
+    // What was not kept is said on the console.
+    QVERIFY2(said.contains(QLatin1String("tessaro --index: '%1': without colours").arg(b)),
+             qPrintable(said));
     tessaro.start(QStringLiteral(TESSARO_BIN), {QStringLiteral("--info"), out});
     QVERIFY(tessaro.waitForFinished(60000));
     const QString info = QString::fromUtf8(tessaro.readAllStandardOutput());
