@@ -467,7 +467,8 @@ public:
             QFile::remove(name);
             at = size_t(size);
         }
-        std::memcpy(records.data() + at, b.held.data(), b.held.size());
+        if (!b.held.empty()) // (written out whole, it holds nothing)
+            std::memcpy(records.data() + at, b.held.data(), b.held.size());
         m_held -= b.held.capacity();
         m_buckets.erase(key);
         m_last = nullptr;
