@@ -352,10 +352,17 @@ private:
 class CloudInput : public Input
 {
 public:
-    bool open(const QString &file, QString &errorText)
+    //! Reads the cloud, telling the progress (which may cancel: the error then says so).
+    bool open(const QString &file, QString &errorText, const IndexOptions &options)
     {
         path = file;
-        m_cloud.reset(tzCloudFile::load(file, errorText));
+        tzCloudFile::LoadOptions reading;
+        reading.note = options.note;
+        const QString stage = QObject::tr("Reading %1 for").arg(QFileInfo(file).fileName());
+        reading.progress = [&options, stage](int percent) {
+            return !options.progress || options.progress(percent, stage);
+        };
+        m_cloud.reset(tzCloudFile::load(file, errorText, reading));
         if (!m_cloud)
             return false;
         count = m_cloud->size();
@@ -1205,7 +1212,7 @@ bool index(const QStringList &inputs, const QString &outPath, QString &errorText
             opened.push_back(std::move(input));
         } else {
             auto input = std::make_unique<CloudInput>();
-            if (!input->open(path, errorText))
+            if (!input->open(path, errorText, options))
                 return false;
             opened.push_back(std::move(input));
         }

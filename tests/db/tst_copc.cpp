@@ -16,6 +16,7 @@
 #include <cstring>
 #include <random>
 #include <set>
+#include <tuple>
 
 namespace {
 
@@ -269,6 +270,7 @@ private slots:
     void peerReaderFindsOurNodes();
     void failuresAndCancelLeaveNothing();
     void commandLine();
+    void cloudOfAnotherFormatJoins();
 };
 
 void TestCopc::indexHoldsEveryPointOnceInItsNode_data()
@@ -520,6 +522,61 @@ void TestCopc::commandLine()
     QVERIFY(tessaro.waitForFinished(60000));
     QCOMPARE(tessaro.exitCode(), 2);
     QVERIFY(QString::fromUtf8(tessaro.readAllStandardError()).contains(QLatin1String("lots")));
+}
+
+void TestCopc::cloudOfAnotherFormatJoins()
+{
+    // A coloured PLY in the national grid beside a LAS without colours.
+    QTemporaryDir dir;
+    std::vector<TZVector3> points;
+    std::vector<tzRgb> colours;
+    for (int i = 0; i < 3000; ++i) {
+        points.push_back({float(i % 60) * 0.25f, float(i / 60) * 0.25f, float(i % 7) * 0.1f});
+        colours.push_back({quint8(i % 256), quint8(i / 60), 7});
+    }
+    tzPointCloud cloud;
+    cloud.setPoints(std::move(points));
+    cloud.setColors(std::move(colours));
+    cloud.setGlobalShift({-650010.0, -6860010.0, 0.0});
+    const QString ply = dir.filePath(QStringLiteral("tile.ply"));
+    QString error;
+    QVERIFY2(tzCloudFile::save(cloud, ply, error), qPrintable(error));
+    std::vector<Fields> expected;
+    const QString las = dir.filePath(QStringLiteral("plain.las"));
+    QVERIFY(write(las, surveyLas(0, 2000, 3, 650000.0, 0, expected)));
+    const QString out = dir.filePath(QStringLiteral("both.copc.laz"));
+    QStringList stages;
+    tzCopc::IndexOptions options;
+    options.progress = [&](int, const QString &stage) {
+        if (!stages.contains(stage))
+            stages << stage;
+        return true;
+    };
+    QVERIFY2(tzCopc::index({ply, las}, out, error, options), qPrintable(error));
+    QVERIFY2(stages.first().startsWith(QLatin1String("Reading tile.ply")),
+             qPrintable(stages.join(QLatin1String(", "))));
+    tzCopc::File copc;
+    QVERIFY2(copc.open(out, error), qPrintable(error));
+    QCOMPARE(copc.pointFormat(), 7);
+    QCOMPARE(copc.pointCount(), quint64(5000));
+    std::vector<tzCopc::Entry> nodes;
+    QVERIFY2(copc.readHierarchy(nodes, error), qPrintable(error));
+    // Each of the PLY's points, at its millimetre, in its colour.
+    std::set<std::tuple<qint64, qint64, qint64, int, int>> found;
+    std::vector<tzCopc::Point> read;
+    for (const tzCopc::Entry &node : nodes) {
+        QVERIFY2(copc.readPoints(node, read, error), qPrintable(error));
+        for (const tzCopc::Point &p : read) {
+            found.insert({std::llround(p.x * 1000), std::llround(p.y * 1000),
+                          std::llround(p.z * 1000), p.red, p.blue});
+        }
+    }
+    for (unsigned i = 0; i < cloud.size(); ++i) {
+        const TZVector3d g = cloud.toGlobal3d(*cloud.getPoint(i));
+        const tzRgb &c = cloud.getPointColor(i);
+        QVERIFY(found.count({std::llround(g.x * 1000), std::llround(g.y * 1000),
+                             std::llround(g.z * 1000), c.r * 257, c.b * 257}));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestCopc)
