@@ -1,8 +1,10 @@
 #include "tzFileLoader.h"
 
 #include "tzCloudFile.h"
+#include "tzCopc.h"
 #include "tzPointCloud.h"
 #include "tzSceneFile.h"
+#include "tzStreamedCloud.h"
 
 #include <QFileInfo>
 #include <QThread>
@@ -87,6 +89,8 @@ tzHObject *tzFileLoader::read(QString &error)
     };
     if (isSceneFile(m_path))
         return tzSceneFile::load(m_path, error, readProgress);
+    if (tzCopc::isCopc(m_path))
+        return readStreamed(error);
     tzCloudFile::LoadOptions options;
     options.progress = readProgress;
     options.sceneShift = m_sceneShift;
@@ -125,6 +129,37 @@ tzHObject *tzFileLoader::read(QString &error)
                            QFileInfo(m_path).absoluteFilePath());
     }
     return object;
+}
+
+tzHObject *tzFileLoader::readStreamed(QString &error)
+{
+    // An indexed file: its points are read part by part as the views need them.
+    emit progress(0, tr("Reading"));
+    std::unique_ptr<tzCloudSource> source = tzCopc::openSource(m_path, error);
+    if (!source)
+        return nullptr;
+    double lo[3], hi[3];
+    source->pointBounds(lo, hi);
+    const TZVector3d reference(lo[0], lo[1], lo[2]);
+    TZVector3d shift(0, 0, 0);
+    if (tzCloudFile::needsShift(reference) || tzCloudFile::needsShift({hi[0], hi[1], hi[2]})) {
+        const bool inScene = m_sceneShift && !tzCloudFile::needsShift(reference + *m_sceneShift);
+        shift = inScene ? *m_sceneShift : tzCloudFile::suggestShift(reference);
+        if (m_askShift) {
+            if (!askForShift(shift, inScene))
+                return nullptr;
+        } else {
+            emit shiftTaken(shift, inScene);
+        }
+    }
+    auto cloud = std::make_unique<tzStreamedCloud>(std::move(source),
+                                                   QFileInfo(m_path).completeBaseName());
+    cloud->setGlobalShift(shift);
+    if (!cloud->open(error))
+        return nullptr;
+    cloud->setMetaData(QLatin1String(tzGenericPointCloud::SOURCE_FILE_KEY),
+                       QFileInfo(m_path).absoluteFilePath());
+    return cloud.release();
 }
 
 bool tzFileLoader::index(tzHObject *object, QString &error)

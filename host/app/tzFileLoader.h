@@ -76,6 +76,8 @@ signals:
 private:
     void run();
     tzHObject *read(QString &error);
+    //! Opens an indexed (COPC) file as a streamed cloud.
+    tzHObject *readStreamed(QString &error);
     //! Builds the octree of every cloud under object; false when memory ran out or the load was
     //! cancelled meanwhile.
     bool index(tzHObject *object, QString &error);

@@ -725,20 +725,62 @@ void Octree::query(const Shape &shape, unsigned char level, NeighboursSet &out) 
     flush();
 }
 
+namespace {
+
+// A shape's test, for octrees that answer over points held elsewhere.
+template<typename Shape> class QueryOf final : public Octree::Query
+{
+public:
+    explicit QueryOf(const Shape &shape)
+        : m_shape(shape)
+    {
+    }
+    bool meets(const double (&min)[3], const double (&max)[3]) const override
+    {
+        for (int d = 0; d < 3; ++d) {
+            if (max[d] < m_shape.bmin[d] || min[d] > m_shape.bmax[d])
+                return false;
+        }
+        return m_shape.intersects(min, max);
+    }
+    void scan(const TZVector3 *points, unsigned count, unsigned firstIndex,
+              Octree::NeighboursSet &out) const override
+    {
+        for (unsigned i = 0; i < count; ++i) {
+            double d2;
+            if (m_shape.test(points[i], d2))
+                out.push_back({points + i, firstIndex + i, d2});
+        }
+    }
+
+private:
+    const Shape &m_shape;
+};
+
+} // namespace
+
+Octree::~Octree() = default;
+
 int Octree::getPointsInSphericalNeighbourhood(const TZVector3 &centre, PointCoordinateType radius,
                                               NeighboursSet &neighbours, unsigned char level) const
 {
     const std::size_t before = neighbours.size();
-    if (radius >= 0)
-        query(SphereShape(centre, radius), level, neighbours);
+    if (radius >= 0) {
+        const SphereShape shape(centre, radius);
+        if (!answerElsewhere(QueryOf<SphereShape>(shape), neighbours))
+            query(shape, level, neighbours);
+    }
     return static_cast<int>(neighbours.size() - before);
 }
 
 std::size_t Octree::getPointsInCylindricalNeighbourhood(CylindricalNeighbourhood &params) const
 {
     params.neighbours.clear();
-    if (params.radius >= 0 && params.maxHalfLength >= 0)
-        query(CylinderShape(params), params.level, params.neighbours);
+    if (params.radius >= 0 && params.maxHalfLength >= 0) {
+        const CylinderShape shape(params);
+        if (!answerElsewhere(QueryOf<CylinderShape>(shape), params.neighbours))
+            query(shape, params.level, params.neighbours);
+    }
     return params.neighbours.size();
 }
 

@@ -65,6 +65,9 @@ public:
     static constexpr unsigned char MAX_LEVEL = 20;
 
     explicit Octree(const PointCloud *cloud);
+    virtual ~Octree();
+    Octree(const Octree &) = delete;
+    Octree &operator=(const Octree &) = delete;
 
     //! Builds the octree over the cloud's current points; returns the number of points indexed,
     //! or -1 when memory runs out (the octree is then empty). Large clouds are built on up to
@@ -73,7 +76,7 @@ public:
     void clear();
 
     const PointCloud *associatedCloud() const { return m_cloud; }
-    unsigned pointCount() const { return static_cast<unsigned>(m_perm.size()); }
+    virtual unsigned pointCount() const { return static_cast<unsigned>(m_perm.size()); }
     //! The deepest level that holds separate cells (the leaves).
     unsigned char leafLevel() const
     {
@@ -102,6 +105,34 @@ public:
     //! Points in the cylinder of params, written to params.neighbours (cleared first).
     std::size_t getPointsInCylindricalNeighbourhood(CylindricalNeighbourhood &params) const;
 
+    //! A query's exact test, for octrees whose points are held elsewhere (a cloud read part by
+    //! part): whether a box may hold a point that passes, and which points of a run pass.
+    class Query
+    {
+    public:
+        virtual ~Query() = default;
+        virtual bool meets(const double (&min)[3], const double (&max)[3]) const = 0;
+        //! Appends the points of [points, points + count) that pass, numbered from firstIndex.
+        virtual void scan(const TZVector3 *points, unsigned count, unsigned firstIndex,
+                          NeighboursSet &out) const = 0;
+    };
+
+protected:
+    //! Octrees whose points are held elsewhere answer the queries here (true); the others
+    //! search their own cells.
+    virtual bool answerElsewhere(const Query &query, NeighboursSet &out) const
+    {
+        (void)query;
+        (void)out;
+        return false;
+    }
+
+    double m_min[3] = {0, 0, 0};
+    double m_max[3] = {0, 0, 0}; // the cloud's bounding box is [m_min, m_max]
+    double m_cubeSize = 0;
+    unsigned m_coarseLevel = 0; // level of the dense directory
+    unsigned m_leafRel = 0; // leaf level, counted from the coarse level (0..SUFFIX_LEVELS)
+
 private:
     struct Box
     {
@@ -128,11 +159,6 @@ private:
     }
 
     const PointCloud *m_cloud = nullptr;
-    double m_min[3] = {0, 0, 0};
-    double m_max[3] = {0, 0, 0}; // the cloud's bounding box is [m_min, m_max]
-    double m_cubeSize = 0;
-    unsigned m_coarseLevel = 0; // level of the dense directory
-    unsigned m_leafRel = 0; // leaf level, counted from the coarse level (0..SUFFIX_LEVELS)
     std::vector<uint32_t, BulkAllocator<uint32_t>>
         m_perm; // point indices sorted by leaf cell, then index
     struct Leaf

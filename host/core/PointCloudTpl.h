@@ -8,6 +8,9 @@
 namespace TZLib {
 
 //! A plain set of 3D points, kept in insertion order. Indices are stable until reset().
+//!
+//! A cloud may hold its points elsewhere (read part by part from a file): it then answers size(),
+//! getPoint() and getBoundingBox() itself, and data() covers none of them.
 template<typename PointT = TZVector3> class PointCloudTpl
 {
 public:
@@ -15,7 +18,7 @@ public:
 
     virtual ~PointCloudTpl() = default;
 
-    unsigned size() const { return static_cast<unsigned>(m_points.size()); }
+    virtual unsigned size() const { return static_cast<unsigned>(m_points.size()); }
     bool empty() const { return m_points.empty(); }
 
     //! Reserves room for n points; false when memory runs out.
@@ -41,17 +44,17 @@ public:
         onPointsChanged();
     }
     //! Pointer to the i-th point; null when out of range.
-    const PointT *getPoint(unsigned i) const
+    virtual const PointT *getPoint(unsigned i) const
     {
         return i < m_points.size() ? &m_points[i] : nullptr;
     }
-    PointT *getPoint(unsigned i) { return i < m_points.size() ? &m_points[i] : nullptr; }
+    virtual PointT *getPoint(unsigned i) { return i < m_points.size() ? &m_points[i] : nullptr; }
     //! Unchecked access for the hot paths (the caller checks the index).
     const PointT &point(unsigned i) const { return m_points[i]; }
     const PointT *data() const { return m_points.data(); }
 
     //! Axis-aligned bounding box; false for an empty cloud.
-    bool getBoundingBox(PointT &bbMin, PointT &bbMax) const
+    virtual bool getBoundingBox(PointT &bbMin, PointT &bbMax) const
     {
         if (m_points.empty())
             return false;

@@ -51,7 +51,7 @@ bool tzGenericPointCloud::toFile_MeOnly(QIODevice &out) const
     if (!tzHObject::toFile_MeOnly(out))
         return false;
     static_assert(sizeof(TZVector3) == 3 * sizeof(float), "points are written as packed floats");
-    const bool ok = write<quint32>(out, size())
+    const bool ok = write<quint32>(out, quint32(m_points.size()))
         && writeBytes(out, m_points.data(), qint64(m_points.size() * sizeof(TZVector3)))
         && write(out, m_globalShift.x) && write(out, m_globalShift.y) && write(out, m_globalShift.z)
         && write(out, m_globalScale) && write<quint8>(out, m_pointSize);
@@ -188,14 +188,19 @@ bool tzPointCloud::setColourMode(ColourMode mode)
 
 void tzPointCloud::updateStatistics() const
 {
-    Statistics &s = m_statistics;
-    if (s.version == m_contentVersion)
+    if (m_statistics.version == m_contentVersion)
         return;
-    s = Statistics {};
-    s.version = m_contentVersion;
-    const size_t n = m_points.size();
+    m_statistics = statisticsOf(m_points.data(), m_attributes.data(), m_points.size());
+    m_statistics.version = m_contentVersion;
+}
+
+tzPointCloud::Statistics tzPointCloud::statisticsOf(const TZVector3 *points,
+                                                    const tzPointAttributes *attributes,
+                                                    size_t n) const
+{
+    Statistics s;
     if (n == 0)
-        return;
+        return s;
     // The percentiles from a sample of at most a million points, spread over the cloud (a
     // survey's points come in scan order); exact for smaller clouds.
     const size_t stride = std::max<size_t>(1, n / 1000000);
@@ -208,20 +213,21 @@ void tzPointCloud::updateStatistics() const
     std::vector<float> sample;
     sample.reserve(n / stride + 1);
     for (size_t i = 0; i < n; i += stride)
-        sample.push_back(m_points[i].z);
+        sample.push_back(points[i].z);
     s.zLow = percentile(sample, 0.02);
     s.zHigh = percentile(sample, 0.98);
     if (hasAttribute(tzPointDisplay::INTENSITY)) {
         sample.clear();
         for (size_t i = 0; i < n; i += stride)
-            sample.push_back(float(m_attributes[i].intensity));
+            sample.push_back(float(attributes[i].intensity));
         s.intensityLow = quint16(percentile(sample, 0.02));
         s.intensityHigh = quint16(percentile(sample, 0.98));
     }
     if (hasAttribute(tzPointDisplay::CLASSIFICATION)) {
-        for (const tzPointAttributes &a : m_attributes)
-            ++s.classCounts[a.classification];
+        for (size_t i = 0; i < n; ++i)
+            ++s.classCounts[attributes[i].classification];
     }
+    return s;
 }
 
 void tzPointCloud::elevationRange(double &low, double &high) const
@@ -287,8 +293,8 @@ bool tzPointCloud::toFile_MeOnly(QIODevice &out) const
     if (!tzGenericPointCloud::toFile_MeOnly(out))
         return false;
     static_assert(sizeof(tzRgb) == 3, "colours are written as packed bytes");
-    bool ok = write<quint8>(out, hasColors())
-        && (!hasColors() || writeBytes(out, m_colors.data(), qint64(m_colors.size() * 3)))
+    bool ok = write<quint8>(out, !m_colors.empty())
+        && (m_colors.empty() || writeBytes(out, m_colors.data(), qint64(m_colors.size() * 3)))
         && write<quint8>(out, m_colorsShown) && write<quint8>(out, m_sfShown);
     if (writtenVersion() < 22)
         return ok || fail(WriteError);

@@ -55,7 +55,7 @@ public:
     //! The octree, or null before computeOctree.
     TZLib::Octree *getOctree() const { return m_octree.get(); }
     //! Builds the octree over the current points; null when memory runs out.
-    TZLib::Octree *computeOctree(const TZLib::Octree::ProgressCallback &progress = {});
+    virtual TZLib::Octree *computeOctree(const TZLib::Octree::ProgressCallback &progress = {});
     void deleteOctree() { m_octree.reset(); }
 
     //! Grows whenever the points or their colours change (views reload their buffers).
@@ -90,7 +90,7 @@ public:
 
     explicit tzPointCloud(const QString &name = QString());
 
-    bool hasColors() const { return !m_colors.empty(); }
+    virtual bool hasColors() const { return !m_colors.empty(); }
     //! Gives every point a colour (white); false when memory runs out.
     bool resizeColors();
     void setColors(std::vector<tzRgb> &&colors);
@@ -99,7 +99,7 @@ public:
         m_colors.at(index) = color;
         ++m_contentVersion;
     }
-    const tzRgb &getPointColor(unsigned index) const { return m_colors.at(index); }
+    virtual const tzRgb &getPointColor(unsigned index) const { return m_colors.at(index); }
     const tzRgb *colorData() const { return m_colors.data(); }
     //! Drops the colours and gives their memory back.
     void unallocateColors() { decltype(m_colors)().swap(m_colors); }
@@ -159,7 +159,7 @@ public:
         return m_hiddenClasses.any() && hasAttribute(tzPointDisplay::CLASSIFICATION);
     }
     //! Whether a point is drawn (its class is not hidden).
-    bool isPointShown(unsigned index) const;
+    virtual bool isPointShown(unsigned index) const;
     //! How many points each class has (all zero without classification).
     const std::array<quint32, 256> &classCounts() const;
     //! Grows whenever how the points are coloured changes (the views redraw, their buffers of
@@ -173,7 +173,7 @@ protected:
     bool toFile_MeOnly(QIODevice &out) const override;
     bool fromFile_MeOnly(QIODevice &in, short dataVersion, LoadedIDMap &oldToNew) override;
     //! The percentiles and class counts, computed once per content.
-    void updateStatistics() const;
+    virtual void updateStatistics() const;
 
     std::vector<tzRgb> m_colors;
     std::vector<tzPointAttributes> m_attributes;
@@ -195,4 +195,7 @@ protected:
         std::array<quint32, 256> classCounts {};
     };
     mutable Statistics m_statistics;
+    //! The statistics of n points (and their attributes, when the cloud has some).
+    Statistics statisticsOf(const TZVector3 *points, const tzPointAttributes *attributes,
+                            size_t n) const;
 };

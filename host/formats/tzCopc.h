@@ -21,6 +21,8 @@
 #include <memory>
 #include <vector>
 
+class tzCloudSource;
+
 namespace tzCopc {
 
 //! A node of the octree: its depth (0: the root cube) and its place among the 2^depth cubes
@@ -123,6 +125,9 @@ public:
                      QString &errorText) const;
     //! Decodes a node's points.
     bool readPoints(const Entry &node, std::vector<Point> &points, QString &errorText) const;
+    //! The index in the file of the first point of the node whose chunk starts at offset (the
+    //! points counted chunk after chunk); false when no chunk starts there.
+    bool firstPointAt(std::uint64_t offset, std::uint64_t &first) const;
     //! A record's point (records of this file's format).
     Point pointOf(const std::uint8_t *record) const;
 
@@ -130,6 +135,13 @@ private:
     struct Impl;
     std::unique_ptr<Impl> d;
 };
+
+//! Opens a COPC file as the source of a streamed cloud (tzStreamedCloud); null, with errorText
+//! naming the file and the problem, when it cannot be read.
+QTZ_FORMATS_LIB_API std::unique_ptr<tzCloudSource> openSource(const QString &path,
+                                                              QString &errorText);
+//! Whether a file is a COPC file (a LAZ whose first VLR is the COPC info).
+QTZ_FORMATS_LIB_API bool isCopc(const QString &path);
 
 //! How an index is built.
 struct IndexOptions

@@ -3,7 +3,11 @@
 #include "tzCopc.h"
 
 #include "tzLasFile_p.h"
+#include "tzStreamedCloud.h"
 
+#include <QFile>
+
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -28,6 +32,7 @@ struct File::Impl
     LasHeader header;
     tzLaz::Description description;
     Info info;
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> firstPoints; // chunk offset, first point
 
     const Bytes &in() const { return bytes.bytes(); }
     QString problem(const QString &reason) const
@@ -82,10 +87,46 @@ bool File::open(const QString &path, QString &errorText)
                                     "header says %2")
                          .arg(d->description.recordLength())
                          .arg(h.recordLength));
+        // Where each node's points come in the file: the chunk table's counts, added up; without
+        // a table, every node's entry.
+        std::vector<tzLaz::Chunk> chunks;
+        std::string error;
+        std::uint64_t first = 0;
+        if (tzLaz::readChunkTable(d->in().data, d->in().size, h.dataOffset, h.count, d->description,
+                                  chunks, error)) {
+            for (const tzLaz::Chunk &c : chunks) {
+                d->firstPoints.push_back({c.offset, first});
+                first += c.points;
+            }
+        } else {
+            std::vector<Entry> nodes;
+            if (!readHierarchy(nodes, errorText))
+                return false;
+            std::sort(nodes.begin(), nodes.end(),
+                      [](const Entry &a, const Entry &b) { return a.offset < b.offset; });
+            for (const Entry &n : nodes) {
+                if (n.pointCount > 0) {
+                    d->firstPoints.push_back({n.offset, first});
+                    first += std::uint64_t(n.pointCount);
+                }
+            }
+        }
     } catch (const ReadFailure &failure) {
         errorText = d->problem(failure.reason);
         return false;
     }
+    return true;
+}
+
+bool File::firstPointAt(std::uint64_t offset, std::uint64_t &first) const
+{
+    const auto &table = d->firstPoints;
+    const auto it = std::lower_bound(table.begin(), table.end(), offset,
+                                     [](const std::pair<std::uint64_t, std::uint64_t> &e,
+                                        std::uint64_t o) { return e.first < o; });
+    if (it == table.end() || it->first != offset)
+        return false;
+    first = it->second;
     return true;
 }
 
@@ -270,6 +311,175 @@ bool File::readPoints(const Entry &node, std::vector<Point> &points, QString &er
     for (size_t i = 0; i < points.size(); ++i)
         points[i] = pointOf(records.data() + i * length);
     return true;
+}
+
+namespace {
+
+// A COPC file as the source of a streamed cloud.
+class Source final : public tzCloudSource
+{
+public:
+    bool open(const QString &path, QString &errorText)
+    {
+        if (!m_file.open(path, errorText))
+            return false;
+        m_colours = m_file.pointFormat() >= 7;
+        if (m_colours) {
+            // The root's colours tell whether the file's are 16-bit or 8-bit values.
+            std::vector<Entry> entries;
+            const Info &i = m_file.info();
+            if (!m_file.readPage(i.rootPageOffset, i.rootPageSize, entries, errorText))
+                return false;
+            for (const Entry &e : entries) {
+                if (e.key == Key {} && !e.isPage()) {
+                    std::vector<std::uint8_t> records;
+                    if (!m_file.readRecords(e, records, errorText))
+                        return false;
+                    const size_t length = size_t(m_file.recordLength());
+                    for (size_t at = 0; at + length <= records.size() && !m_sixteenBits;
+                         at += length) {
+                        for (int k = 0; k < 3; ++k)
+                            m_sixteenBits
+                                |= loadAs<quint16>(records.data() + at + 30 + 2 * k, false) > 255;
+                    }
+                }
+            }
+        }
+        return true;
+    }
+
+    QString path() const override { return m_file.path(); }
+    std::uint64_t pointCount() const override { return m_file.pointCount(); }
+    void cube(double (&centre)[3], double &halfSize, double &spacing) const override
+    {
+        const Info &i = m_file.info();
+        for (int a = 0; a < 3; ++a)
+            centre[a] = i.center[a];
+        halfSize = i.halfSize;
+        spacing = i.spacing > 0 ? i.spacing : 2 * i.halfSize / 128;
+    }
+    void pointBounds(double (&min)[3], double (&max)[3]) const override
+    {
+        m_file.pointBounds(min, max);
+    }
+    bool hasColours() const override { return m_colours; }
+    quint8 attributeKinds() const override
+    {
+        return tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION | tzPointDisplay::RETURNS;
+    }
+    Node rootPage() const override
+    {
+        Node page;
+        page.pointCount = -1;
+        page.offset = m_file.info().rootPageOffset;
+        page.byteSize = m_file.info().rootPageSize;
+        return page;
+    }
+    bool readPage(const Node &page, std::vector<Node> &entries, QString &error) const override
+    {
+        std::vector<Entry> read;
+        if (!m_file.readPage(page.offset, page.byteSize, read, error))
+            return false;
+        entries.clear();
+        entries.reserve(read.size());
+        for (const Entry &e : read) {
+            Node n;
+            n.depth = e.key.depth;
+            n.x = e.key.x;
+            n.y = e.key.y;
+            n.z = e.key.z;
+            n.pointCount = e.isPage() ? -1 : e.pointCount;
+            n.offset = e.offset;
+            n.byteSize = std::uint64_t(std::max(0, e.byteSize));
+            if (n.pointCount > 0 && !m_file.firstPointAt(e.offset, n.firstPoint)) {
+                error = QStringLiteral("'%1': node %2-%3-%4-%5 lies at byte %6, where no chunk "
+                                       "of the chunk table starts")
+                            .arg(m_file.path())
+                            .arg(n.depth)
+                            .arg(n.x)
+                            .arg(n.y)
+                            .arg(n.z)
+                            .arg(n.offset);
+                return false;
+            }
+            entries.push_back(n);
+        }
+        return true;
+    }
+    bool readNode(const Node &node, const TZVector3d &shift, double scale, Points &out,
+                  QString &error) const override
+    {
+        Entry e;
+        e.key = {node.depth, node.x, node.y, node.z};
+        e.offset = node.offset;
+        e.byteSize = std::int32_t(node.byteSize);
+        e.pointCount = node.pointCount;
+        std::vector<std::uint8_t> records;
+        if (!m_file.readRecords(e, records, error))
+            return false;
+        const size_t length = size_t(m_file.recordLength());
+        const size_t n = records.size() / length;
+        const double(&s)[3] = m_file.scale();
+        const double(&o)[3] = m_file.offset();
+        try {
+            out.points.resize(n);
+            out.attributes.resize(n);
+            out.colours.resize(m_colours ? n : 0);
+        } catch (const std::bad_alloc &) {
+            error
+                = QStringLiteral("'%1': not enough memory for %2 points").arg(m_file.path()).arg(n);
+            return false;
+        }
+        const int down = m_sixteenBits ? 8 : 0;
+        for (size_t i = 0; i < n; ++i) {
+            const std::uint8_t *r = records.data() + i * length;
+            for (int a = 0; a < 3; ++a) {
+                const double g = loadAs<qint32>(r + 4 * a, false) * s[a] + o[a];
+                out.points[i][a] = float((g + shift[a]) * scale);
+            }
+            tzPointAttributes &at = out.attributes[i];
+            at.intensity = loadAs<quint16>(r + 12, false);
+            at.returns = r[14];
+            at.classification = r[16];
+            if (m_colours) {
+                out.colours[i] = {quint8(loadAs<quint16>(r + 30, false) >> down),
+                                  quint8(loadAs<quint16>(r + 32, false) >> down),
+                                  quint8(loadAs<quint16>(r + 34, false) >> down)};
+            }
+        }
+        return true;
+    }
+
+private:
+    File m_file;
+    bool m_colours = false;
+    bool m_sixteenBits = false;
+};
+
+} // namespace
+
+std::unique_ptr<tzCloudSource> openSource(const QString &path, QString &errorText)
+{
+    auto source = std::make_unique<Source>();
+    if (!source->open(path, errorText))
+        return nullptr;
+    return source;
+}
+
+bool isCopc(const QString &path)
+{
+    // The COPC info VLR comes first, right after the header.
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray head = file.read(4096);
+    if (head.size() < 375 + 54 || !head.startsWith("LASF"))
+        return false;
+    const auto headerSize = quint16(quint8(head[94]) | (quint8(head[95]) << 8));
+    if (head.size() < headerSize + 54)
+        return false;
+    const char *vlr = head.constData() + headerSize;
+    return std::memcmp(vlr + 2, "copc", 5) == 0 && quint8(vlr[18]) == 1 && vlr[19] == 0;
 }
 
 } // namespace tzCopc

@@ -2,6 +2,7 @@
 
 #include "tzLog.h"
 #include "tzPointCloud.h"
+#include "tzStreamedCloud.h"
 
 #include <QOpenGLFunctions_2_1>
 #include <QOpenGLShaderProgram>
@@ -189,6 +190,11 @@ bool tzCloudBuffers::write(Buffer &buffer, const void *values, int bytesEach, un
 
 bool tzCloudBuffers::prepare(const tzGenericPointCloud &cloud, unsigned &done, unsigned count)
 {
+    if (dynamic_cast<const tzStreamedCloud *>(&cloud)) {
+        // Its nodes are uploaded as the views select them.
+        done = cloud.size();
+        return true;
+    }
     if (!m_programTried)
         makeProgram();
     Entry &entry = m_entries[cloud.getUniqueID()];
@@ -302,6 +308,64 @@ void tzCloudBuffers::setUniforms(const tzPointCloud *cloud, bool round)
     m_program->setUniformValue("classes", 1);
 }
 
+bool tzCloudBuffers::uploadPiece(Entry &entry, const tzStreamedCloud::Piece &piece, int extras)
+{
+    const auto refresh = [&](Buffer &buffer, const void *values, int bytesEach) {
+        if (buffer.version == piece.serial)
+            return true;
+        if (!values || !write(buffer, values, bytesEach, piece.count, 0, piece.count))
+            return false;
+        buffer.version = piece.serial;
+        return true;
+    };
+    entry.count = piece.count;
+    return refresh(entry.points, piece.points, int(sizeof(TZVector3)))
+        && (!(extras & COLOURS) || refresh(entry.colours, piece.colours, int(sizeof(tzRgb))))
+        && (!(extras & ATTRIBUTES)
+            || refresh(entry.attributes, piece.attributes, int(sizeof(tzPointAttributes))));
+}
+
+std::vector<tzCloudBuffers::Entry *>
+tzCloudBuffers::streamedEntries(const tzStreamedCloud &cloud, tzDrawContext &context, int extras)
+{
+    QOpenGLFunctions_2_1 *gl = context.glFunctions;
+    // The nodes the camera needs, chosen with the matrices the pass draws with.
+    float modelView[16], projection[16];
+    gl->glGetFloatv(GL_MODELVIEW_MATRIX, modelView);
+    gl->glGetFloatv(GL_PROJECTION_MATRIX, projection);
+    tzStreamedCloud::View view;
+    for (int c = 0; c < 4; ++c) {
+        for (int r = 0; r < 4; ++r) {
+            float v = 0;
+            for (int k = 0; k < 4; ++k)
+                v += projection[4 * k + r] * modelView[4 * c + k];
+            view.modelViewProjection[size_t(4 * c + r)] = v;
+        }
+    }
+    view.width = context.glW;
+    view.height = context.glH;
+    view.pointBudget = context.pointBudget > 0 ? context.pointBudget : m_stillBudget;
+    const std::vector<tzStreamedCloud::Piece> pieces = cloud.selectNodes(view);
+    std::vector<Entry *> entries;
+    entries.reserve(pieces.size());
+    const quint64 cloudKey = quint64(cloud.getUniqueID()) << 40;
+    for (const tzStreamedCloud::Piece &piece : pieces) {
+        if (piece.count == 0)
+            continue;
+        Entry &entry = m_entries[cloudKey ^ piece.serial];
+        entry.used = true;
+        entry.pinned = false;
+        if (!uploadPiece(entry, piece, extras)) {
+            tzLog::Warning(QStringLiteral("[tzGLWindow] Could not make the GPU buffers of cloud "
+                                          "'%1'")
+                               .arg(cloud.getName()));
+            break;
+        }
+        entries.push_back(&entry);
+    }
+    return entries;
+}
+
 void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &context)
 {
     QOpenGLFunctions_2_1 *gl = context.glFunctions;
@@ -309,23 +373,31 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
         return;
     if (!m_programTried)
         makeProgram();
-    Entry &entry = m_entries[cloud.getUniqueID()];
-    entry.used = true;
-    entry.pinned = false;
     const int extras = extrasOf(cloud);
-    if (!upload(entry, cloud)) {
-        tzLog::Warning(QStringLiteral("[tzGLWindow] Could not make the GPU buffers of cloud '%1'")
-                           .arg(cloud.getName()));
-        return;
+    // A streamed cloud is drawn by the nodes the view needs, a cloud in memory whole.
+    std::vector<Entry *> entries;
+    unsigned stride = 1;
+    if (const auto *streamed = dynamic_cast<const tzStreamedCloud *>(&cloud)) {
+        entries = streamedEntries(*streamed, context, extras);
+    } else {
+        Entry &entry = m_entries[cloud.getUniqueID()];
+        entry.used = true;
+        entry.pinned = false;
+        if (!upload(entry, cloud)) {
+            tzLog::Warning(
+                QStringLiteral("[tzGLWindow] Could not make the GPU buffers of cloud '%1'")
+                    .arg(cloud.getName()));
+            return;
+        }
+        entries.push_back(&entry);
+        // A moving view draws every stride-th point: a sample spread over the whole cloud (the
+        // points are in scan order), drawn from the same buffers.
+        if (context.pointBudget > 0 && entry.count > context.pointBudget)
+            stride = (entry.count + context.pointBudget - 1) / context.pointBudget;
     }
     const auto *coloured = dynamic_cast<const tzPointCloud *>(&cloud);
     const float size = cloud.getPointSize() > 0 ? float(cloud.getPointSize()) : context.pointSize;
     gl->glPointSize(size);
-    // A moving view draws every stride-th point: a sample spread over the whole cloud (the points
-    // are in scan order), drawn from the same buffers.
-    const unsigned stride = context.pointBudget > 0 && entry.count > context.pointBudget
-        ? (entry.count + context.pointBudget - 1) / context.pointBudget
-        : 1;
     // The program only where the fixed pipeline cannot do as well: a colour mode, round points,
     // hidden classes.
     const bool round = size >= 3.f;
@@ -340,31 +412,38 @@ void tzCloudBuffers::drawCloud(const tzGenericPointCloud &cloud, tzDrawContext &
             gl->glEnable(GL_POINT_SPRITE);
     }
     gl->glEnableClientState(GL_VERTEX_ARRAY);
-    entry.points.buffer.bind();
-    gl->glVertexPointer(3, GL_FLOAT, GLsizei(stride * sizeof(TZVector3)), nullptr);
     const bool attributesOn = shaded && (extras & ATTRIBUTES);
+    const bool coloursOn = !cloud.isTempColorEnabled() && (extras & COLOURS);
     if (cloud.isTempColorEnabled()) {
         const QColor &c = cloud.getTempColor();
         gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
-    } else if (extras & COLOURS) {
+    } else if (coloursOn) {
         gl->glEnableClientState(GL_COLOR_ARRAY);
-        entry.colours.buffer.bind();
-        gl->glColorPointer(3, GL_UNSIGNED_BYTE, GLsizei(stride * sizeof(tzRgb)), nullptr);
     } else if (!attributesOn) {
         const QColor &c = context.pointsDefaultColor;
         gl->glColor3ub(GLubyte(c.red()), GLubyte(c.green()), GLubyte(c.blue()));
     }
     if (attributesOn) {
-        entry.attributes.buffer.bind();
-        const GLsizei bytes = GLsizei(stride * sizeof(tzPointAttributes));
         gl->glEnableVertexAttribArray(GLuint(m_intensityLocation));
-        gl->glVertexAttribPointer(GLuint(m_intensityLocation), 1, GL_UNSIGNED_SHORT, GL_TRUE, bytes,
-                                  nullptr);
         gl->glEnableVertexAttribArray(GLuint(m_classLocation));
-        gl->glVertexAttribPointer(GLuint(m_classLocation), 1, GL_UNSIGNED_BYTE, GL_FALSE, bytes,
-                                  reinterpret_cast<const void *>(2));
     }
-    gl->glDrawArrays(GL_POINTS, 0, GLsizei((entry.count + stride - 1) / stride));
+    for (Entry *entry : entries) {
+        entry->points.buffer.bind();
+        gl->glVertexPointer(3, GL_FLOAT, GLsizei(stride * sizeof(TZVector3)), nullptr);
+        if (coloursOn) {
+            entry->colours.buffer.bind();
+            gl->glColorPointer(3, GL_UNSIGNED_BYTE, GLsizei(stride * sizeof(tzRgb)), nullptr);
+        }
+        if (attributesOn) {
+            entry->attributes.buffer.bind();
+            const GLsizei bytes = GLsizei(stride * sizeof(tzPointAttributes));
+            gl->glVertexAttribPointer(GLuint(m_intensityLocation), 1, GL_UNSIGNED_SHORT, GL_TRUE,
+                                      bytes, nullptr);
+            gl->glVertexAttribPointer(GLuint(m_classLocation), 1, GL_UNSIGNED_BYTE, GL_FALSE, bytes,
+                                      reinterpret_cast<const void *>(2));
+        }
+        gl->glDrawArrays(GL_POINTS, 0, GLsizei((entry->count + stride - 1) / stride));
+    }
     if (attributesOn) {
         gl->glDisableVertexAttribArray(GLuint(m_intensityLocation));
         gl->glDisableVertexAttribArray(GLuint(m_classLocation));

@@ -1,11 +1,13 @@
 #pragma once
 
 #include "tzDrawContext.h"
+#include "tzStreamedCloud.h"
 
 #include <QOpenGLBuffer>
 
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 class QOpenGLShaderProgram;
 class QOpenGLTexture;
@@ -39,6 +41,9 @@ public:
     //! Whether the colour modes are drawn (false when the driver has no shaders: colours or
     //! one plain colour then).
     bool modesDrawn() const { return m_program != nullptr; }
+    //! The most points of a streamed cloud drawn in a still view.
+    void setStillBudget(unsigned points) { m_stillBudget = points; }
+    unsigned stillBudget() const { return m_stillBudget; }
 
 private:
     //! What a cloud needs on the GPU besides its points (bits).
@@ -77,10 +82,18 @@ private:
     //! Writes values [from, to) of a buffer of the cloud's size (made on from == 0).
     static bool write(Buffer &buffer, const void *values, int bytesEach, unsigned size,
                       unsigned from, unsigned to);
+    //! Brings a streamed node's buffers up to date; false on a GL failure.
+    static bool uploadPiece(Entry &entry, const tzStreamedCloud::Piece &piece, int extras);
+    //! The buffers of the nodes of a streamed cloud that the pass's camera needs.
+    std::vector<Entry *> streamedEntries(const tzStreamedCloud &cloud, tzDrawContext &context,
+                                         int extras);
     void makeProgram();
     void setUniforms(const tzPointCloud *cloud, bool round);
 
-    std::unordered_map<unsigned, Entry> m_entries; // by the cloud's unique ID
+    // By the cloud's unique ID; a streamed cloud's nodes by the ID in the high bits and the
+    // node's serial in the low ones.
+    std::unordered_map<quint64, Entry> m_entries;
+    unsigned m_stillBudget = 8000000;
     bool m_programTried = false;
     std::unique_ptr<QOpenGLShaderProgram> m_program;
     std::unique_ptr<QOpenGLTexture> m_ramp;

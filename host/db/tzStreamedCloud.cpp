@@ -1,0 +1,784 @@
+#include "tzStreamedCloud.h"
+
+#include "tzDrawContext.h"
+#include "tzLog.h"
+
+#include <QCoreApplication>
+#include <QObject>
+#include <QPointer>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cmath>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <queue>
+#include <thread>
+#include <unordered_map>
+
+namespace {
+
+std::atomic<std::uint64_t> g_defaultBudget {std::uint64_t(4096) << 20};
+
+struct KeyHash
+{
+    size_t operator()(const std::array<std::int32_t, 4> &k) const
+    {
+        std::uint64_t h = std::uint64_t(k[0]) * 0x9E3779B97F4A7C15ull;
+        for (int i = 1; i < 4; ++i)
+            h = (h ^ std::uint64_t(std::uint32_t(k[i]))) * 0xBF58476D1CE4E5B9ull;
+        return size_t(h ^ (h >> 31));
+    }
+};
+
+std::array<std::int32_t, 4> keyOf(const tzCloudSource::Node &n)
+{
+    return {n.depth, n.x, n.y, n.z};
+}
+
+// The bytes a node's points take in memory.
+std::uint64_t bytesOf(const tzCloudSource::Points &p)
+{
+    return p.points.capacity() * sizeof(TZVector3) + p.colours.capacity() * sizeof(tzRgb)
+        + p.attributes.capacity() * sizeof(tzPointAttributes) + 256;
+}
+
+} // namespace
+
+//! The octree of a streamed cloud: its queries read the nodes they meet, down to the deepest.
+class tzStreamedOctree : public TZLib::Octree
+{
+public:
+    explicit tzStreamedOctree(const tzStreamedCloud &cloud);
+    unsigned pointCount() const override { return m_cloud.size(); }
+    //! The deepest level known grows as pages are read.
+    void setDeepest(unsigned depth) { m_coarseLevel = depth; }
+
+protected:
+    bool answerElsewhere(const Query &query, NeighboursSet &out) const override;
+
+private:
+    const tzStreamedCloud &m_cloud;
+};
+
+struct tzStreamedCloud::Impl
+{
+    struct Held
+    {
+        tzCloudSource::Points data;
+        std::uint64_t serial = 0;
+        std::uint64_t bytes = 0;
+    };
+    struct Node
+    {
+        tzCloudSource::Node entry;
+        double min[3] = {0, 0, 0}, max[3] = {0, 0, 0}; // local, a little wider than the cube
+        int children[8] = {-1, -1, -1, -1, -1, -1, -1, -1};
+        std::shared_ptr<Held> held;
+        std::uint64_t lastUsed = 0;
+        bool requested = false; // waiting for or being read by a worker
+    };
+    struct Arrival
+    {
+        int node = -1;
+        bool page = false;
+        std::vector<tzCloudSource::Node> entries; // a page's
+        std::shared_ptr<Held> held; // a node's
+        QString error;
+    };
+
+    tzStreamedCloud &cloud;
+    const tzCloudSource &source;
+    double centre[3] = {0, 0, 0};
+    double halfSize = 0, spacing = 0;
+    double margin = 0;
+
+    // The GUI thread's.
+    std::vector<Node> nodes;
+    std::unordered_map<std::array<std::int32_t, 4>, int, KeyHash> byKey;
+    std::map<std::uint64_t, int> byFirst; // nodes with points, by their first point
+    std::uint64_t frame = 1;
+    std::uint64_t heldBytes = 0;
+    size_t heldNodes = 0;
+    std::uint64_t serials = 0;
+    unsigned deepest = 0;
+    std::uint64_t sampleVersion = 0; // grows when a node of the statistics' sample comes
+    bool errorShown = false;
+
+    // Shared with the workers.
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::condition_variable idle;
+    std::deque<std::pair<int, tzCloudSource::Node>> queue; // most wanted first
+    std::vector<Arrival> arrived;
+    int busy = 0;
+    bool stop = false;
+    bool notifyPending = false;
+    std::vector<std::thread> workers;
+    QObject notifier; // lives in the GUI thread: arrivals are taken in there
+    TZVector3d shift;
+    double scale = 1;
+
+    Impl(tzStreamedCloud &c, const tzCloudSource &s)
+        : cloud(c)
+        , source(s)
+    {
+        // Clouds are read on a loader's thread and shown on the GUI thread.
+        if (QCoreApplication *app = QCoreApplication::instance())
+            notifier.moveToThread(app->thread());
+    }
+
+    ~Impl()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            stop = true;
+            queue.clear();
+        }
+        wake.notify_all();
+        for (std::thread &w : workers)
+            w.join();
+    }
+
+    void startWorkers()
+    {
+        const unsigned hw = std::thread::hardware_concurrency();
+        const unsigned count = std::max(1u, std::min(hw == 0 ? 2u : hw, 8u));
+        for (unsigned i = 0; i < count; ++i)
+            workers.emplace_back([this] { work(); });
+    }
+
+    // Reads what the queue asks for, most wanted first.
+    void work()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;) {
+            wake.wait(lock, [this] { return stop || !queue.empty(); });
+            if (stop)
+                return;
+            const auto [index, entry] = queue.front();
+            queue.pop_front();
+            ++busy;
+            lock.unlock();
+            Arrival a = read(index, entry);
+            lock.lock();
+            --busy;
+            arrived.push_back(std::move(a));
+            if (!notifyPending) {
+                notifyPending = true;
+                QMetaObject::invokeMethod(
+                    &notifier, [this] { cloud.integrateArrivals(); }, Qt::QueuedConnection);
+            }
+            if (busy == 0 && queue.empty())
+                idle.notify_all();
+        }
+    }
+
+    Arrival read(int index, const tzCloudSource::Node &entry) const
+    {
+        Arrival a;
+        a.node = index;
+        a.page = entry.isPage();
+        if (a.page) {
+            source.readPage(entry, a.entries, a.error);
+            return a;
+        }
+        auto held = std::make_shared<Held>();
+        if (source.readNode(entry, shift, scale, held->data, a.error)) {
+            held->bytes = bytesOf(held->data);
+            a.held = std::move(held);
+        }
+        return a;
+    }
+
+    void localBox(const tzCloudSource::Node &e, double (&min)[3], double (&max)[3]) const
+    {
+        const double side = 2 * halfSize / double(std::int64_t(1) << e.depth);
+        const std::int32_t at[3] = {e.x, e.y, e.z};
+        for (int d = 0; d < 3; ++d) {
+            const double lo = centre[d] - halfSize + side * at[d];
+            min[d] = (lo + shift[d]) * scale - margin;
+            max[d] = (lo + side + shift[d]) * scale + margin;
+        }
+    }
+
+    // Adds or completes a node from a page's entry.
+    void insert(const tzCloudSource::Node &e)
+    {
+        const auto key = keyOf(e);
+        auto found = byKey.find(key);
+        int index;
+        if (found != byKey.end()) {
+            index = found->second;
+            Node &n = nodes[size_t(index)];
+            if (!n.entry.isPage())
+                return; // known already
+            n.entry = e;
+        } else {
+            index = int(nodes.size());
+            nodes.emplace_back();
+            Node &n = nodes.back();
+            n.entry = e;
+            localBox(e, n.min, n.max);
+            byKey.emplace(key, index);
+            // Its parent and children among the nodes known.
+            if (e.depth > 0) {
+                const auto parent = byKey.find({e.depth - 1, e.x >> 1, e.y >> 1, e.z >> 1});
+                if (parent != byKey.end())
+                    nodes[size_t(parent->second)]
+                        .children[(e.x & 1) | ((e.y & 1) << 1) | ((e.z & 1) << 2)]
+                        = index;
+            }
+            for (int c = 0; c < 8; ++c) {
+                const auto child = byKey.find(
+                    {e.depth + 1, 2 * e.x + (c & 1), 2 * e.y + ((c >> 1) & 1), 2 * e.z + (c >> 2)});
+                if (child != byKey.end())
+                    nodes[size_t(index)].children[c] = child->second;
+            }
+        }
+        if (!e.isPage() && e.pointCount > 0)
+            byFirst.emplace(e.firstPoint, index);
+        deepest = std::max(deepest, unsigned(e.depth));
+    }
+
+    void take(int index, std::shared_ptr<Held> held)
+    {
+        Node &n = nodes[size_t(index)];
+        if (n.held || !held)
+            return;
+        held->serial = ++serials;
+        heldBytes += held->bytes;
+        ++heldNodes;
+        n.held = std::move(held);
+        n.lastUsed = frame;
+        if (n.entry.depth <= 2)
+            ++sampleVersion;
+    }
+
+    void report(const QString &error)
+    {
+        if (errorShown)
+            return;
+        errorShown = true;
+        tzLog::Warning(error);
+    }
+
+    // Lets the least recently used nodes go until the budget is kept; nodes used in the current
+    // frame stay.
+    void evict()
+    {
+        if (heldBytes <= cloud.m_budget)
+            return;
+        std::vector<std::pair<std::uint64_t, int>> candidates;
+        for (size_t i = 0; i < nodes.size(); ++i) {
+            if (nodes[i].held && nodes[i].lastUsed < frame)
+                candidates.push_back({nodes[i].lastUsed, int(i)});
+        }
+        std::sort(candidates.begin(), candidates.end(), [this](const auto &a, const auto &b) {
+            // Older first; among nodes of one frame, the deeper first.
+            if (a.first != b.first)
+                return a.first < b.first;
+            return nodes[size_t(a.second)].entry.depth > nodes[size_t(b.second)].entry.depth;
+        });
+        for (const auto &c : candidates) {
+            if (heldBytes <= cloud.m_budget)
+                break;
+            Node &n = nodes[size_t(c.second)];
+            heldBytes -= n.held->bytes;
+            --heldNodes;
+            n.held.reset();
+        }
+    }
+
+    // Reads nodes (or pages) on this thread and the workers' cores, and waits for them.
+    void readNow(const std::vector<int> &wanted)
+    {
+        std::vector<Arrival> results(wanted.size());
+        std::atomic<size_t> next {0};
+        const auto run = [&] {
+            for (size_t i = next++; i < wanted.size(); i = next++)
+                results[i] = read(wanted[i], nodes[size_t(wanted[i])].entry);
+        };
+        const unsigned hw = std::thread::hardware_concurrency();
+        const size_t threads = std::min<size_t>(wanted.size(), std::max(1u, hw));
+        std::vector<std::thread> helpers;
+        for (size_t t = 1; t < threads; ++t)
+            helpers.emplace_back(run);
+        run();
+        for (std::thread &h : helpers)
+            h.join();
+        for (Arrival &a : results)
+            integrate(a);
+    }
+
+    void integrate(Arrival &a)
+    {
+        Node &n = nodes[size_t(a.node)];
+        n.requested = false;
+        if (!a.error.isEmpty()) {
+            report(a.error);
+            return;
+        }
+        if (a.page) {
+            if (!n.entry.isPage())
+                return;
+            for (const tzCloudSource::Node &e : a.entries)
+                insert(e);
+            // A page that does not list its own node leaves it empty, not waiting.
+            Node &again = nodes[size_t(a.node)];
+            if (again.entry.isPage())
+                again.entry.pointCount = 0;
+        } else {
+            take(a.node, std::move(a.held));
+        }
+    }
+
+    // The nodes meeting a query, pages read as needed (on this thread).
+    std::vector<int> meeting(const TZLib::Octree::Query &query)
+    {
+        std::vector<int> found;
+        std::vector<int> pending {0};
+        while (!pending.empty()) {
+            std::vector<int> pages;
+            std::vector<int> next;
+            for (int index : pending) {
+                const Node &n = nodes[size_t(index)];
+                if (!query.meets(n.min, n.max))
+                    continue;
+                if (n.entry.isPage()) {
+                    pages.push_back(index);
+                    continue;
+                }
+                if (n.entry.pointCount > 0)
+                    found.push_back(index);
+                for (int c : n.children) {
+                    if (c >= 0)
+                        next.push_back(c);
+                }
+            }
+            if (!pages.empty()) {
+                readNow(pages);
+                next.insert(next.end(), pages.begin(), pages.end());
+            }
+            pending = std::move(next);
+        }
+        return found;
+    }
+
+    // Makes sure the nodes are held (read on this thread and the workers' cores when not) and
+    // keeps them for this frame.
+    void hold(const std::vector<int> &wanted)
+    {
+        std::vector<int> missing;
+        for (int index : wanted) {
+            nodes[size_t(index)].lastUsed = frame;
+            if (!nodes[size_t(index)].held)
+                missing.push_back(index);
+        }
+        if (!missing.empty())
+            readNow(missing);
+    }
+
+    int nodeOfPoint(std::uint64_t i) const
+    {
+        auto it = byFirst.upper_bound(i);
+        if (it == byFirst.begin())
+            return -1;
+        --it;
+        const Node &n = nodes[size_t(it->second)];
+        return i < n.entry.firstPoint + std::uint64_t(n.entry.pointCount) ? it->second : -1;
+    }
+
+    // The node holding point i, read when it is not held yet, or -1 when no node holds it (its
+    // page not read: every page down to it is read first).
+    int holdPoint(std::uint64_t i)
+    {
+        int index = nodeOfPoint(i);
+        if (index < 0) {
+            // Read the pages not read yet, until one lists the node.
+            for (size_t k = 0; index < 0 && k < nodes.size(); ++k) {
+                if (nodes[k].entry.isPage()) {
+                    readNow({int(k)});
+                    index = nodeOfPoint(i);
+                }
+            }
+            if (index < 0)
+                return -1;
+        }
+        hold({index});
+        return nodes[size_t(index)].held ? index : -1;
+    }
+};
+
+// ----------------------------------------------------------------------------------------------
+
+tzStreamedOctree::tzStreamedOctree(const tzStreamedCloud &cloud)
+    : TZLib::Octree(&cloud)
+    , m_cloud(cloud)
+{
+    TZVector3 a, b;
+    cloud.getBoundingBox(a, b);
+    for (int d = 0; d < 3; ++d) {
+        m_min[d] = a[d];
+        m_max[d] = b[d];
+    }
+    m_cubeSize = 2 * cloud.d->halfSize * cloud.getGlobalScale();
+    m_coarseLevel = cloud.d->deepest;
+    m_leafRel = 0;
+}
+
+bool tzStreamedOctree::answerElsewhere(const Query &query, NeighboursSet &out) const
+{
+    tzStreamedCloud::Impl &d = *m_cloud.d;
+    std::vector<int> found = d.meeting(query);
+    const_cast<tzStreamedOctree *>(this)->setDeepest(d.deepest);
+    d.hold(found);
+    // In the order of the file, whatever the order the nodes were met in.
+    std::sort(found.begin(), found.end(), [&d](int a, int b) {
+        return d.nodes[size_t(a)].entry.firstPoint < d.nodes[size_t(b)].entry.firstPoint;
+    });
+    for (int index : found) {
+        const auto &n = d.nodes[size_t(index)];
+        if (!n.held || n.entry.firstPoint >= UINT_MAX)
+            continue;
+        const auto &points = n.held->data.points;
+        const std::uint64_t room = std::uint64_t(UINT_MAX) - n.entry.firstPoint;
+        query.scan(points.data(), unsigned(std::min<std::uint64_t>(points.size(), room)),
+                   unsigned(n.entry.firstPoint), out);
+    }
+    return true;
+}
+
+// ----------------------------------------------------------------------------------------------
+
+std::uint64_t tzStreamedCloud::defaultMemoryBudget()
+{
+    return g_defaultBudget;
+}
+
+void tzStreamedCloud::setDefaultMemoryBudget(std::uint64_t bytes)
+{
+    g_defaultBudget = std::max<std::uint64_t>(bytes, std::uint64_t(64) << 20);
+}
+
+tzStreamedCloud::tzStreamedCloud(std::unique_ptr<tzCloudSource> source, const QString &name)
+    : tzPointCloud(name)
+    , m_source(std::move(source))
+    , d(std::make_unique<Impl>(*this, *m_source))
+    , m_budget(defaultMemoryBudget())
+{
+    m_source->cube(d->centre, d->halfSize, d->spacing);
+    m_attributeKinds = m_source->attributeKinds();
+}
+
+tzStreamedCloud::~tzStreamedCloud()
+{
+    d.reset(); // the workers stop before the source goes
+}
+
+bool tzStreamedCloud::open(QString &error)
+{
+    d->shift = m_globalShift;
+    d->scale = m_globalScale;
+    double lo[3], hi[3];
+    m_source->pointBounds(lo, hi);
+    double reach = d->halfSize;
+    for (int a = 0; a < 3; ++a)
+        reach = std::max({reach, std::abs((lo[a] + d->shift[a]) * d->scale),
+                          std::abs((hi[a] + d->shift[a]) * d->scale)});
+    // Points are floats: a node's box is widened by more than their rounding.
+    d->margin = reach * 1e-6;
+    tzCloudSource::Node root = m_source->rootPage();
+    d->insert(root);
+    std::vector<tzCloudSource::Node> entries;
+    if (!m_source->readPage(root, entries, error))
+        return false;
+    for (const tzCloudSource::Node &e : entries)
+        d->insert(e);
+    if (d->nodes[0].entry.isPage()) {
+        error = QStringLiteral("'%1': the hierarchy's first page does not list the root node")
+                    .arg(m_source->path());
+        return false;
+    }
+    d->startWorkers();
+    // The root at once: the first picture, and the sample the colour ramps are measured on.
+    d->hold({0});
+    ++m_contentVersion;
+    return true;
+}
+
+unsigned tzStreamedCloud::size() const
+{
+    return unsigned(std::min<std::uint64_t>(m_source->pointCount(), UINT_MAX));
+}
+
+const TZVector3 *tzStreamedCloud::getPoint(unsigned i) const
+{
+    const int index = d->holdPoint(i);
+    if (index < 0)
+        return nullptr;
+    const Impl::Node &n = d->nodes[size_t(index)];
+    return &n.held->data.points[size_t(i - n.entry.firstPoint)];
+}
+
+TZVector3 *tzStreamedCloud::getPoint(unsigned i)
+{
+    return const_cast<TZVector3 *>(static_cast<const tzStreamedCloud *>(this)->getPoint(i));
+}
+
+bool tzStreamedCloud::hasColors() const
+{
+    return m_source->hasColours();
+}
+
+const tzRgb &tzStreamedCloud::getPointColor(unsigned index) const
+{
+    static const tzRgb white;
+    const int node = d->holdPoint(index);
+    if (node < 0)
+        return white;
+    const Impl::Node &n = d->nodes[size_t(node)];
+    const auto &colours = n.held->data.colours;
+    const size_t at = size_t(index - n.entry.firstPoint);
+    return at < colours.size() ? colours[at] : white;
+}
+
+bool tzStreamedCloud::getBoundingBox(TZVector3 &bbMin, TZVector3 &bbMax) const
+{
+    double lo[3], hi[3];
+    m_source->pointBounds(lo, hi);
+    for (int a = 0; a < 3; ++a) {
+        bbMin[a] = float((lo[a] + m_globalShift[a]) * m_globalScale);
+        bbMax[a] = float((hi[a] + m_globalShift[a]) * m_globalScale);
+    }
+    return m_source->pointCount() > 0;
+}
+
+TZLib::Octree *tzStreamedCloud::computeOctree(const TZLib::Octree::ProgressCallback &progress)
+{
+    Q_UNUSED(progress)
+    if (!m_octree)
+        m_octree = std::make_unique<tzStreamedOctree>(*this);
+    return m_octree.get();
+}
+
+void tzStreamedCloud::onPointsChanged()
+{
+    // Nodes come and go, the points of the file stay: the octree is kept.
+    ++m_contentVersion;
+}
+
+bool tzStreamedCloud::isPointShown(unsigned index) const
+{
+    if (!hidesPoints())
+        return true;
+    const int node = d->holdPoint(index);
+    if (node < 0)
+        return true;
+    const Impl::Node &n = d->nodes[size_t(node)];
+    const auto &attributes = n.held->data.attributes;
+    const size_t at = size_t(index - n.entry.firstPoint);
+    return at >= attributes.size() || isClassShown(attributes[at].classification);
+}
+
+void tzStreamedCloud::updateStatistics() const
+{
+    // From the top of the octree: an even sample of the whole survey.
+    if (m_statistics.version == d->sampleVersion)
+        return;
+    std::vector<TZVector3> points;
+    std::vector<tzPointAttributes> attributes;
+    for (const Impl::Node &n : d->nodes) {
+        if (n.held && n.entry.depth <= 2) {
+            const tzCloudSource::Points &p = n.held->data;
+            points.insert(points.end(), p.points.begin(), p.points.end());
+            attributes.insert(attributes.end(), p.attributes.begin(), p.attributes.end());
+        }
+    }
+    attributes.resize(points.size());
+    m_statistics = statisticsOf(points.data(), attributes.data(), points.size());
+    // The classes' counts for the whole survey, from the sample.
+    if (!points.empty()) {
+        const double factor = double(m_source->pointCount()) / double(points.size());
+        for (quint32 &count : m_statistics.classCounts)
+            count = quint32(std::min(double(UINT_MAX), std::round(count * factor)));
+    }
+    m_statistics.version = d->sampleVersion;
+}
+
+void tzStreamedCloud::setMemoryBudget(std::uint64_t bytes)
+{
+    m_budget = std::max<std::uint64_t>(bytes, std::uint64_t(64) << 20);
+    d->evict();
+}
+
+std::uint64_t tzStreamedCloud::memoryHeld() const
+{
+    return d->heldBytes;
+}
+
+size_t tzStreamedCloud::nodesHeld() const
+{
+    return d->heldNodes;
+}
+
+size_t tzStreamedCloud::nodesKnown() const
+{
+    return d->nodes.size();
+}
+
+std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &view,
+                                                                 bool *complete) const
+{
+    Impl &s = *d;
+    ++s.frame;
+    const float *m = view.modelViewProjection.data();
+    // The frustum's planes (a x + b y + c z + w >= 0 inside), from the matrix's rows.
+    const auto row = [m](int i) {
+        return std::array<double, 4> {m[i], m[4 + i], m[8 + i], m[12 + i]};
+    };
+    const auto r3 = row(3);
+    std::array<std::array<double, 4>, 6> planes;
+    for (int i = 0; i < 3; ++i) {
+        const auto ri = row(i);
+        for (int k = 0; k < 4; ++k) {
+            planes[size_t(2 * i)][size_t(k)] = r3[size_t(k)] + ri[size_t(k)];
+            planes[size_t(2 * i + 1)][size_t(k)] = r3[size_t(k)] - ri[size_t(k)];
+        }
+    }
+    const auto visible = [&planes](const Impl::Node &n) {
+        for (const auto &p : planes) {
+            const double x = p[0] >= 0 ? n.max[0] : n.min[0];
+            const double y = p[1] >= 0 ? n.max[1] : n.min[1];
+            const double z = p[2] >= 0 ? n.max[2] : n.min[2];
+            if (p[0] * x + p[1] * y + p[2] * z + p[3] < 0)
+                return false;
+        }
+        return true;
+    };
+    const bool orthographic = r3[0] == 0 && r3[1] == 0 && r3[2] == 0;
+    const double unitsToPixels = 0.5 * view.height
+        * std::sqrt(double(m[1]) * m[1] + double(m[5]) * m[5] + double(m[9]) * m[9]);
+    const double rootSpacing = s.spacing * m_globalScale;
+    // The spacing of a node's points on the screen, where the node comes nearest the eye.
+    const auto pixels = [&](const Impl::Node &n) {
+        const double spacing = std::ldexp(rootSpacing, -n.entry.depth);
+        double w = 1;
+        if (!orthographic) {
+            double c[3], r2 = 0;
+            for (int a = 0; a < 3; ++a) {
+                c[a] = 0.5 * (n.min[a] + n.max[a]);
+                r2 += 0.25 * (n.max[a] - n.min[a]) * (n.max[a] - n.min[a]);
+            }
+            w = r3[0] * c[0] + r3[1] * c[1] + r3[2] * c[2] + r3[3] - std::sqrt(r2);
+            if (w <= 1e-9)
+                return 1e30; // the eye is in or at the node
+        }
+        return spacing * unitsToPixels / w;
+    };
+
+    std::vector<Piece> pieces;
+    std::vector<std::pair<double, int>> wanted;
+    bool whole = true;
+    std::uint64_t drawn = 0;
+    const std::uint64_t budget = view.pointBudget > 0 ? view.pointBudget : UINT64_MAX;
+    std::priority_queue<std::pair<double, int>> open;
+    open.push({1e30, 0});
+    while (!open.empty()) {
+        const int index = open.top().second;
+        const double px = open.top().first;
+        open.pop();
+        Impl::Node &n = s.nodes[size_t(index)];
+        if (n.entry.isPage()) {
+            wanted.push_back({px, index});
+            whole = false;
+            continue;
+        }
+        if (!visible(n))
+            continue;
+        if (n.entry.pointCount > 0) {
+            if (drawn > 0 && drawn + std::uint64_t(n.entry.pointCount) > budget) {
+                whole = false;
+                continue;
+            }
+            if (!n.held) {
+                wanted.push_back({px, index});
+                whole = false;
+                continue; // its children add to it: they wait for it
+            }
+            n.lastUsed = s.frame;
+            const tzCloudSource::Points &p = n.held->data;
+            pieces.push_back({p.points.data(), p.colours.empty() ? nullptr : p.colours.data(),
+                              p.attributes.empty() ? nullptr : p.attributes.data(),
+                              unsigned(p.points.size()), n.held->serial});
+            drawn += p.points.size();
+        }
+        if (pixels(n) <= REFINE_PIXELS)
+            continue;
+        bool anyChild = false;
+        for (int c : n.children)
+            anyChild |= c >= 0;
+        if (!anyChild)
+            continue;
+        if (drawn >= budget) {
+            whole = false;
+            continue;
+        }
+        for (int c : n.children) {
+            if (c >= 0)
+                open.push({pixels(s.nodes[size_t(c)]), c});
+        }
+    }
+
+    // The workers read what is missing, most wanted first; what the view no longer needs is
+    // not read.
+    std::sort(wanted.begin(), wanted.end(), std::greater<>());
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        for (const auto &q : s.queue)
+            s.nodes[size_t(q.first)].requested = false;
+        s.queue.clear();
+        for (const auto &w : wanted) {
+            Impl::Node &n = s.nodes[size_t(w.second)];
+            if (n.requested)
+                continue; // being read
+            n.requested = true;
+            s.queue.push_back({w.second, n.entry});
+        }
+    }
+    s.wake.notify_all();
+    s.evict();
+    if (complete)
+        *complete = whole;
+    return pieces;
+}
+
+void tzStreamedCloud::waitForReads()
+{
+    std::unique_lock<std::mutex> lock(d->mutex);
+    d->idle.wait(lock, [this] { return d->busy == 0 && d->queue.empty(); });
+}
+
+void tzStreamedCloud::integrateArrivals()
+{
+    std::vector<Impl::Arrival> arrived;
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        arrived.swap(d->arrived);
+        d->notifyPending = false;
+    }
+    if (arrived.empty())
+        return;
+    for (Impl::Arrival &a : arrived)
+        d->integrate(a);
+    if (m_octree)
+        static_cast<tzStreamedOctree *>(m_octree.get())->setDeepest(d->deepest);
+    d->evict();
+    ++m_contentVersion;
+    prepareDisplayForRefresh();
+    if (tzGenericGLDisplay *display = getDisplay())
+        display->redraw(false, false);
+}

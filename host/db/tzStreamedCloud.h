@@ -1,0 +1,147 @@
+#pragma once
+
+// A cloud too large to hold whole, read from an indexed file part by part: the file is an
+// octree whose nodes each hold an even sample of what lies under them (their children hold the
+// rest), so that the top nodes give the whole survey coarsely and the nodes down a branch give
+// one place in full. The view asks for the nodes it needs (selectNodes); they are decoded on
+// worker threads and kept within a memory budget, the least recently used going first. Queries
+// of the octree (picks, the lowest point below a pick) read the deepest nodes they meet, so that
+// their answers are the points of the file, as if it had been read whole.
+//
+// A point's index is its place in the file (node after node, in the order of their data), so
+// that it does not change as nodes come and go.
+
+#include "qtz_db_global.h"
+#include "tzPointCloud.h"
+
+#include <QString>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+//! Where a streamed cloud's nodes come from (an indexed file). Every member may be called from
+//! any thread.
+class QTZ_DB_LIB_API tzCloudSource
+{
+public:
+    //! A node of the octree (its depth, and its place among the 2^depth cubes of that depth
+    //! along each axis), or the page of the hierarchy that lists it and what lies under it.
+    struct Node
+    {
+        std::int32_t depth = 0, x = 0, y = 0, z = 0;
+        //! -1: a page not read yet (readPage gives its entries, this node's own among them).
+        std::int32_t pointCount = 0;
+        //! The index of the node's first point in the whole file.
+        std::uint64_t firstPoint = 0;
+        //! Where the node (or the page) lies, in the source's own terms.
+        std::uint64_t offset = 0, byteSize = 0;
+
+        bool isPage() const { return pointCount < 0; }
+    };
+    //! A node's points, in the cloud's local coordinates.
+    struct Points
+    {
+        std::vector<TZVector3> points;
+        std::vector<tzRgb> colours; // empty when the file has none
+        std::vector<tzPointAttributes> attributes;
+    };
+
+    virtual ~tzCloudSource() = default;
+    virtual QString path() const = 0;
+    virtual std::uint64_t pointCount() const = 0;
+    //! The octree's cube (global coordinates) and the spacing of the root's points.
+    virtual void cube(double (&centre)[3], double &halfSize, double &spacing) const = 0;
+    //! The box of the points (global coordinates).
+    virtual void pointBounds(double (&min)[3], double (&max)[3]) const = 0;
+    virtual bool hasColours() const = 0;
+    //! The attributes the points carry (tzPointDisplay::Attribute bits).
+    virtual quint8 attributeKinds() const = 0;
+    //! The page of the root.
+    virtual Node rootPage() const = 0;
+    virtual bool readPage(const Node &page, std::vector<Node> &entries, QString &error) const = 0;
+    //! Decodes a node's points, local = (global + shift) * scale.
+    virtual bool readNode(const Node &node, const TZVector3d &shift, double scale, Points &out,
+                          QString &error) const = 0;
+};
+
+class QTZ_DB_LIB_API tzStreamedCloud : public tzPointCloud
+{
+public:
+    //! The memory budget of a new streamed cloud, in bytes (the setting's value).
+    static std::uint64_t defaultMemoryBudget();
+    static void setDefaultMemoryBudget(std::uint64_t bytes);
+    //! Refine while a node's point spacing is over this many pixels on the screen (a survey is
+    //! flat: a node's points cover its ground with gaps of about that spacing).
+    static constexpr double REFINE_PIXELS = 1.0;
+
+    explicit tzStreamedCloud(std::unique_ptr<tzCloudSource> source,
+                             const QString &name = QString());
+    ~tzStreamedCloud() override;
+
+    //! Reads the root page (the shift and scale must be set first); false, with the error
+    //! naming the file and the problem, when it cannot be read.
+    bool open(QString &error);
+    const tzCloudSource &source() const { return *m_source; }
+
+    unsigned size() const override;
+    //! The point at an index; its node is read first when it is not held (the caller waits).
+    //! The point stays valid until the event loop runs again.
+    const TZVector3 *getPoint(unsigned i) const override;
+    TZVector3 *getPoint(unsigned i) override;
+    bool getBoundingBox(TZVector3 &bbMin, TZVector3 &bbMax) const override;
+    bool hasColors() const override;
+    //! A point's colour (white when the file has none); its node is read first when needed.
+    const tzRgb &getPointColor(unsigned index) const override;
+    TZLib::Octree *computeOctree(const TZLib::Octree::ProgressCallback &progress = {}) override;
+    bool isPointShown(unsigned index) const override;
+
+    // Memory.
+
+    std::uint64_t memoryBudget() const { return m_budget; }
+    void setMemoryBudget(std::uint64_t bytes);
+    //! The bytes held by the nodes read.
+    std::uint64_t memoryHeld() const;
+    //! The nodes held, and known (read or not).
+    std::size_t nodesHeld() const;
+    std::size_t nodesKnown() const;
+
+    // What the view draws.
+
+    //! A node's points as the view draws them.
+    struct Piece
+    {
+        const TZVector3 *points = nullptr;
+        const tzRgb *colours = nullptr; // null without colours
+        const tzPointAttributes *attributes = nullptr;
+        unsigned count = 0;
+        std::uint64_t serial = 0; // different for each node read (the GPU buffers' key)
+    };
+    //! What a view needs.
+    struct View
+    {
+        std::array<float, 16> modelViewProjection {}; // column-major, local coordinates
+        int width = 1, height = 1; // pixels
+        std::uint64_t pointBudget = 0; // the most points drawn
+    };
+    //! The nodes held that the view should draw (coarse to fine), and the requests for those
+    //! it needs that are not held (read on the worker threads; the view is redrawn when they
+    //! come). complete: whether every node the view needs was there.
+    std::vector<Piece> selectNodes(const View &view, bool *complete = nullptr) const;
+    //! Waits until no node is being read or waits to be (tests).
+    void waitForReads();
+    //! Takes in what the worker threads have read (done by the event loop; tests call it).
+    void integrateArrivals();
+
+protected:
+    void onPointsChanged() override;
+    void updateStatistics() const override;
+
+private:
+    struct Impl;
+    std::unique_ptr<tzCloudSource> m_source;
+    std::unique_ptr<Impl> d;
+    std::uint64_t m_budget;
+    friend class tzStreamedOctree;
+};
