@@ -15,6 +15,7 @@
 #include "tzProgressDialog.h"
 #include "tzSceneFile.h"
 #include "tzStdPluginInterface.h"
+#include "tzStreamedCloud.h"
 
 #include <QAction>
 #include <QApplication>
@@ -59,6 +60,11 @@ tzMainWindow::tzMainWindow(const Options &options)
 
     m_console = new tzConsole;
     tzLog::SetHandler([this](const QString &text, int level) { m_console->print(text, level); });
+    // The memory that the nodes of a streamed cloud may take (the setting, in megabytes).
+    const qulonglong budgetMB
+        = QSettings().value(QStringLiteral("Streaming/memoryBudgetMB"), 4096).toULongLong();
+    if (budgetMB > 0)
+        tzStreamedCloud::setDefaultMemoryBudget(std::uint64_t(budgetMB) << 20);
 
     m_hub = new tzPickingHub(true, this);
     m_mdi = new QMdiArea;
@@ -202,7 +208,10 @@ void tzMainWindow::createStatusBar()
         QStringLiteral("X 6000000.000   Y 60000000.000   Z 10000.000   ")));
     m_scaleLabel = new QLabel;
     m_scaleLabel->setObjectName(QStringLiteral("scaleStatus"));
+    m_streamLabel = new QLabel;
+    m_streamLabel->setObjectName(QStringLiteral("streamStatus"));
     statusBar()->addWidget(m_cursorLabel);
+    statusBar()->addPermanentWidget(m_streamLabel);
     statusBar()->addPermanentWidget(m_scaleLabel);
     m_cursorTimer.setSingleShot(true);
     m_cursorTimer.setInterval(CURSOR_STATUS_MS);
@@ -253,6 +262,22 @@ void tzMainWindow::showScale()
         : QString();
     if (text != m_scaleLabel->text())
         m_scaleLabel->setText(text);
+    // What the streamed clouds hold, against their budget.
+    std::uint64_t held = 0, budget = 0;
+    for (tzGenericPointCloud *cloud : m_view->visibleClouds()) {
+        if (const auto *streamed = dynamic_cast<const tzStreamedCloud *>(cloud)) {
+            held += streamed->memoryHeld();
+            budget += streamed->memoryBudget();
+        }
+    }
+    const auto gigabytes = [](std::uint64_t bytes) {
+        return QString::number(double(bytes) / double(1 << 30), 'f', 2);
+    };
+    const QString streamed = budget > 0
+        ? QStringLiteral("Streamed: %1 GB of %2 GB").arg(gigabytes(held), gigabytes(budget))
+        : QString();
+    if (streamed != m_streamLabel->text())
+        m_streamLabel->setText(streamed);
 }
 
 QString tzMainWindow::cursorStatus() const
@@ -263,6 +288,11 @@ QString tzMainWindow::cursorStatus() const
 QString tzMainWindow::scaleStatus() const
 {
     return m_scaleLabel->text();
+}
+
+QString tzMainWindow::streamStatus() const
+{
+    return m_streamLabel->text();
 }
 
 void tzMainWindow::loadPlugins(const QStringList &folders)

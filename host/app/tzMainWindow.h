@@ -93,6 +93,8 @@ public:
     //! The status bar's texts: the point under the cursor (global coordinates) and the scale.
     QString cursorStatus() const;
     QString scaleStatus() const;
+    //! What the streamed clouds shown hold in memory, and their budget (empty without any).
+    QString streamStatus() const;
 
     tzConsole *console() const { return m_console; }
     tzDBTree *dbTree() const { return m_tree; }
@@ -156,6 +158,7 @@ private:
     QAction *m_saveCloudAction = nullptr; // File > Save cloud as, while a cloud is selected
     QLabel *m_cursorLabel = nullptr;
     QLabel *m_scaleLabel = nullptr;
+    QLabel *m_streamLabel = nullptr;
     QPoint m_cursorPos;
     QTimer m_cursorTimer; // at most one look-up of the point under the cursor per interval
     QByteArray m_savedSignature; // of the scene as last saved or loaded

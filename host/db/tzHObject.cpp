@@ -279,7 +279,7 @@ tzHObject *tzHObject::New(quint32 classID, const QString &factoryName)
 
 bool tzHObject::toFile(QIODevice &out) const
 {
-    if (!write<quint32>(out, getClassID()))
+    if (!write<quint32>(out, getSerializedClassID()))
         return fail(WriteError);
     if (isKindOf(TZ_TYPES::CUSTOM_H_OBJECT) && !writeString(out, getFactoryName()))
         return fail(WriteError);

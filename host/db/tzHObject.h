@@ -88,6 +88,8 @@ public:
     bool isSavedInScene() const { return isSerializable(); }
     //! Name of the factory that rebuilds this object from a scene file; empty for built-in types.
     virtual QString getFactoryName() const { return QString(); }
+    //! The class a scene file records (the class ID unless the object is kept differently).
+    virtual quint32 getSerializedClassID() const { return getClassID(); }
     using Factory = std::function<tzHObject *()>;
     //! Registers how to make objects of a class ID (built-in types) or a factory name (custom).
     static void RegisterFactory(quint32 classID, Factory factory);

@@ -299,7 +299,7 @@ bool tzPointCloud::toFile_MeOnly(QIODevice &out) const
     if (writtenVersion() < 22)
         return ok || fail(WriteError);
     // Since version 22: the attributes and how the points are shown.
-    ok = ok && write<quint8>(out, m_attributeKinds)
+    ok = ok && write<quint8>(out, m_attributes.empty() ? quint8(0) : m_attributeKinds)
         && (!m_attributeKinds
             || writeBytes(out, m_attributes.data(),
                           qint64(m_attributes.size() * sizeof(tzPointAttributes))))

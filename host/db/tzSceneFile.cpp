@@ -8,6 +8,7 @@
 #include "tzPolyline.h"
 #include "tzSerialization.h"
 #include "tzSphere.h"
+#include "tzStreamedCloud.h"
 
 #include <QFileInfo>
 #include <QSaveFile>
@@ -28,6 +29,7 @@ void registerBuiltInTypes()
     static const bool done = [] {
         tzHObject::RegisterFactory(TZ_TYPES::HIERARCHY_OBJECT, [] { return new tzHObject(); });
         tzHObject::RegisterFactory(TZ_TYPES::POINT_CLOUD, [] { return new tzPointCloud(); });
+        tzHObject::RegisterFactory(TZ_TYPES::STREAMED_CLOUD, [] { return new tzStreamedCloud(); });
         tzHObject::RegisterFactory(TZ_TYPES::POLY_LINE, [] { return new tzPolyline(); });
         tzHObject::RegisterFactory(TZ_TYPES::SPHERE, [] { return new tzSphere(); });
         tzHObject::RegisterFactory(TZ_TYPES::CONE, [] { return new tzCone(); });

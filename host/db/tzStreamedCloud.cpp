@@ -2,6 +2,7 @@
 
 #include "tzDrawContext.h"
 #include "tzLog.h"
+#include "tzSerialization.h"
 
 #include <QCoreApplication>
 #include <QObject>
@@ -22,6 +23,12 @@
 namespace {
 
 std::atomic<std::uint64_t> g_defaultBudget {std::uint64_t(4096) << 20};
+
+tzStreamedCloud::SourceOpener &sourceOpener()
+{
+    static tzStreamedCloud::SourceOpener opener;
+    return opener;
+}
 
 struct KeyHash
 {
@@ -464,14 +471,16 @@ void tzStreamedCloud::setDefaultMemoryBudget(std::uint64_t bytes)
     g_defaultBudget = std::max<std::uint64_t>(bytes, std::uint64_t(64) << 20);
 }
 
+void tzStreamedCloud::setSourceOpener(SourceOpener opener)
+{
+    sourceOpener() = std::move(opener);
+}
+
 tzStreamedCloud::tzStreamedCloud(std::unique_ptr<tzCloudSource> source, const QString &name)
     : tzPointCloud(name)
-    , m_source(std::move(source))
-    , d(std::make_unique<Impl>(*this, *m_source))
     , m_budget(defaultMemoryBudget())
 {
-    m_source->cube(d->centre, d->halfSize, d->spacing);
-    m_attributeKinds = m_source->attributeKinds();
+    attach(std::move(source));
 }
 
 tzStreamedCloud::~tzStreamedCloud()
@@ -479,8 +488,57 @@ tzStreamedCloud::~tzStreamedCloud()
     d.reset(); // the workers stop before the source goes
 }
 
+void tzStreamedCloud::attach(std::unique_ptr<tzCloudSource> source)
+{
+    d.reset();
+    m_source = std::move(source);
+    if (!m_source)
+        return;
+    m_path = m_source->path();
+    d = std::make_unique<Impl>(*this, *m_source);
+    m_source->cube(d->centre, d->halfSize, d->spacing);
+    m_attributeKinds = m_source->attributeKinds();
+}
+
+bool tzStreamedCloud::toFile_MeOnly(QIODevice &out) const
+{
+    // The cloud's settings, no points: the file keeps them.
+    return tzPointCloud::toFile_MeOnly(out)
+        && (tzSerialization::writeString(out, m_path)
+            || tzSerialization::fail(tzSerialization::WriteError));
+}
+
+bool tzStreamedCloud::fromFile_MeOnly(QIODevice &in, short dataVersion, LoadedIDMap &oldToNew)
+{
+    if (!tzPointCloud::fromFile_MeOnly(in, dataVersion, oldToNew))
+        return false;
+    QString path;
+    if (!tzSerialization::readString(in, path))
+        return tzSerialization::fail(tzSerialization::ReadError);
+    m_path = path;
+    // A file that cannot be read leaves the cloud empty: the rest of the scene still loads.
+    QString error;
+    std::unique_ptr<tzCloudSource> source = sourceOpener() ? sourceOpener()(path, error) : nullptr;
+    if (source) {
+        attach(std::move(source));
+        if (open(error))
+            return true;
+        attach(nullptr);
+        m_path = path;
+    }
+    tzLog::Warning(
+        QStringLiteral("The points of cloud '%1' are not shown: %2")
+            .arg(getName(),
+                 error.isEmpty() ? QStringLiteral("'%1' cannot be read").arg(path) : error));
+    return true;
+}
+
 bool tzStreamedCloud::open(QString &error)
 {
+    if (!d) {
+        error = QStringLiteral("'%1': no file to read the points from").arg(m_path);
+        return false;
+    }
     d->shift = m_globalShift;
     d->scale = m_globalScale;
     double lo[3], hi[3];
@@ -512,11 +570,15 @@ bool tzStreamedCloud::open(QString &error)
 
 unsigned tzStreamedCloud::size() const
 {
+    if (!d)
+        return 0;
     return unsigned(std::min<std::uint64_t>(m_source->pointCount(), UINT_MAX));
 }
 
 const TZVector3 *tzStreamedCloud::getPoint(unsigned i) const
 {
+    if (!d)
+        return nullptr;
     const int index = d->holdPoint(i);
     if (index < 0)
         return nullptr;
@@ -531,13 +593,13 @@ TZVector3 *tzStreamedCloud::getPoint(unsigned i)
 
 bool tzStreamedCloud::hasColors() const
 {
-    return m_source->hasColours();
+    return m_source && m_source->hasColours();
 }
 
 const tzRgb &tzStreamedCloud::getPointColor(unsigned index) const
 {
     static const tzRgb white;
-    const int node = d->holdPoint(index);
+    const int node = d ? d->holdPoint(index) : -1;
     if (node < 0)
         return white;
     const Impl::Node &n = d->nodes[size_t(node)];
@@ -548,6 +610,8 @@ const tzRgb &tzStreamedCloud::getPointColor(unsigned index) const
 
 bool tzStreamedCloud::getBoundingBox(TZVector3 &bbMin, TZVector3 &bbMax) const
 {
+    if (!d)
+        return false;
     double lo[3], hi[3];
     m_source->pointBounds(lo, hi);
     for (int a = 0; a < 3; ++a) {
@@ -560,6 +624,8 @@ bool tzStreamedCloud::getBoundingBox(TZVector3 &bbMin, TZVector3 &bbMax) const
 TZLib::Octree *tzStreamedCloud::computeOctree(const TZLib::Octree::ProgressCallback &progress)
 {
     Q_UNUSED(progress)
+    if (!d)
+        return nullptr;
     if (!m_octree)
         m_octree = std::make_unique<tzStreamedOctree>(*this);
     return m_octree.get();
@@ -573,7 +639,7 @@ void tzStreamedCloud::onPointsChanged()
 
 bool tzStreamedCloud::isPointShown(unsigned index) const
 {
-    if (!hidesPoints())
+    if (!hidesPoints() || !d)
         return true;
     const int node = d->holdPoint(index);
     if (node < 0)
@@ -587,7 +653,7 @@ bool tzStreamedCloud::isPointShown(unsigned index) const
 void tzStreamedCloud::updateStatistics() const
 {
     // From the top of the octree: an even sample of the whole survey.
-    if (m_statistics.version == d->sampleVersion)
+    if (!d || m_statistics.version == d->sampleVersion)
         return;
     std::vector<TZVector3> points;
     std::vector<tzPointAttributes> attributes;
@@ -611,28 +677,34 @@ void tzStreamedCloud::updateStatistics() const
 
 void tzStreamedCloud::setMemoryBudget(std::uint64_t bytes)
 {
-    m_budget = std::max<std::uint64_t>(bytes, std::uint64_t(64) << 20);
-    d->evict();
+    m_budget = std::max<std::uint64_t>(bytes, std::uint64_t(1) << 20);
+    if (d)
+        d->evict();
 }
 
 std::uint64_t tzStreamedCloud::memoryHeld() const
 {
-    return d->heldBytes;
+    return d ? d->heldBytes : 0;
 }
 
 size_t tzStreamedCloud::nodesHeld() const
 {
-    return d->heldNodes;
+    return d ? d->heldNodes : 0;
 }
 
 size_t tzStreamedCloud::nodesKnown() const
 {
-    return d->nodes.size();
+    return d ? d->nodes.size() : 0;
 }
 
 std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &view,
                                                                  bool *complete) const
 {
+    if (!d || d->nodes.empty()) {
+        if (complete)
+            *complete = true;
+        return {};
+    }
     Impl &s = *d;
     ++s.frame;
     const float *m = view.modelViewProjection.data();
@@ -758,12 +830,16 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
 
 void tzStreamedCloud::waitForReads()
 {
+    if (!d)
+        return;
     std::unique_lock<std::mutex> lock(d->mutex);
     d->idle.wait(lock, [this] { return d->busy == 0 && d->queue.empty(); });
 }
 
 void tzStreamedCloud::integrateArrivals()
 {
+    if (!d)
+        return;
     std::vector<Impl::Arrival> arrived;
     {
         std::lock_guard<std::mutex> lock(d->mutex);

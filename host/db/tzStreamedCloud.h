@@ -18,6 +18,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -72,18 +73,28 @@ public:
     //! The memory budget of a new streamed cloud, in bytes (the setting's value).
     static std::uint64_t defaultMemoryBudget();
     static void setDefaultMemoryBudget(std::uint64_t bytes);
-    //! Refine while a node's point spacing is over this many pixels on the screen (a survey is
-    //! flat: a node's points cover its ground with gaps of about that spacing).
-    static constexpr double REFINE_PIXELS = 1.0;
+    //! Refine while a node's point spacing is over this many pixels on the screen. A node keeps
+    //! the point nearest the middle of each cell of a grid, not the middle itself: below a pixel
+    //! the points of a flat survey still leave holes between them.
+    static constexpr double REFINE_PIXELS = 0.7;
 
-    explicit tzStreamedCloud(std::unique_ptr<tzCloudSource> source,
+    //! Opens the sources of the streamed clouds of scene files (set by the formats' library).
+    using SourceOpener
+        = std::function<std::unique_ptr<tzCloudSource>(const QString &path, QString &error)>;
+    static void setSourceOpener(SourceOpener opener);
+
+    //! A cloud of a source; without one (a scene file's, before it is read) it is empty.
+    explicit tzStreamedCloud(std::unique_ptr<tzCloudSource> source = nullptr,
                              const QString &name = QString());
     ~tzStreamedCloud() override;
+
+    quint32 getSerializedClassID() const override { return TZ_TYPES::STREAMED_CLOUD; }
 
     //! Reads the root page (the shift and scale must be set first); false, with the error
     //! naming the file and the problem, when it cannot be read.
     bool open(QString &error);
-    const tzCloudSource &source() const { return *m_source; }
+    //! The path of the file the points are read from.
+    const QString &path() const { return m_path; }
 
     unsigned size() const override;
     //! The point at an index; its node is read first when it is not held (the caller waits).
@@ -137,9 +148,15 @@ public:
 protected:
     void onPointsChanged() override;
     void updateStatistics() const override;
+    bool toFile_MeOnly(QIODevice &out) const override;
+    bool fromFile_MeOnly(QIODevice &in, short dataVersion, LoadedIDMap &oldToNew) override;
 
 private:
     struct Impl;
+    //! Starts reading the source (d is null without one).
+    void attach(std::unique_ptr<tzCloudSource> source);
+
+    QString m_path;
     std::unique_ptr<tzCloudSource> m_source;
     std::unique_ptr<Impl> d;
     std::uint64_t m_budget;

@@ -19,6 +19,9 @@ enum : quint32 {
     IMAGE = 16384 | HIERARCHY_OBJECT,
     CUSTOM_H_OBJECT = 32768 | HIERARCHY_OBJECT,
     VIEWPORT_2D_OBJECT = 65536 | HIERARCHY_OBJECT,
+    // In scene files only: a cloud kept as the path of the indexed file it is read from (it is
+    // a POINT_CLOUD to everything else).
+    STREAMED_CLOUD = 131072 | POINT_CLOUD,
 };
 }
 

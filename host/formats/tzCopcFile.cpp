@@ -466,6 +466,16 @@ std::unique_ptr<tzCloudSource> openSource(const QString &path, QString &errorTex
     return source;
 }
 
+namespace {
+
+// Scene files name the COPC files their streamed clouds are read from.
+const bool g_openerSet = [] {
+    tzStreamedCloud::setSourceOpener(&openSource);
+    return true;
+}();
+
+} // namespace
+
 bool isCopc(const QString &path)
 {
     // The COPC info VLR comes first, right after the header.

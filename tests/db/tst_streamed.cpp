@@ -1,0 +1,331 @@
+// A COPC file shown streamed: the queries of its octree (picks, the lowest point below a pick)
+// answer the same points as the same file read whole; points keep their index in the file as
+// nodes come and go; the view gets the nodes its camera needs, coarse where the points are
+// small on the screen; the nodes held stay within the memory budget.
+
+#include "tzCloudFile.h"
+#include "tzCopc.h"
+#include "tzSceneFile.h"
+#include "tzStreamedCloud.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <cmath>
+#include <memory>
+#include <random>
+#include <set>
+#include <tuple>
+
+namespace {
+
+// Ground over 300 x 200 m on a national grid, trees on it, a dense patch and points stacked on
+// one spot.
+std::unique_ptr<tzPointCloud> survey(int count)
+{
+    std::mt19937 random(7);
+    std::uniform_real_distribution<double> u(0, 1);
+    auto cloud = std::make_unique<tzPointCloud>(QStringLiteral("survey"));
+    const TZVector3d shift(-651000, -6861000, 0);
+    std::vector<TZVector3> points;
+    std::vector<tzRgb> colours;
+    std::vector<tzPointAttributes> attributes;
+    for (int i = 0; i < count; ++i) {
+        double x = 300 * u(random), y = 200 * u(random);
+        if (i % 4 == 0) { // the dense patch
+            x = 40 + 10 * u(random);
+            y = 30 + 10 * u(random);
+        }
+        if (i % 101 == 0) {
+            x = 123.45;
+            y = 67.89;
+        }
+        double z = 100 + 3 * std::sin(x / 20) + 0.05 * u(random);
+        if (i % 5 == 0)
+            z += 12 * u(random); // vegetation
+        // Millimetres, as the file keeps them.
+        const auto mm = [](double v) { return std::round(v * 1000) / 1000; };
+        points.push_back(
+            TZVector3::fromVector(TZVector3d(mm(651000 + x), mm(6861000 + y), mm(z)) + shift));
+        colours.push_back({quint8(i % 251), quint8(i % 13 * 19), quint8(200)});
+        attributes.push_back({quint16(i % 4000), quint8(i % 5 == 0 ? 5 : 2), quint8(0x11)});
+    }
+    cloud->setPoints(std::move(points));
+    cloud->setColors(std::move(colours));
+    cloud->setAttributes(std::move(attributes),
+                         tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION);
+    cloud->setGlobalShift(shift);
+    return cloud;
+}
+
+// A top view (orthographic) of the box [x0, x1] x [y0, y1] around z 100 in local coordinates,
+// on a screen of size pixels: the matrix that maps the box to the unit square.
+tzStreamedCloud::View topView(double x0, double x1, double y0, double y1, int size,
+                              std::uint64_t budget = 0)
+{
+    tzStreamedCloud::View view;
+    auto &m = view.modelViewProjection;
+    m.fill(0);
+    m[0] = float(2 / (x1 - x0));
+    m[5] = float(2 / (y1 - y0));
+    m[10] = float(-2.0 / 1000);
+    m[12] = float(-(x1 + x0) / (x1 - x0));
+    m[13] = float(-(y1 + y0) / (y1 - y0));
+    m[14] = float(100.0 * 2 / 1000);
+    m[15] = 1;
+    view.width = view.height = size;
+    view.pointBudget = budget;
+    return view;
+}
+
+std::vector<tzStreamedCloud::Piece> settle(tzStreamedCloud &cloud,
+                                           const tzStreamedCloud::View &view)
+{
+    bool complete = false;
+    std::vector<tzStreamedCloud::Piece> pieces;
+    for (int round = 0; round < 64 && !complete; ++round) {
+        pieces = cloud.selectNodes(view, &complete);
+        cloud.waitForReads();
+        cloud.integrateArrivals();
+    }
+    return pieces;
+}
+
+} // namespace
+
+class TestStreamed : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    QString m_copc;
+    std::unique_ptr<tzPointCloud> m_whole; // the COPC file read whole
+
+    std::unique_ptr<tzStreamedCloud> open(QString &error) const
+    {
+        std::unique_ptr<tzCloudSource> source = tzCopc::openSource(m_copc, error);
+        if (!source)
+            return nullptr;
+        auto cloud = std::make_unique<tzStreamedCloud>(std::move(source));
+        cloud->setGlobalShift(m_whole->getGlobalShift());
+        if (!cloud->open(error))
+            return nullptr;
+        return cloud;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        const QString las = m_dir.filePath(QStringLiteral("survey.las"));
+        m_copc = m_dir.filePath(QStringLiteral("survey.copc.laz"));
+        QString error;
+        QVERIFY2(tzCloudFile::save(*survey(300000), las, error), qPrintable(error));
+        tzCopc::IndexOptions options;
+        options.leafPoints = 1500; // a deep tree, its lower levels in pages of their own
+        QVERIFY2(tzCopc::index({las}, m_copc, error, options), qPrintable(error));
+        tzCloudFile::LoadOptions load;
+        load.confirmShift = [](TZVector3d &shift, bool) {
+            shift = {-651000, -6861000, 0};
+            return true;
+        };
+        m_whole.reset(tzCloudFile::load(m_copc, error, load));
+        QVERIFY2(m_whole, qPrintable(error));
+        QVERIFY(m_whole->computeOctree());
+        QCOMPARE(m_whole->size(), 300000u);
+    }
+
+    // Spheres around picks and cylinders down from them (the lowest point below a pick), in
+    // places never read before and again once read: the same points, with the same indices, as
+    // the file read whole.
+    void queriesAnswerAsTheWholeFile()
+    {
+        QString error;
+        std::unique_ptr<tzStreamedCloud> cloud = open(error);
+        QVERIFY2(cloud, qPrintable(error));
+        QCOMPARE(cloud->size(), m_whole->size());
+        const size_t knownAtOpen = cloud->nodesKnown();
+        TZLib::Octree *streamed = cloud->computeOctree();
+        const TZLib::Octree *whole = m_whole->getOctree();
+        QVERIFY(streamed);
+        const auto sorted = [](const TZLib::Octree::NeighboursSet &found) {
+            std::vector<std::tuple<unsigned, float, float, float>> out;
+            for (const auto &p : found)
+                out.emplace_back(p.pointIndex, p.point->x, p.point->y, p.point->z);
+            std::sort(out.begin(), out.end());
+            return out;
+        };
+        std::mt19937 random(3);
+        std::uniform_real_distribution<float> u(0, 1);
+        int nonEmpty = 0;
+        for (int q = 0; q < 60; ++q) {
+            // Around a point of the cloud, or at the stacked spot (many equal points).
+            TZVector3 centre = q % 10 == 0 ? TZVector3(123.45f, 67.89f, 104.f)
+                                           : m_whole->point(unsigned(random() % 300000));
+            const float radius = q % 3 == 0 ? 2.5f : 0.3f * u(random) + 0.01f;
+            TZLib::Octree::NeighboursSet a, b;
+            streamed->getPointsInSphericalNeighbourhood(centre, radius, a, 0);
+            whole->getPointsInSphericalNeighbourhood(
+                centre, radius, b,
+                whole->findBestLevelForAGivenNeighbourhoodSizeExtraction(radius));
+            QCOMPARE(sorted(a), sorted(b));
+            nonEmpty += !a.empty();
+
+            TZLib::Octree::CylindricalNeighbourhood down, same;
+            down.center = centre + TZVector3(0, 0, 1);
+            down.dir = TZVector3(0, 0, -1);
+            down.radius = radius;
+            down.maxHalfLength = 50;
+            down.onlyPositiveDir = true;
+            same = down;
+            streamed->getPointsInCylindricalNeighbourhood(down);
+            whole->getPointsInCylindricalNeighbourhood(same);
+            QCOMPARE(sorted(down.neighbours), sorted(same.neighbours));
+        }
+        QVERIFY(nonEmpty > 50);
+        // Deep pages were read only when the queries reached them.
+        QVERIFY(cloud->nodesKnown() > knownAtOpen);
+
+        // Points and colours by index, from nodes held or not.
+        for (int k = 0; k < 2000; ++k) {
+            const unsigned i = unsigned(random() % 300000);
+            const TZVector3 *p = cloud->getPoint(i);
+            QVERIFY(p);
+            QCOMPARE(*p, m_whole->point(i));
+            QCOMPARE(cloud->getPointColor(i), m_whole->getPointColor(i));
+        }
+        QVERIFY(!cloud->getPoint(300000));
+    }
+
+    // The view gets the top of the tree for a survey small on the screen, the deep nodes of the
+    // corner it is zoomed on, nothing outside it, and never more than its point budget.
+    void viewsGetTheNodesTheyNeed()
+    {
+        QString error;
+        std::unique_ptr<tzStreamedCloud> cloud = open(error);
+        QVERIFY2(cloud, qPrintable(error));
+        const auto count = [](const std::vector<tzStreamedCloud::Piece> &pieces) {
+            std::uint64_t n = 0;
+            for (const auto &p : pieces)
+                n += p.count;
+            return n;
+        };
+        // The whole survey in 40 pixels: the root alone (held since the opening).
+        bool complete = false;
+        const auto tiny = cloud->selectNodes(topView(-10, 310, -10, 210, 40), &complete);
+        QVERIFY(complete);
+        QCOMPARE(tiny.size(), size_t(1));
+
+        // The whole survey on a screen of a million pixels: every point.
+        QCOMPARE(count(settle(*cloud, topView(-10, 310, -10, 210, 1000000))),
+                 std::uint64_t(300000));
+
+        // The dense patch up close: every point in view, and little of the rest.
+        const auto close = settle(*cloud, topView(40, 50, 30, 40, 2000));
+        std::set<std::tuple<float, float, float>> drawn;
+        for (const auto &piece : close) {
+            for (unsigned k = 0; k < piece.count; ++k)
+                drawn.emplace(piece.points[k].x, piece.points[k].y, piece.points[k].z);
+        }
+        size_t inView = 0;
+        for (unsigned i = 0; i < m_whole->size(); ++i) {
+            const TZVector3 &p = m_whole->point(i);
+            if (p.x >= 40 && p.x <= 50 && p.y >= 30 && p.y <= 40) {
+                ++inView;
+                QVERIFY(drawn.count({p.x, p.y, p.z}));
+            }
+        }
+        QVERIFY(inView > 70000);
+        QVERIFY2(count(close) < inView * 2, qPrintable(QString::number(count(close))));
+
+        // A budget smaller than the view needs: kept, and the view knows it is not complete.
+        cloud->selectNodes(topView(-10, 310, -10, 210, 4000, 50000), &complete);
+        QVERIFY(!complete);
+        QVERIFY(count(cloud->selectNodes(topView(-10, 310, -10, 210, 4000, 50000))) <= 50000);
+    }
+
+    // A small budget: the nodes of other places go, the current view's stay, and a pick in a
+    // place let go reads it again with the same points.
+    void memoryStaysWithinTheBudget()
+    {
+        QString error;
+        std::unique_ptr<tzStreamedCloud> cloud = open(error);
+        QVERIFY2(cloud, qPrintable(error));
+        const std::uint64_t budget = 1 << 20;
+        cloud->setMemoryBudget(budget);
+        std::uint64_t viewBytes = 0;
+        for (int k = 0; k < 6; ++k) {
+            const double x = 50 * k;
+            const auto pieces = settle(*cloud, topView(x, x + 50, 0, 200, 3000));
+            QVERIFY(!pieces.empty());
+            viewBytes = 0;
+            for (const auto &p : pieces)
+                viewBytes
+                    += p.count * (sizeof(TZVector3) + sizeof(tzRgb) + sizeof(tzPointAttributes));
+            QVERIFY2(
+                cloud->memoryHeld() <= std::max(budget, viewBytes + viewBytes / 2 + 65536),
+                qPrintable(
+                    QStringLiteral("%1 held, %2 in view").arg(cloud->memoryHeld()).arg(viewBytes)));
+        }
+        TZLib::Octree::NeighboursSet near;
+        const TZVector3 at = m_whole->point(17);
+        cloud->computeOctree()->getPointsInSphericalNeighbourhood(at, 0.5f, near, 0);
+        bool found = false;
+        for (const auto &p : near)
+            found |= p.pointIndex == 17 && *p.point == at;
+        QVERIFY(found);
+    }
+
+    // A scene keeps the file's path and how the cloud is shown, not its points; a scene whose
+    // file went away still loads, the cloud empty.
+    void scenesReferToTheFile()
+    {
+        QString error;
+        tzHObject root(QStringLiteral("root"));
+        std::unique_ptr<tzStreamedCloud> cloud = open(error);
+        QVERIFY2(cloud, qPrintable(error));
+        QVERIFY(cloud->setColourMode(tzPointDisplay::ColourMode::Classification));
+        cloud->showClass(5, false);
+        root.addChild(cloud.release());
+        const QString scene = m_dir.filePath(QStringLiteral("scene.tzs"));
+        QVERIFY2(tzSceneFile::save(&root, scene, error), qPrintable(error));
+        QVERIFY(QFileInfo(scene).size() < 100000);
+
+        std::unique_ptr<tzHObject> loaded(tzSceneFile::load(scene, error));
+        QVERIFY2(loaded, qPrintable(error));
+        QCOMPARE(loaded->getChildrenNumber(), 1u);
+        auto *again = dynamic_cast<tzStreamedCloud *>(loaded->getChild(0));
+        QVERIFY(again);
+        QVERIFY(again->isA(TZ_TYPES::POINT_CLOUD));
+        QCOMPARE(again->size(), 300000u);
+        QCOMPARE(again->path(), m_copc);
+        QCOMPARE(again->colourMode(), tzPointDisplay::ColourMode::Classification);
+        QVERIFY(!again->isClassShown(5));
+        QCOMPARE(*again->getPoint(1234), m_whole->point(1234));
+        QCOMPARE(again->getGlobalShift(), m_whole->getGlobalShift());
+
+        const QString moved = m_copc + QStringLiteral(".away");
+        QVERIFY(QFile::rename(m_copc, moved));
+        std::unique_ptr<tzHObject> without(tzSceneFile::load(scene, error));
+        QVERIFY(QFile::rename(moved, m_copc));
+        QVERIFY2(without, qPrintable(error));
+        auto *empty = dynamic_cast<tzStreamedCloud *>(without->getChild(0));
+        QVERIFY(empty);
+        QCOMPARE(empty->size(), 0u);
+        QCOMPARE(empty->path(), m_copc);
+        QVERIFY(!empty->getPoint(0));
+        QVERIFY(empty->selectNodes(topView(0, 1, 0, 1, 10)).empty());
+    }
+
+    void failures()
+    {
+        QString error;
+        QVERIFY(!tzCopc::openSource(m_dir.filePath(QStringLiteral("missing.copc.laz")), error));
+        QVERIFY(error.contains(QStringLiteral("missing.copc.laz")));
+        QVERIFY(!tzCopc::isCopc(m_dir.filePath(QStringLiteral("survey.las"))));
+        QVERIFY(tzCopc::isCopc(m_copc));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestStreamed)
+#include "tst_streamed.moc"
