@@ -10,26 +10,47 @@
 //
 // Then, in the viewer (a fresh window each time, on a display), the LAZ from its opening to the
 // first frame that shows a picture of it (the coarse one drawn while the rest is read) against
-// the LAS from its opening to the first frame that shows it whole, alternately, twice each.
+// the LAS from its opening to the first frame that shows it whole, alternately, twice each; and
+// the COPC streamed from its opening to its first frame, against the LAS.
 //
-//   bench_scale [--points=N] [--memory=MB] [--keep=DIR]
+// The COPC streamed, orbited and zoomed for a while (--orbit=SECONDS): the frames' mean time
+// against a still view's, the resident memory at its highest against the streaming budget, and
+// the seconds a still view takes to reach its full detail after the camera stops.
+//
+// Picks: the lowest point below 1000 picks (the sight tool's query) on the COPC streamed, its
+// nodes held, against the LAS read whole into memory (p99 of each query's time); and picks in
+// places never read (a fresh cloud each time): their p99, the nodes read while the pick waits.
+//
+// With --big=FILE.copc.laz (a survey indexed beforehand, a billion points say), its first frame
+// and its frames while moving against this run's survey, and its resident memory while moving
+// against the budget.
+//
+//   bench_scale [--points=N] [--memory=MB] [--keep=DIR] [--orbit=SECONDS] [--big=FILE]
 
 #include "LasFiles.h"
 #include "SurveyViewer.h"
 #include "Terrain.h"
+#include "tzCloudFile.h"
+#include "tzCopc.h"
 #include "tzLoadPipeline.h"
+#include "tzStreamedCloud.h"
 
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QMouseEvent>
 #include <QSurfaceFormat>
 #include <QTemporaryDir>
+#include <QWheelEvent>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -128,6 +149,202 @@ double openToFrame(const QString &path, bool firstPicture)
     return timer.elapsed() / 1000.0;
 }
 
+// The resident memory of this process now, in MB.
+double residentMB()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024;
+    }
+    return 0;
+}
+
+struct Orbit
+{
+    double movingMs = 0; // mean frame time while the camera moves
+    double stillMs = 0; // a still view's frame, full detail reached
+    double peakMB = 0; // resident memory at its highest while moving
+    double settleSeconds = 0; // from the camera stopping to the full detail
+};
+
+// Waits until the streamed cloud has nothing left to read for the view (or the time runs out);
+// the seconds it took.
+double settle(tzGLWindow &view, tzStreamedCloud &cloud, double limitSeconds)
+{
+    QElapsedTimer timer;
+    timer.start();
+    size_t held = size_t(-1);
+    int quiet = 0;
+    while (timer.elapsed() < limitSeconds * 1000 && quiet < 5) {
+        QSignalSpy drawn(&view, &tzGLWindow::frameDrawn);
+        view.redraw();
+        drawn.wait(200);
+        cloud.waitForReads();
+        QCoreApplication::processEvents();
+        quiet = cloud.nodesHeld() == held ? quiet + 1 : 0;
+        held = cloud.nodesHeld();
+    }
+    return timer.elapsed() / 1000.0;
+}
+
+// The COPC opened streamed, then orbited and zoomed in and out for the given seconds.
+Orbit orbitStreamed(const QString &copc, double seconds, double &firstFrame)
+{
+    Orbit orbit;
+    tzMainWindow window(bench::viewerOptions());
+    bench::showWindow(window, "bench_scale");
+    tzGLWindow *view = window.activeView();
+    QSignalSpy opened(&window, &tzMainWindow::fileOpened);
+    QSignalSpy drawn(view, &tzGLWindow::frameDrawn);
+    QElapsedTimer timer;
+    timer.start();
+    window.openFiles({copc});
+    if (!opened.wait(600000) || window.databaseRoot()->getChildrenNumber() == 0) {
+        std::fprintf(stderr, "bench_scale: '%s' did not open\n", qPrintable(copc));
+        std::abort();
+    }
+    auto *cloud = dynamic_cast<tzStreamedCloud *>(window.databaseRoot()->getChild(0));
+    if (!cloud) {
+        std::fprintf(stderr, "bench_scale: '%s' did not open streamed\n", qPrintable(copc));
+        std::abort();
+    }
+    drawn.clear();
+    view->redraw();
+    drawn.wait(60000);
+    firstFrame = timer.elapsed() / 1000.0;
+    view->setObliqueView();
+    settle(*view, *cloud, 30);
+    // A still view at full detail.
+    QElapsedTimer frameTimer;
+    frameTimer.start();
+    for (int k = 0; k < 3; ++k) {
+        QSignalSpy one(view, &tzGLWindow::frameDrawn);
+        view->deprecate3DLayer();
+        view->redraw(false, false);
+        one.wait(60000);
+    }
+    orbit.stillMs = frameTimer.elapsed() / 3.0;
+    // Around and in and out, frame after frame: a drag with the left button, the wheel now and
+    // then (in for a while, then out).
+    QElapsedTimer moving;
+    moving.start();
+    int frames = 0;
+    QPoint at(view->width() / 2, view->height() / 2);
+    const auto send
+        = [view](QEvent::Type type, QPoint pos, Qt::MouseButton button, Qt::MouseButtons held) {
+              QMouseEvent event(type, pos, view->mapToGlobal(pos), button, held, Qt::NoModifier);
+              QCoreApplication::sendEvent(view, &event);
+          };
+    send(QEvent::MouseButtonPress, at, Qt::LeftButton, Qt::LeftButton);
+    while (moving.elapsed() < seconds * 1000) {
+        at.rx() += frames % 40 < 20 ? 6 : -6;
+        send(QEvent::MouseMove, at, Qt::NoButton, Qt::LeftButton);
+        if (frames % 5 == 0) {
+            const int step = (frames / 60) % 2 == 0 ? 120 : -120;
+            QWheelEvent wheel(QPointF(at), QPointF(view->mapToGlobal(at)), QPoint(),
+                              QPoint(0, step), Qt::LeftButton, Qt::NoModifier, Qt::NoScrollPhase,
+                              false);
+            QCoreApplication::sendEvent(view, &wheel);
+        }
+        QSignalSpy one(view, &tzGLWindow::frameDrawn);
+        one.wait(10000);
+        ++frames;
+        orbit.peakMB = std::max(orbit.peakMB, residentMB());
+    }
+    send(QEvent::MouseButtonRelease, at, Qt::LeftButton, Qt::NoButton);
+    orbit.movingMs = moving.elapsed() / double(std::max(1, frames));
+    orbit.settleSeconds = settle(*view, *cloud, 30);
+    orbit.peakMB = std::max(orbit.peakMB, residentMB());
+    return orbit;
+}
+
+double p99(std::vector<double> times)
+{
+    std::sort(times.begin(), times.end());
+    return times.empty() ? 0 : times[std::min(times.size() - 1, times.size() * 99 / 100)];
+}
+
+// The sight tool's lowest-point query: a vertical cylinder of 0.2 m down from the pick.
+TZLib::Octree::CylindricalNeighbourhood lowestPointQuery(const TZVector3 &pick)
+{
+    TZLib::Octree::CylindricalNeighbourhood q;
+    q.center = pick;
+    q.dir = TZVector3(0, 0, -1);
+    q.radius = 0.2f;
+    q.maxHalfLength = 100;
+    q.onlyPositiveDir = true;
+    return q;
+}
+
+// The same picks on the COPC streamed (nodes held) and on the LAS in memory: the p99 of each.
+void lowestPoints(const QString &las, const QString &copc, double &streamedP99, double &memoryP99,
+                  double &coldP99, double &coldMax)
+{
+    QString error;
+    std::unique_ptr<tzPointCloud> whole(tzCloudFile::load(las, error));
+    if (!whole || !whole->computeOctree()) {
+        std::fprintf(stderr, "bench_scale: %s\n", qPrintable(error));
+        std::abort();
+    }
+    const auto openStreamed = [&] {
+        auto cloud = std::make_unique<tzStreamedCloud>(tzCopc::openSource(copc, error));
+        cloud->setGlobalShift(whole->getGlobalShift());
+        if (!cloud->open(error)) {
+            std::fprintf(stderr, "bench_scale: %s\n", qPrintable(error));
+            std::abort();
+        }
+        return cloud;
+    };
+    std::mt19937 random(11);
+    std::vector<TZVector3> picks;
+    for (int k = 0; k < 1000; ++k)
+        picks.push_back(whole->point(unsigned(random() % whole->size())) + TZVector3(0, 0, 2));
+    const auto timeQueries = [&picks](const TZLib::Octree &octree, std::vector<double> &times) {
+        times.clear();
+        for (const TZVector3 &pick : picks) {
+            TZLib::Octree::CylindricalNeighbourhood q = lowestPointQuery(pick);
+            q.level = octree.findBestLevelForAGivenNeighbourhoodSizeExtraction(q.radius);
+            const auto begin = std::chrono::steady_clock::now();
+            octree.getPointsInCylindricalNeighbourhood(q);
+            times.push_back(
+                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin)
+                    .count());
+        }
+    };
+    std::unique_ptr<tzStreamedCloud> streamed = openStreamed();
+    std::vector<double> times;
+    timeQueries(*streamed->computeOctree(), times); // the nodes read
+    double best = 1e30;
+    for (int round = 0; round < 2; ++round) {
+        timeQueries(*streamed->computeOctree(), times);
+        best = std::min(best, p99(times));
+    }
+    streamedP99 = best;
+    best = 1e30;
+    for (int round = 0; round < 2; ++round) {
+        timeQueries(*whole->getOctree(), times);
+        best = std::min(best, p99(times));
+    }
+    memoryP99 = best;
+    // Cold: a fresh cloud for each pick, the file warm in the cache (its root read at the
+    // opening, as the viewer does).
+    std::vector<double> cold;
+    for (int k = 0; k < 100; ++k) {
+        std::unique_ptr<tzStreamedCloud> fresh = openStreamed();
+        TZLib::Octree::CylindricalNeighbourhood q = lowestPointQuery(picks[size_t(k)]);
+        const auto begin = std::chrono::steady_clock::now();
+        fresh->computeOctree()->getPointsInCylindricalNeighbourhood(q);
+        cold.push_back(
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin)
+                .count());
+    }
+    coldP99 = p99(cold);
+    coldMax = *std::max_element(cold.begin(), cold.end());
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -139,7 +356,8 @@ int main(int argc, char **argv)
     bench::silenceDebugLines();
     unsigned points = 10000000;
     unsigned memoryMB = 1536;
-    QString keep;
+    double orbitSeconds = 20;
+    QString keep, big;
     for (int i = 1; i < argc; ++i) {
         const QString arg = QString::fromLocal8Bit(argv[i]);
         if (arg.startsWith(QLatin1String("--points=")))
@@ -148,6 +366,10 @@ int main(int argc, char **argv)
             memoryMB = arg.mid(9).toUInt();
         else if (arg.startsWith(QLatin1String("--keep=")))
             keep = arg.mid(7);
+        else if (arg.startsWith(QLatin1String("--big=")))
+            big = arg.mid(6);
+        else if (arg.startsWith(QLatin1String("--orbit=")))
+            orbitSeconds = arg.mid(8).toDouble();
     }
     QTemporaryDir temporary;
     const QString folder = keep.isEmpty() ? temporary.path() : keep;
@@ -193,6 +415,35 @@ int main(int argc, char **argv)
         lazPicture = std::min(lazPicture, z);
         lasOpen = std::min(lasOpen, s);
     }
+    // The COPC streamed: its first frame, then orbited.
+    double copcFirst = 1e30;
+    Orbit orbit;
+    for (int round = 0; round < 2; ++round) {
+        double first = 0;
+        const Orbit o = orbitStreamed(copc, orbitSeconds, first);
+        std::printf("round %d: COPC first frame %.3f s; moving %.1f ms a frame, still %.1f ms, "
+                    "%.0f MB resident at most, full detail %.2f s after the camera stopped\n",
+                    round + 1, first, o.movingMs, o.stillMs, o.peakMB, o.settleSeconds);
+        copcFirst = std::min(copcFirst, first);
+        if (round == 0 || o.movingMs < orbit.movingMs)
+            orbit = o;
+    }
+    double bigFirst = 1e30;
+    Orbit bigOrbit;
+    for (int round = 0; !big.isEmpty() && round < 2; ++round) {
+        double first = 0;
+        const Orbit o = orbitStreamed(big, orbitSeconds, first);
+        std::printf("round %d: %s first frame %.3f s; moving %.1f ms a frame, %.0f MB resident "
+                    "at most, full detail %.2f s after the camera stopped\n",
+                    round + 1, qPrintable(QFileInfo(big).fileName()), first, o.movingMs, o.peakMB,
+                    o.settleSeconds);
+        bigFirst = std::min(bigFirst, first);
+        if (round == 0 || o.movingMs < bigOrbit.movingMs)
+            bigOrbit = o;
+    }
+    double streamedP99 = 0, memoryP99 = 0, coldP99 = 0, coldMax = 0;
+    lowestPoints(las, copc, streamedP99, memoryP99, coldP99, coldMax);
+    const double budgetMB = double(tzStreamedCloud::defaultMemoryBudget()) / 1048576.0;
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     std::printf("\n%-52s %14s %14s %8s\n", "figure", "ours", "other", "ratio");
     std::printf(
@@ -204,6 +455,25 @@ int main(int argc, char **argv)
                 index.peakMB, double(memoryMB), index.peakMB / memoryMB);
     std::printf("%-52s %12.3f s %12.3f s %8.2f\n", "laz first frame vs las open", lazPicture,
                 lasOpen, lazPicture / lasOpen);
+    std::printf("%-52s %12.3f s %12.3f s %8.2f\n", "copc first frame vs las open", copcFirst,
+                lasOpen, copcFirst / lasOpen);
+    std::printf("%-52s %10.1f ms %10.1f ms %8.2f\n", "frame while moving vs still, streamed",
+                orbit.movingMs, orbit.stillMs, orbit.movingMs / orbit.stillMs);
+    std::printf("%-52s %10.0f MB %10.0f MB %8.2f\n", "resident memory vs budget, streamed",
+                orbit.peakMB, budgetMB, orbit.peakMB / budgetMB);
+    std::printf("%-52s %10.3f ms %10.3f ms %8.2f\n", "lowest point p99, streamed vs in memory",
+                streamedP99, memoryP99, streamedP99 / memoryP99);
+    if (!big.isEmpty()) {
+        std::printf("%-52s %12.3f s %12.3f s %8.2f\n", "first frame, big vs this survey", bigFirst,
+                    copcFirst, bigFirst / copcFirst);
+        std::printf("%-52s %10.1f ms %10.1f ms %8.2f\n", "frame while moving, big vs this survey",
+                    bigOrbit.movingMs, orbit.movingMs, bigOrbit.movingMs / orbit.movingMs);
+        std::printf("%-52s %10.0f MB %10.0f MB %8.2f\n", "resident memory vs budget, big",
+                    bigOrbit.peakMB, budgetMB, bigOrbit.peakMB / budgetMB);
+    }
+    std::printf("full detail of a still view: %.2f s after the camera stopped\n",
+                orbit.settleSeconds);
+    std::printf("cold pick (a place never read): p99 %.1f ms, at most %.1f ms\n", coldP99, coldMax);
     std::printf("index rate: %.2f M points/s on %u cores (%.2f M points/s a core)\n",
                 points / index.seconds / 1e6, cores, points / index.seconds / 1e6 / cores);
     std::printf("sizes: COPC %.1f MB, LAZ %.1f MB, LAS %.1f MB\n",

@@ -6,7 +6,11 @@
 #include "tzSceneFile.h"
 #include "tzStreamedCloud.h"
 
+#include <QDir>
+#include <QFile>
 #include <QFileInfo>
+#include <QJsonObject>
+#include <QStandardPaths>
 #include <QThread>
 
 #include <memory>
@@ -90,7 +94,12 @@ tzHObject *tzFileLoader::read(QString &error)
     if (isSceneFile(m_path))
         return tzSceneFile::load(m_path, error, readProgress);
     if (tzCopc::isCopc(m_path))
-        return readStreamed(error);
+        return readStreamed(m_path, error);
+    QString indexed;
+    if (!indexIfTooLarge(indexed, error))
+        return nullptr;
+    if (!indexed.isEmpty())
+        return readStreamed(indexed, error);
     tzCloudFile::LoadOptions options;
     options.progress = readProgress;
     options.sceneShift = m_sceneShift;
@@ -131,11 +140,55 @@ tzHObject *tzFileLoader::read(QString &error)
     return object;
 }
 
-tzHObject *tzFileLoader::readStreamed(QString &error)
+bool tzFileLoader::indexIfTooLarge(QString &indexPath, QString &error)
+{
+    QJsonObject info;
+    QString problem;
+    if (!tzCloudFile::describe(m_path, info, problem))
+        return true; // the reader will say what is wrong with it
+    const double points = info.value(QStringLiteral("points")).toDouble();
+    const double budget = double(tzStreamedCloud::defaultMemoryBudget());
+    if (points * BYTES_PER_POINT <= budget)
+        return true;
+    // The index goes beside the file, or in the cache when its folder cannot be written; one
+    // made before is used again while it is newer than the file.
+    const QFileInfo source(m_path);
+    QString folder = source.absolutePath();
+    if (!QFileInfo(folder).isWritable()) {
+        folder = QDir(QStandardPaths::writableLocation(QStandardPaths::CacheLocation))
+                     .filePath(QStringLiteral("indexes"));
+        QDir().mkpath(folder);
+    }
+    indexPath = QDir(folder).filePath(source.fileName() + QStringLiteral(".copc.laz"));
+    const QFileInfo index(indexPath);
+    if (index.exists() && index.lastModified() >= source.lastModified()
+        && tzCopc::isCopc(indexPath))
+        return true;
+    emit note(tr("'%1' holds %2 million points, more than the memory budget of %3 GB takes: "
+                 "it is indexed into '%4' and shown part by part")
+                  .arg(source.fileName())
+                  .arg(points / 1e6, 0, 'f', 1)
+                  .arg(budget / double(1 << 30), 0, 'f', 1)
+                  .arg(indexPath));
+    if (index.exists())
+        QFile::remove(indexPath); // made before the file changed
+    tzCopc::IndexOptions options;
+    options.progress = [this](int percent, const QString &stage) {
+        emit progress(percent * 9 / 10, stage);
+        return !m_cancelled.load();
+    };
+    options.note = [this](const QString &text) { emit note(text); };
+    if (!tzCopc::index({m_path}, indexPath, error, options)) {
+        indexPath.clear();
+        return false;
+    }
+    return true;
+}
+
+tzHObject *tzFileLoader::readStreamed(const QString &path, QString &error)
 {
     // An indexed file: its points are read part by part as the views need them.
-    emit progress(0, tr("Reading"));
-    std::unique_ptr<tzCloudSource> source = tzCopc::openSource(m_path, error);
+    std::unique_ptr<tzCloudSource> source = tzCopc::openSource(path, error);
     if (!source)
         return nullptr;
     double lo[3], hi[3];

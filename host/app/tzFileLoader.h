@@ -77,7 +77,13 @@ private:
     void run();
     tzHObject *read(QString &error);
     //! Opens an indexed (COPC) file as a streamed cloud.
-    tzHObject *readStreamed(QString &error);
+    tzHObject *readStreamed(const QString &path, QString &error);
+    //! Indexes a file whose points would not fit in the streaming budget (indexPath: the index
+    //! to open, empty when the file is read whole); false, with the error, when indexing failed
+    //! or was cancelled.
+    bool indexIfTooLarge(QString &indexPath, QString &error);
+    //! What a point read whole costs in memory (points, colours, attributes, octree, buffers).
+    static constexpr double BYTES_PER_POINT = 53;
     //! Builds the octree of every cloud under object; false when memory ran out or the load was
     //! cancelled meanwhile.
     bool index(tzHObject *object, QString &error);

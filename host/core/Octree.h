@@ -115,6 +115,11 @@ public:
         //! Appends the points of [points, points + count) that pass, numbered from firstIndex.
         virtual void scan(const TZVector3 *points, unsigned count, unsigned firstIndex,
                           NeighboursSet &out) const = 0;
+        //! The same for the points points[which[k]], k < count.
+        virtual void scan(const TZVector3 *points, const std::uint32_t *which, unsigned count,
+                          unsigned firstIndex, NeighboursSet &out) const = 0;
+        //! The box that holds the shape.
+        virtual void bounds(double (&min)[3], double (&max)[3]) const = 0;
     };
 
 protected:

@@ -73,11 +73,22 @@ private:
 
 struct tzStreamedCloud::Impl
 {
+    //! The points of a node by the columns of a grid over its ground, made for the queries
+    //! the first time one reads the node.
+    struct Grid
+    {
+        int cells = 0; // along x and y; 0: not made
+        double min[2] = {0, 0};
+        double perUnit = 0; // cells a unit
+        std::vector<std::uint32_t> start; // each cell's first entry of order, and the end
+        std::vector<std::uint32_t> order; // the points' indices, cell after cell
+    };
     struct Held
     {
         tzCloudSource::Points data;
         std::uint64_t serial = 0;
         std::uint64_t bytes = 0;
+        Grid grid;
     };
     struct Node
     {
@@ -389,6 +400,93 @@ struct tzStreamedCloud::Impl
             readNow(missing);
     }
 
+    // Makes a node's grid: about 16 points a column.
+    void makeGrid(Node &n)
+    {
+        Grid &g = n.held->grid;
+        const std::vector<TZVector3> &points = n.held->data.points;
+        const size_t count = points.size();
+        g.cells = int(std::max(1.0, std::min(128.0, std::sqrt(double(count) / 16.0))));
+        g.min[0] = n.min[0];
+        g.min[1] = n.min[1];
+        g.perUnit = g.cells / std::max(n.max[0] - n.min[0], n.max[1] - n.min[1]);
+        g.start.assign(size_t(g.cells) * size_t(g.cells) + 1, 0);
+        g.order.resize(count);
+        std::vector<std::uint32_t> cellOf(count);
+        for (size_t i = 0; i < count; ++i) {
+            const std::uint32_t c
+                = cell(g, points[i].x, 0) + std::uint32_t(g.cells) * cell(g, points[i].y, 1);
+            cellOf[i] = c;
+            ++g.start[c + 1];
+        }
+        for (size_t c = 1; c < g.start.size(); ++c)
+            g.start[c] += g.start[c - 1];
+        std::vector<std::uint32_t> next(g.start.begin(), g.start.end() - 1);
+        for (size_t i = 0; i < count; ++i)
+            g.order[next[cellOf[i]]++] = std::uint32_t(i);
+        const std::uint64_t bytes = (g.start.capacity() + g.order.capacity()) * 4;
+        n.held->bytes += bytes;
+        heldBytes += bytes;
+    }
+    static std::uint32_t cell(const Grid &g, double v, int axis)
+    {
+        const double at = std::floor((v - g.min[axis]) * g.perUnit);
+        return at <= 0 ? 0u : (at >= g.cells - 1 ? std::uint32_t(g.cells - 1) : std::uint32_t(at));
+    }
+
+    // The points of a held node that pass a query, through its grid.
+    void scanNode(Node &n, const TZLib::Octree::Query &query, TZLib::Octree::NeighboursSet &out)
+    {
+        if (n.entry.firstPoint >= UINT_MAX)
+            return;
+        const std::vector<TZVector3> &points = n.held->data.points;
+        const unsigned count = unsigned(
+            std::min<std::uint64_t>(points.size(), std::uint64_t(UINT_MAX) - n.entry.firstPoint));
+        const unsigned first = unsigned(n.entry.firstPoint);
+        if (count < 64) {
+            query.scan(points.data(), count, first, out);
+            return;
+        }
+        if (n.held->grid.cells == 0)
+            makeGrid(n);
+        const Grid &g = n.held->grid;
+        double lo[3], hi[3];
+        query.bounds(lo, hi);
+        const std::uint32_t x0 = cell(g, lo[0] - margin, 0), x1 = cell(g, hi[0] + margin, 0);
+        const std::uint32_t y0 = cell(g, lo[1] - margin, 1), y1 = cell(g, hi[1] + margin, 1);
+        const double side = 1 / g.perUnit;
+        for (std::uint32_t y = y0; y <= y1; ++y) {
+            for (std::uint32_t x = x0; x <= x1; ++x) {
+                // The column's box, widened as the node's is: points were put in columns with
+                // float arithmetic.
+                const double min[3]
+                    = {g.min[0] + x * side - margin, g.min[1] + y * side - margin, n.min[2]};
+                const double max[3] = {g.min[0] + (x + 1) * side + margin,
+                                       g.min[1] + (y + 1) * side + margin, n.max[2]};
+                // The edge columns also hold what lies past the node's box.
+                const bool edge = x == 0 || y == 0 || x + 1 == std::uint32_t(g.cells)
+                    || y + 1 == std::uint32_t(g.cells);
+                if (!edge && !query.meets(min, max))
+                    continue;
+                const std::uint32_t c = x + std::uint32_t(g.cells) * y;
+                const std::uint32_t from = g.start[c], to = g.start[c + 1];
+                std::uint32_t taken = to - from;
+                // Indices past what can be numbered are left out.
+                const std::uint32_t *which = g.order.data() + from;
+                std::vector<std::uint32_t> kept;
+                if (count < points.size()) {
+                    for (std::uint32_t k = 0; k < taken; ++k) {
+                        if (which[k] < count)
+                            kept.push_back(which[k]);
+                    }
+                    which = kept.data();
+                    taken = std::uint32_t(kept.size());
+                }
+                query.scan(points.data(), which, taken, first, out);
+            }
+        }
+    }
+
     int nodeOfPoint(std::uint64_t i) const
     {
         auto it = byFirst.upper_bound(i);
@@ -448,13 +546,9 @@ bool tzStreamedOctree::answerElsewhere(const Query &query, NeighboursSet &out) c
         return d.nodes[size_t(a)].entry.firstPoint < d.nodes[size_t(b)].entry.firstPoint;
     });
     for (int index : found) {
-        const auto &n = d.nodes[size_t(index)];
-        if (!n.held || n.entry.firstPoint >= UINT_MAX)
-            continue;
-        const auto &points = n.held->data.points;
-        const std::uint64_t room = std::uint64_t(UINT_MAX) - n.entry.firstPoint;
-        query.scan(points.data(), unsigned(std::min<std::uint64_t>(points.size(), room)),
-                   unsigned(n.entry.firstPoint), out);
+        auto &n = d.nodes[size_t(index)];
+        if (n.held)
+            d.scanNode(n, query, out);
     }
     return true;
 }
@@ -468,7 +562,7 @@ std::uint64_t tzStreamedCloud::defaultMemoryBudget()
 
 void tzStreamedCloud::setDefaultMemoryBudget(std::uint64_t bytes)
 {
-    g_defaultBudget = std::max<std::uint64_t>(bytes, std::uint64_t(64) << 20);
+    g_defaultBudget = std::max<std::uint64_t>(bytes, std::uint64_t(1) << 20);
 }
 
 void tzStreamedCloud::setSourceOpener(SourceOpener opener)

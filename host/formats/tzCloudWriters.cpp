@@ -3,6 +3,7 @@
 #include "tzCloudFormats_p.h"
 #include "tzLasFile_p.h"
 #include "tzLazCodec.h"
+#include "tzStreamedCloud.h"
 
 #include <QFileInfo>
 #include <QSaveFile>
@@ -218,6 +219,16 @@ bool save(const tzPointCloud &cloud, const QString &path, QString &errorText, qu
         errorText = QStringLiteral("'%1': clouds are written as LAS, LAZ or PLY, not '.%2'")
                         .arg(path, kind);
         return false;
+    }
+    // A streamed cloud holds a part of its points at a time: its file gives them all.
+    if (const auto *streamed = dynamic_cast<const tzStreamedCloud *>(&cloud)) {
+        if (QFileInfo(streamed->path()) == QFileInfo(path)) {
+            errorText = QStringLiteral("'%1': the cloud is read from this file, it cannot be "
+                                       "written over")
+                            .arg(path);
+            return false;
+        }
+        return convert(streamed->path(), path, errorText, chunkSize, options);
     }
     return writeWhole(
         path, path, QStringLiteral("writing"),

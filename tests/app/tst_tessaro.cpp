@@ -3,6 +3,7 @@
 #include "ViewHelpers.h"
 #include "tzCloudFile.h"
 #include "tzConsole.h"
+#include "tzCopc.h"
 #include "tzDBTree.h"
 #include "tzGLWindow.h"
 #include "tzLoadPipeline.h"
@@ -11,6 +12,7 @@
 #include "tzPluginManager.h"
 #include "tzPointCloud.h"
 #include "tzProgressDialog.h"
+#include "tzStreamedCloud.h"
 
 #include <QAction>
 #include <QDialog>
@@ -99,6 +101,8 @@ private slots:
     void cancelWhileUploadingAddsNothing();
     void openedCloudIsSelected();
     void statusBarShowsThePointUnderTheCursor();
+    void indexedSurveyOpensStreamed();
+    void surveyOverTheBudgetIsIndexedOnce();
     void ctrlSSavesBesideTheFirstCloud();
     void closingWithUnsavedWorkAsks();
     void selectedCloudSavedAs();
@@ -487,6 +491,113 @@ tzHObject *addWork(tzMainWindow &window)
     group->setMetaData(QStringLiteral("ident"), 1);
     window.addToDatabase(group);
     return group;
+}
+
+// Ground of 200 x 200 m every 25 cm in a national grid, green, and a mast: one red point 30 m
+// above it (640 001 points), written as ground.las in the folder; its path, or empty.
+QString groundWithAMast(const QTemporaryDir &dir, QString &error)
+{
+    tzPointCloud ground(QStringLiteral("ground"));
+    std::vector<TZVector3> points;
+    std::vector<tzRgb> colours;
+    for (int i = 0; i < 800; ++i) {
+        for (int j = 0; j < 800; ++j) {
+            points.emplace_back(float(i * 0.25), float(j * 0.25), float(100 + (i + j) % 7 * 0.01));
+            colours.push_back({40, 160, 40});
+        }
+    }
+    points.emplace_back(100.125f, 100.125f, 130.f);
+    colours.push_back({255, 0, 0});
+    ground.setPoints(std::move(points));
+    ground.setColors(std::move(colours));
+    ground.setGlobalShift({-651000, -6861000, 0});
+    const QString las = dir.filePath(QStringLiteral("ground.las"));
+    return tzCloudFile::save(ground, las, error) ? las : QString();
+}
+
+// An indexed survey opens streamed: a picture from the top of its octree, finer nodes as the
+// view comes closer, the point under the cursor the file's own, and Save cloud as writes every
+// point.
+void TestTessaro::indexedSurveyOpensStreamed()
+{
+    QTemporaryDir dir;
+    QString error;
+    const QString las = groundWithAMast(dir, error);
+    QVERIFY2(!las.isEmpty(), qPrintable(error));
+    const QString copc = dir.filePath(QStringLiteral("ground.copc.laz"));
+    QVERIFY2(tzCopc::index({las}, copc, error), qPrintable(error));
+
+    tzMainWindow window(headless());
+    window.resize(900, 700);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    auto *cloud = dynamic_cast<tzStreamedCloud *>(openAndWait(window, copc));
+    QVERIFY(cloud);
+    QCOMPARE(cloud->size(), 640001u);
+    tzGLWindow *view = window.activeView();
+    view->setTopView();
+    QTRY_VERIFY(window.streamStatus().startsWith(QStringLiteral("Streamed: ")));
+    QVERIFY(window.streamStatus().endsWith(QStringLiteral(" of 4.00 GB")));
+    const QImage whole = frame(*view);
+    QVERIFY(countColour(whole, QColor(40, 160, 40)) > 10000);
+    const size_t held = cloud->nodesHeld();
+
+    // Up close on the mast: deeper nodes come, and the point under the cursor is the mast.
+    const TZVector3 mast = cloud->toLocal3d({651100.125, 6861100.125, 130});
+    lookDown(*view, mast.x, mast.y);
+    QTRY_VERIFY(cloud->nodesHeld() > held);
+    double x = 0, y = 0, depth = 0;
+    view->camera().project(TZVector3d(mast.x, mast.y, mast.z), x, y, depth);
+    QTest::mouseMove(view, QPoint(int(std::lround(x)), int(std::lround(y))));
+    QTRY_COMPARE(window.cursorStatus(), QStringLiteral("X 651100.125   Y 6861100.125   Z 130.000"));
+
+    QAction *saveCloud = nullptr;
+    for (QAction *a : window.findChildren<QAction *>()) {
+        if (a->text().remove(QLatin1Char('&')) == QLatin1String("Save cloud as..."))
+            saveCloud = a;
+    }
+    QVERIFY(saveCloud && saveCloud->isEnabled());
+    FileDialogAnswer answer(dir.filePath(QStringLiteral("copy.laz")));
+    saveCloud->trigger();
+    QTRY_VERIFY(consoleHas(window, QStringLiteral("written to")));
+    const std::unique_ptr<tzPointCloud> back(
+        tzCloudFile::load(dir.filePath(QStringLiteral("copy.laz")), error));
+    QVERIFY2(back, qPrintable(error));
+    QCOMPARE(back->size(), 640001u);
+}
+
+// A survey whose points would not fit in the streaming budget is indexed beside it, with
+// progress, and shown streamed; opened again, the index made is used as it is.
+void TestTessaro::surveyOverTheBudgetIsIndexedOnce()
+{
+    QTemporaryDir dir;
+    QString error;
+    const QString las = groundWithAMast(dir, error);
+    QVERIFY2(!las.isEmpty(), qPrintable(error));
+    // The budget of the windows made here, then the default again (whatever happens here).
+    QSettings().setValue(QStringLiteral("Streaming/memoryBudgetMB"), 16);
+    const std::unique_ptr<void, void (*)(void *)> restore(
+        this, [](void *) { QSettings().remove(QStringLiteral("Streaming/memoryBudgetMB")); });
+    const QString index = las + QStringLiteral(".copc.laz");
+    QDateTime made;
+    for (int round = 0; round < 2; ++round) {
+        tzMainWindow window(headless());
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        auto *cloud = dynamic_cast<tzStreamedCloud *>(openAndWait(window, las));
+        QVERIFY2(cloud, qPrintable(window.console()->lines().join(QLatin1Char('\n'))));
+        QCOMPARE(cloud->size(), 640001u);
+        QCOMPARE(cloud->getName(), QStringLiteral("ground"));
+        QCOMPARE(cloud->path(), index);
+        QCOMPARE(cloud->memoryBudget(), std::uint64_t(16) << 20);
+        if (round == 0) {
+            QVERIFY(consoleHas(window, QStringLiteral("it is indexed into")));
+            made = QFileInfo(index).lastModified();
+        } else {
+            QVERIFY(!consoleHas(window, QStringLiteral("it is indexed into")));
+            QCOMPARE(QFileInfo(index).lastModified(), made);
+        }
+    }
 }
 
 void TestTessaro::ctrlSSavesBesideTheFirstCloud()
