@@ -98,6 +98,7 @@ struct tzStreamedCloud::Impl
         std::shared_ptr<Held> held;
         std::uint64_t lastUsed = 0;
         bool requested = false; // waiting for or being read by a worker
+        bool failed = false; // could not be read: not asked for again
     };
     struct Arrival
     {
@@ -125,6 +126,7 @@ struct tzStreamedCloud::Impl
     unsigned deepest = 0;
     std::uint64_t sampleVersion = 0; // grows when a node of the statistics' sample comes
     bool errorShown = false;
+    std::vector<int> scratch, found; // a query's, kept from one to the next
 
     // Shared with the workers.
     std::mutex mutex;
@@ -337,7 +339,11 @@ struct tzStreamedCloud::Impl
         Node &n = nodes[size_t(a.node)];
         n.requested = false;
         if (!a.error.isEmpty()) {
+            // Shown once; the node (or the part of the tree the page lists) stays empty.
             report(a.error);
+            n.failed = true;
+            if (n.entry.isPage())
+                n.entry.pointCount = 0;
             return;
         }
         if (a.page) {
@@ -354,36 +360,33 @@ struct tzStreamedCloud::Impl
         }
     }
 
-    // The nodes meeting a query, pages read as needed (on this thread).
-    std::vector<int> meeting(const TZLib::Octree::Query &query)
+    // The nodes meeting a query, into found; pages read as needed (on this thread).
+    void meeting(const TZLib::Octree::Query &query, std::vector<int> &found)
     {
-        std::vector<int> found;
-        std::vector<int> pending {0};
+        found.clear();
+        std::vector<int> &pending = scratch;
+        pending.assign(1, 0);
         while (!pending.empty()) {
-            std::vector<int> pages;
-            std::vector<int> next;
-            for (int index : pending) {
-                const Node &n = nodes[size_t(index)];
-                if (!query.meets(n.min, n.max))
-                    continue;
-                if (n.entry.isPage()) {
-                    pages.push_back(index);
-                    continue;
-                }
-                if (n.entry.pointCount > 0)
-                    found.push_back(index);
-                for (int c : n.children) {
-                    if (c >= 0)
-                        next.push_back(c);
-                }
+            const int index = pending.back();
+            pending.pop_back();
+            if (!query.meets(nodes[size_t(index)].min, nodes[size_t(index)].max))
+                continue;
+            if (nodes[size_t(index)].entry.isPage()) {
+                readNow({index});
+                Node &read = nodes[size_t(index)];
+                if (read.entry.isPage())
+                    read.entry.pointCount = 0; // a page that cannot be read: nothing below
+                pending.push_back(index);
+                continue;
             }
-            if (!pages.empty()) {
-                readNow(pages);
-                next.insert(next.end(), pages.begin(), pages.end());
+            const Node &n = nodes[size_t(index)];
+            if (n.entry.pointCount > 0)
+                found.push_back(index);
+            for (int c : n.children) {
+                if (c >= 0)
+                    pending.push_back(c);
             }
-            pending = std::move(next);
         }
-        return found;
     }
 
     // Makes sure the nodes are held (read on this thread and the workers' cores when not) and
@@ -393,7 +396,7 @@ struct tzStreamedCloud::Impl
         std::vector<int> missing;
         for (int index : wanted) {
             nodes[size_t(index)].lastUsed = frame;
-            if (!nodes[size_t(index)].held)
+            if (!nodes[size_t(index)].held && !nodes[size_t(index)].failed)
                 missing.push_back(index);
         }
         if (!missing.empty())
@@ -538,7 +541,8 @@ tzStreamedOctree::tzStreamedOctree(const tzStreamedCloud &cloud)
 bool tzStreamedOctree::answerElsewhere(const Query &query, NeighboursSet &out) const
 {
     tzStreamedCloud::Impl &d = *m_cloud.d;
-    std::vector<int> found = d.meeting(query);
+    std::vector<int> &found = d.found;
+    d.meeting(query, found);
     const_cast<tzStreamedOctree *>(this)->setDeepest(d.deepest);
     d.hold(found);
     // In the order of the file, whatever the order the nodes were met in.
@@ -865,7 +869,7 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
         }
         if (!visible(n))
             continue;
-        if (n.entry.pointCount > 0) {
+        if (n.entry.pointCount > 0 && !n.failed) {
             if (drawn > 0 && drawn + std::uint64_t(n.entry.pointCount) > budget) {
                 whole = false;
                 continue;

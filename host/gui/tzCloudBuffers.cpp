@@ -111,6 +111,16 @@ void tzCloudBuffers::release()
     m_programTried = false;
 }
 
+void tzCloudBuffers::adaptStillBudget(qint64 frameNs)
+{
+    constexpr unsigned LOWEST = 2000000, HIGHEST = 30000000;
+    if (frameNs > 250000000)
+        m_stillBudget = std::max(LOWEST, m_stillBudget / 4 * 3);
+    else if (frameNs < 100000000 && m_budgetReached)
+        m_stillBudget = std::min(HIGHEST, m_stillBudget / 4 * 5);
+    m_budgetReached = false;
+}
+
 void tzCloudBuffers::beginFrame()
 {
     for (auto &kv : m_entries)
@@ -346,6 +356,11 @@ tzCloudBuffers::streamedEntries(const tzStreamedCloud &cloud, tzDrawContext &con
     view.height = context.glH;
     view.pointBudget = context.pointBudget > 0 ? context.pointBudget : m_stillBudget;
     const std::vector<tzStreamedCloud::Piece> pieces = cloud.selectNodes(view);
+    std::uint64_t drawn = 0;
+    for (const tzStreamedCloud::Piece &piece : pieces)
+        drawn += piece.count;
+    if (context.pointBudget == 0 && drawn >= view.pointBudget * 9 / 10)
+        m_budgetReached = true;
     std::vector<Entry *> entries;
     entries.reserve(pieces.size());
     const quint64 cloudKey = quint64(cloud.getUniqueID()) << 40;

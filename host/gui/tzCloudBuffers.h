@@ -44,6 +44,9 @@ public:
     //! The most points of a streamed cloud drawn in a still view.
     void setStillBudget(unsigned points) { m_stillBudget = points; }
     unsigned stillBudget() const { return m_stillBudget; }
+    //! Told the time a still frame of the clouds took: the still budget follows it (fewer
+    //! points when the frame is slow, more when it is quick and the budget held points back).
+    void adaptStillBudget(qint64 frameNs);
 
 private:
     //! What a cloud needs on the GPU besides its points (bits).
@@ -94,6 +97,7 @@ private:
     // node's serial in the low ones.
     std::unordered_map<quint64, Entry> m_entries;
     unsigned m_stillBudget = 8000000;
+    bool m_budgetReached = false; // a streamed cloud of the last frame had more to draw
     bool m_programTried = false;
     std::unique_ptr<QOpenGLShaderProgram> m_program;
     std::unique_ptr<QOpenGLTexture> m_ramp;

@@ -480,8 +480,11 @@ void tzGLWindow::paintGL()
             QRect(0, 0, m_camera.width, m_camera.height), GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT,
             GL_NEAREST);
         // (The copy waits for the layer's drawing: both are the layer's cost.)
-        if (m_layerDraws != layerDraws)
+        if (m_layerDraws != layerDraws) {
             m_lastLayerNs = m_clock.nsecsElapsed() - m_lastFrameStartNs;
+            if (!m_interacting)
+                m_buffers->adaptStillBudget(m_lastLayerNs);
+        }
         context3D.layer = TZ_LAYER_OTHERS;
         gl->glEnable(GL_DEPTH_TEST);
         loadCamera();

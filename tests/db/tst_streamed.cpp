@@ -11,6 +11,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <atomic>
 #include <cmath>
 #include <memory>
 #include <random>
@@ -90,6 +91,44 @@ std::vector<tzStreamedCloud::Piece> settle(tzStreamedCloud &cloud,
     }
     return pieces;
 }
+
+// A source whose nodes of one depth cannot be read (a damaged file, a disk that fails).
+class FailingSource : public tzCloudSource
+{
+public:
+    FailingSource(std::unique_ptr<tzCloudSource> source, int badDepth)
+        : m_source(std::move(source))
+        , m_bad(badDepth)
+    {
+    }
+    mutable std::atomic<int> failures {0};
+
+    QString path() const override { return m_source->path(); }
+    std::uint64_t pointCount() const override { return m_source->pointCount(); }
+    void cube(double (&c)[3], double &h, double &s) const override { m_source->cube(c, h, s); }
+    void pointBounds(double (&a)[3], double (&b)[3]) const override { m_source->pointBounds(a, b); }
+    bool hasColours() const override { return m_source->hasColours(); }
+    quint8 attributeKinds() const override { return m_source->attributeKinds(); }
+    Node rootPage() const override { return m_source->rootPage(); }
+    bool readPage(const Node &page, std::vector<Node> &entries, QString &error) const override
+    {
+        return m_source->readPage(page, entries, error);
+    }
+    bool readNode(const Node &node, const TZVector3d &shift, double scale, Points &out,
+                  QString &error) const override
+    {
+        if (node.depth == m_bad) {
+            ++failures;
+            error = QStringLiteral("node %1 cannot be read").arg(node.depth);
+            return false;
+        }
+        return m_source->readNode(node, shift, scale, out, error);
+    }
+
+private:
+    std::unique_ptr<tzCloudSource> m_source;
+    int m_bad;
+};
 
 } // namespace
 
@@ -324,6 +363,25 @@ private slots:
         QVERIFY(error.contains(QStringLiteral("missing.copc.laz")));
         QVERIFY(!tzCopc::isCopc(m_dir.filePath(QStringLiteral("survey.las"))));
         QVERIFY(tzCopc::isCopc(m_copc));
+
+        // Nodes that cannot be read: said once, asked for once, the rest shown and picked.
+        auto failing = std::make_unique<FailingSource>(tzCopc::openSource(m_copc, error), 2);
+        FailingSource *source = failing.get();
+        tzStreamedCloud cloud(std::move(failing));
+        cloud.setGlobalShift(m_whole->getGlobalShift());
+        QVERIFY2(cloud.open(error), qPrintable(error));
+        const auto pieces = settle(cloud, topView(-10, 310, -10, 210, 1000000));
+        const int failures = source->failures;
+        QVERIFY(failures > 0);
+        std::uint64_t shown = 0;
+        for (const auto &p : pieces)
+            shown += p.count;
+        QVERIFY(shown > 0 && shown < 300000);
+        settle(cloud, topView(-10, 310, -10, 210, 1000000));
+        TZLib::Octree::NeighboursSet found;
+        cloud.computeOctree()->getPointsInSphericalNeighbourhood(m_whole->point(5), 500, found, 0);
+        QCOMPARE(source->failures.load(), failures);
+        QVERIFY(found.size() == shown);
     }
 };
 
