@@ -267,7 +267,7 @@ void tzMainWindow::showScale()
     for (tzGenericPointCloud *cloud : m_view->visibleClouds()) {
         if (const auto *streamed = dynamic_cast<const tzStreamedCloud *>(cloud)) {
             held += streamed->memoryHeld();
-            budget += streamed->memoryBudget();
+            budget = tzStreamedCloud::defaultMemoryBudget();
         }
     }
     const auto gigabytes = [](std::uint64_t bytes) {

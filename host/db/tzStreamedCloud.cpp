@@ -23,6 +23,7 @@
 namespace {
 
 std::atomic<std::uint64_t> g_defaultBudget {std::uint64_t(4096) << 20};
+std::atomic<int> g_openClouds {0}; // the streamed clouds open, sharing the default budget
 
 tzStreamedCloud::SourceOpener &sourceOpener()
 {
@@ -290,7 +291,8 @@ struct tzStreamedCloud::Impl
     // frame stay.
     void evict()
     {
-        if (heldBytes <= cloud.m_budget)
+        const std::uint64_t budget = cloud.memoryBudget();
+        if (heldBytes <= budget)
             return;
         std::vector<std::pair<std::uint64_t, int>> candidates;
         for (size_t i = 0; i < nodes.size(); ++i) {
@@ -304,7 +306,7 @@ struct tzStreamedCloud::Impl
             return nodes[size_t(a.second)].entry.depth > nodes[size_t(b.second)].entry.depth;
         });
         for (const auto &c : candidates) {
-            if (heldBytes <= cloud.m_budget)
+            if (heldBytes <= budget)
                 break;
             Node &n = nodes[size_t(c.second)];
             heldBytes -= n.held->bytes;
@@ -403,13 +405,13 @@ struct tzStreamedCloud::Impl
             readNow(missing);
     }
 
-    // Makes a node's grid: about 16 points a column.
+    // Makes a node's grid: about 4 points a column.
     void makeGrid(Node &n)
     {
         Grid &g = n.held->grid;
         const std::vector<TZVector3> &points = n.held->data.points;
         const size_t count = points.size();
-        g.cells = int(std::max(1.0, std::min(128.0, std::sqrt(double(count) / 16.0))));
+        g.cells = int(std::max(1.0, std::min(256.0, std::sqrt(double(count) / 4.0))));
         g.min[0] = n.min[0];
         g.min[1] = n.min[1];
         g.perUnit = g.cells / std::max(n.max[0] - n.min[0], n.max[1] - n.min[1]);
@@ -576,13 +578,14 @@ void tzStreamedCloud::setSourceOpener(SourceOpener opener)
 
 tzStreamedCloud::tzStreamedCloud(std::unique_ptr<tzCloudSource> source, const QString &name)
     : tzPointCloud(name)
-    , m_budget(defaultMemoryBudget())
 {
     attach(std::move(source));
 }
 
 tzStreamedCloud::~tzStreamedCloud()
 {
+    if (m_opened)
+        --g_openClouds;
     d.reset(); // the workers stop before the source goes
 }
 
@@ -660,6 +663,10 @@ bool tzStreamedCloud::open(QString &error)
         return false;
     }
     d->startWorkers();
+    if (!m_opened) {
+        m_opened = true;
+        ++g_openClouds;
+    }
     // The root at once: the first picture, and the sample the colour ramps are measured on.
     d->hold({0});
     ++m_contentVersion;
@@ -778,6 +785,13 @@ void tzStreamedCloud::setMemoryBudget(std::uint64_t bytes)
     m_budget = std::max<std::uint64_t>(bytes, std::uint64_t(1) << 20);
     if (d)
         d->evict();
+}
+
+std::uint64_t tzStreamedCloud::memoryBudget() const
+{
+    if (m_budget > 0)
+        return m_budget;
+    return defaultMemoryBudget() / std::uint64_t(std::max(1, g_openClouds.load()));
 }
 
 std::uint64_t tzStreamedCloud::memoryHeld() const

@@ -110,7 +110,9 @@ public:
 
     // Memory.
 
-    std::uint64_t memoryBudget() const { return m_budget; }
+    //! The memory this cloud's nodes may take: its own budget when one was set, else its share
+    //! of the default budget (the setting is for all the streamed clouds open together).
+    std::uint64_t memoryBudget() const;
     void setMemoryBudget(std::uint64_t bytes);
     //! The bytes held by the nodes read.
     std::uint64_t memoryHeld() const;
@@ -159,6 +161,7 @@ private:
     QString m_path;
     std::unique_ptr<tzCloudSource> m_source;
     std::unique_ptr<Impl> d;
-    std::uint64_t m_budget;
+    std::uint64_t m_budget = 0; // 0: a share of the default
+    bool m_opened = false;
     friend class tzStreamedOctree;
 };

@@ -589,7 +589,7 @@ void TestTessaro::surveyOverTheBudgetIsIndexedOnce()
         QCOMPARE(cloud->size(), 640001u);
         QCOMPARE(cloud->getName(), QStringLiteral("ground"));
         QCOMPARE(cloud->path(), index);
-        QCOMPARE(cloud->memoryBudget(), std::uint64_t(16) << 20);
+        QCOMPARE(cloud->memoryBudget(), std::uint64_t(16) << 20); // the one streamed cloud's
         if (round == 0) {
             QVERIFY(consoleHas(window, QStringLiteral("it is indexed into")));
             made = QFileInfo(index).lastModified();

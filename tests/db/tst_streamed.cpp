@@ -290,6 +290,11 @@ private slots:
         QString error;
         std::unique_ptr<tzStreamedCloud> cloud = open(error);
         QVERIFY2(cloud, qPrintable(error));
+        // The clouds open together share the default budget.
+        std::unique_ptr<tzStreamedCloud> other = open(error);
+        QCOMPARE(cloud->memoryBudget(), tzStreamedCloud::defaultMemoryBudget() / 2);
+        other.reset();
+        QCOMPARE(cloud->memoryBudget(), tzStreamedCloud::defaultMemoryBudget());
         const std::uint64_t budget = 1 << 20;
         cloud->setMemoryBudget(budget);
         std::uint64_t viewBytes = 0;
