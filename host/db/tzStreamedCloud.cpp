@@ -384,9 +384,22 @@ struct tzStreamedCloud::Impl
             const Node &n = nodes[size_t(index)];
             if (n.entry.pointCount > 0)
                 found.push_back(index);
-            for (int c : n.children) {
-                if (c >= 0)
-                    pending.push_back(c);
+            // The children's boxes are the halves of this one's: only the children that meet
+            // the query are looked at (each one is elsewhere in memory).
+            double mid[3];
+            for (int a = 0; a < 3; ++a)
+                mid[a] = 0.5 * (n.min[a] + n.max[a]);
+            for (int c = 0; c < 8; ++c) {
+                if (n.children[c] < 0)
+                    continue;
+                double lo[3], hi[3];
+                for (int a = 0; a < 3; ++a) {
+                    const bool upper = (c >> a) & 1;
+                    lo[a] = upper ? mid[a] - margin : n.min[a];
+                    hi[a] = upper ? n.max[a] : mid[a] + margin;
+                }
+                if (query.meets(lo, hi))
+                    pending.push_back(n.children[c]);
             }
         }
     }
