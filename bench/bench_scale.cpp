@@ -261,6 +261,14 @@ Orbit orbitStreamed(const QString &copc, double seconds, double &firstFrame)
     return orbit;
 }
 
+// A row of the table: the figure, ours, the other, ours over the other.
+void row(const char *figure, double ours, double other, const char *unit, int decimals)
+{
+    const int width = 13 - int(std::strlen(unit));
+    std::printf("%-52s %*.*f %s %*.*f %s %8.2f\n", figure, width, decimals, ours, unit, width,
+                decimals, other, unit, ours / other);
+}
+
 double p99(std::vector<double> times)
 {
     std::sort(times.begin(), times.end());
@@ -446,30 +454,19 @@ int main(int argc, char **argv)
     const double budgetMB = double(tzStreamedCloud::defaultMemoryBudget()) / 1048576.0;
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     std::printf("\n%-52s %14s %14s %8s\n", "figure", "ours", "other", "ratio");
-    std::printf(
-        "%-52s %12.3f s %12.3f s %8.2f\n",
-        qPrintable(
-            QStringLiteral("index build vs laz encode, %1 M points").arg(points / 1e6, 0, 'f', 2)),
-        index.seconds, encode.seconds, index.seconds / encode.seconds);
-    std::printf("%-52s %10.0f MB %10.0f MB %8.2f\n", "index peak memory vs its budget",
-                index.peakMB, double(memoryMB), index.peakMB / memoryMB);
-    std::printf("%-52s %12.3f s %12.3f s %8.2f\n", "laz first frame vs las open", lazPicture,
-                lasOpen, lazPicture / lasOpen);
-    std::printf("%-52s %12.3f s %12.3f s %8.2f\n", "copc first frame vs las open", copcFirst,
-                lasOpen, copcFirst / lasOpen);
-    std::printf("%-52s %10.1f ms %10.1f ms %8.2f\n", "frame while moving vs still, streamed",
-                orbit.movingMs, orbit.stillMs, orbit.movingMs / orbit.stillMs);
-    std::printf("%-52s %10.0f MB %10.0f MB %8.2f\n", "resident memory vs budget, streamed",
-                orbit.peakMB, budgetMB, orbit.peakMB / budgetMB);
-    std::printf("%-52s %10.3f ms %10.3f ms %8.2f\n", "lowest point p99, streamed vs in memory",
-                streamedP99, memoryP99, streamedP99 / memoryP99);
+    const QString indexRow
+        = QStringLiteral("index build vs laz encode, %1 M points").arg(points / 1e6, 0, 'f', 2);
+    row(qPrintable(indexRow), index.seconds, encode.seconds, "s", 3);
+    row("index peak memory vs its budget", index.peakMB, double(memoryMB), "MB", 0);
+    row("laz first frame vs las open", lazPicture, lasOpen, "s", 3);
+    row("copc first frame vs las open", copcFirst, lasOpen, "s", 3);
+    row("frame while moving vs still, streamed", orbit.movingMs, orbit.stillMs, "ms", 1);
+    row("resident memory vs budget, streamed", orbit.peakMB, budgetMB, "MB", 0);
+    row("lowest point p99, streamed vs in memory", streamedP99, memoryP99, "ms", 3);
     if (!big.isEmpty()) {
-        std::printf("%-52s %12.3f s %12.3f s %8.2f\n", "first frame, big vs this survey", bigFirst,
-                    copcFirst, bigFirst / copcFirst);
-        std::printf("%-52s %10.1f ms %10.1f ms %8.2f\n", "frame while moving, big vs this survey",
-                    bigOrbit.movingMs, orbit.movingMs, bigOrbit.movingMs / orbit.movingMs);
-        std::printf("%-52s %10.0f MB %10.0f MB %8.2f\n", "resident memory vs budget, big",
-                    bigOrbit.peakMB, budgetMB, bigOrbit.peakMB / budgetMB);
+        row("first frame, big vs this survey", bigFirst, copcFirst, "s", 3);
+        row("frame while moving, big vs this survey", bigOrbit.movingMs, orbit.movingMs, "ms", 1);
+        row("resident memory vs budget, big", bigOrbit.peakMB, budgetMB, "MB", 0);
     }
     std::printf("full detail of a still view: %.2f s after the camera stopped\n",
                 orbit.settleSeconds);
