@@ -519,6 +519,8 @@ struct tzStreamedCloud::Impl
     // page not read: every page down to it is read first).
     int holdPoint(std::uint64_t i)
     {
+        if (i >= source.pointCount())
+            return -1;
         int index = nodeOfPoint(i);
         if (index < 0) {
             // Read the pages not read yet, until one lists the node.
