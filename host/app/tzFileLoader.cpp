@@ -210,6 +210,9 @@ tzHObject *tzFileLoader::readStreamed(const QString &path, QString &error)
     cloud->setGlobalShift(shift);
     if (!cloud->open(error))
         return nullptr;
+    // A survey without colours is shown by elevation, as the readers of whole files do.
+    if (!cloud->hasColors())
+        cloud->setColourMode(tzPointDisplay::ColourMode::Elevation);
     cloud->setMetaData(QLatin1String(tzGenericPointCloud::SOURCE_FILE_KEY),
                        QFileInfo(m_path).absoluteFilePath());
     return cloud.release();

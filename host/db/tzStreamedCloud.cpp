@@ -684,6 +684,17 @@ bool tzStreamedCloud::open(QString &error)
     }
     // The root at once: the first picture, and the sample the colour ramps are measured on.
     d->hold({0});
+    // An attribute the file left zero in that sample is taken as not kept (as the readers of
+    // whole files do with one left zero everywhere).
+    if (const auto &held = d->nodes[0].held) {
+        quint8 seen = 0;
+        for (const tzPointAttributes &a : held->data.attributes) {
+            seen |= (a.intensity ? tzPointDisplay::INTENSITY : 0)
+                | (a.classification ? tzPointDisplay::CLASSIFICATION : 0)
+                | (a.returns ? tzPointDisplay::RETURNS : 0);
+        }
+        m_attributeKinds &= seen;
+    }
     ++m_contentVersion;
     return true;
 }

@@ -361,6 +361,29 @@ private slots:
         QVERIFY(empty->selectNodes(topView(0, 1, 0, 1, 10)).empty());
     }
 
+    // A file without colours, whose intensities and classes were left zero: none of them is
+    // offered to be shown.
+    void attributesLeftZeroAreNotKept()
+    {
+        tzPointCloud plain(QStringLiteral("plain"));
+        std::vector<TZVector3> points;
+        for (int i = 0; i < 5000; ++i)
+            points.emplace_back(float(i % 70), float(i / 70), float(i % 3));
+        plain.setPoints(std::move(points));
+        const QString las = m_dir.filePath(QStringLiteral("plain.las"));
+        const QString copc = m_dir.filePath(QStringLiteral("plain.copc.laz"));
+        QString error;
+        QVERIFY2(tzCloudFile::save(plain, las, error), qPrintable(error));
+        QVERIFY2(tzCopc::index({las}, copc, error), qPrintable(error));
+        tzStreamedCloud cloud(tzCopc::openSource(copc, error));
+        QVERIFY2(cloud.open(error), qPrintable(error));
+        QVERIFY(!cloud.hasColors());
+        QVERIFY(!cloud.hasAttribute(tzPointDisplay::INTENSITY));
+        QVERIFY(!cloud.hasAttribute(tzPointDisplay::CLASSIFICATION));
+        QVERIFY(!cloud.canShow(tzPointDisplay::ColourMode::Classification));
+        QVERIFY(cloud.canShow(tzPointDisplay::ColourMode::Elevation));
+    }
+
     void failures()
     {
         QString error;
