@@ -512,7 +512,7 @@ bool Records::open(const File &file, const Scan &scan, std::string &error)
     // The packets follow one another from the data offset to the end of the section, which
     // must hold the records declared (this also bounds what a damaged count makes a reader
     // allocate).
-    m_at = section.dataOffset;
+    m_at = m_start = section.dataOffset;
     m_end = File::advance(scan.fileOffset, section.logicalLength);
     quint64 bitsPerRecord = 0;
     for (const Field &field : m_fields)
@@ -565,16 +565,20 @@ bool Records::nextPacket(std::string &error)
                     + " holds less than its streams' lengths";
                 return false;
             }
-            // What was read goes; the new bytes join what was not, before the padding.
+            // What was read goes; the new bytes join what was not, before the padding (after a
+            // seek, without the bytes before the record sought).
             Stream &stream = m_streams[k];
+            const size_t passed = size_t(std::min<quint64>(stream.skip, n));
+            stream.skip -= passed;
+            const size_t added = n - passed;
             const size_t gone = size_t(stream.bitPosition / 8);
             const size_t kept = size_t(stream.bitEnd / 8) - gone;
             std::memmove(stream.bytes.data(), stream.bytes.data() + gone, kept);
-            stream.bytes.resize(kept + n + PADDING);
-            std::memcpy(stream.bytes.data() + kept, m_packet.data() + offset, n);
-            std::memset(stream.bytes.data() + kept + n, 0, PADDING);
+            stream.bytes.resize(kept + added + PADDING);
+            std::memcpy(stream.bytes.data() + kept, m_packet.data() + offset + passed, added);
+            std::memset(stream.bytes.data() + kept + added, 0, PADDING);
             stream.bitPosition -= quint64(gone) * 8;
-            stream.bitEnd = quint64(kept + n) * 8;
+            stream.bitEnd = quint64(kept + added) * 8;
             offset += n;
         }
         m_at = File::advance(m_at, length);
@@ -667,13 +671,78 @@ bool Records::read(size_t n, double *const *columns, std::string &error)
     }
     for (size_t k = 0; k < m_fields.size(); ++k) {
         const quint64 needed = quint64(m_fields[k].bits()) * n;
-        while (m_streams[k].bitEnd - m_streams[k].bitPosition < needed) {
+        // (Just after a seek, the position may lie past the bytes read so far.)
+        while (m_streams[k].bitEnd < m_streams[k].bitPosition + needed) {
             if (!nextPacket(error))
                 return false;
         }
         take(k, n, columns[k]);
     }
     m_read += n;
+    return true;
+}
+
+bool Records::seek(quint64 record, std::string &error)
+{
+    if (record > m_count) {
+        error = "record " + std::to_string(record) + " sought in a scan of "
+            + std::to_string(m_count);
+        return false;
+    }
+    const size_t streams = m_streams.size();
+    if (m_packets.empty()) {
+        std::vector<quint64> before(streams, 0);
+        std::vector<uchar> head(6 + 2 * streams);
+        for (quint64 at = m_start; at < m_end;) {
+            if (!m_file->readLogical(at, 6, head.data())) {
+                error = "a packet at byte " + std::to_string(at) + " runs past the end of the file";
+                return false;
+            }
+            const int type = head[0];
+            const size_t length = size_t(littleEndian<quint16>(head.data() + 2)) + 1;
+            if (type == 1) {
+                if (littleEndian<quint16>(head.data() + 4) != streams || length < head.size()
+                    || !m_file->readLogical(at, head.size(), head.data())) {
+                    error = "the data packet at byte " + std::to_string(at) + " is invalid";
+                    return false;
+                }
+                m_packets.push_back(at);
+                m_before.insert(m_before.end(), before.begin(), before.end());
+                for (size_t k = 0; k < streams; ++k)
+                    before[k] += littleEndian<quint16>(head.data() + 6 + 2 * k);
+            }
+            at = File::advance(at, length);
+        }
+        if (m_packets.empty()) {
+            error = "the points' section holds no data packet";
+            return false;
+        }
+    }
+    // Each stream's byte, the last packet that starts at or before it, and the first of those.
+    std::vector<quint64> bytes(streams);
+    size_t first = m_packets.size() - 1;
+    for (size_t k = 0; k < streams; ++k) {
+        const quint64 bit = record * quint64(m_fields[k].bits());
+        bytes[k] = bit / 8;
+        size_t lo = 0, hi = m_packets.size(); // the packet is in [lo, hi)
+        while (hi - lo > 1) {
+            const size_t mid = (lo + hi) / 2;
+            if (m_before[mid * streams + k] <= bytes[k])
+                lo = mid;
+            else
+                hi = mid;
+        }
+        first = std::min(first, lo);
+    }
+    m_at = m_packets[first];
+    for (size_t k = 0; k < streams; ++k) {
+        Stream &stream = m_streams[k];
+        stream.bytes.assign(PADDING, 0);
+        stream.bitEnd = 0;
+        stream.bitPosition = (record * quint64(m_fields[k].bits())) % 8;
+        stream.skip = bytes[k] - m_before[first * streams + k];
+    }
+    m_read = record;
     return true;
 }
 

@@ -162,6 +162,10 @@ public:
     //! The next record's values, one per field in the prototype's order; false after the last
     //! record or when the streams run short.
     bool next(double *values);
+    //! Goes to a record (the next read starts there): every field's values have a fixed number
+    //! of bits, so each stream's place is known; the packets' headers are read once to find
+    //! where each stream's bytes lie. False with the problem when a packet is damaged.
+    bool seek(quint64 record, std::string &error);
 
 private:
     struct Stream
@@ -169,6 +173,7 @@ private:
         std::vector<uchar> bytes; // what is not read yet, 8 bytes of padding after
         quint64 bitPosition = 0; // in bytes' bits
         quint64 bitEnd = 0;
+        quint64 skip = 0; // bytes of the next packets passed over (after a seek)
     };
     static constexpr size_t PADDING = 16;
     bool nextPacket(std::string &error);
@@ -179,6 +184,11 @@ private:
     std::vector<Stream> m_streams;
     std::vector<uchar> m_packet;
     quint64 m_at = 0, m_end = 0; // physical offsets of the next packet and of the section's end
+    quint64 m_start = 0; // physical offset of the first packet
+    // Where each data packet lies, and each stream's bytes before it (packets times streams),
+    // read at the first seek.
+    std::vector<quint64> m_packets;
+    std::vector<quint64> m_before;
     quint64 m_count = 0;
     quint64 m_read = 0;
 };

@@ -279,6 +279,70 @@ TZVector3d firstPoint(const tzE57::File &file, const std::vector<Layout> &layout
     return {};
 }
 
+//! A first picture, before the scans are decoded whole: 64 evenly spaced blocks of a 1024th of
+//! each scan's records (a scanner sweeps around itself: its records in order make a wedge, not
+//! a sample). Nothing is shown when a scan cannot be read so: the decoding says why.
+void previewScans(const tzE57::File &file, const std::vector<Layout> &layouts,
+                  const TZVector3d &shift, const LoadOptions &options, quint64 total)
+{
+    if (!options.preview || total < PREVIEW_MIN_POINTS)
+        return;
+    constexpr size_t BLOCKS = 64;
+    const std::vector<tzE57::Scan> &scans = file.scans();
+    bool withColours = true;
+    for (const Layout &layout : layouts)
+        withColours &= layout.colour[0] >= 0;
+    std::vector<TZVector3> points;
+    std::vector<tzRgb> colours;
+    for (size_t s = 0; s < scans.size(); ++s) {
+        const tzE57::Scan &scan = scans[s];
+        const Layout &layout = layouts[s];
+        const size_t n = size_t(scan.recordCount);
+        const size_t block = std::max<size_t>(1, n / 1024);
+        tzE57::Records records;
+        std::string error;
+        if (n < BLOCKS || !records.open(file, scan, error))
+            continue;
+        const ScanConverter convert(scan, layout, shift);
+        std::vector<std::vector<double>> values(scan.fields.size());
+        std::vector<double *> columns(scan.fields.size(), nullptr);
+        const auto use = [&](int k) {
+            if (k >= 0) {
+                values[size_t(k)].resize(block);
+                columns[size_t(k)] = values[size_t(k)].data();
+            }
+        };
+        for (int k : layout.coordinates)
+            use(k);
+        use(layout.invalid);
+        if (withColours) {
+            for (int k : layout.colour)
+                use(k);
+        }
+        const auto &c = layout.coordinates;
+        for (size_t b = 0; b < BLOCKS; ++b) {
+            const size_t first = b * (n / BLOCKS);
+            const size_t count = std::min(block, n - first);
+            if (!records.seek(first, error) || !records.read(count, columns.data(), error))
+                return;
+            for (size_t i = 0; i < count; ++i) {
+                if (layout.invalid >= 0 && values[size_t(layout.invalid)][i] != 0)
+                    continue;
+                const TZVector3d p = convert.place(values[size_t(c[0])][i], values[size_t(c[1])][i],
+                                                   values[size_t(c[2])][i]);
+                points.push_back({float(p.x), float(p.y), float(p.z)});
+                if (withColours) {
+                    colours.push_back({convert.colour(0, values[size_t(layout.colour[0])][i]),
+                                       convert.colour(1, values[size_t(layout.colour[1])][i]),
+                                       convert.colour(2, values[size_t(layout.colour[2])][i])});
+                }
+            }
+        }
+    }
+    if (!points.empty())
+        options.preview(std::move(points), std::move(colours), shift);
+}
+
 //! An E57 file opened and its scans decoded into clouds (the same shift for all).
 struct E57Scans
 {
@@ -299,8 +363,10 @@ void readScans(const Bytes &in, const LoadOptions &options, E57Scans &result)
         total += scans[s].recordCount;
     }
     CloudBuilder builder(options);
-    if (total > 0)
+    if (total > 0) {
         builder.decideShift(firstPoint(result.file, layouts));
+        previewScans(result.file, layouts, builder.shift(), options, total);
+    }
     std::vector<ScanPoints> decoded(scans.size());
     SharedWork work;
     std::atomic<size_t> next {0};

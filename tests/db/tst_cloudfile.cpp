@@ -1,4 +1,5 @@
 #include "tzCloudFile.h"
+#include "tzE57File.h"
 #include "tzPointCloud.h"
 
 #include <QJsonArray>
@@ -238,6 +239,19 @@ void TestCloudFile::firstPictureOfFilesReadInOrder_data()
     QTest::newRow("binary PLY") << "ply" << ply;
     QTest::newRow("binary PCD") << "pcd" << pcd;
     QTest::newRow("text") << "xyz" << text;
+    // E57: the blocks are sought in the scan's streams (packets of 64 kB, fields of their own
+    // widths), not read in order.
+    std::vector<tzE57::ScanToWrite> scans(1);
+    scans[0].name = QStringLiteral("rows");
+    for (int i = 0; i < ROW * ROWS; ++i) {
+        scans[0].xyz.insert(scans[0].xyz.end(), {(i % ROW) * 0.5, (i / ROW) * 0.5, double(i % 5)});
+        const quint8 grey = quint8(i / ROW % 256);
+        scans[0].colours.push_back({grey, grey, grey});
+    }
+    QByteArray e57;
+    std::string problem;
+    QVERIFY2(tzE57::writeFile(scans, e57, problem), problem.c_str());
+    QTest::newRow("E57") << "e57" << e57;
 }
 
 void TestCloudFile::firstPictureOfFilesReadInOrder()

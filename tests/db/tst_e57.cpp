@@ -108,6 +108,7 @@ private slots:
     void scanDescriptions();
     void recordsLieWithinTheDeclaredBounds();
     void writtenScansReadBack();
+    void recordsAreSoughtAnywhere();
     void damagedFilesAreRefused_data();
     void damagedFilesAreRefused();
     void samplesOpenAsTheViewerShowsThem_data();
@@ -293,6 +294,57 @@ void TestE57::writtenScansReadBack()
         }
         QCOMPARE(i, scans[s].xyz.size() / 3);
     }
+}
+
+void TestE57::recordsAreSoughtAnywhere()
+{
+    // Fields of 2 bits (the invalid state), 16, 8 and 32 bits in streams spread over many
+    // packets: a record sought anywhere reads as the same record read in order.
+    std::vector<tzE57::ScanToWrite> scans(1);
+    constexpr int N = 60000;
+    for (int i = 0; i < N; ++i) {
+        scans[0].xyz.insert(scans[0].xyz.end(), {i * 0.013, -i * 0.007, 100.0 + i % 17});
+        scans[0].invalid.push_back(quint8(i % 3 == 2 ? 2 : (i % 5 == 1 ? 1 : 0)));
+        scans[0].intensities.push_back(quint16(i * 13));
+        scans[0].colours.push_back({quint8(i), quint8(i / 3), quint8(255 - i % 256)});
+    }
+    QByteArray bytes;
+    std::string error;
+    QVERIFY2(tzE57::writeFile(scans, bytes, error), error.c_str());
+    tzE57::File file;
+    QVERIFY2(
+        file.open(reinterpret_cast<const uchar *>(bytes.constData()), size_t(bytes.size()), error),
+        error.c_str());
+    const tzE57::Scan &scan = file.scans()[0];
+    const size_t fields = scan.fields.size();
+    std::vector<double> inOrder(size_t(N) * fields);
+    {
+        tzE57::Records records;
+        QVERIFY2(records.open(file, scan, error), error.c_str());
+        for (int i = 0; i < N; ++i)
+            QVERIFY(records.next(inOrder.data() + size_t(i) * fields));
+    }
+    tzE57::Records records;
+    QVERIFY2(records.open(file, scan, error), error.c_str());
+    std::vector<std::vector<double>> values(fields, std::vector<double>(500));
+    std::vector<double *> columns;
+    for (auto &v : values)
+        columns.push_back(v.data());
+    // Forward, backward, one record, the last ones, and every bit offset of the 2-bit field.
+    for (const int first : {31007, 5, 0, 59500, 17, 40001, 1, 2, 3, 4, 6, 7, 29999}) {
+        const size_t n = size_t(std::min(500, N - first));
+        QVERIFY2(records.seek(quint64(first), error), error.c_str());
+        QCOMPARE(records.left(), quint64(N - first));
+        QVERIFY2(records.read(n, columns.data(), error), error.c_str());
+        for (size_t i = 0; i < n; ++i) {
+            for (size_t k = 0; k < fields; ++k) {
+                if (values[k][i] != inOrder[(size_t(first) + i) * fields + k])
+                    QFAIL(qPrintable(
+                        QStringLiteral("record %1, field %2").arg(first + int(i)).arg(k)));
+            }
+        }
+    }
+    QVERIFY(!records.seek(quint64(N) + 1, error));
 }
 
 void TestE57::damagedFilesAreRefused_data()
