@@ -228,6 +228,19 @@ bool save(const tzPointCloud &cloud, const QString &path, QString &errorText, qu
                             .arg(path);
             return false;
         }
+        // LAS and LAZ are written record by record; PLY goes through the points held whole.
+        constexpr double BYTES_PER_POINT = 53;
+        if (kind == QLatin1String("ply")
+            && double(streamed->size()) * BYTES_PER_POINT
+                > double(tzStreamedCloud::defaultMemoryBudget())) {
+            errorText = QStringLiteral("'%1': the %2 million points of '%3' are more than the "
+                                       "memory budget holds to write them as PLY; LAS and LAZ "
+                                       "are written point by point")
+                            .arg(path)
+                            .arg(streamed->size() / 1e6, 0, 'f', 1)
+                            .arg(streamed->getName());
+            return false;
+        }
         return convert(streamed->path(), path, errorText, chunkSize, options);
     }
     return writeWhole(

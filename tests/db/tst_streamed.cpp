@@ -384,6 +384,32 @@ private slots:
         QVERIFY(cloud.canShow(tzPointDisplay::ColourMode::Elevation));
     }
 
+    // Saved as LAS or LAZ: every point of the file, record for record. As PLY (the points held
+    // whole to be written): refused when they are more than the budget holds.
+    void savedWithEveryPoint()
+    {
+        QString error;
+        std::unique_ptr<tzStreamedCloud> cloud = open(error);
+        QVERIFY2(cloud, qPrintable(error));
+        const QString laz = m_dir.filePath(QStringLiteral("copy.laz"));
+        QVERIFY2(tzCloudFile::save(*cloud, laz, error), qPrintable(error));
+        std::unique_ptr<tzPointCloud> back(tzCloudFile::load(laz, error));
+        QVERIFY2(back, qPrintable(error));
+        QCOMPARE(back->size(), 300000u);
+        QVERIFY(!tzCloudFile::save(*cloud, m_copc, error));
+        QVERIFY(error.contains(QStringLiteral("cannot be written over")));
+
+        const std::uint64_t budget = tzStreamedCloud::defaultMemoryBudget();
+        tzStreamedCloud::setDefaultMemoryBudget(std::uint64_t(4) << 20);
+        const QString ply = m_dir.filePath(QStringLiteral("copy.ply"));
+        const bool saved = tzCloudFile::save(*cloud, ply, error);
+        tzStreamedCloud::setDefaultMemoryBudget(budget);
+        QVERIFY(!saved);
+        QVERIFY2(error.contains(QStringLiteral("LAS and LAZ are written point by point")),
+                 qPrintable(error));
+        QVERIFY(!QFileInfo::exists(ply));
+    }
+
     void failures()
     {
         QString error;
