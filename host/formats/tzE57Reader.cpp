@@ -183,6 +183,38 @@ private:
     std::array<double, 3> m_colourLow {0, 0, 0}, m_colourHigh {255, 255, 255};
 };
 
+//! Where a block of a scan's records is read to: a column for each field that is used (the
+//! coordinates, the invalid state, the intensity and the colours when asked), none for the others.
+struct Columns
+{
+    std::vector<std::vector<double>> values;
+    std::vector<double *> columns;
+
+    Columns(const tzE57::Scan &scan, const Layout &layout, size_t block, bool withIntensity,
+            bool withColours)
+        : values(scan.fields.size())
+        , columns(scan.fields.size(), nullptr)
+    {
+        const auto use = [&](int k) {
+            if (k >= 0) {
+                values[size_t(k)].resize(block);
+                columns[size_t(k)] = values[size_t(k)].data();
+            }
+        };
+        for (int k : layout.coordinates)
+            use(k);
+        use(layout.invalid);
+        if (withIntensity)
+            use(layout.intensity);
+        if (withColours) {
+            for (int k : layout.colour)
+                use(k);
+        }
+    }
+    //! Field k's values (null for no field).
+    const double *of(int k) const { return k >= 0 ? values[size_t(k)].data() : nullptr; }
+};
+
 //! Decodes a scan in blocks of records into its points; false with the problem (or when the
 //! work was stopped).
 bool decodeScan(const tzE57::File &file, const tzE57::Scan &scan, const Layout &layout,
@@ -203,26 +235,12 @@ bool decodeScan(const tzE57::File &file, const tzE57::Scan &scan, const Layout &
         out.attributes.resize(count);
     const ScanConverter convert(scan, layout, shift);
     constexpr size_t BLOCK = 1 << 14;
-    std::vector<std::vector<double>> values(scan.fields.size());
-    std::vector<double *> columns(scan.fields.size(), nullptr);
-    const auto use = [&](int k) {
-        if (k >= 0) {
-            values[size_t(k)].resize(BLOCK);
-            columns[size_t(k)] = values[size_t(k)].data();
-        }
-    };
-    for (int k : layout.coordinates)
-        use(k);
-    use(layout.invalid);
-    use(layout.intensity);
-    if (withColours) {
-        for (int k : layout.colour)
-            use(k);
-    }
-    const auto column = [&](int k) { return k >= 0 ? values[size_t(k)].data() : nullptr; };
-    const double *a = column(layout.coordinates[0]), *b = column(layout.coordinates[1]),
-                 *c = column(layout.coordinates[2]), *invalid = column(layout.invalid),
-                 *intensity = column(layout.intensity);
+    Columns read(scan, layout, BLOCK, withIntensity, withColours);
+    std::vector<std::vector<double>> &values = read.values;
+    std::vector<double *> &columns = read.columns;
+    const double *a = read.of(layout.coordinates[0]), *b = read.of(layout.coordinates[1]),
+                 *c = read.of(layout.coordinates[2]), *invalid = read.of(layout.invalid),
+                 *intensity = read.of(layout.intensity);
     size_t kept = 0;
     while (records.left() > 0) {
         if (work.stopped())
@@ -304,21 +322,9 @@ void previewScans(const tzE57::File &file, const std::vector<Layout> &layouts,
         if (n < BLOCKS || !records.open(file, scan, error))
             continue;
         const ScanConverter convert(scan, layout, shift);
-        std::vector<std::vector<double>> values(scan.fields.size());
-        std::vector<double *> columns(scan.fields.size(), nullptr);
-        const auto use = [&](int k) {
-            if (k >= 0) {
-                values[size_t(k)].resize(block);
-                columns[size_t(k)] = values[size_t(k)].data();
-            }
-        };
-        for (int k : layout.coordinates)
-            use(k);
-        use(layout.invalid);
-        if (withColours) {
-            for (int k : layout.colour)
-                use(k);
-        }
+        Columns read(scan, layout, block, false, withColours);
+        std::vector<std::vector<double>> &values = read.values;
+        std::vector<double *> &columns = read.columns;
         const auto &c = layout.coordinates;
         for (size_t b = 0; b < BLOCKS; ++b) {
             const size_t first = b * (n / BLOCKS);

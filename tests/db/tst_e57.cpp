@@ -95,6 +95,15 @@ void rechecksum(QByteArray &bytes)
     }
 }
 
+// Writes scans and opens what was written (the bytes must outlive the file).
+bool writeAndOpen(const std::vector<tzE57::ScanToWrite> &scans, QByteArray &bytes,
+                  tzE57::File &file, std::string &error)
+{
+    return tzE57::writeFile(scans, bytes, error)
+        && file.open(reinterpret_cast<const uchar *>(bytes.constData()), size_t(bytes.size()),
+                     error);
+}
+
 } // namespace
 
 class TestE57 : public QObject
@@ -267,11 +276,8 @@ void TestE57::writtenScansReadBack()
     scans[1].pose.translation = {651200.5, 6861400.25, 112};
     QByteArray bytes;
     std::string error;
-    QVERIFY2(tzE57::writeFile(scans, bytes, error), error.c_str());
     tzE57::File file;
-    QVERIFY2(
-        file.open(reinterpret_cast<const uchar *>(bytes.constData()), size_t(bytes.size()), error),
-        error.c_str());
+    QVERIFY2(writeAndOpen(scans, bytes, file, error), error.c_str());
     QCOMPARE(int(file.scans().size()), 3);
     QCOMPARE(file.scans()[1].name, QStringLiteral("station 2"));
     QCOMPARE(file.scans()[1].pose.translation[1], 6861400.25);
@@ -310,11 +316,8 @@ void TestE57::recordsAreSoughtAnywhere()
     }
     QByteArray bytes;
     std::string error;
-    QVERIFY2(tzE57::writeFile(scans, bytes, error), error.c_str());
     tzE57::File file;
-    QVERIFY2(
-        file.open(reinterpret_cast<const uchar *>(bytes.constData()), size_t(bytes.size()), error),
-        error.c_str());
+    QVERIFY2(writeAndOpen(scans, bytes, file, error), error.c_str());
     const tzE57::Scan &scan = file.scans()[0];
     const size_t fields = scan.fields.size();
     std::vector<double> inOrder(size_t(N) * fields);
