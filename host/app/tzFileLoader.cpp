@@ -100,16 +100,8 @@ tzHObject *tzFileLoader::read(QString &error)
         return nullptr;
     if (!indexed.isEmpty())
         return readStreamed(indexed, error);
-    tzCloudFile::LoadOptions options;
+    tzCloudFile::LoadOptions options = loadOptions();
     options.progress = readProgress;
-    options.sceneShift = m_sceneShift;
-    options.confirmShift = [this](TZVector3d &shift, bool sceneShift) {
-        if (m_askShift)
-            return askForShift(shift, sceneShift);
-        emit shiftTaken(shift, sceneShift);
-        return true;
-    };
-    options.note = [this](const QString &text) { emit note(text); };
     const QString name = QFileInfo(m_path).completeBaseName();
     options.preview = [this, name](std::vector<TZVector3> &&points, std::vector<tzRgb> &&colours,
                                    const TZVector3d &shift) {
@@ -138,6 +130,20 @@ tzHObject *tzFileLoader::read(QString &error)
                            QFileInfo(m_path).absoluteFilePath());
     }
     return object;
+}
+
+tzCloudFile::LoadOptions tzFileLoader::loadOptions()
+{
+    tzCloudFile::LoadOptions options;
+    options.sceneShift = m_sceneShift;
+    options.confirmShift = [this](TZVector3d &shift, bool sceneShift) {
+        if (m_askShift)
+            return askForShift(shift, sceneShift);
+        emit shiftTaken(shift, sceneShift);
+        return true;
+    };
+    options.note = [this](const QString &text) { emit note(text); };
+    return options;
 }
 
 bool tzFileLoader::indexIfTooLarge(QString &indexPath, QString &error)
@@ -191,20 +197,13 @@ tzHObject *tzFileLoader::readStreamed(const QString &path, QString &error)
     std::unique_ptr<tzCloudSource> source = tzCopc::openSource(path, error);
     if (!source)
         return nullptr;
+    // The shift by the box's low corner, or its high one when only that needs one.
     double lo[3], hi[3];
     source->pointBounds(lo, hi);
-    const TZVector3d reference(lo[0], lo[1], lo[2]);
-    TZVector3d shift(0, 0, 0);
-    if (tzCloudFile::needsShift(reference) || tzCloudFile::needsShift({hi[0], hi[1], hi[2]})) {
-        const bool inScene = m_sceneShift && !tzCloudFile::needsShift(reference + *m_sceneShift);
-        shift = inScene ? *m_sceneShift : tzCloudFile::suggestShift(reference);
-        if (m_askShift) {
-            if (!askForShift(shift, inScene))
-                return nullptr;
-        } else {
-            emit shiftTaken(shift, inScene);
-        }
-    }
+    const TZVector3d low(lo[0], lo[1], lo[2]), high(hi[0], hi[1], hi[2]);
+    TZVector3d shift;
+    if (!tzCloudFile::decideShift(tzCloudFile::needsShift(low) ? low : high, loadOptions(), shift))
+        return nullptr;
     auto cloud = std::make_unique<tzStreamedCloud>(std::move(source),
                                                    QFileInfo(m_path).completeBaseName());
     cloud->setGlobalShift(shift);

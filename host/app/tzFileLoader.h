@@ -1,6 +1,7 @@
 #pragma once
 
 #include "TZVector3.h"
+#include "tzCloudFile.h"
 #include "tzHObject.h"
 #include "tzMetaTypes.h"
 
@@ -76,6 +77,8 @@ signals:
 private:
     void run();
     tzHObject *read(QString &error);
+    //! How the files are read: the scene's shift, the shift asked or told, the notes.
+    tzCloudFile::LoadOptions loadOptions();
     //! Opens an indexed (COPC) file as a streamed cloud.
     tzHObject *readStreamed(const QString &path, QString &error);
     //! Indexes a file whose points would not fit in the streaming budget (indexPath: the index

@@ -80,6 +80,17 @@ TZVector3d suggestShift(const TZVector3d &p)
     return shift;
 }
 
+bool decideShift(const TZVector3d &reference, const LoadOptions &options, TZVector3d &shift)
+{
+    shift = TZVector3d();
+    if (!needsShift(reference))
+        return true;
+    const std::optional<TZVector3d> &scene = options.sceneShift;
+    const bool inScene = scene && !needsShift(reference + *scene);
+    shift = inScene ? *scene : suggestShift(reference);
+    return !options.confirmShift || options.confirmShift(shift, inScene);
+}
+
 tzPointCloud *loadFromMemory(const QByteArray &bytes, const QString &format, const QString &name,
                              QString &errorText, const LoadOptions &options)
 {

@@ -60,6 +60,11 @@ constexpr double MAX_UNSHIFTED_COORDINATE = 1.0e4;
 //! Whether a point needs a shift, and the shift suggested for it (whole hundreds of units).
 QTZ_FORMATS_LIB_API bool needsShift(const TZVector3d &p);
 QTZ_FORMATS_LIB_API TZVector3d suggestShift(const TZVector3d &p);
+//! The shift of a file whose points start at reference: none when it needs none, else the
+//! scene's when the points fit in it, else their own; options.confirmShift is asked and may
+//! change it. False when it refuses (the load is cancelled).
+QTZ_FORMATS_LIB_API bool decideShift(const TZVector3d &reference, const LoadOptions &options,
+                                     TZVector3d &shift);
 
 //! The extensions of the clouds in text files: xyz, txt, asc, pts, csv, xyzrgb, xyzn.
 QTZ_FORMATS_LIB_API const QStringList &textKinds();

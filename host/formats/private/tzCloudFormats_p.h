@@ -173,12 +173,7 @@ public:
     void decideShift(const TZVector3d &reference)
     {
         m_shiftDecided = true;
-        if (!needsShift(reference))
-            return;
-        const std::optional<TZVector3d> &scene = m_options.sceneShift;
-        const bool inScene = scene && !needsShift(reference + *scene);
-        m_shift = inScene ? *scene : suggestShift(reference);
-        if (m_options.confirmShift && !m_options.confirmShift(m_shift, inScene))
+        if (!tzCloudFile::decideShift(reference, m_options, m_shift))
             throw Cancelled {};
     }
     void add(double x, double y, double z)
