@@ -752,14 +752,13 @@ public:
                 out.push_back({points + i, firstIndex + i, d2});
         }
     }
-    void scan(const TZVector3 *points, const std::uint32_t *which, unsigned count,
+    void scan(const TZVector3 *points, const std::uint32_t *place, unsigned count,
               unsigned firstIndex, Octree::NeighboursSet &out) const override
     {
         for (unsigned k = 0; k < count; ++k) {
-            const std::uint32_t i = which[k];
             double d2;
-            if (m_shape.test(points[i], d2))
-                out.push_back({points + i, firstIndex + i, d2});
+            if (m_shape.test(points[k], d2))
+                out.push_back({points + k, firstIndex + place[k], d2});
         }
     }
     void bounds(double (&min)[3], double (&max)[3]) const override

@@ -115,8 +115,8 @@ public:
         //! Appends the points of [points, points + count) that pass, numbered from firstIndex.
         virtual void scan(const TZVector3 *points, unsigned count, unsigned firstIndex,
                           NeighboursSet &out) const = 0;
-        //! The same for the points points[which[k]], k < count.
-        virtual void scan(const TZVector3 *points, const std::uint32_t *which, unsigned count,
+        //! The same for points in another order: points[k] is numbered firstIndex + place[k].
+        virtual void scan(const TZVector3 *points, const std::uint32_t *place, unsigned count,
                           unsigned firstIndex, NeighboursSet &out) const = 0;
         //! The box that holds the shape.
         virtual void bounds(double (&min)[3], double (&max)[3]) const = 0;

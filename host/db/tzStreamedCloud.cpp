@@ -81,8 +81,11 @@ struct tzStreamedCloud::Impl
         int cells = 0; // along x and y; 0: not made
         double min[2] = {0, 0};
         double perUnit = 0; // cells a unit
-        std::vector<std::uint32_t> start; // each cell's first entry of order, and the end
-        std::vector<std::uint32_t> order; // the points' indices, cell after cell
+        std::vector<std::uint32_t> start; // each cell's first entry, and the end
+        // The points cell after cell, and their places in the node: a column is scanned in
+        // one run of memory.
+        std::vector<TZVector3> points;
+        std::vector<std::uint32_t> order;
     };
     struct Held
     {
@@ -101,6 +104,15 @@ struct tzStreamedCloud::Impl
         bool requested = false; // waiting for or being read by a worker
         bool failed = false; // could not be read: not asked for again
     };
+    // A run of points a query scans: place null when they are in the node's order.
+    struct Run
+    {
+        const TZVector3 *points;
+        const std::uint32_t *place;
+        unsigned count;
+        unsigned first;
+    };
+
     struct Arrival
     {
         int node = -1;
@@ -128,6 +140,7 @@ struct tzStreamedCloud::Impl
     std::uint64_t sampleVersion = 0; // grows when a node of the statistics' sample comes
     bool errorShown = false;
     std::vector<int> scratch, found; // a query's, kept from one to the next
+    std::vector<Run> runs; // the same
 
     // Shared with the workers.
     std::mutex mutex;
@@ -418,20 +431,18 @@ struct tzStreamedCloud::Impl
             readNow(missing);
     }
 
-    // Makes a node's grid: about 4 points a column.
-    void makeGrid(Node &n)
+    // Makes a node's grid of the points that can be numbered (count): about 4 points a column.
+    void makeGrid(Node &n, unsigned count)
     {
         Grid &g = n.held->grid;
         const std::vector<TZVector3> &points = n.held->data.points;
-        const size_t count = points.size();
         g.cells = int(std::max(1.0, std::min(256.0, std::sqrt(double(count) / 4.0))));
         g.min[0] = n.min[0];
         g.min[1] = n.min[1];
         g.perUnit = g.cells / std::max(n.max[0] - n.min[0], n.max[1] - n.min[1]);
         g.start.assign(size_t(g.cells) * size_t(g.cells) + 1, 0);
-        g.order.resize(count);
         std::vector<std::uint32_t> cellOf(count);
-        for (size_t i = 0; i < count; ++i) {
+        for (unsigned i = 0; i < count; ++i) {
             const std::uint32_t c
                 = cell(g, points[i].x, 0) + std::uint32_t(g.cells) * cell(g, points[i].y, 1);
             cellOf[i] = c;
@@ -440,9 +451,15 @@ struct tzStreamedCloud::Impl
         for (size_t c = 1; c < g.start.size(); ++c)
             g.start[c] += g.start[c - 1];
         std::vector<std::uint32_t> next(g.start.begin(), g.start.end() - 1);
-        for (size_t i = 0; i < count; ++i)
-            g.order[next[cellOf[i]]++] = std::uint32_t(i);
-        const std::uint64_t bytes = (g.start.capacity() + g.order.capacity()) * 4;
+        g.points.resize(count);
+        g.order.resize(count);
+        for (unsigned i = 0; i < count; ++i) {
+            const std::uint32_t at = next[cellOf[i]]++;
+            g.points[at] = points[i];
+            g.order[at] = i;
+        }
+        const std::uint64_t bytes = (g.start.capacity() + g.order.capacity()) * 4
+            + g.points.capacity() * sizeof(TZVector3);
         n.held->bytes += bytes;
         heldBytes += bytes;
     }
@@ -452,21 +469,22 @@ struct tzStreamedCloud::Impl
         return at <= 0 ? 0u : (at >= g.cells - 1 ? std::uint32_t(g.cells - 1) : std::uint32_t(at));
     }
 
-    // The points of a held node that pass a query, through its grid.
-    void scanNode(Node &n, const TZLib::Octree::Query &query, TZLib::Octree::NeighboursSet &out)
+    // The runs of a held node's points that may pass a query, through its grid.
+    void runsOf(Node &n, const TZLib::Octree::Query &query, std::vector<Run> &runs)
     {
         if (n.entry.firstPoint >= UINT_MAX)
             return;
         const std::vector<TZVector3> &points = n.held->data.points;
+        // Indices past what can be numbered are left out.
         const unsigned count = unsigned(
             std::min<std::uint64_t>(points.size(), std::uint64_t(UINT_MAX) - n.entry.firstPoint));
         const unsigned first = unsigned(n.entry.firstPoint);
-        if (count < 64) {
-            query.scan(points.data(), count, first, out);
+        if (count < 16) {
+            runs.push_back({points.data(), nullptr, count, first});
             return;
         }
         if (n.held->grid.cells == 0)
-            makeGrid(n);
+            makeGrid(n, count);
         const Grid &g = n.held->grid;
         double lo[3], hi[3];
         query.bounds(lo, hi);
@@ -474,6 +492,14 @@ struct tzStreamedCloud::Impl
         const std::uint32_t y0 = cell(g, lo[1] - margin, 1), y1 = cell(g, hi[1] + margin, 1);
         const double side = 1 / g.perUnit;
         for (std::uint32_t y = y0; y <= y1; ++y) {
+            // A row's columns that meet the query are one run of memory.
+            std::uint32_t from = 0, to = 0;
+            const auto close = [&] {
+                if (to > from)
+                    runs.push_back(
+                        {g.points.data() + from, g.order.data() + from, to - from, first});
+                from = to = 0;
+            };
             for (std::uint32_t x = x0; x <= x1; ++x) {
                 // The column's box, widened as the node's is: points were put in columns with
                 // float arithmetic.
@@ -484,24 +510,33 @@ struct tzStreamedCloud::Impl
                 // The edge columns also hold what lies past the node's box.
                 const bool edge = x == 0 || y == 0 || x + 1 == std::uint32_t(g.cells)
                     || y + 1 == std::uint32_t(g.cells);
-                if (!edge && !query.meets(min, max))
+                if (!edge && !query.meets(min, max)) {
+                    close();
                     continue;
-                const std::uint32_t c = x + std::uint32_t(g.cells) * y;
-                const std::uint32_t from = g.start[c], to = g.start[c + 1];
-                std::uint32_t taken = to - from;
-                // Indices past what can be numbered are left out.
-                const std::uint32_t *which = g.order.data() + from;
-                std::vector<std::uint32_t> kept;
-                if (count < points.size()) {
-                    for (std::uint32_t k = 0; k < taken; ++k) {
-                        if (which[k] < count)
-                            kept.push_back(which[k]);
-                    }
-                    which = kept.data();
-                    taken = std::uint32_t(kept.size());
                 }
-                query.scan(points.data(), which, taken, first, out);
+                const std::uint32_t c = x + std::uint32_t(g.cells) * y;
+                if (to != g.start[c])
+                    close();
+                if (to == from)
+                    from = g.start[c];
+                to = g.start[c + 1];
             }
+            close();
+        }
+    }
+
+    // Scans the runs; their first points are asked of memory before any is scanned, so that
+    // the runs' cache misses overlap instead of following one another.
+    static void scan(const std::vector<Run> &runs, const TZLib::Octree::Query &query,
+                     TZLib::Octree::NeighboursSet &out)
+    {
+        for (const Run &r : runs)
+            __builtin_prefetch(r.points);
+        for (const Run &r : runs) {
+            if (r.place)
+                query.scan(r.points, r.place, r.count, r.first, out);
+            else
+                query.scan(r.points, r.count, r.first, out);
         }
     }
 
@@ -566,11 +601,13 @@ bool tzStreamedOctree::answerElsewhere(const Query &query, NeighboursSet &out) c
     std::sort(found.begin(), found.end(), [&d](int a, int b) {
         return d.nodes[size_t(a)].entry.firstPoint < d.nodes[size_t(b)].entry.firstPoint;
     });
+    d.runs.clear();
     for (int index : found) {
         auto &n = d.nodes[size_t(index)];
         if (n.held)
-            d.scanNode(n, query, out);
+            d.runsOf(n, query, d.runs);
     }
+    d.scan(d.runs, query, out);
     return true;
 }
 
