@@ -17,6 +17,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QStorageInfo>
 #include <QTemporaryDir>
 
 #include <atomic>
@@ -551,6 +552,9 @@ public:
 
 private:
     void decideLayout(std::vector<std::unique_ptr<Input>> &inputs);
+    //! Fails when the disks cannot hold the records waiting and the index.
+    void checkRoom(const QString &workFolder, const QIODevice &out, size_t length,
+                   quint64 held) const;
     //! Tells the user once, however many times the layout is decided.
     void noteOnce(const QString &text)
     {
@@ -1096,6 +1100,41 @@ void Indexer::finish(QIODevice &out)
     write(reinterpret_cast<const char *>(&tableAt), 8);
 }
 
+QString bytesText(quint64 bytes)
+{
+    return bytes >= 1000000000 ? QStringLiteral("%1 GB").arg(bytes / 1e9, 0, 'f', 1)
+                               : QStringLiteral("%1 MB").arg(bytes / 1e6, 0, 'f', 0);
+}
+
+void Indexer::checkRoom(const QString &workFolder, const QIODevice &out, size_t length,
+                        quint64 held) const
+{
+    // The records that do not fit in memory wait in the work folder, and the index (about a
+    // third of the records, compressed) grows meanwhile: refused now rather than when the disk
+    // fills up, an hour into the work.
+    const quint64 waiting = m_total * length > held ? m_total * length : 0;
+    const quint64 written = m_total * length / 3;
+    const auto *file = qobject_cast<const QFileDevice *>(&out);
+    const QString outFolder
+        = file ? QFileInfo(file->fileName()).absolutePath() : QFileInfo(workFolder).path();
+    const QStorageInfo work(workFolder), index(outFolder);
+    const bool oneDisk = work.device() == index.device();
+    const auto need = [&](const QStorageInfo &disk, quint64 bytes, const QString &folder) {
+        if (disk.isValid() && disk.bytesAvailable() >= 0 && quint64(disk.bytesAvailable()) < bytes)
+            failWith(QStringLiteral("cannot write: indexing %1 M points needs about %2 free "
+                                    "in '%3', which has %4")
+                         .arg(m_total / 1e6, 0, 'f', 1)
+                         .arg(bytesText(bytes), QDir::toNativeSeparators(folder),
+                              bytesText(quint64(disk.bytesAvailable()))));
+    };
+    if (oneDisk) {
+        need(index, waiting + written, outFolder);
+    } else {
+        need(work, waiting, QFileInfo(workFolder).path());
+        need(index, written, outFolder);
+    }
+}
+
 void Indexer::run(std::vector<std::unique_ptr<Input>> &inputs, QIODevice &out,
                   const QString &workFolder)
 {
@@ -1119,6 +1158,8 @@ void Indexer::run(std::vector<std::unique_ptr<Input>> &inputs, QIODevice &out,
         int depth = 0;
         while (depth < MAX_DEPTH - 2 && (m_total >> (2 * depth)) > m_maxBucket / 2)
             ++depth;
+        if (attempt == 0)
+            checkRoom(workFolder, out, length, budget / 4);
         const QString folder = QDir(workFolder).filePath(QString::number(attempt));
         if (!QDir().mkpath(folder))
             failWith(QStringLiteral("cannot make the work folder '%1'").arg(folder));
