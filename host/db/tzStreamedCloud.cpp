@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <cmath>
 #include <condition_variable>
@@ -102,7 +103,8 @@ struct tzStreamedCloud::Impl
         std::shared_ptr<Held> held;
         std::uint64_t lastUsed = 0;
         bool requested = false; // waiting for or being read by a worker
-        bool failed = false; // could not be read: not asked for again
+        bool failed = false; // could not be read: not asked for again (see failedRecently)
+        std::chrono::steady_clock::time_point failedAt;
     };
     // A run of points a query scans: place null when they are in the node's order.
     struct Run
@@ -172,6 +174,7 @@ struct tzStreamedCloud::Impl
             stop = true;
             queue.clear();
         }
+        source.cancel();
         wake.notify_all();
         for (std::thread &w : workers)
             w.join();
@@ -180,7 +183,9 @@ struct tzStreamedCloud::Impl
     void startWorkers()
     {
         const unsigned hw = std::thread::hardware_concurrency();
-        const unsigned count = std::max(1u, std::min(hw == 0 ? 2u : hw, 8u));
+        const int parallel = source.parallelReads();
+        const unsigned count
+            = parallel > 0 ? unsigned(parallel) : std::max(1u, std::min(hw == 0 ? 2u : hw, 8u));
         for (unsigned i = 0; i < count; ++i)
             workers.emplace_back([this] { work(); });
     }
@@ -338,7 +343,9 @@ struct tzStreamedCloud::Impl
                 results[i] = read(wanted[i], nodes[size_t(wanted[i])].entry);
         };
         const unsigned hw = std::thread::hardware_concurrency();
-        const size_t threads = std::min<size_t>(wanted.size(), std::max(1u, hw));
+        const int parallel = source.parallelReads();
+        const size_t threads = std::min<size_t>(
+            wanted.size(), parallel > 0 ? size_t(parallel) : size_t(std::max(1u, hw)));
         std::vector<std::thread> helpers;
         for (size_t t = 1; t < threads; ++t)
             helpers.emplace_back(run);
@@ -349,17 +356,34 @@ struct tzStreamedCloud::Impl
             integrate(a);
     }
 
+    //! Whether a node is left alone for having failed: for good from a file, for a while from
+    //! a server.
+    bool failedRecently(const Node &n) const
+    {
+        const int retry = source.retryFailuresAfterMs();
+        return n.failed
+            && (retry < 0
+                || std::chrono::steady_clock::now() - n.failedAt
+                    < std::chrono::milliseconds(retry));
+    }
+
     void integrate(Arrival &a)
     {
         Node &n = nodes[size_t(a.node)];
         n.requested = false;
         if (!a.error.isEmpty()) {
-            // Shown once; the node (or the part of the tree the page lists) stays empty.
+            // Shown once (once an outage, from a server); the node (or the part of the tree the
+            // page lists) stays empty.
             report(a.error);
             n.failed = true;
-            if (n.entry.isPage())
+            n.failedAt = std::chrono::steady_clock::now();
+            if (n.entry.isPage() && source.retryFailuresAfterMs() < 0)
                 n.entry.pointCount = 0;
             return;
+        }
+        if (n.failed) {
+            n.failed = false;
+            errorShown = false; // the server is back: the next outage is told again
         }
         if (a.page) {
             if (!n.entry.isPage())
@@ -387,10 +411,15 @@ struct tzStreamedCloud::Impl
             if (!query.meets(nodes[size_t(index)].min, nodes[size_t(index)].max))
                 continue;
             if (nodes[size_t(index)].entry.isPage()) {
-                readNow({index});
+                if (!failedRecently(nodes[size_t(index)]))
+                    readNow({index});
                 Node &read = nodes[size_t(index)];
-                if (read.entry.isPage())
-                    read.entry.pointCount = 0; // a page that cannot be read: nothing below
+                if (read.entry.isPage()) {
+                    // A page that cannot be read: nothing below (this time, from a server).
+                    if (source.retryFailuresAfterMs() >= 0)
+                        continue;
+                    read.entry.pointCount = 0;
+                }
                 pending.push_back(index);
                 continue;
             }
@@ -424,7 +453,7 @@ struct tzStreamedCloud::Impl
         std::vector<int> missing;
         for (int index : wanted) {
             nodes[size_t(index)].lastUsed = frame;
-            if (!nodes[size_t(index)].held && !nodes[size_t(index)].failed)
+            if (!nodes[size_t(index)].held && !failedRecently(nodes[size_t(index)]))
                 missing.push_back(index);
         }
         if (!missing.empty())
@@ -940,13 +969,15 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
         open.pop();
         Impl::Node &n = s.nodes[size_t(index)];
         if (n.entry.isPage()) {
-            wanted.push_back({px, index});
-            whole = false;
+            if (!s.failedRecently(n)) {
+                wanted.push_back({px, index});
+                whole = false;
+            }
             continue;
         }
         if (!visible(n))
             continue;
-        if (n.entry.pointCount > 0 && !n.failed) {
+        if (n.entry.pointCount > 0 && !s.failedRecently(n)) {
             if (drawn > 0 && drawn + std::uint64_t(n.entry.pointCount) > budget) {
                 whole = false;
                 continue;

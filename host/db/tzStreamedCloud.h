@@ -65,6 +65,13 @@ public:
     //! Decodes a node's points, local = (global + shift) * scale.
     virtual bool readNode(const Node &node, const TZVector3d &shift, double scale, Points &out,
                           QString &error) const = 0;
+    //! Reads at once that the source takes best (a server far away), 0: one a core.
+    virtual int parallelReads() const { return 0; }
+    //! What failed to be read is asked for again after this many milliseconds (a server may
+    //! be back by then); -1: never (a file that cannot be read stays so).
+    virtual int retryFailuresAfterMs() const { return -1; }
+    //! Makes the reads in progress and to come fail at once: the cloud is going.
+    virtual void cancel() const { }
 };
 
 class QTZ_DB_LIB_API tzStreamedCloud : public tzPointCloud

@@ -22,6 +22,9 @@
 #include <vector>
 
 class tzCloudSource;
+namespace tzLaz {
+struct Chunk;
+}
 
 namespace tzCopc {
 
@@ -102,8 +105,9 @@ public:
     File(const File &) = delete;
     File &operator=(const File &) = delete;
 
-    //! Opens the file and reads its header, its VLRs and its info; false, with errorText
-    //! naming the file and the problem, when it is not a COPC file that can be read.
+    //! Opens the file (a path, or a URL served with range requests) and reads its header, its
+    //! VLRs and its info; false, with errorText naming the file and the problem, when it is not
+    //! a COPC file that can be read.
     bool open(const QString &path, QString &errorText);
     const QString &path() const;
     const Info &info() const;
@@ -130,14 +134,44 @@ public:
     bool firstPointAt(std::uint64_t offset, std::uint64_t &first) const;
     //! A record's point (records of this file's format).
     Point pointOf(const std::uint8_t *record) const;
+    //! Makes the reads in progress and to come fail at once.
+    void cancel() const;
+    //! Whether the file is read from a server (reads are slow to start: many at once).
+    bool isRemote() const;
 
 private:
+    bool readChunkTable(std::vector<tzLaz::Chunk> &chunks) const;
+
     struct Impl;
     std::unique_ptr<Impl> d;
 };
 
-//! Opens a COPC file as the source of a streamed cloud (tzStreamedCloud); null, with errorText
-//! naming the file and the problem, when it cannot be read.
+//! How files served over HTTP are read.
+struct RemoteSettings
+{
+    //! Where the ranges read are kept (empty: nowhere), and how many bytes at most: the least
+    //! recently used go first.
+    QString cacheFolder;
+    std::uint64_t cacheBytes = std::uint64_t(2048) << 20;
+    //! A request that receives nothing for this long fails, and is tried this many times in all.
+    int timeoutSeconds = 20;
+    int attempts = 3;
+    //! The pause before the second attempt, doubled before each one after.
+    int retryPauseMs = 250;
+    //! Requests in flight at once for one file.
+    int parallel = 6;
+    //! What could not be read is asked for again after this long (the server may be back).
+    int retryFailuresAfterMs = 20000;
+};
+QTZ_FORMATS_LIB_API void setRemoteSettings(const RemoteSettings &settings);
+QTZ_FORMATS_LIB_API RemoteSettings remoteSettings();
+
+//! Whether a name is an HTTP or HTTPS URL rather than a path.
+QTZ_FORMATS_LIB_API bool isUrl(const QString &name);
+
+//! Opens a COPC file, of the disk or served over HTTP or HTTPS (the server must answer range
+//! requests), as the source of a streamed cloud (tzStreamedCloud); null, with errorText naming
+//! the file and the problem, when it cannot be read.
 QTZ_FORMATS_LIB_API std::unique_ptr<tzCloudSource> openSource(const QString &path,
                                                               QString &errorText);
 //! Whether a file is a COPC file (a LAZ whose first VLR is the COPC info).

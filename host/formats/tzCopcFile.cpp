@@ -2,6 +2,7 @@
 
 #include "tzCopc.h"
 
+#include "tzByteRanges_p.h"
 #include "tzLasFile_p.h"
 #include "tzStreamedCloud.h"
 
@@ -28,16 +29,25 @@ void Info::bounds(const Key &key, double (&min)[3], double (&max)[3]) const
 struct File::Impl
 {
     QString path;
-    FileBytes bytes;
+    std::unique_ptr<ByteRanges> bytes;
     LasHeader header;
     tzLaz::Description description;
     Info info;
     std::vector<std::pair<std::uint64_t, std::uint64_t>> firstPoints; // chunk offset, first point
 
-    const Bytes &in() const { return bytes.bytes(); }
     QString problem(const QString &reason) const
     {
         return QStringLiteral("'%1': %2").arg(path, reason);
+    }
+    //! Bytes [offset, offset + length), or a failure naming the file.
+    const uchar *read(std::uint64_t offset, std::uint64_t length,
+                      std::vector<std::uint8_t> &storage) const
+    {
+        const uchar *data = nullptr;
+        QString error;
+        if (!bytes->read(offset, length, storage, data, error))
+            failWith(error);
+        return data;
     }
 };
 
@@ -51,10 +61,18 @@ File::~File() = default;
 bool File::open(const QString &path, QString &errorText)
 {
     d->path = path;
-    if (!d->bytes.open(path, errorText))
+    d->bytes = isUrl(path) ? openUrlRanges(path, errorText) : openFileRanges(path, errorText);
+    if (!d->bytes)
         return false;
     try {
-        d->header = LasHeader::read(d->in());
+        // The header and the VLRs, up to the point data and the chunk table's place.
+        const std::uint64_t size = d->bytes->size();
+        std::vector<std::uint8_t> headStorage;
+        Bytes head {d->read(0, std::min<std::uint64_t>(size, 4096), headStorage),
+                    size_t(std::min<std::uint64_t>(size, 4096))};
+        d->header = LasHeader::read(head);
+        const std::uint64_t upTo = std::min<std::uint64_t>(size, d->header.dataOffset + 8);
+        head = {d->read(0, upTo, headStorage), size_t(upTo)};
         const LasHeader &h = d->header;
         if (!h.compressed || h.format < 6 || h.format > 8)
             failWith(QStringLiteral("not a COPC file (LAZ of point format 6 to 8 expected, the "
@@ -62,7 +80,7 @@ bool File::open(const QString &path, QString &errorText)
                          .arg(h.compressed ? QStringLiteral("LAZ") : QStringLiteral("LAS"))
                          .arg(h.format));
         const uchar *info = nullptr;
-        forEachVlr(d->in(), h, [&](const uchar *vlr, quint16 length) {
+        forEachVlr(head, h, [&](const uchar *vlr, quint16 length) {
             if (!info && isCopcRecord(vlr) && loadAs<quint16>(vlr + 18, false) == 1
                 && length >= 160)
                 info = vlr + 54;
@@ -81,7 +99,7 @@ bool File::open(const QString &path, QString &errorText)
         if (!(i.halfSize > 0) || !std::isfinite(i.halfSize))
             failWith(
                 QStringLiteral("the COPC info gives an octree of half size %1").arg(i.halfSize));
-        d->description = lazDescription(d->in(), h);
+        d->description = lazDescription(head, h);
         if (d->description.recordLength() != h.recordLength)
             failWith(QStringLiteral("the laszip VLR's items make records of %1 bytes, the "
                                     "header says %2")
@@ -90,10 +108,8 @@ bool File::open(const QString &path, QString &errorText)
         // Where each node's points come in the file: the chunk table's counts, added up; without
         // a table, every node's entry.
         std::vector<tzLaz::Chunk> chunks;
-        std::string error;
-        std::uint64_t first = 0;
-        if (tzLaz::readChunkTable(d->in().data, d->in().size, h.dataOffset, h.count, d->description,
-                                  chunks, error)) {
+        if (readChunkTable(chunks)) {
+            std::uint64_t first = 0;
             for (const tzLaz::Chunk &c : chunks) {
                 d->firstPoints.push_back({c.offset, first});
                 first += c.points;
@@ -104,6 +120,7 @@ bool File::open(const QString &path, QString &errorText)
                 return false;
             std::sort(nodes.begin(), nodes.end(),
                       [](const Entry &a, const Entry &b) { return a.offset < b.offset; });
+            std::uint64_t first = 0;
             for (const Entry &n : nodes) {
                 if (n.pointCount > 0) {
                     d->firstPoints.push_back({n.offset, first});
@@ -118,6 +135,28 @@ bool File::open(const QString &path, QString &errorText)
     return true;
 }
 
+bool File::readChunkTable(std::vector<tzLaz::Chunk> &chunks) const
+{
+    // Its place is stored at the start of the point data (or, written to a stream, at the
+    // very end); it runs up to the extended VLRs, or the end.
+    const LasHeader &h = d->header;
+    const std::uint64_t size = d->bytes->size();
+    if (std::uint64_t(h.dataOffset) + 8 > size)
+        return false;
+    std::vector<std::uint8_t> storage;
+    std::int64_t at = loadAs<qint64>(d->read(h.dataOffset, 8, storage), false);
+    if (at == -1 && size >= 8)
+        at = loadAs<qint64>(d->read(size - 8, 8, storage), false);
+    if (at < std::int64_t(h.dataOffset) + 8 || std::uint64_t(at) + 8 > size)
+        return false;
+    const std::uint64_t end
+        = h.evlrStart > std::uint64_t(at) && h.evlrStart <= size ? h.evlrStart : size;
+    const uchar *table = d->read(std::uint64_t(at), end - std::uint64_t(at), storage);
+    std::string error;
+    return tzLaz::decodeChunkTable(table, size_t(end - std::uint64_t(at)), std::uint64_t(at),
+                                   h.dataOffset, h.count, d->description, chunks, error);
+}
+
 bool File::firstPointAt(std::uint64_t offset, std::uint64_t &first) const
 {
     const auto &table = d->firstPoints;
@@ -128,6 +167,17 @@ bool File::firstPointAt(std::uint64_t offset, std::uint64_t &first) const
         return false;
     first = it->second;
     return true;
+}
+
+void File::cancel() const
+{
+    if (d->bytes)
+        d->bytes->cancel();
+}
+
+bool File::isRemote() const
+{
+    return d->bytes && d->bytes->remote();
 }
 
 const QString &File::path() const
@@ -177,17 +227,25 @@ bool File::readPage(std::uint64_t offset, std::uint64_t size, std::vector<Entry>
                     QString &errorText) const
 {
     entries.clear();
-    const Bytes &in = d->in();
-    if (offset > in.size || size > in.size - offset || size % 32 != 0) {
+    const std::uint64_t fileSize = d->bytes->size();
+    if (offset > fileSize || size > fileSize - offset || size % 32 != 0) {
         errorText = d->problem(QStringLiteral("a hierarchy page (%1 bytes at byte %2) lies "
                                               "outside the file")
                                    .arg(size)
                                    .arg(offset));
         return false;
     }
+    std::vector<std::uint8_t> storage;
+    const uchar *page = nullptr;
+    try {
+        page = d->read(offset, size, storage);
+    } catch (const ReadFailure &failure) {
+        errorText = d->problem(failure.reason);
+        return false;
+    }
     entries.reserve(size_t(size / 32));
     for (std::uint64_t at = offset; at < offset + size; at += 32) {
-        const uchar *e = in.data + at;
+        const uchar *e = page + (at - offset);
         Entry entry;
         entry.key = {loadAs<qint32>(e, false), loadAs<qint32>(e + 4, false),
                      loadAs<qint32>(e + 8, false), loadAs<qint32>(e + 12, false)};
@@ -197,8 +255,8 @@ bool File::readPage(std::uint64_t offset, std::uint64_t size, std::vector<Entry>
         const Key &k = entry.key;
         const std::int64_t side = k.depth >= 0 && k.depth < 31 ? std::int64_t(1) << k.depth : 0;
         if (side == 0 || k.x < 0 || k.y < 0 || k.z < 0 || k.x >= side || k.y >= side || k.z >= side
-            || entry.pointCount < -1 || entry.byteSize < 0 || entry.offset > in.size
-            || std::uint64_t(entry.byteSize) > in.size - entry.offset) {
+            || entry.pointCount < -1 || entry.byteSize < 0 || entry.offset > fileSize
+            || std::uint64_t(entry.byteSize) > fileSize - entry.offset) {
             errorText = d->problem(QStringLiteral("the hierarchy entry at byte %1 is impossible "
                                                   "(node %2-%3-%4-%5, %6 bytes at byte %7)")
                                        .arg(at)
@@ -246,8 +304,8 @@ bool File::readRecords(const Entry &node, std::vector<std::uint8_t> &records,
     records.clear();
     if (node.pointCount <= 0)
         return true;
-    const Bytes &in = d->in();
-    if (node.offset > in.size || std::uint64_t(node.byteSize) > in.size - node.offset) {
+    const std::uint64_t fileSize = d->bytes->size();
+    if (node.offset > fileSize || std::uint64_t(node.byteSize) > fileSize - node.offset) {
         errorText = d->problem(QStringLiteral("the chunk of node %1-%2-%3-%4 lies outside the "
                                               "file")
                                    .arg(node.key.depth)
@@ -263,12 +321,25 @@ bool File::readRecords(const Entry &node, std::vector<std::uint8_t> &records,
             = d->problem(QStringLiteral("not enough memory for %1 points").arg(node.pointCount));
         return false;
     }
+    std::vector<std::uint8_t> storage;
+    const uchar *chunk = nullptr;
+    QString reason;
+    if (!d->bytes->read(node.offset, std::uint64_t(node.byteSize), storage, chunk, reason)) {
+        errorText = d->problem(QStringLiteral("node %1-%2-%3-%4: %5")
+                                   .arg(node.key.depth)
+                                   .arg(node.key.x)
+                                   .arg(node.key.y)
+                                   .arg(node.key.z)
+                                   .arg(reason));
+        records.clear();
+        return false;
+    }
     // A decoder is cheap next to a chunk's points, and one per call lets any thread read.
     tzLaz::ChunkDecoder decoder(d->description);
     size_t consumed = 0;
     std::string error;
-    if (!decoder.decode(in.data + node.offset, size_t(node.byteSize), quint32(node.pointCount),
-                        records.data(), consumed, error)) {
+    if (!decoder.decode(chunk, size_t(node.byteSize), quint32(node.pointCount), records.data(),
+                        consumed, error)) {
         errorText = d->problem(QStringLiteral("node %1-%2-%3-%4 at byte %5: %6")
                                    .arg(node.key.depth)
                                    .arg(node.key.x)
@@ -349,6 +420,15 @@ public:
     }
 
     QString path() const override { return m_file.path(); }
+    int parallelReads() const override
+    {
+        return m_file.isRemote() ? std::max(1, remoteSettings().parallel) : 0;
+    }
+    void cancel() const override { m_file.cancel(); }
+    int retryFailuresAfterMs() const override
+    {
+        return m_file.isRemote() ? std::max(0, remoteSettings().retryFailuresAfterMs) : -1;
+    }
     std::uint64_t pointCount() const override { return m_file.pointCount(); }
     void cube(double (&centre)[3], double &halfSize, double &spacing) const override
     {

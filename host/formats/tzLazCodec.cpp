@@ -103,7 +103,22 @@ bool readChunkTable(const std::uint8_t *file, std::size_t fileSize, std::uint64_
             = "the chunk table's offset " + std::to_string(tableOffset) + " lies outside the file";
         return false;
     }
-    const std::uint8_t *table = file + tableOffset;
+    return decodeChunkTable(file + tableOffset, fileSize - std::uint64_t(tableOffset),
+                            std::uint64_t(tableOffset), pointDataOffset, pointCount, description,
+                            chunks, error);
+}
+
+bool decodeChunkTable(const std::uint8_t *table, std::size_t tableSize, std::uint64_t tableOffset,
+                      std::uint64_t pointDataOffset, std::uint64_t pointCount,
+                      const Description &description, std::vector<Chunk> &chunks,
+                      std::string &error)
+{
+    chunks.clear();
+    const std::uint64_t firstChunk = pointDataOffset + 8;
+    if (tableSize < 8) {
+        error = "the chunk table is truncated";
+        return false;
+    }
     const std::uint32_t version = load<std::uint32_t>(table);
     const std::uint32_t count = load<std::uint32_t>(table + 4);
     if (version != 0) {
@@ -118,7 +133,7 @@ bool readChunkTable(const std::uint8_t *file, std::size_t fileSize, std::uint64_
         return false;
     }
     Decoder decoder;
-    decoder.start(table + 8, file + fileSize);
+    decoder.start(table + 8, table + tableSize);
     IntegerCoder integers(32, 2);
     std::uint32_t points = 0, bytes = 0;
     std::uint64_t offset = firstChunk, remaining = pointCount;

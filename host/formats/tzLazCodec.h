@@ -83,6 +83,12 @@ struct Chunk
 bool readChunkTable(const std::uint8_t *file, std::size_t fileSize, std::uint64_t pointDataOffset,
                     std::uint64_t pointCount, const Description &description,
                     std::vector<Chunk> &chunks, std::string &error);
+//! The same from the table's own bytes, [table, table + tableSize), found at tableOffset in
+//! the file: for a file read a part at a time.
+bool decodeChunkTable(const std::uint8_t *table, std::size_t tableSize, std::uint64_t tableOffset,
+                      std::uint64_t pointDataOffset, std::uint64_t pointCount,
+                      const Description &description, std::vector<Chunk> &chunks,
+                      std::string &error);
 
 //! Decodes the records of one chunk. Reused chunk after chunk on one thread.
 class ChunkDecoder

@@ -1,0 +1,320 @@
+// A COPC file served over HTTP by a real server (a local one, answering byte ranges after a
+// delay, and misbehaving on demand): the same nodes and the same picks as the file on the disk;
+// the view's frame does not wait for the server; a second opening is read from the disk cache;
+// a server that sends whole files, a file that is not COPC, a missing one and cut connections
+// each give a message that names the URL and the problem, and what was shown stays.
+
+#include "tzCloudFile.h"
+#include "tzCopc.h"
+#include "tzLog.h"
+#include "tzStreamedCloud.h"
+
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <cmath>
+#include <memory>
+#include <random>
+#include <tuple>
+
+namespace {
+
+// 150 x 100 m of ground on a national grid, with vegetation.
+std::unique_ptr<tzPointCloud> survey(int count)
+{
+    std::mt19937 random(5);
+    std::uniform_real_distribution<double> u(0, 1);
+    auto cloud = std::make_unique<tzPointCloud>(QStringLiteral("survey"));
+    const TZVector3d shift(-651000, -6861000, 0);
+    std::vector<TZVector3> points;
+    std::vector<tzRgb> colours;
+    for (int i = 0; i < count; ++i) {
+        const double x = std::round(150000 * u(random)) / 1000;
+        const double y = std::round(100000 * u(random)) / 1000;
+        const double z
+            = std::round(1000 * (100 + 2 * std::sin(x / 15) + (i % 6 == 0 ? 8 * u(random) : 0)))
+            / 1000;
+        points.push_back(TZVector3::fromVector(TZVector3d(651000 + x, 6861000 + y, z) + shift));
+        colours.push_back({quint8(i % 199), quint8(i % 7 * 30), quint8(90)});
+    }
+    cloud->setPoints(std::move(points));
+    cloud->setColors(std::move(colours));
+    cloud->setGlobalShift(shift);
+    return cloud;
+}
+
+// A top view of [x0, x1] x [y0, y1] (local coordinates) on a screen of size pixels.
+tzStreamedCloud::View topView(double x0, double x1, double y0, double y1, int size)
+{
+    tzStreamedCloud::View view;
+    auto &m = view.modelViewProjection;
+    m.fill(0);
+    m[0] = float(2 / (x1 - x0));
+    m[5] = float(2 / (y1 - y0));
+    m[10] = float(-2.0 / 1000);
+    m[12] = float(-(x1 + x0) / (x1 - x0));
+    m[13] = float(-(y1 + y0) / (y1 - y0));
+    m[14] = float(100.0 * 2 / 1000);
+    m[15] = 1;
+    view.width = view.height = size;
+    view.pointBudget = 10000000;
+    return view;
+}
+
+std::vector<tzStreamedCloud::Piece> settle(tzStreamedCloud &cloud,
+                                           const tzStreamedCloud::View &view)
+{
+    bool complete = false;
+    std::vector<tzStreamedCloud::Piece> pieces;
+    for (int round = 0; round < 64 && !complete; ++round) {
+        pieces = cloud.selectNodes(view, &complete);
+        cloud.waitForReads();
+        cloud.integrateArrivals();
+    }
+    return pieces;
+}
+
+std::uint64_t shown(const std::vector<tzStreamedCloud::Piece> &pieces)
+{
+    std::uint64_t n = 0;
+    for (const auto &p : pieces)
+        n += p.count;
+    return n;
+}
+
+//! Every node's records, by key.
+std::map<tzCopc::Key, std::vector<std::uint8_t>> allRecords(const tzCopc::File &file,
+                                                            QString &error)
+{
+    std::map<tzCopc::Key, std::vector<std::uint8_t>> out;
+    std::vector<tzCopc::Entry> nodes;
+    if (!file.readHierarchy(nodes, error))
+        return {};
+    for (const tzCopc::Entry &n : nodes) {
+        if (!file.readRecords(n, out[n.key], error))
+            return {};
+    }
+    return out;
+}
+
+} // namespace
+
+class TestRemote : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    QProcess m_server;
+    QString m_base; // http://127.0.0.1:port/
+    QString m_copc;
+    QStringList m_warnings;
+
+    // A line the server answers to a command (or its first line).
+    QByteArray serverSays(const QByteArray &command = {})
+    {
+        if (!command.isEmpty())
+            m_server.write(command + '\n');
+        while (!m_server.canReadLine()) {
+            if (!m_server.waitForReadyRead(10000))
+                return {};
+        }
+        return m_server.readLine().trimmed();
+    }
+    quint64 requests() { return serverSays("requests").mid(9).toULongLong(); }
+    void useCache(const QString &name)
+    {
+        tzCopc::RemoteSettings settings = tzCopc::remoteSettings();
+        settings.cacheFolder = name.isEmpty() ? QString() : m_dir.filePath(name);
+        tzCopc::setRemoteSettings(settings);
+    }
+    std::unique_ptr<tzStreamedCloud> openStreamed(const QString &name, QString &error)
+    {
+        std::unique_ptr<tzCloudSource> source = tzCopc::openSource(name, error);
+        if (!source)
+            return nullptr;
+        auto cloud = std::make_unique<tzStreamedCloud>(std::move(source));
+        cloud->setGlobalShift({-651000, -6861000, 0});
+        if (!cloud->open(error))
+            return nullptr;
+        return cloud;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        const QString las = m_dir.filePath(QStringLiteral("survey.las"));
+        m_copc = m_dir.filePath(QStringLiteral("survey.copc.laz"));
+        QString error;
+        QVERIFY2(tzCloudFile::save(*survey(120000), las, error), qPrintable(error));
+        tzCopc::IndexOptions options;
+        options.leafPoints = 3000; // a tree of a few levels
+        QVERIFY2(tzCopc::index({las}, m_copc, error, options), qPrintable(error));
+        m_server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_server.start(QStringLiteral("python3"),
+                       {QStringLiteral(RANGE_SERVER), m_dir.path(), QStringLiteral("--latency"),
+                        QStringLiteral("0.01")});
+        QVERIFY(m_server.waitForStarted());
+        const QByteArray port = serverSays();
+        QVERIFY2(port.startsWith("PORT "), port.constData());
+        m_base = QStringLiteral("http://127.0.0.1:%1/").arg(QString::fromLatin1(port.mid(5)));
+        tzCopc::RemoteSettings settings;
+        settings.timeoutSeconds = 2;
+        settings.attempts = 3;
+        settings.retryPauseMs = 20;
+        settings.retryFailuresAfterMs = 1500;
+        tzCopc::setRemoteSettings(settings);
+        tzLog::SetHandler([this](const QString &text, int) { m_warnings << text; });
+    }
+    void cleanupTestCase()
+    {
+        m_server.closeWriteChannel();
+        m_server.waitForFinished(3000);
+    }
+
+    // Every page and node read over HTTP is the file's, byte for byte; the streamed cloud's
+    // picks are the same points; the first frame is drawn before the server has answered for
+    // the nodes it asks for.
+    void servedAsOnDisk()
+    {
+        useCache(QStringLiteral("cache-same"));
+        const QString url = m_base + QStringLiteral("survey.copc.laz");
+        tzCopc::File local, remote;
+        QString error;
+        QVERIFY2(local.open(m_copc, error), qPrintable(error));
+        QVERIFY2(remote.open(url, error), qPrintable(error));
+        QVERIFY(remote.isRemote() && !local.isRemote());
+        QCOMPARE(remote.pointCount(), local.pointCount());
+        const auto fromDisk = allRecords(local, error);
+        QVERIFY2(!fromDisk.empty(), qPrintable(error));
+        const auto served = allRecords(remote, error);
+        QVERIFY2(served == fromDisk, qPrintable(error));
+        QVERIFY(fromDisk.size() > 20);
+
+        std::unique_ptr<tzStreamedCloud> here = openStreamed(m_copc, error);
+        QVERIFY2(here, qPrintable(error));
+        useCache({}); // every node from the server
+        std::unique_ptr<tzStreamedCloud> there = openStreamed(url, error);
+        QVERIFY2(there, qPrintable(error));
+        const auto view = topView(-5, 155, -5, 105, 2000);
+        bool complete = true;
+        const auto first = there->selectNodes(view, &complete);
+        QVERIFY(!complete);
+        QCOMPARE(there->nodesHeld(), size_t(1)); // the root, read at the opening
+        QCOMPARE(shown(settle(*there, view)), shown(settle(*here, view)));
+        std::mt19937 random(9);
+        for (int q = 0; q < 20; ++q) {
+            const TZVector3 at(float(150 * (random() % 1000) / 1000.0),
+                               float(100 * (random() % 1000) / 1000.0), 115);
+            TZLib::Octree::CylindricalNeighbourhood down;
+            down.center = at;
+            down.dir = TZVector3(0, 0, -1);
+            down.radius = 0.3f;
+            down.maxHalfLength = 50;
+            down.onlyPositiveDir = true;
+            TZLib::Octree::CylindricalNeighbourhood again = down;
+            there->computeOctree()->getPointsInCylindricalNeighbourhood(down);
+            here->computeOctree()->getPointsInCylindricalNeighbourhood(again);
+            const auto key = [](const TZLib::Octree::NeighboursSet &set) {
+                std::vector<std::tuple<unsigned, float, float, float>> out;
+                for (const auto &p : set)
+                    out.emplace_back(p.pointIndex, p.point->x, p.point->y, p.point->z);
+                std::sort(out.begin(), out.end());
+                return out;
+            };
+            QCOMPARE(key(down.neighbours), key(again.neighbours));
+        }
+    }
+
+    // A second opening asks the server for the file's head only: the rest is in the cache.
+    // The cache stays within its size, the least recently used ranges going first.
+    void secondOpeningReadsTheCache()
+    {
+        useCache(QStringLiteral("cache-again"));
+        const QString url = m_base + QStringLiteral("survey.copc.laz");
+        QString error;
+        std::map<tzCopc::Key, std::vector<std::uint8_t>> first, second;
+        const quint64 before = requests();
+        {
+            tzCopc::File remote;
+            QVERIFY2(remote.open(url, error), qPrintable(error));
+            first = allRecords(remote, error);
+            QVERIFY2(!first.empty(), qPrintable(error));
+        }
+        const quint64 asked = requests() - before;
+        QVERIFY(asked > first.size());
+        {
+            tzCopc::File remote;
+            QVERIFY2(remote.open(url, error), qPrintable(error));
+            second = allRecords(remote, error);
+        }
+        QCOMPARE(requests() - before - asked, quint64(1));
+        QVERIFY(second == first);
+
+        tzCopc::RemoteSettings settings = tzCopc::remoteSettings();
+        settings.cacheFolder = m_dir.filePath(QStringLiteral("cache-small"));
+        settings.cacheBytes = QFileInfo(m_copc).size() / 4;
+        tzCopc::setRemoteSettings(settings);
+        tzCopc::File remote;
+        QVERIFY2(remote.open(url, error), qPrintable(error));
+        QVERIFY(allRecords(remote, error) == first);
+        qint64 held = 0;
+        QDirIterator it(settings.cacheFolder, QDir::Files, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            it.next();
+            held += it.fileInfo().size();
+        }
+        QVERIFY(held > 0 && quint64(held) <= settings.cacheBytes);
+    }
+
+    void failuresAreClear()
+    {
+        useCache({});
+        QString error;
+        // A file that is not there, one that is not COPC.
+        QVERIFY(!tzCopc::openSource(m_base + QStringLiteral("missing.copc.laz"), error));
+        QVERIFY2(error.contains(QLatin1String("missing.copc.laz")) && error.contains("404"),
+                 qPrintable(error));
+        QVERIFY(!tzCopc::openSource(m_base + QStringLiteral("survey.las"), error));
+        QVERIFY2(error.contains(QLatin1String("not a COPC file")), qPrintable(error));
+        // A server that sends whole files: nothing is downloaded whole, the message says why.
+        QCOMPARE(serverSays("mode whole"), QByteArray("OK"));
+        QVERIFY(!tzCopc::openSource(m_base + QStringLiteral("survey.copc.laz"), error));
+        QVERIFY2(error.contains(QLatin1String("does not answer range requests")),
+                 qPrintable(error));
+        // Connections cut halfway through every other answer: the attempts again bring it all.
+        QCOMPARE(serverSays("mode flaky"), QByteArray("OK"));
+        tzCopc::File local, flaky;
+        QVERIFY2(local.open(m_copc, error), qPrintable(error));
+        QVERIFY2(flaky.open(m_base + QStringLiteral("survey.copc.laz"), error), qPrintable(error));
+        QVERIFY2(allRecords(flaky, error) == allRecords(local, error), qPrintable(error));
+        // Every connection cut once part of the survey is shown: the failure is told once, with
+        // the URL and the attempts, and what was shown stays.
+        QCOMPARE(serverSays("mode ranges"), QByteArray("OK"));
+        std::unique_ptr<tzStreamedCloud> cloud
+            = openStreamed(m_base + QStringLiteral("survey.copc.laz"), error);
+        QVERIFY2(cloud, qPrintable(error));
+        const auto corner = settle(*cloud, topView(0, 20, 0, 20, 2000));
+        const size_t held = cloud->nodesHeld();
+        QCOMPARE(serverSays("mode drop"), QByteArray("OK"));
+        m_warnings.clear();
+        const auto whole = settle(*cloud, topView(-5, 155, -5, 105, 2000));
+        QCOMPARE(serverSays("mode ranges"), QByteArray("OK"));
+        QCOMPARE(m_warnings.size(), 1);
+        QVERIFY2(m_warnings[0].contains(QLatin1String("survey.copc.laz"))
+                     && m_warnings[0].contains(QLatin1String("tried 3 times")),
+                 qPrintable(m_warnings[0]));
+        QVERIFY(shown(corner) > 0 && shown(whole) > 0);
+        QCOMPARE(cloud->nodesHeld(), held);
+        // The server back, what failed is asked for again a while later: the same picture as
+        // from the disk.
+        QTest::qWait(tzCopc::remoteSettings().retryFailuresAfterMs + 50);
+        std::unique_ptr<tzStreamedCloud> here = openStreamed(m_copc, error);
+        QCOMPARE(shown(settle(*cloud, topView(-5, 155, -5, 105, 2000))),
+                 shown(settle(*here, topView(-5, 155, -5, 105, 2000))));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestRemote)
+#include "tst_remote.moc"
