@@ -91,6 +91,9 @@ tzHObject *tzFileLoader::read(QString &error)
         emit progress(percent * 7 / 10, tr("Reading"));
         return !m_cancelled.load();
     };
+    // A survey on a server is streamed from it (an indexed file is all it can be).
+    if (tzCopc::isUrl(m_path))
+        return readStreamed(m_path, error);
     if (isSceneFile(m_path))
         return tzSceneFile::load(m_path, error, readProgress);
     if (tzCopc::isCopc(m_path))
@@ -213,7 +216,7 @@ tzHObject *tzFileLoader::readStreamed(const QString &path, QString &error)
     if (!cloud->hasColors())
         cloud->setColourMode(tzPointDisplay::ColourMode::Elevation);
     cloud->setMetaData(QLatin1String(tzGenericPointCloud::SOURCE_FILE_KEY),
-                       QFileInfo(m_path).absoluteFilePath());
+                       tzCopc::isUrl(m_path) ? m_path : QFileInfo(m_path).absoluteFilePath());
     return cloud.release();
 }
 

@@ -1,4 +1,5 @@
 #include "tzLoadPipeline.h"
+#include "tzCopc.h"
 
 #include "tzApplicationInterface.h"
 #include "tzFileLoader.h"
@@ -150,10 +151,12 @@ void tzLoadPipeline::openNextFile()
         return;
     const QString path = m_pendingFiles.takeFirst();
     const QString fileName = QFileInfo(path).fileName();
-    QSettings settings;
-    settings.beginGroup(QStringLiteral("LoadFile"));
-    settings.setValue(QStringLiteral("currentPath"), QFileInfo(path).absolutePath());
-    settings.endGroup();
+    if (!tzCopc::isUrl(path)) {
+        QSettings settings;
+        settings.beginGroup(QStringLiteral("LoadFile"));
+        settings.setValue(QStringLiteral("currentPath"), QFileInfo(path).absolutePath());
+        settings.endGroup();
+    }
 
     m_loader = new tzFileLoader(path, !m_options.autoShift);
     if (const std::optional<TZVector3d> shift = m_sceneShift ? m_sceneShift() : std::nullopt)

@@ -3,6 +3,7 @@
 #include "tzCloudDisplayMenu.h"
 #include "tzCloudFile.h"
 #include "tzConsole.h"
+#include "tzCopc.h"
 #include "tzDBTree.h"
 #include "tzFileLoader.h"
 #include "tzGLWindow.h"
@@ -27,6 +28,7 @@
 #include <QDockWidget>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QInputDialog>
 #include <QLabel>
 #include <QMdiArea>
 #include <QMdiSubWindow>
@@ -35,6 +37,7 @@
 #include <QMessageBox>
 #include <QMoveEvent>
 #include <QSettings>
+#include <QStandardPaths>
 #include <QThread>
 
 #include <QStatusBar>
@@ -65,6 +68,18 @@ tzMainWindow::tzMainWindow(const Options &options)
         = QSettings().value(QStringLiteral("Streaming/memoryBudgetMB"), 4096).toULongLong();
     if (budgetMB > 0)
         tzStreamedCloud::setDefaultMemoryBudget(std::uint64_t(budgetMB) << 20);
+    // Surveys read from a server: the disk cache of what was read, and the patience.
+    tzCopc::RemoteSettings remote;
+    QSettings settings;
+    remote.cacheFolder = QDir(QStandardPaths::writableLocation(QStandardPaths::CacheLocation))
+                             .filePath(QStringLiteral("remote"));
+    remote.cacheBytes
+        = std::uint64_t(
+              settings.value(QStringLiteral("Streaming/remoteCacheMB"), 2048).toULongLong())
+        << 20;
+    remote.timeoutSeconds
+        = settings.value(QStringLiteral("Streaming/remoteTimeoutSeconds"), 20).toInt();
+    tzCopc::setRemoteSettings(remote);
 
     m_hub = new tzPickingHub(true, this);
     m_mdi = new QMdiArea;
@@ -145,6 +160,28 @@ void tzMainWindow::createMenus()
         openFiles(paths);
     });
     open->setShortcut(QKeySequence::Open);
+    file->addAction(tr("Open &URL..."), this, [this] {
+        QSettings settings;
+        const QString key = QStringLiteral("LoadFile/lastUrl");
+        bool ok = false;
+        const QString url
+            = QInputDialog::getText(this, tr("Open URL"),
+                                    tr("The URL of a COPC file (.copc.laz) served over HTTP or "
+                                       "HTTPS:"),
+                                    QLineEdit::Normal, settings.value(key).toString(), &ok)
+                  .trimmed();
+        if (!ok || url.isEmpty())
+            return;
+        if (!tzCopc::isUrl(url)) {
+            QMessageBox::warning(this, tr("Open URL"),
+                                 tr("'%1' is not an address that begins with http:// or "
+                                    "https://.")
+                                     .arg(url));
+            return;
+        }
+        settings.setValue(key, url);
+        openFiles({url});
+    });
     file->addAction(tr("&Load scene..."), this, [this] {
         const QString path = QFileDialog::getOpenFileName(
             this, tr("Load scene"), QString(), tr("Tessaro scenes (*.tzs);;All files (*)"));
