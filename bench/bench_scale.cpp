@@ -26,8 +26,12 @@
 // against the budget.
 //
 // With --picks and --keep=DIR holding the survey of an earlier run, only the picks are timed.
+// With --remote, the big survey (or the kept one) from the disk and served over HTTP at 20 ms a
+// request (a local server, the disk cache off): the first frame and the full detail of the view
+// it opens in, served over from the disk.
 //
-//   bench_scale [--points=N] [--memory=MB] [--keep=DIR] [--orbit=SECONDS] [--big=FILE] [--picks]
+//   bench_scale [--points=N] [--memory=MB] [--keep=DIR] [--orbit=SECONDS] [--big=FILE]
+//   [--picks|--remote]
 
 #include "LasFiles.h"
 #include "SurveyViewer.h"
@@ -43,6 +47,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QMouseEvent>
+#include <QProcess>
 #include <QSurfaceFormat>
 #include <QTemporaryDir>
 #include <QWheelEvent>
@@ -192,12 +197,9 @@ double settle(tzGLWindow &view, tzStreamedCloud &cloud, double limitSeconds)
     return timer.elapsed() / 1000.0;
 }
 
-// The COPC opened streamed, then orbited and zoomed in and out for the given seconds.
-Orbit orbitStreamed(const QString &copc, double seconds, double &firstFrame)
+// Opens a COPC (a path or a URL) streamed in the window: the seconds to its first frame.
+tzStreamedCloud &openStreamed(tzMainWindow &window, const QString &copc, double &firstFrame)
 {
-    Orbit orbit;
-    tzMainWindow window(bench::viewerOptions());
-    bench::showWindow(window, "bench_scale");
     tzGLWindow *view = window.activeView();
     QSignalSpy opened(&window, &tzMainWindow::fileOpened);
     QSignalSpy drawn(view, &tzGLWindow::frameDrawn);
@@ -217,6 +219,17 @@ Orbit orbitStreamed(const QString &copc, double seconds, double &firstFrame)
     view->redraw();
     drawn.wait(60000);
     firstFrame = timer.elapsed() / 1000.0;
+    return *cloud;
+}
+
+// The COPC opened streamed, then orbited and zoomed in and out for the given seconds.
+Orbit orbitStreamed(const QString &copc, double seconds, double &firstFrame)
+{
+    Orbit orbit;
+    tzMainWindow window(bench::viewerOptions());
+    bench::showWindow(window, "bench_scale");
+    tzGLWindow *view = window.activeView();
+    tzStreamedCloud *cloud = &openStreamed(window, copc, firstFrame);
     view->setObliqueView();
     settle(*view, *cloud, 30);
     // A still view at full detail.
@@ -261,6 +274,54 @@ Orbit orbitStreamed(const QString &copc, double seconds, double &firstFrame)
     orbit.settleSeconds = settle(*view, *cloud, 30);
     orbit.peakMB = std::max(orbit.peakMB, residentMB());
     return orbit;
+}
+
+struct Opening
+{
+    double firstFrame = 1e30; // seconds from the opening to the first frame
+    double fullDetail = 1e30; // to the full detail of the view it opens in
+};
+
+// The COPC from the disk, and served over HTTP by a local server that answers each request
+// after latency seconds (the disk cache off): opened in a fresh window, alternately, twice
+// each; the best of each.
+void localAndRemote(const QString &copc, double latency, Opening &local, Opening &remote)
+{
+    QProcess server;
+    server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    server.start(QStringLiteral("python3"),
+                 {QStringLiteral(RANGE_SERVER), QFileInfo(copc).absolutePath(),
+                  QStringLiteral("--latency"), QString::number(latency)});
+    QByteArray port;
+    if (server.waitForStarted() && server.waitForReadyRead(10000))
+        port = server.readLine().trimmed();
+    if (!port.startsWith("PORT ")) {
+        std::fprintf(stderr, "bench_scale: the range server did not start\n");
+        std::abort();
+    }
+    const QString url = QStringLiteral("http://127.0.0.1:%1/%2")
+                            .arg(QString::fromLatin1(port.mid(5)), QFileInfo(copc).fileName());
+    tzCopc::RemoteSettings settings = tzCopc::remoteSettings();
+    for (int round = 0; round < 4; ++round) {
+        const bool served = round % 2 == 1;
+        tzMainWindow window(bench::viewerOptions());
+        bench::showWindow(window, "bench_scale");
+        settings.cacheFolder.clear(); // the window sets its own
+        tzCopc::setRemoteSettings(settings);
+        Opening now;
+        QElapsedTimer timer;
+        timer.start();
+        tzStreamedCloud &cloud = openStreamed(window, served ? url : copc, now.firstFrame);
+        settle(*window.activeView(), cloud, 120);
+        now.fullDetail = timer.elapsed() / 1000.0;
+        std::printf("round %d: %s first frame %.3f s, full detail %.2f s\n", round / 2 + 1,
+                    served ? "served" : "disk", now.firstFrame, now.fullDetail);
+        Opening &best = served ? remote : local;
+        best.firstFrame = std::min(best.firstFrame, now.firstFrame);
+        best.fullDetail = std::min(best.fullDetail, now.fullDetail);
+    }
+    server.closeWriteChannel();
+    server.waitForFinished(3000);
 }
 
 // A row of the table: the figure, ours, the other, ours over the other.
@@ -369,7 +430,7 @@ int main(int argc, char **argv)
     unsigned memoryMB = 1536;
     double orbitSeconds = 20;
     QString keep, big;
-    bool picksOnly = false;
+    bool picksOnly = false, remoteOnly = false;
     for (int i = 1; i < argc; ++i) {
         const QString arg = QString::fromLocal8Bit(argv[i]);
         if (arg.startsWith(QLatin1String("--points=")))
@@ -384,6 +445,8 @@ int main(int argc, char **argv)
             orbitSeconds = arg.mid(8).toDouble();
         else if (arg == QLatin1String("--picks"))
             picksOnly = true;
+        else if (arg == QLatin1String("--remote"))
+            remoteOnly = true;
     }
     QTemporaryDir temporary;
     const QString folder = keep.isEmpty() ? temporary.path() : keep;
@@ -391,6 +454,22 @@ int main(int argc, char **argv)
     const QString las = QDir(folder).filePath(QStringLiteral("survey.las"));
     const QString copc = QDir(folder).filePath(QStringLiteral("survey.copc.laz"));
     const QString laz = QDir(folder).filePath(QStringLiteral("survey.laz"));
+    if (remoteOnly) {
+        // The big survey's index, or the kept run's.
+        const QString served = big.isEmpty() ? copc : big;
+        if (!QFileInfo::exists(served)) {
+            std::fprintf(stderr,
+                         "bench_scale: --remote needs --big=FILE or --keep=DIR with an "
+                         "earlier run's survey.copc.laz\n");
+            return 1;
+        }
+        Opening local, remote;
+        localAndRemote(served, 0.02, local, remote);
+        row("first frame, remote vs local", remote.firstFrame, local.firstFrame, "s", 3);
+        row("full detail of a still view, remote vs local", remote.fullDetail, local.fullDetail,
+            "s", 2);
+        return 0;
+    }
     if (picksOnly) {
         if (!QFileInfo::exists(las) || !QFileInfo::exists(copc)) {
             std::fprintf(stderr,
@@ -471,6 +550,8 @@ int main(int argc, char **argv)
     }
     double streamedP99 = 0, memoryP99 = 0, coldP99 = 0, coldMax = 0;
     lowestPoints(las, copc, streamedP99, memoryP99, coldP99, coldMax);
+    Opening local, remote;
+    localAndRemote(copc, 0.02, local, remote);
     const double budgetMB = double(tzStreamedCloud::defaultMemoryBudget()) / 1048576.0;
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     std::printf("\n%-52s %14s %14s %8s\n", "figure", "ours", "other", "ratio");
@@ -483,6 +564,9 @@ int main(int argc, char **argv)
     row("frame while moving vs still, streamed", orbit.movingMs, orbit.stillMs, "ms", 1);
     row("resident memory vs budget, streamed", orbit.peakMB, budgetMB, "MB", 0);
     row("lowest point p99, streamed vs in memory", streamedP99, memoryP99, "ms", 3);
+    row("first frame, remote vs local", remote.firstFrame, local.firstFrame, "s", 3);
+    row("full detail of a still view, remote vs local", remote.fullDetail, local.fullDetail, "s",
+        2);
     if (!big.isEmpty()) {
         row("first frame, big vs this survey", bigFirst, copcFirst, "s", 3);
         row("frame while moving, big vs this survey", bigOrbit.movingMs, orbit.movingMs, "ms", 1);

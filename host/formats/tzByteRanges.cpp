@@ -29,7 +29,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
+#include <map>
 #include <mutex>
+#include <thread>
 
 namespace tzCopc {
 
@@ -393,25 +396,123 @@ public:
             data = m_head.data() + offset;
             return true;
         }
-        if (length == 0 || m_cache.find(offset, length, storage)) {
+        if (length == 0) {
             data = storage.data();
             return true;
         }
-        Answer answer;
-        if (!fetch(offset, length, false, answer, error))
+        // A range being read (asked for beforehand, or by another thread meanwhile) is waited
+        // for, and one read lately is at hand: neither is asked for twice.
+        bool mine = false;
+        const std::shared_ptr<Slot> slot = slotOf(offset, length, mine);
+        if (mine)
+            fill(*slot, offset, length);
+        std::unique_lock<std::mutex> lock(slot->mutex);
+        slot->done.wait(lock, [&] { return slot->finished; });
+        if (!slot->error.isEmpty()) {
+            error = slot->error;
             return false;
-        storage.assign(answer.body.constBegin(), answer.body.constEnd());
-        m_cache.keep(offset, storage.data(), length);
+        }
+        storage = slot->bytes;
         data = storage.data();
         return true;
     }
+    void prefetch(std::uint64_t offset, std::uint64_t length) const override
+    {
+        if (offset > m_size || length > m_size - offset || length == 0
+            || offset + length <= m_head.size())
+            return;
+        bool mine = false;
+        const std::shared_ptr<Slot> slot = slotOf(offset, length, mine);
+        if (mine)
+            m_prefetching.emplace_back(
+                [this, slot, offset, length] { fill(*slot, offset, length); });
+    }
     void cancel() const override { m_cancelled = true; }
     bool remote() const override { return true; }
+    ~UrlRanges() override
+    {
+        m_cancelled = true;
+        for (std::thread &t : m_prefetching)
+            t.join();
+    }
 
 private:
     QString problem(const QString &reason) const
     {
         return QStringLiteral("'%1': %2").arg(m_url, reason);
+    }
+
+    //! A range being read, or read lately.
+    struct Slot
+    {
+        std::mutex mutex;
+        std::condition_variable done;
+        bool finished = false;
+        std::vector<std::uint8_t> bytes;
+        QString error;
+    };
+    // The slot of a range: mine when it is new, and the caller reads it.
+    std::shared_ptr<Slot> slotOf(std::uint64_t offset, std::uint64_t length, bool &mine) const
+    {
+        std::lock_guard<std::mutex> lock(m_slotsMutex);
+        std::shared_ptr<Slot> &slot = m_slots[{offset, length}];
+        mine = !slot;
+        if (mine) {
+            slot = std::make_shared<Slot>();
+            m_order.push_back({offset, length});
+        }
+        return slot;
+    }
+    // Reads a slot's range (from the disk cache or the server), then lets the oldest slots go
+    // beyond a few megabytes; one that failed goes at once, to be asked for again.
+    void fill(Slot &slot, std::uint64_t offset, std::uint64_t length) const
+    {
+        std::vector<std::uint8_t> bytes;
+        QString error;
+        if (!m_cache.find(offset, length, bytes)) {
+            if (fetch(offset, length, false, bytes, error))
+                m_cache.keep(offset, bytes.data(), length);
+            else if (error.isEmpty())
+                error = QStringLiteral("%1 bytes at byte %2 could not be read")
+                            .arg(length)
+                            .arg(offset);
+        }
+        {
+            std::lock_guard<std::mutex> lock(slot.mutex);
+            slot.bytes = std::move(bytes);
+            slot.error = error;
+            slot.finished = true;
+        }
+        slot.done.notify_all();
+        std::lock_guard<std::mutex> lock(m_slotsMutex);
+        if (!error.isEmpty())
+            m_slots.erase({offset, length});
+        m_recentBytes += error.isEmpty() ? length : 0;
+        while (m_recentBytes > RECENT_BYTES && !m_order.empty()) {
+            const auto key = m_order.front();
+            m_order.pop_front();
+            const auto it = m_slots.find(key);
+            if (it == m_slots.end())
+                continue;
+            std::lock_guard<std::mutex> slotLock(it->second->mutex);
+            if (!it->second->finished) {
+                m_order.push_back(key); // still being read
+                break;
+            }
+            m_recentBytes -= it->second->bytes.size();
+            m_slots.erase(it);
+        }
+    }
+    static constexpr std::uint64_t RECENT_BYTES = std::uint64_t(32) << 20;
+
+    bool fetch(std::uint64_t offset, std::uint64_t length, bool atOpening,
+               std::vector<std::uint8_t> &bytes, QString &error) const
+    {
+        Answer answer;
+        if (!fetch(offset, length, atOpening, answer, error))
+            return false;
+        bytes.assign(answer.body.constBegin(), answer.body.constEnd());
+        return true;
     }
 
     // One range, tried again after a failure of the network or of the server.
@@ -423,8 +524,10 @@ private:
             answer = Network::instance().get(m_url, offset, offset + length - 1,
                                              std::max(1, m_settings.timeoutSeconds), m_cancelled);
             bool again = false;
-            if (judge(answer, offset, length, atOpening, again, error))
+            if (judge(answer, offset, length, atOpening, again, error)) {
+                error.clear(); // what an attempt before said
                 return true;
+            }
             if (!again || attempt >= attempts || m_cancelled) {
                 if (attempt > 1)
                     error += QStringLiteral(" (tried %1 times)").arg(attempt);
@@ -501,6 +604,11 @@ private:
     std::vector<std::uint8_t> m_head;
     mutable Cache m_cache;
     mutable std::atomic<bool> m_cancelled {false};
+    mutable std::mutex m_slotsMutex;
+    mutable std::map<std::pair<std::uint64_t, std::uint64_t>, std::shared_ptr<Slot>> m_slots;
+    mutable std::deque<std::pair<std::uint64_t, std::uint64_t>> m_order; // oldest first
+    mutable std::uint64_t m_recentBytes = 0;
+    mutable std::vector<std::thread> m_prefetching; // asked for at the opening only
 };
 
 } // namespace

@@ -99,6 +99,8 @@ bool File::open(const QString &path, QString &errorText)
         if (!(i.halfSize > 0) || !std::isfinite(i.halfSize))
             failWith(
                 QStringLiteral("the COPC info gives an octree of half size %1").arg(i.halfSize));
+        // From a server, the root page comes while the chunk table is read.
+        d->bytes->prefetch(i.rootPageOffset, i.rootPageSize);
         d->description = lazDescription(head, h);
         if (d->description.recordLength() != h.recordLength)
             failWith(QStringLiteral("the laszip VLR's items make records of %1 bytes, the "

@@ -27,6 +27,13 @@ public:
     virtual bool read(std::uint64_t offset, std::uint64_t length,
                       std::vector<std::uint8_t> &storage, const std::uint8_t *&data,
                       QString &error) const = 0;
+    //! Starts reading a range that will be read soon (a read of it then waits for it); the
+    //! opening of a file only, from the thread that opens it.
+    virtual void prefetch(std::uint64_t offset, std::uint64_t length) const
+    {
+        (void)offset;
+        (void)length;
+    }
     //! Makes the reads in progress and to come fail at once (the file is being closed).
     virtual void cancel() const { }
     //! Whether reads are slow to start (a server far away) and are best made many at once.
