@@ -2,7 +2,7 @@
 """A file server for the tests: serves the files of a folder over HTTP/1.1 with byte ranges,
 on 127.0.0.1, after a delay a request, and misbehaves on demand.
 
-    range_server.py ROOT [--latency SECONDS] [--mode ranges|whole|drop|flaky]
+    range_server.py ROOT [--latency SECONDS] [--mode ranges|whole|drop|flaky] [--commands]
 
   ranges  answers "Range: bytes=a-b" with 206 and the bytes (the default)
   whole   ignores ranges: 200 and the whole file, as a plain server does
@@ -10,9 +10,9 @@ on 127.0.0.1, after a delay a request, and misbehaves on demand.
           for another before sending its bytes
   flaky   cuts every other request halfway through its bytes
 
-Prints "PORT n" once it listens. On its standard input, "mode MODE" changes the mode (it
-answers "OK"), "requests" asks for the number of range requests answered so far (it answers
-"REQUESTS n").
+Prints "PORT n" once it listens. With --commands, it reads its standard input (and stops at
+its end): "mode MODE" changes the mode (it answers "OK"), "requests" asks for the number of range
+requests answered so far (it answers "REQUESTS n").
 """
 
 import argparse
@@ -118,13 +118,15 @@ def main():
     parser.add_argument("root")
     parser.add_argument("--latency", type=float, default=0)
     parser.add_argument("--mode", default="ranges")
+    parser.add_argument("--commands", action="store_true")
     args = parser.parse_args()
     state["mode"] = args.mode
     server = Server(("127.0.0.1", 0), Handler)
     server.root = args.root
     server.latency = args.latency
     print("PORT %d" % server.server_address[1], flush=True)
-    threading.Thread(target=commands, daemon=True).start()
+    if args.commands:
+        threading.Thread(target=commands, daemon=True).start()
     try:
         server.serve_forever()
     except KeyboardInterrupt:
