@@ -291,7 +291,8 @@ void localAndRemote(const QString &copc, double latency, Opening &local, Opening
     server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     server.start(QStringLiteral("python3"),
                  {QStringLiteral(RANGE_SERVER), QFileInfo(copc).absolutePath(),
-                  QStringLiteral("--commands"), QStringLiteral("--latency"), QString::number(latency)});
+                  QStringLiteral("--commands"), QStringLiteral("--latency"),
+                  QString::number(latency)});
     QByteArray port;
     if (server.waitForStarted() && server.waitForReadyRead(10000))
         port = server.readLine().trimmed();

@@ -546,13 +546,12 @@ private:
                bool &again, QString &error) const
     {
         if (m_cancelled) {
-            error = (QStringLiteral("reading was cancelled"));
+            error = QStringLiteral("reading was cancelled");
             return false;
         }
         if (a.wholeFile) {
-            error = (QStringLiteral("the server does not answer range requests (it sends "
-                                    "the whole file): a survey is streamed from a server "
-                                    "that does"));
+            error = QStringLiteral("the server does not answer range requests (it sends the "
+                                   "whole file): a survey is streamed from a server that does");
             return false;
         }
         if (a.code != QNetworkReply::NoError && a.status == 0) {
@@ -573,9 +572,14 @@ private:
             return true; // a file smaller than the head asked for, sent whole
         if (a.status != 206) {
             again = a.status >= 500;
-            error = (QStringLiteral("the server answers HTTP %1 (%2)")
-                         .arg(a.status)
-                         .arg(a.errorString));
+            if (a.status == 404)
+                error = QStringLiteral("the server has no such file (HTTP 404)");
+            else if (a.status == 401 || a.status == 403)
+                error = QStringLiteral("the server refuses to send it (HTTP %1)").arg(a.status);
+            else
+                error = QStringLiteral("the server answers HTTP %1 (%2)")
+                            .arg(a.status)
+                            .arg(a.errorString);
             return false;
         }
         // "bytes first-last/size"
@@ -587,12 +591,12 @@ private:
         if (!range.startsWith("bytes ") || dash < 0 || slash < dash || first != offset
             || quint64(a.body.size()) != expected) {
             again = quint64(a.body.size()) < expected; // cut short
-            error = (QStringLiteral("the server sent %1 bytes ('Content-Range: %2') for "
-                                    "%3 bytes at byte %4")
-                         .arg(a.body.size())
-                         .arg(QString::fromLatin1(range))
-                         .arg(length)
-                         .arg(offset));
+            error = QStringLiteral("the server sent %1 bytes ('Content-Range: %2') for %3 bytes "
+                                   "at byte %4")
+                        .arg(a.body.size())
+                        .arg(QString::fromLatin1(range))
+                        .arg(length)
+                        .arg(offset);
             return false;
         }
         return true;

@@ -153,8 +153,8 @@ private slots:
         QVERIFY2(tzCopc::index({las}, m_copc, error, options), qPrintable(error));
         m_server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_server.start(QStringLiteral("python3"),
-                       {QStringLiteral(RANGE_SERVER), m_dir.path(), QStringLiteral("--commands"), QStringLiteral("--latency"),
-                        QStringLiteral("0.01")});
+                       {QStringLiteral(RANGE_SERVER), m_dir.path(), QStringLiteral("--commands"),
+                        QStringLiteral("--latency"), QStringLiteral("0.01")});
         QVERIFY(m_server.waitForStarted());
         const QByteArray port = serverSays();
         QVERIFY2(port.startsWith("PORT "), port.constData());
