@@ -4,6 +4,7 @@
 // a server that sends whole files, a file that is not COPC, a missing one and cut connections
 // each give a message that names the URL and the problem, and what was shown stays.
 
+#include "StreamedViews.h"
 #include "tzCloudFile.h"
 #include "tzCopc.h"
 #include "tzLog.h"
@@ -19,6 +20,9 @@
 #include <tuple>
 
 namespace {
+
+using streamed::settle;
+using streamed::topView;
 
 // 150 x 100 m of ground on a national grid, with vegetation.
 std::unique_ptr<tzPointCloud> survey(int count)
@@ -42,37 +46,6 @@ std::unique_ptr<tzPointCloud> survey(int count)
     cloud->setColors(std::move(colours));
     cloud->setGlobalShift(shift);
     return cloud;
-}
-
-// A top view of [x0, x1] x [y0, y1] (local coordinates) on a screen of size pixels.
-tzStreamedCloud::View topView(double x0, double x1, double y0, double y1, int size)
-{
-    tzStreamedCloud::View view;
-    auto &m = view.modelViewProjection;
-    m.fill(0);
-    m[0] = float(2 / (x1 - x0));
-    m[5] = float(2 / (y1 - y0));
-    m[10] = float(-2.0 / 1000);
-    m[12] = float(-(x1 + x0) / (x1 - x0));
-    m[13] = float(-(y1 + y0) / (y1 - y0));
-    m[14] = float(100.0 * 2 / 1000);
-    m[15] = 1;
-    view.width = view.height = size;
-    view.pointBudget = 10000000;
-    return view;
-}
-
-std::vector<tzStreamedCloud::Piece> settle(tzStreamedCloud &cloud,
-                                           const tzStreamedCloud::View &view)
-{
-    bool complete = false;
-    std::vector<tzStreamedCloud::Piece> pieces;
-    for (int round = 0; round < 64 && !complete; ++round) {
-        pieces = cloud.selectNodes(view, &complete);
-        cloud.waitForReads();
-        cloud.integrateArrivals();
-    }
-    return pieces;
 }
 
 std::uint64_t shown(const std::vector<tzStreamedCloud::Piece> &pieces)
@@ -197,7 +170,7 @@ private slots:
         useCache({}); // every node from the server
         std::unique_ptr<tzStreamedCloud> there = openStreamed(url, error);
         QVERIFY2(there, qPrintable(error));
-        const auto view = topView(-5, 155, -5, 105, 2000);
+        const auto view = topView(-5, 155, -5, 105, 2000, 10000000);
         bool complete = true;
         const auto first = there->selectNodes(view, &complete);
         QVERIFY(!complete);
@@ -295,11 +268,11 @@ private slots:
         std::unique_ptr<tzStreamedCloud> cloud
             = openStreamed(m_base + QStringLiteral("survey.copc.laz"), error);
         QVERIFY2(cloud, qPrintable(error));
-        const auto corner = settle(*cloud, topView(0, 20, 0, 20, 2000));
+        const auto corner = settle(*cloud, topView(0, 20, 0, 20, 2000, 10000000));
         const size_t held = cloud->nodesHeld();
         QCOMPARE(serverSays("mode drop"), QByteArray("OK"));
         m_warnings.clear();
-        const auto whole = settle(*cloud, topView(-5, 155, -5, 105, 2000));
+        const auto whole = settle(*cloud, topView(-5, 155, -5, 105, 2000, 10000000));
         QCOMPARE(serverSays("mode ranges"), QByteArray("OK"));
         QCOMPARE(m_warnings.size(), 1);
         QVERIFY2(m_warnings[0].contains(QLatin1String("survey.copc.laz"))
@@ -311,8 +284,8 @@ private slots:
         // from the disk.
         QTest::qWait(tzCopc::remoteSettings().retryFailuresAfterMs + 50);
         std::unique_ptr<tzStreamedCloud> here = openStreamed(m_copc, error);
-        QCOMPARE(shown(settle(*cloud, topView(-5, 155, -5, 105, 2000))),
-                 shown(settle(*here, topView(-5, 155, -5, 105, 2000))));
+        QCOMPARE(shown(settle(*cloud, topView(-5, 155, -5, 105, 2000, 10000000))),
+                 shown(settle(*here, topView(-5, 155, -5, 105, 2000, 10000000))));
     }
 };
 

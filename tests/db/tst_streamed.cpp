@@ -3,6 +3,7 @@
 // nodes come and go; the view gets the nodes its camera needs, coarse where the points are
 // small on the screen; the nodes held stay within the memory budget.
 
+#include "StreamedViews.h"
 #include "tzCloudFile.h"
 #include "tzCopc.h"
 #include "tzSceneFile.h"
@@ -19,6 +20,9 @@
 #include <tuple>
 
 namespace {
+
+using streamed::settle;
+using streamed::topView;
 
 // Ground over 300 x 200 m on a national grid, trees on it, a dense patch and points stacked on
 // one spot.
@@ -57,39 +61,6 @@ std::unique_ptr<tzPointCloud> survey(int count)
                          tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION);
     cloud->setGlobalShift(shift);
     return cloud;
-}
-
-// A top view (orthographic) of the box [x0, x1] x [y0, y1] around z 100 in local coordinates,
-// on a screen of size pixels: the matrix that maps the box to the unit square.
-tzStreamedCloud::View topView(double x0, double x1, double y0, double y1, int size,
-                              std::uint64_t budget = 0)
-{
-    tzStreamedCloud::View view;
-    auto &m = view.modelViewProjection;
-    m.fill(0);
-    m[0] = float(2 / (x1 - x0));
-    m[5] = float(2 / (y1 - y0));
-    m[10] = float(-2.0 / 1000);
-    m[12] = float(-(x1 + x0) / (x1 - x0));
-    m[13] = float(-(y1 + y0) / (y1 - y0));
-    m[14] = float(100.0 * 2 / 1000);
-    m[15] = 1;
-    view.width = view.height = size;
-    view.pointBudget = budget;
-    return view;
-}
-
-std::vector<tzStreamedCloud::Piece> settle(tzStreamedCloud &cloud,
-                                           const tzStreamedCloud::View &view)
-{
-    bool complete = false;
-    std::vector<tzStreamedCloud::Piece> pieces;
-    for (int round = 0; round < 64 && !complete; ++round) {
-        pieces = cloud.selectNodes(view, &complete);
-        cloud.waitForReads();
-        cloud.integrateArrivals();
-    }
-    return pieces;
 }
 
 // A source whose nodes of one depth cannot be read (a damaged file, a disk that fails).
