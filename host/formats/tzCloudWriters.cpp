@@ -1,6 +1,7 @@
 // Writing a cloud of the scene to a file, in its global coordinates: LAS 1.2, LAZ, binary PLY.
 
 #include "tzCloudFormats_p.h"
+#include "tzCopc.h"
 #include "tzLasFile_p.h"
 #include "tzLazCodec.h"
 #include "tzStreamedCloud.h"
@@ -222,7 +223,19 @@ bool save(const tzPointCloud &cloud, const QString &path, QString &errorText, qu
     }
     // A streamed cloud holds a part of its points at a time: its file gives them all.
     if (const auto *streamed = dynamic_cast<const tzStreamedCloud *>(&cloud)) {
-        if (QFileInfo(streamed->path()) == QFileInfo(path)) {
+        if (tzCopc::isUrl(streamed->path())) {
+            errorText = QStringLiteral("'%1': the points of '%2' are read from a server, a part "
+                                       "at a time; copy its file to the disk and open it from "
+                                       "there to write them all")
+                            .arg(path, streamed->path());
+            return false;
+        }
+        // (QFileInfo's own equality holds between any two files that do not exist.)
+        const auto where = [](const QString &name) {
+            const QFileInfo file(name);
+            return file.exists() ? file.canonicalFilePath() : file.absoluteFilePath();
+        };
+        if (where(streamed->path()) == where(path)) {
             errorText = QStringLiteral("'%1': the cloud is read from this file, it cannot be "
                                        "written over")
                             .arg(path);

@@ -198,6 +198,11 @@ private slots:
             };
             QCOMPARE(key(down.neighbours), key(again.neighbours));
         }
+        // Its points are not written from a part of them.
+        const QString copy = m_dir.filePath(QStringLiteral("copy.las"));
+        QVERIFY(!tzCloudFile::save(*there, copy, error));
+        QVERIFY2(error.contains(QLatin1String("read from a server")), qPrintable(error));
+        QVERIFY(!QFileInfo::exists(copy));
     }
 
     // A second opening asks the server for the file's head only: the rest is in the cache.
