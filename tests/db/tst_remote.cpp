@@ -291,6 +291,24 @@ private slots:
         std::unique_ptr<tzStreamedCloud> here = openStreamed(m_copc, error);
         QCOMPARE(shown(settle(*cloud, topView(-5, 155, -5, 105, 2000, 10000000))),
                  shown(settle(*here, topView(-5, 155, -5, 105, 2000, 10000000))));
+        // A server that stops answering: closing the cloud does not wait for it (nor for the
+        // requests' patience).
+        const tzCopc::RemoteSettings before = tzCopc::remoteSettings();
+        tzCopc::RemoteSettings patient = before;
+        patient.timeoutSeconds = 60;
+        tzCopc::setRemoteSettings(patient);
+        std::unique_ptr<tzStreamedCloud> stalled
+            = openStreamed(m_base + QStringLiteral("survey.copc.laz"), error);
+        tzCopc::setRemoteSettings(before);
+        QVERIFY2(stalled, qPrintable(error));
+        QCOMPARE(serverSays("mode stall"), QByteArray("OK"));
+        stalled->selectNodes(topView(-5, 155, -5, 105, 2000, 10000000));
+        QTest::qWait(200); // the reads are in flight
+        QElapsedTimer closing;
+        closing.start();
+        stalled.reset();
+        QVERIFY2(closing.elapsed() < 5000, qPrintable(QString::number(closing.elapsed())));
+        QCOMPARE(serverSays("mode ranges"), QByteArray("OK"));
     }
 };
 

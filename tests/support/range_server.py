@@ -9,6 +9,7 @@ on 127.0.0.1, after a delay a request, and misbehaves on demand.
   drop    answers the first range of a file (its head), then cuts every connection that asks
           for another before sending its bytes
   flaky   cuts every other request halfway through its bytes
+  stall   answers the first range of a file, then keeps every other request waiting a minute
 
 Prints "PORT n" once it listens. With --commands, it reads its standard input (and stops at
 its end): "mode MODE" changes the mode (it answers "OK"), "requests" asks for the number of range
@@ -73,6 +74,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send_header("Content-Range", "bytes */%d" % size)
             self.send_header("Content-Length", "0")
             self.end_headers()
+            return
+        if mode == "stall" and first > 0:
+            time.sleep(60)
             return
         if mode == "drop" and first > 0:
             self.close_connection = True
