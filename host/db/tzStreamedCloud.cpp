@@ -32,20 +32,22 @@ tzStreamedCloud::SourceOpener &sourceOpener()
     return opener;
 }
 
+using Key = std::array<std::int32_t, 5>; // tile, depth, x, y, z
+
 struct KeyHash
 {
-    size_t operator()(const std::array<std::int32_t, 4> &k) const
+    size_t operator()(const Key &k) const
     {
-        std::uint64_t h = std::uint64_t(k[0]) * 0x9E3779B97F4A7C15ull;
-        for (int i = 1; i < 4; ++i)
+        std::uint64_t h = std::uint64_t(std::uint32_t(k[0])) * 0x9E3779B97F4A7C15ull;
+        for (size_t i = 1; i < k.size(); ++i)
             h = (h ^ std::uint64_t(std::uint32_t(k[i]))) * 0xBF58476D1CE4E5B9ull;
         return size_t(h ^ (h >> 31));
     }
 };
 
-std::array<std::int32_t, 4> keyOf(const tzCloudSource::Node &n)
+Key keyOf(const tzCloudSource::Node &n)
 {
-    return {n.depth, n.x, n.y, n.z};
+    return {n.tile, n.depth, n.x, n.y, n.z};
 }
 
 // The bytes a node's points take in memory.
@@ -100,6 +102,8 @@ struct tzStreamedCloud::Impl
         tzCloudSource::Node entry;
         double min[3] = {0, 0, 0}, max[3] = {0, 0, 0}; // local, a little wider than the cube
         int children[8] = {-1, -1, -1, -1, -1, -1, -1, -1};
+        std::vector<int> tiles; // the roots of the tiles under the root of a set of tiles
+        double spacing = 0; // of its points, local
         std::shared_ptr<Held> held;
         std::uint64_t lastUsed = 0;
         bool requested = false; // waiting for or being read by a worker
@@ -132,7 +136,7 @@ struct tzStreamedCloud::Impl
 
     // The GUI thread's.
     std::vector<Node> nodes;
-    std::unordered_map<std::array<std::int32_t, 4>, int, KeyHash> byKey;
+    std::unordered_map<Key, int, KeyHash> byKey;
     std::map<std::uint64_t, int> byFirst; // nodes with points, by their first point
     std::uint64_t frame = 1;
     std::uint64_t heldBytes = 0;
@@ -235,12 +239,11 @@ struct tzStreamedCloud::Impl
 
     void localBox(const tzCloudSource::Node &e, double (&min)[3], double (&max)[3]) const
     {
-        const double side = 2 * halfSize / double(std::int64_t(1) << e.depth);
-        const std::int32_t at[3] = {e.x, e.y, e.z};
+        double lo[3], hi[3];
+        source.nodeBox(e, lo, hi);
         for (int d = 0; d < 3; ++d) {
-            const double lo = centre[d] - halfSize + side * at[d];
-            min[d] = (lo + shift[d]) * scale - margin;
-            max[d] = (lo + side + shift[d]) * scale + margin;
+            min[d] = (lo[d] + shift[d]) * scale - margin;
+            max[d] = (hi[d] + shift[d]) * scale + margin;
         }
     }
 
@@ -262,18 +265,24 @@ struct tzStreamedCloud::Impl
             Node &n = nodes.back();
             n.entry = e;
             localBox(e, n.min, n.max);
+            n.spacing = source.nodeSpacing(e) * scale;
             byKey.emplace(key, index);
-            // Its parent and children among the nodes known.
+            // Its parent and children among the nodes known: in its tile's octree, and the
+            // root of a tile under the root of the set.
             if (e.depth > 0) {
-                const auto parent = byKey.find({e.depth - 1, e.x >> 1, e.y >> 1, e.z >> 1});
+                const auto parent = byKey.find({e.tile, e.depth - 1, e.x >> 1, e.y >> 1, e.z >> 1});
                 if (parent != byKey.end())
                     nodes[size_t(parent->second)]
                         .children[(e.x & 1) | ((e.y & 1) << 1) | ((e.z & 1) << 2)]
                         = index;
+            } else if (e.tile >= 0) {
+                const auto set = byKey.find({-1, 0, 0, 0, 0});
+                if (set != byKey.end())
+                    nodes[size_t(set->second)].tiles.push_back(index);
             }
             for (int c = 0; c < 8; ++c) {
-                const auto child = byKey.find(
-                    {e.depth + 1, 2 * e.x + (c & 1), 2 * e.y + ((c >> 1) & 1), 2 * e.z + (c >> 2)});
+                const auto child = byKey.find({e.tile, e.depth + 1, 2 * e.x + (c & 1),
+                                               2 * e.y + ((c >> 1) & 1), 2 * e.z + (c >> 2)});
                 if (child != byKey.end())
                     nodes[size_t(index)].children[c] = child->second;
             }
@@ -431,6 +440,10 @@ struct tzStreamedCloud::Impl
             double mid[3];
             for (int a = 0; a < 3; ++a)
                 mid[a] = 0.5 * (n.min[a] + n.max[a]);
+            for (int t : n.tiles) {
+                if (query.meets(nodes[size_t(t)].min, nodes[size_t(t)].max))
+                    pending.push_back(t);
+            }
             for (int c = 0; c < 8; ++c) {
                 if (n.children[c] < 0)
                     continue;
@@ -938,10 +951,9 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
     const bool orthographic = r3[0] == 0 && r3[1] == 0 && r3[2] == 0;
     const double unitsToPixels = 0.5 * view.height
         * std::sqrt(double(m[1]) * m[1] + double(m[5]) * m[5] + double(m[9]) * m[9]);
-    const double rootSpacing = s.spacing * m_globalScale;
     // The spacing of a node's points on the screen, where the node comes nearest the eye.
     const auto pixels = [&](const Impl::Node &n) {
-        const double spacing = std::ldexp(rootSpacing, -n.entry.depth);
+        const double spacing = n.spacing;
         double w = 1;
         if (!orthographic) {
             double c[3], r2 = 0;
@@ -968,6 +980,8 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
         const double px = open.top().first;
         open.pop();
         Impl::Node &n = s.nodes[size_t(index)];
+        if (!visible(n))
+            continue;
         if (n.entry.isPage()) {
             if (!s.failedRecently(n)) {
                 wanted.push_back({px, index});
@@ -975,8 +989,6 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
             }
             continue;
         }
-        if (!visible(n))
-            continue;
         if (n.entry.pointCount > 0 && !s.failedRecently(n)) {
             if (drawn > 0 && drawn + std::uint64_t(n.entry.pointCount) > budget) {
                 whole = false;
@@ -996,7 +1008,7 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
         }
         if (pixels(n) <= REFINE_PIXELS)
             continue;
-        bool anyChild = false;
+        bool anyChild = !n.tiles.empty();
         for (int c : n.children)
             anyChild |= c >= 0;
         if (!anyChild)
@@ -1009,6 +1021,8 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
             if (c >= 0)
                 open.push({pixels(s.nodes[size_t(c)]), c});
         }
+        for (int t : n.tiles)
+            open.push({pixels(s.nodes[size_t(t)]), t});
     }
 
     // The workers read what is missing, most wanted first; what the view no longer needs is

@@ -17,6 +17,7 @@
 #include <QString>
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -31,6 +32,9 @@ public:
     //! along each axis), or the page of the hierarchy that lists it and what lies under it.
     struct Node
     {
+        //! The tile of a set of tiles (each its own octree) the node belongs to; -1: the set's
+        //! root, whose children are the tiles' roots.
+        std::int32_t tile = 0;
         std::int32_t depth = 0, x = 0, y = 0, z = 0;
         //! -1: a page not read yet (readPage gives its entries, this node's own among them).
         std::int32_t pointCount = 0;
@@ -59,6 +63,25 @@ public:
     virtual bool hasColours() const = 0;
     //! The attributes the points carry (tzPointDisplay::Attribute bits).
     virtual quint8 attributeKinds() const = 0;
+    //! The box of a node (global coordinates): by default its cube in the octree of cube().
+    virtual void nodeBox(const Node &node, double (&min)[3], double (&max)[3]) const
+    {
+        double centre[3], halfSize, spacing;
+        cube(centre, halfSize, spacing);
+        const double side = 2 * halfSize / double(std::int64_t(1) << node.depth);
+        const std::int32_t at[3] = {node.x, node.y, node.z};
+        for (int d = 0; d < 3; ++d) {
+            min[d] = centre[d] - halfSize + side * at[d];
+            max[d] = min[d] + side;
+        }
+    }
+    //! The spacing of a node's points: by default the root's, halved at each depth.
+    virtual double nodeSpacing(const Node &node) const
+    {
+        double centre[3], halfSize, spacing;
+        cube(centre, halfSize, spacing);
+        return std::ldexp(spacing, -node.depth);
+    }
     //! The page of the root.
     virtual Node rootPage() const = 0;
     virtual bool readPage(const Node &page, std::vector<Node> &entries, QString &error) const = 0;
