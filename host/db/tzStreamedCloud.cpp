@@ -259,6 +259,9 @@ struct tzStreamedCloud::Impl
             if (!n.entry.isPage())
                 return; // known already
             n.entry = e;
+            // A tile's root is known better once its page is read (its octree's cube).
+            localBox(e, n.min, n.max);
+            n.spacing = source.nodeSpacing(e) * scale;
         } else {
             index = int(nodes.size());
             nodes.emplace_back();

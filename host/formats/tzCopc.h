@@ -170,10 +170,18 @@ QTZ_FORMATS_LIB_API RemoteSettings remoteSettings();
 QTZ_FORMATS_LIB_API bool isUrl(const QString &name);
 
 //! Opens a COPC file, of the disk or served over HTTP or HTTPS (the server must answer range
-//! requests), as the source of a streamed cloud (tzStreamedCloud); null, with errorText naming
-//! the file and the problem, when it cannot be read.
+//! requests), or a survey's tiles (isTileSet), as the source of a streamed cloud
+//! (tzStreamedCloud); null, with errorText naming the file and the problem, when it cannot be
+//! read.
 QTZ_FORMATS_LIB_API std::unique_ptr<tzCloudSource> openSource(const QString &path,
                                                               QString &errorText);
+//! Whether a path names a survey's tiles: a folder (its LAS, LAZ and COPC files), or a text
+//! file (.txt, .lst, .list) that lists such files, a path or a URL a line.
+QTZ_FORMATS_LIB_API bool isTileSet(const QString &path);
+//! Opens a survey's tiles as the source of one streamed cloud (openSource does so for the
+//! paths isTileSet takes).
+QTZ_FORMATS_LIB_API std::unique_ptr<tzCloudSource> openTileSet(const QString &path,
+                                                               QString &errorText);
 //! Whether a file is a COPC file (a LAZ whose first VLR is the COPC info).
 QTZ_FORMATS_LIB_API bool isCopc(const QString &path);
 

@@ -542,6 +542,8 @@ private:
 
 std::unique_ptr<tzCloudSource> openSource(const QString &path, QString &errorText)
 {
+    if (isTileSet(path))
+        return openTileSet(path, errorText);
     auto source = std::make_unique<Source>();
     if (!source->open(path, errorText))
         return nullptr;

@@ -9,6 +9,7 @@
 #include "tzSceneFile.h"
 #include "tzStreamedCloud.h"
 
+#include <QDir>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -205,6 +206,114 @@ private slots:
             QCOMPARE(cloud->getPointColor(i), m_whole->getPointColor(i));
         }
         QVERIFY(!cloud->getPoint(300000));
+    }
+
+    // The survey cut into four tiles across x (two indexed, one LAS, one LAZ), opened as one
+    // from their folder or a list: the same points under picks that straddle the tiles' edges,
+    // each point at its index, and the whole survey drawn when the view asks for it all.
+    void tilesAreOneSurvey()
+    {
+        const QString folder = m_dir.filePath(QStringLiteral("tiles"));
+        QVERIFY(QDir().mkpath(folder));
+        QString error;
+        const unsigned total = m_whole->size();
+        for (int k = 0; k < 4; ++k) {
+            tzPointCloud tile(QStringLiteral("tile"));
+            std::vector<TZVector3> points;
+            std::vector<tzRgb> colours;
+            std::vector<tzPointAttributes> attributes;
+            for (unsigned i = 0; i < total; ++i) {
+                if (int(std::floor(m_whole->point(i).x / 75)) != k)
+                    continue;
+                points.push_back(m_whole->point(i));
+                colours.push_back(m_whole->getPointColor(i));
+                attributes.push_back(m_whole->getPointAttributes(i));
+            }
+            tile.setPoints(std::move(points));
+            tile.setColors(std::move(colours));
+            tile.setAttributes(std::move(attributes), m_whole->attributeKinds());
+            tile.setGlobalShift(m_whole->getGlobalShift());
+            const QString name = QStringLiteral("t%1").arg(k);
+            if (k < 2) {
+                const QString las = m_dir.filePath(name + QStringLiteral(".las"));
+                QVERIFY2(tzCloudFile::save(tile, las, error), qPrintable(error));
+                QVERIFY2(tzCopc::index({las}, QDir(folder).filePath(name + ".copc.laz"), error),
+                         qPrintable(error));
+            } else {
+                const QString path = QDir(folder).filePath(name + (k == 2 ? ".las" : ".laz"));
+                QVERIFY2(tzCloudFile::save(tile, path, error), qPrintable(error));
+            }
+        }
+        const QString list = m_dir.filePath(QStringLiteral("tiles.txt"));
+        {
+            QFile file(list);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write("# the survey's tiles\ntiles/t0.copc.laz\ntiles/t1.copc.laz\n\n"
+                       "tiles/t2.las\ntiles/t3.laz\n");
+        }
+        QVERIFY(tzCopc::isTileSet(folder) && tzCopc::isTileSet(list));
+        QVERIFY(!tzCopc::isTileSet(m_copc));
+        const auto openSet = [this](const QString &path, QString &problem) {
+            std::unique_ptr<tzStreamedCloud> cloud;
+            std::unique_ptr<tzCloudSource> source = tzCopc::openSource(path, problem);
+            if (!source)
+                return cloud;
+            cloud = std::make_unique<tzStreamedCloud>(std::move(source));
+            cloud->setGlobalShift(m_whole->getGlobalShift());
+            if (!cloud->open(problem))
+                cloud.reset();
+            return cloud;
+        };
+        std::unique_ptr<tzStreamedCloud> fromList = openSet(list, error);
+        QVERIFY2(fromList, qPrintable(error));
+        QCOMPARE(fromList->size(), total);
+        std::unique_ptr<tzStreamedCloud> set = openSet(folder, error);
+        QVERIFY2(set, qPrintable(error));
+        QCOMPARE(set->size(), total);
+
+        const auto coordinates = [](const TZLib::Octree::NeighboursSet &found) {
+            std::vector<std::tuple<float, float, float>> out;
+            for (const auto &p : found)
+                out.emplace_back(p.point->x, p.point->y, p.point->z);
+            std::sort(out.begin(), out.end());
+            return out;
+        };
+        std::mt19937 random(13);
+        std::uniform_real_distribution<float> u(0, 1);
+        int straddling = 0;
+        for (int q = 0; q < 60; ++q) {
+            // Most of them on an edge between two tiles.
+            TZVector3 centre = m_whole->point(unsigned(random() % total));
+            if (q % 4 != 0)
+                centre.x = 75.f * float(1 + q % 3) + 0.4f * (u(random) - 0.5f);
+            TZLib::Octree::CylindricalNeighbourhood down, same;
+            down.center = centre + TZVector3(0, 0, 20);
+            down.dir = TZVector3(0, 0, -1);
+            down.radius = 1.f;
+            down.maxHalfLength = 50;
+            down.onlyPositiveDir = true;
+            same = down;
+            set->computeOctree()->getPointsInCylindricalNeighbourhood(down);
+            m_whole->getOctree()->getPointsInCylindricalNeighbourhood(same);
+            QCOMPARE(coordinates(down.neighbours), coordinates(same.neighbours));
+            bool left = false, right = false; // of the tiles' edge
+            const float edge = 75.f * float(1 + q % 3);
+            for (const auto &p : down.neighbours) {
+                QCOMPARE(*set->getPoint(p.pointIndex), *p.point);
+                left |= p.point->x < edge;
+                right |= p.point->x >= edge;
+            }
+            straddling += q % 4 != 0 && left && right;
+            TZLib::Octree::NeighboursSet a, b;
+            set->computeOctree()->getPointsInSphericalNeighbourhood(centre, 1.f, a, 0);
+            m_whole->getOctree()->getPointsInSphericalNeighbourhood(centre, 1.f, b, 0);
+            QCOMPARE(coordinates(a), coordinates(b));
+        }
+        QVERIFY(straddling > 20);
+        std::uint64_t shown = 0;
+        for (const auto &p : settle(*set, topView(-10, 310, -10, 210, 100000, 1 << 30)))
+            shown += p.count;
+        QCOMPARE(shown, std::uint64_t(total));
     }
 
     // The view gets the top of the tree for a survey small on the screen, the deep nodes of the

@@ -1,0 +1,412 @@
+// A survey delivered as tiles (a folder of LAS, LAZ or COPC files, or a list of their paths and
+// URLs) read as one streamed cloud: one tree whose root holds the tiles' roots. Opening reads
+// the tiles' headers only (their boxes and counts); a COPC tile is opened when the view or a
+// query first reaches it and is then read node by node, a LAS or LAZ tile is one node, read
+// whole when it is needed. A point's index is its place in its tile plus the points of the
+// tiles before it.
+
+#include "tzByteRanges_p.h"
+#include "tzCloudFile.h"
+#include "tzCopc.h"
+#include "tzLasFile_p.h"
+#include "tzStreamedCloud.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTextStream>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <mutex>
+#include <thread>
+
+namespace tzCopc {
+
+using namespace tzCloudFile::detail;
+
+namespace {
+
+bool isCloudName(const QString &name)
+{
+    const QString lower = name.toLower();
+    return lower.endsWith(QLatin1String(".las")) || lower.endsWith(QLatin1String(".laz"));
+}
+
+// The tiles a list names, one a line (blank lines and lines from '#' left out), paths taken
+// from the list's folder; empty when a line names anything else.
+QStringList listedTiles(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text) || file.size() > (16 << 20))
+        return {};
+    QStringList tiles;
+    QTextStream in(&file);
+    while (!in.atEnd()) {
+        const QString line = in.readLine().trimmed();
+        if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
+            continue;
+        if (!isCloudName(line))
+            return {};
+        tiles << (isUrl(line) ? line : QFileInfo(path).dir().absoluteFilePath(line));
+    }
+    return tiles;
+}
+
+// The tiles of a folder, by name; a file indexed beside itself (NAME.copc.laz) is read from
+// its index.
+QStringList folderTiles(const QString &path)
+{
+    QStringList names;
+    for (const QString &name : QDir(path).entryList(QDir::Files, QDir::Name)) {
+        if (isCloudName(name))
+            names << name;
+    }
+    QStringList tiles;
+    for (const QString &name : names) {
+        if (!names.contains(name + QStringLiteral(".copc.laz")))
+            tiles << QDir(path).absoluteFilePath(name);
+    }
+    return tiles;
+}
+
+struct Tile
+{
+    QString name;
+    std::uint64_t count = 0, first = 0;
+    double min[3] = {}, max[3] = {};
+    bool copc = false, colours = false;
+    // A COPC tile's source, opened when first reached.
+    std::once_flag opening;
+    std::unique_ptr<tzCloudSource> source;
+    QString failure;
+};
+
+class TileSet final : public tzCloudSource
+{
+public:
+    bool open(const QString &path, const QStringList &names, QString &error)
+    {
+        m_path = path;
+        if (names.isEmpty()) {
+            error = QStringLiteral("'%1': no LAS, LAZ or COPC file in it").arg(path);
+            return false;
+        }
+        m_tiles.resize(size_t(names.size()));
+        for (size_t i = 0; i < m_tiles.size(); ++i) {
+            m_tiles[i] = std::make_unique<Tile>();
+            m_tiles[i]->name = names[int(i)];
+        }
+        // The headers, on every core (or a few at once from a server).
+        std::vector<QString> problems(m_tiles.size());
+        std::atomic<size_t> next {0};
+        const auto work = [&] {
+            for (size_t i = next++; i < m_tiles.size(); i = next++)
+                readHeader(*m_tiles[i], problems[i]);
+        };
+        const bool remote = std::any_of(names.begin(), names.end(), isUrl);
+        const size_t threads
+            = std::min<size_t>(m_tiles.size(),
+                               remote ? size_t(std::max(1, remoteSettings().parallel))
+                                      : size_t(std::max(1u, std::thread::hardware_concurrency())));
+        std::vector<std::thread> helpers;
+        for (size_t t = 1; t < threads; ++t)
+            helpers.emplace_back(work);
+        work();
+        for (std::thread &h : helpers)
+            h.join();
+        for (const QString &problem : problems) {
+            if (!problem.isEmpty()) {
+                error = problem;
+                return false;
+            }
+        }
+        m_remote = remote;
+        for (int a = 0; a < 3; ++a) {
+            m_min[a] = m_tiles.front()->min[a];
+            m_max[a] = m_tiles.front()->max[a];
+        }
+        for (auto &t : m_tiles) {
+            t->first = m_count;
+            m_count += t->count;
+            m_colours |= t->colours;
+            for (int a = 0; a < 3; ++a) {
+                m_min[a] = std::min(m_min[a], t->min[a]);
+                m_max[a] = std::max(m_max[a], t->max[a]);
+            }
+        }
+        return true;
+    }
+
+    QString path() const override { return m_path; }
+    std::uint64_t pointCount() const override { return m_count; }
+    void cube(double (&centre)[3], double &halfSize, double &spacing) const override
+    {
+        halfSize = 0;
+        for (int a = 0; a < 3; ++a) {
+            centre[a] = 0.5 * (m_min[a] + m_max[a]);
+            halfSize = std::max(halfSize, 0.5 * (m_max[a] - m_min[a]));
+        }
+        halfSize = std::max(halfSize, 1e-3);
+        spacing = 2 * halfSize / 128;
+    }
+    void pointBounds(double (&min)[3], double (&max)[3]) const override
+    {
+        for (int a = 0; a < 3; ++a) {
+            min[a] = m_min[a];
+            max[a] = m_max[a];
+        }
+    }
+    bool hasColours() const override { return m_colours; }
+    quint8 attributeKinds() const override
+    {
+        return tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION | tzPointDisplay::RETURNS;
+    }
+    void nodeBox(const Node &node, double (&min)[3], double (&max)[3]) const override
+    {
+        const Tile *t = tileOf(node);
+        const tzCloudSource *source = t ? opened(*t) : nullptr;
+        if (source) {
+            source->nodeBox(node, min, max);
+            return;
+        }
+        // The set's root, a tile not opened yet, a tile read whole: the header's box.
+        for (int a = 0; a < 3; ++a) {
+            min[a] = t ? t->min[a] : m_min[a];
+            max[a] = t ? t->max[a] : m_max[a];
+        }
+    }
+    double nodeSpacing(const Node &node) const override
+    {
+        const Tile *t = tileOf(node);
+        if (!t) {
+            double centre[3], halfSize, spacing;
+            cube(centre, halfSize, spacing);
+            return spacing;
+        }
+        if (const tzCloudSource *source = opened(*t))
+            return source->nodeSpacing(node);
+        // Points spread over the tile's ground.
+        const double area = std::max(1e-6, (t->max[0] - t->min[0]) * (t->max[1] - t->min[1]));
+        return std::sqrt(area / double(std::max<std::uint64_t>(1, t->count)));
+    }
+    Node rootPage() const override
+    {
+        Node page;
+        page.tile = -1;
+        page.pointCount = -1;
+        return page;
+    }
+    bool readPage(const Node &page, std::vector<Node> &entries, QString &error) const override
+    {
+        entries.clear();
+        if (page.tile < 0) {
+            // The set's root (no points of its own), and each tile's root: a page to read for
+            // a COPC tile, the whole tile's node for the others.
+            Node root;
+            root.tile = -1;
+            entries.push_back(root);
+            for (size_t i = 0; i < m_tiles.size(); ++i) {
+                const Tile &t = *m_tiles[i];
+                Node n;
+                n.tile = std::int32_t(i);
+                n.pointCount
+                    = t.copc ? -1 : std::int32_t(std::min<std::uint64_t>(t.count, INT32_MAX));
+                n.firstPoint = t.first;
+                entries.push_back(n);
+            }
+            return true;
+        }
+        Tile *t = tileOf(page);
+        if (!t)
+            return false;
+        const tzCloudSource *source = openTile(*t, error);
+        if (!source)
+            return false;
+        // A tile's root page is its source's.
+        const bool root = page.depth == 0 && page.offset == 0 && page.byteSize == 0;
+        if (!source->readPage(root ? source->rootPage() : inner(page), entries, error))
+            return false;
+        for (Node &e : entries) {
+            e.tile = page.tile;
+            e.firstPoint += t->first;
+        }
+        return true;
+    }
+    bool readNode(const Node &node, const TZVector3d &shift, double scale, Points &out,
+                  QString &error) const override
+    {
+        Tile *t = tileOf(node);
+        if (!t)
+            return true; // the set's root holds no point
+        bool done = false;
+        if (t->copc) {
+            const tzCloudSource *source = openTile(*t, error);
+            done = source && source->readNode(inner(node), shift, scale, out, error);
+        } else {
+            done = readWhole(*t, shift, scale, out, error);
+        }
+        // A tile without colours among tiles with some shows white.
+        if (done && m_colours && out.colours.size() != out.points.size())
+            out.colours.assign(out.points.size(), tzRgb {255, 255, 255});
+        return done;
+    }
+    int parallelReads() const override
+    {
+        return m_remote ? std::max(1, remoteSettings().parallel) : 0;
+    }
+    int retryFailuresAfterMs() const override
+    {
+        return m_remote ? std::max(0, remoteSettings().retryFailuresAfterMs) : -1;
+    }
+    void cancel() const override
+    {
+        for (const auto &t : m_tiles) {
+            if (const tzCloudSource *source = opened(*t))
+                source->cancel();
+        }
+    }
+
+private:
+    Tile *tileOf(const Node &node) const
+    {
+        return node.tile >= 0 && size_t(node.tile) < m_tiles.size()
+            ? m_tiles[size_t(node.tile)].get()
+            : nullptr;
+    }
+    static Node inner(Node node)
+    {
+        node.tile = 0;
+        return node;
+    }
+    // A COPC tile's source once opened (null before, or when it failed).
+    static const tzCloudSource *opened(const Tile &t)
+    {
+        std::lock_guard<std::mutex> lock(openMutex());
+        return t.source.get();
+    }
+    const tzCloudSource *openTile(Tile &t, QString &error) const
+    {
+        std::call_once(t.opening, [&t] {
+            QString problem;
+            std::unique_ptr<tzCloudSource> source = openSource(t.name, problem);
+            std::lock_guard<std::mutex> lock(openMutex());
+            t.source = std::move(source);
+            t.failure = problem;
+        });
+        std::lock_guard<std::mutex> lock(openMutex());
+        if (!t.source)
+            error = t.failure;
+        return t.source.get();
+    }
+    static std::mutex &openMutex()
+    {
+        static std::mutex mutex;
+        return mutex;
+    }
+
+    // The header of a tile: its box, count and kind.
+    static void readHeader(Tile &t, QString &problem)
+    {
+        std::unique_ptr<ByteRanges> bytes
+            = isUrl(t.name) ? openUrlRanges(t.name, problem) : openFileRanges(t.name, problem);
+        if (!bytes)
+            return;
+        try {
+            const std::uint64_t size = std::min<std::uint64_t>(bytes->size(), 65536);
+            std::vector<std::uint8_t> storage;
+            const uchar *data = nullptr;
+            QString reason;
+            if (!bytes->read(0, size, storage, data, reason))
+                failWith(reason);
+            const Bytes head {data, size_t(size)};
+            const LasHeader h = LasHeader::read(head);
+            t.count = h.count;
+            for (int a = 0; a < 3; ++a) {
+                t.min[a] = h.bbMin[a];
+                t.max[a] = h.bbMax[a];
+            }
+            t.colours = h.rgbOffset >= 0;
+            t.copc = h.compressed && h.format >= 6 && std::uint64_t(h.headerSize) + 54 <= size
+                && isCopcRecord(data + h.headerSize);
+            if (isUrl(t.name) && !t.copc)
+                failWith(QStringLiteral("only COPC files are read from a server, a part at a "
+                                        "time"));
+            if (!t.copc && t.count > INT32_MAX)
+                failWith(QStringLiteral("a tile of %1 points is indexed first (tessaro --index)")
+                             .arg(t.count));
+        } catch (const ReadFailure &f) {
+            problem = QStringLiteral("'%1': %2").arg(t.name, f.reason);
+        }
+    }
+
+    // A LAS or LAZ tile, read whole, in the cloud's coordinates.
+    static bool readWhole(const Tile &t, const TZVector3d &shift, double scale, Points &out,
+                          QString &error)
+    {
+        tzCloudFile::LoadOptions options;
+        options.sceneShift = shift;
+        options.confirmShift = [shift](TZVector3d &s, bool) {
+            s = shift;
+            return true;
+        };
+        options.note = [](const QString &) {};
+        std::unique_ptr<tzPointCloud> cloud(tzCloudFile::load(t.name, error, options));
+        if (!cloud)
+            return false;
+        // Back to the file's coordinates, then to the cloud's, when the reader shifted by
+        // another amount.
+        const TZVector3d by = shift - cloud->getGlobalShift();
+        const unsigned n = cloud->size();
+        out.points.resize(n);
+        for (unsigned i = 0; i < n; ++i) {
+            const TZVector3 &p = *cloud->getPoint(i);
+            for (int a = 0; a < 3; ++a)
+                out.points[i][a] = float((double(p[a]) + by[a]) * scale);
+        }
+        out.colours.clear();
+        if (cloud->hasColors()) {
+            out.colours.resize(n);
+            for (unsigned i = 0; i < n; ++i)
+                out.colours[i] = cloud->getPointColor(i);
+        }
+        if (const tzPointAttributes *attributes = cloud->attributeData())
+            out.attributes.assign(attributes, attributes + n);
+        else
+            out.attributes.assign(n, tzPointAttributes {});
+        return true;
+    }
+
+    QString m_path;
+    std::vector<std::unique_ptr<Tile>> m_tiles;
+    std::uint64_t m_count = 0;
+    double m_min[3] = {}, m_max[3] = {};
+    bool m_colours = false, m_remote = false;
+};
+
+} // namespace
+
+bool isTileSet(const QString &path)
+{
+    if (isUrl(path))
+        return false;
+    const QFileInfo info(path);
+    if (info.isDir())
+        return true;
+    const QString kind = info.suffix().toLower();
+    return (kind == QLatin1String("txt") || kind == QLatin1String("lst")
+            || kind == QLatin1String("list"))
+        && !listedTiles(path).isEmpty();
+}
+
+std::unique_ptr<tzCloudSource> openTileSet(const QString &path, QString &errorText)
+{
+    auto set = std::make_unique<TileSet>();
+    const QStringList tiles = QFileInfo(path).isDir() ? folderTiles(path) : listedTiles(path);
+    if (!set->open(path, tiles, errorText))
+        return nullptr;
+    return set;
+}
+
+} // namespace tzCopc
