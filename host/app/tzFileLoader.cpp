@@ -91,15 +91,19 @@ tzHObject *tzFileLoader::read(QString &error)
         emit progress(percent * 7 / 10, tr("Reading"));
         return !m_cancelled.load();
     };
-    // A survey on a server is streamed from it (an indexed file is all it can be).
+    // A survey on a server is streamed from it (an indexed file is all it can be), and so is
+    // a survey's set of tiles.
     if (tzCopc::isUrl(m_path))
         return readStreamed(m_path, error);
+    if (tzCopc::isTileSet(m_path))
+        return indexLargeTiles(error) ? readStreamed(m_path, error) : nullptr;
     if (isSceneFile(m_path))
         return tzSceneFile::load(m_path, error, readProgress);
     if (tzCopc::isCopc(m_path))
         return readStreamed(m_path, error);
     QString indexed;
-    if (!indexIfTooLarge(indexed, error))
+    if (!indexIfTooLarge(m_path, double(tzStreamedCloud::defaultMemoryBudget()), indexed, error, 0,
+                         90))
         return nullptr;
     if (!indexed.isEmpty())
         return readStreamed(indexed, error);
@@ -149,49 +153,58 @@ tzCloudFile::LoadOptions tzFileLoader::loadOptions()
     return options;
 }
 
-bool tzFileLoader::indexIfTooLarge(QString &indexPath, QString &error)
+bool tzFileLoader::indexIfTooLarge(const QString &path, double limit, QString &indexPath,
+                                   QString &error, int progressFrom, int progressSpan)
 {
     QJsonObject info;
     QString problem;
-    if (!tzCloudFile::describe(m_path, info, problem))
+    if (!tzCloudFile::describe(path, info, problem))
         return true; // the reader will say what is wrong with it
     const double points = info.value(QStringLiteral("points")).toDouble();
-    const double budget = double(tzStreamedCloud::defaultMemoryBudget());
-    if (points * BYTES_PER_POINT <= budget)
+    if (points * BYTES_PER_POINT <= limit)
         return true;
     // The index goes beside the file, or in the cache when its folder cannot be written; one
     // made before is used again while it is newer than the file.
-    const QFileInfo source(m_path);
-    QString folder = source.absolutePath();
-    if (!QFileInfo(folder).isWritable()) {
-        folder = QDir(QStandardPaths::writableLocation(QStandardPaths::CacheLocation))
-                     .filePath(QStringLiteral("indexes"));
-        QDir().mkpath(folder);
-    }
-    indexPath = QDir(folder).filePath(source.fileName() + QStringLiteral(".copc.laz"));
-    const QFileInfo index(indexPath);
-    if (index.exists() && index.lastModified() >= source.lastModified()
-        && tzCopc::isCopc(indexPath))
+    indexPath = tzCopc::indexPathFor(path);
+    if (tzCopc::isIndexOf(indexPath, path))
         return true;
     emit note(tr("'%1' holds %2 million points, more than the memory budget of %3 GB takes: "
                  "it is indexed into '%4' and shown part by part")
-                  .arg(source.fileName())
+                  .arg(QFileInfo(path).fileName())
                   .arg(points / 1e6, 0, 'f', 1)
-                  .arg(budget / double(1 << 30), 0, 'f', 1)
+                  .arg(double(tzStreamedCloud::defaultMemoryBudget()) / double(1 << 30), 0, 'f', 1)
                   .arg(indexPath));
-    if (index.exists())
+    if (QFileInfo::exists(indexPath))
         QFile::remove(indexPath); // made before the file changed
     tzCopc::IndexOptions options;
-    options.progress = [this](int percent, const QString &stage) {
-        emit progress(percent * 9 / 10, stage);
+    options.progress = [this, progressFrom, progressSpan](int percent, const QString &stage) {
+        emit progress(progressFrom + percent * progressSpan / 100, stage);
         return !m_cancelled.load();
     };
     options.note = [this](const QString &text) { emit note(text); };
-    if (!tzCopc::index({m_path}, indexPath, error, options)) {
+    if (!tzCopc::index({path}, indexPath, error, options)) {
         indexPath.clear();
         return false;
     }
     return true;
+}
+
+bool tzFileLoader::indexLargeTiles(QString &error)
+{
+    // A tile is read whole as one node: one that would take more than an eighth of the budget
+    // is indexed first.
+    const QStringList tiles = tzCopc::tilesOf(m_path);
+    const double limit = double(tzStreamedCloud::defaultMemoryBudget()) / 8;
+    for (int i = 0; i < tiles.size() && !m_cancelled; ++i) {
+        const QString &tile = tiles[i];
+        if (tzCopc::isUrl(tile) || tzCopc::isCopc(tile))
+            continue;
+        QString indexPath;
+        if (!indexIfTooLarge(tile, limit, indexPath, error, 90 * i / int(tiles.size()),
+                             90 / int(tiles.size())))
+            return false;
+    }
+    return !m_cancelled;
 }
 
 tzHObject *tzFileLoader::readStreamed(const QString &path, QString &error)

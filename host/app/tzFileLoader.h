@@ -81,10 +81,14 @@ private:
     tzCloudFile::LoadOptions loadOptions();
     //! Opens an indexed (COPC) file as a streamed cloud.
     tzHObject *readStreamed(const QString &path, QString &error);
-    //! Indexes a file whose points would not fit in the streaming budget (indexPath: the index
-    //! to open, empty when the file is read whole); false, with the error, when indexing failed
-    //! or was cancelled.
-    bool indexIfTooLarge(QString &indexPath, QString &error);
+    //! Indexes a file whose points read whole would take more than limit bytes (indexPath: the
+    //! index to open, empty when the file is read whole), its progress told between
+    //! progressFrom and progressFrom + progressSpan percent; false, with the error, when
+    //! indexing failed or was cancelled.
+    bool indexIfTooLarge(const QString &path, double limit, QString &indexPath, QString &error,
+                         int progressFrom, int progressSpan);
+    //! Indexes the tiles of a survey's set that are too large to be read whole as one node.
+    bool indexLargeTiles(QString &error);
     //! What a point read whole costs in memory (points, colours, attributes, octree, buffers).
     static constexpr double BYTES_PER_POINT = 53;
     //! Builds the octree of every cloud under object; false when memory ran out or the load was

@@ -160,6 +160,14 @@ void tzMainWindow::createMenus()
         openFiles(paths);
     });
     open->setShortcut(QKeySequence::Open);
+    file->addAction(tr("Open &tiles..."), this, [this] {
+        QSettings settings;
+        const QString folder = QFileDialog::getExistingDirectory(
+            this, tr("Open the folder of a survey's tiles (LAS, LAZ, COPC) as one survey"),
+            settings.value(QStringLiteral("LoadFile/currentPath")).toString());
+        if (!folder.isEmpty())
+            openFiles({folder});
+    });
     file->addAction(tr("Open &URL..."), this, [this] {
         QSettings settings;
         const QString key = QStringLiteral("LoadFile/lastUrl");

@@ -178,6 +178,13 @@ QTZ_FORMATS_LIB_API std::unique_ptr<tzCloudSource> openSource(const QString &pat
 //! Whether a path names a survey's tiles: a folder (its LAS, LAZ and COPC files), or a text
 //! file (.txt, .lst, .list) that lists such files, a path or a URL a line.
 QTZ_FORMATS_LIB_API bool isTileSet(const QString &path);
+//! Where the viewer indexes a file too large to read whole: NAME.EXT.copc.laz beside it, or
+//! in the user's cache when its folder cannot be written.
+QTZ_FORMATS_LIB_API QString indexPathFor(const QString &path);
+//! Whether index is a COPC file made from path since path last changed.
+QTZ_FORMATS_LIB_API bool isIndexOf(const QString &index, const QString &path);
+//! The files of a survey's tiles (a folder's, by name; a list's, in its order).
+QTZ_FORMATS_LIB_API QStringList tilesOf(const QString &path);
 //! Opens a survey's tiles as the source of one streamed cloud (openSource does so for the
 //! paths isTileSet takes).
 QTZ_FORMATS_LIB_API std::unique_ptr<tzCloudSource> openTileSet(const QString &path,
@@ -203,8 +210,9 @@ struct IndexOptions
     std::size_t leafPoints = 100000;
 };
 
-//! Indexes clouds (LAS, LAZ, and any other format the viewer opens) into one COPC file at
-//! outPath: one point format wide enough for all (6, 7 with colours, 8 with near infrared),
+//! Indexes clouds (LAS, LAZ, and any other format the viewer opens; a survey's tiles, see
+//! isTileSet) into one COPC file at outPath: one point format wide enough for all (6, 7 with
+//! colours, 8 with near infrared),
 //! LAS fields kept (extra bytes when every input has the same), the finest scale of the
 //! inputs. Nothing is left at outPath when it fails; errorText names the file and the problem.
 QTZ_FORMATS_LIB_API bool index(const QStringList &inputs, const QString &outPath,

@@ -1230,9 +1230,13 @@ void Indexer::run(std::vector<std::unique_ptr<Input>> &inputs, QIODevice &out,
 
 } // namespace
 
-bool index(const QStringList &inputs, const QString &outPath, QString &errorText,
+bool index(const QStringList &given, const QString &outPath, QString &errorText,
            const IndexOptions &options)
 {
+    // A survey's tiles are its files.
+    QStringList inputs;
+    for (const QString &in : given)
+        inputs << (isTileSet(in) ? tilesOf(in) : QStringList {in});
     if (inputs.isEmpty()) {
         errorText = QStringLiteral("'%1': no cloud to index").arg(outPath);
         return false;

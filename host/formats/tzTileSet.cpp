@@ -14,6 +14,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QStandardPaths>
 #include <QTextStream>
 
 #include <algorithm>
@@ -333,9 +334,17 @@ private:
             if (isUrl(t.name) && !t.copc)
                 failWith(QStringLiteral("only COPC files are read from a server, a part at a "
                                         "time"));
-            if (!t.copc && t.count > INT32_MAX)
-                failWith(QStringLiteral("a tile of %1 points is indexed first (tessaro --index)")
-                             .arg(t.count));
+            // A tile read whole is one node: one that would take a good part of the memory
+            // budget is indexed first (the viewer does so as it opens the tiles).
+            constexpr double BYTES_PER_POINT = 53;
+            if (!t.copc
+                && (t.count > INT32_MAX
+                    || double(t.count) * BYTES_PER_POINT
+                        > double(tzStreamedCloud::defaultMemoryBudget()) / 2))
+                failWith(QStringLiteral("a tile of %1 million points, too many to read whole: "
+                                        "it is indexed first (tessaro --index %2 %3)")
+                             .arg(double(t.count) / 1e6, 0, 'f', 1)
+                             .arg(t.name, indexPathFor(t.name)));
         } catch (const ReadFailure &f) {
             problem = QStringLiteral("'%1': %2").arg(t.name, f.reason);
         }
@@ -387,6 +396,24 @@ private:
 
 } // namespace
 
+QString indexPathFor(const QString &path)
+{
+    const QFileInfo file(path);
+    QString folder = file.absolutePath();
+    if (!QFileInfo(folder).isWritable()) {
+        folder = QDir(QStandardPaths::writableLocation(QStandardPaths::CacheLocation))
+                     .filePath(QStringLiteral("indexes"));
+        QDir().mkpath(folder);
+    }
+    return QDir(folder).filePath(file.fileName() + QStringLiteral(".copc.laz"));
+}
+
+bool isIndexOf(const QString &index, const QString &path)
+{
+    const QFileInfo made(index);
+    return made.exists() && made.lastModified() >= QFileInfo(path).lastModified() && isCopc(index);
+}
+
 bool isTileSet(const QString &path)
 {
     if (isUrl(path))
@@ -400,10 +427,21 @@ bool isTileSet(const QString &path)
         && !listedTiles(path).isEmpty();
 }
 
+QStringList tilesOf(const QString &path)
+{
+    return QFileInfo(path).isDir() ? folderTiles(path) : listedTiles(path);
+}
+
 std::unique_ptr<tzCloudSource> openTileSet(const QString &path, QString &errorText)
 {
     auto set = std::make_unique<TileSet>();
-    const QStringList tiles = QFileInfo(path).isDir() ? folderTiles(path) : listedTiles(path);
+    // A tile indexed before (in the user's cache when its folder could not be written) is
+    // read from its index.
+    QStringList tiles = tilesOf(path);
+    for (QString &tile : tiles) {
+        if (!isUrl(tile) && !isCopc(tile) && isIndexOf(indexPathFor(tile), tile))
+            tile = indexPathFor(tile);
+    }
     if (!set->open(path, tiles, errorText))
         return nullptr;
     return set;

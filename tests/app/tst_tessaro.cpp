@@ -103,6 +103,7 @@ private slots:
     void statusBarShowsThePointUnderTheCursor();
     void indexedSurveyOpensStreamed();
     void surveyOverTheBudgetIsIndexedOnce();
+    void tilesOpenAsOneSurvey();
     void ctrlSSavesBesideTheFirstCloud();
     void closingWithUnsavedWorkAsks();
     void selectedCloudSavedAs();
@@ -597,6 +598,54 @@ void TestTessaro::surveyOverTheBudgetIsIndexedOnce()
             QVERIFY(!consoleHas(window, QStringLiteral("it is indexed into")));
             QCOMPARE(QFileInfo(index).lastModified(), made);
         }
+    }
+}
+
+// A folder of tiles opens as one streamed survey named after it; a tile too large to be read
+// whole is indexed beside itself first, once.
+void TestTessaro::tilesOpenAsOneSurvey()
+{
+    QTemporaryDir dir;
+    QString error;
+    const QString ground = groundWithAMast(dir, error);
+    QVERIFY2(!ground.isEmpty(), qPrintable(error));
+    const QString folder = dir.filePath(QStringLiteral("site"));
+    QVERIFY(QDir().mkpath(folder));
+    QVERIFY(QFile::rename(ground, QDir(folder).filePath(QStringLiteral("a.las"))));
+    tzPointCloud small(QStringLiteral("small"));
+    for (int i = 0; i < 1000; ++i)
+        small.addPoint({float(210 + i % 40 * 0.5), float(i / 40 * 0.5), 101.f});
+    small.setGlobalShift({-651000, -6861000, 0});
+    QVERIFY2(tzCloudFile::save(small, QDir(folder).filePath(QStringLiteral("b.las")), error),
+             qPrintable(error));
+    QSettings().setValue(QStringLiteral("Streaming/memoryBudgetMB"), 16);
+    const std::unique_ptr<void, void (*)(void *)> restore(
+        this, [](void *) { QSettings().remove(QStringLiteral("Streaming/memoryBudgetMB")); });
+    for (int round = 0; round < 2; ++round) {
+        tzMainWindow window(headless());
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        auto *cloud = dynamic_cast<tzStreamedCloud *>(openAndWait(window, folder));
+        QVERIFY2(cloud, qPrintable(window.console()->lines().join(QLatin1Char('\n'))));
+        QCOMPARE(window.databaseRoot()->getChildrenNumber(), 1u);
+        QCOMPARE(cloud->size(), 641001u);
+        QCOMPARE(cloud->getName(), QStringLiteral("site"));
+        QCOMPARE(cloud->path(), folder);
+        QCOMPARE(consoleHas(window, QStringLiteral("it is indexed into")), round == 0);
+        QVERIFY(QFileInfo::exists(QDir(folder).filePath(QStringLiteral("a.las.copc.laz"))));
+        // The mast, in the indexed tile, is the point under a pick from above.
+        TZLib::Octree::CylindricalNeighbourhood down;
+        down.center = TZVector3(100.125f, 100.125f, 150.f);
+        down.dir = TZVector3(0, 0, -1);
+        down.radius = 0.05f;
+        down.maxHalfLength = 100;
+        down.onlyPositiveDir = true;
+        cloud->computeOctree()->getPointsInCylindricalNeighbourhood(down);
+        QVERIFY(!down.neighbours.empty());
+        const auto top = std::max_element(
+            down.neighbours.begin(), down.neighbours.end(),
+            [](const auto &a, const auto &b) { return a.point->z < b.point->z; });
+        QCOMPARE(top->point->z, 130.f);
     }
 }
 
