@@ -102,7 +102,9 @@ struct tzStreamedCloud::Impl
         tzCloudSource::Node entry;
         double min[3] = {0, 0, 0}, max[3] = {0, 0, 0}; // local, a little wider than the cube
         int children[8] = {-1, -1, -1, -1, -1, -1, -1, -1};
-        std::vector<int> tiles; // the roots of the tiles under the root of a set of tiles
+        // Children with boxes of their own: the roots of the tiles under the root of a set of
+        // tiles, the rest of a tile read whole under its sample.
+        std::vector<int> others;
         double spacing = 0; // of its points, local
         std::shared_ptr<Held> held;
         std::uint64_t lastUsed = 0;
@@ -270,9 +272,13 @@ struct tzStreamedCloud::Impl
             localBox(e, n.min, n.max);
             n.spacing = source.nodeSpacing(e) * scale;
             byKey.emplace(key, index);
-            // Its parent and children among the nodes known: in its tile's octree, and the
-            // root of a tile under the root of the set.
-            if (e.depth > 0) {
+            // Its parent and children among the nodes known: in its tile's octree, the root of
+            // a tile under the root of the set, the rest of a tile under its sample.
+            if (e.depth > 0 && e.x < 0) {
+                const auto sample = byKey.find({e.tile, e.depth - 1, 0, 0, 0});
+                if (sample != byKey.end())
+                    nodes[size_t(sample->second)].others.push_back(index);
+            } else if (e.depth > 0) {
                 const auto parent = byKey.find({e.tile, e.depth - 1, e.x >> 1, e.y >> 1, e.z >> 1});
                 if (parent != byKey.end())
                     nodes[size_t(parent->second)]
@@ -281,7 +287,7 @@ struct tzStreamedCloud::Impl
             } else if (e.tile >= 0) {
                 const auto set = byKey.find({-1, 0, 0, 0, 0});
                 if (set != byKey.end())
-                    nodes[size_t(set->second)].tiles.push_back(index);
+                    nodes[size_t(set->second)].others.push_back(index);
             }
             for (int c = 0; c < 8; ++c) {
                 const auto child = byKey.find({e.tile, e.depth + 1, 2 * e.x + (c & 1),
@@ -443,7 +449,7 @@ struct tzStreamedCloud::Impl
             double mid[3];
             for (int a = 0; a < 3; ++a)
                 mid[a] = 0.5 * (n.min[a] + n.max[a]);
-            for (int t : n.tiles) {
+            for (int t : n.others) {
                 if (query.meets(nodes[size_t(t)].min, nodes[size_t(t)].max))
                     pending.push_back(t);
             }
@@ -1011,7 +1017,7 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
         }
         if (pixels(n) <= REFINE_PIXELS)
             continue;
-        bool anyChild = !n.tiles.empty();
+        bool anyChild = !n.others.empty();
         for (int c : n.children)
             anyChild |= c >= 0;
         if (!anyChild)
@@ -1024,7 +1030,7 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
             if (c >= 0)
                 open.push({pixels(s.nodes[size_t(c)]), c});
         }
-        for (int t : n.tiles)
+        for (int t : n.others)
             open.push({pixels(s.nodes[size_t(t)]), t});
     }
 

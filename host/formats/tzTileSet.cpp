@@ -1,9 +1,11 @@
 // A survey delivered as tiles (a folder of LAS, LAZ or COPC files, or a list of their paths and
 // URLs) read as one streamed cloud: one tree whose root holds the tiles' roots. Opening reads
 // the tiles' headers only (their boxes and counts); a COPC tile is opened when the view or a
-// query first reaches it and is then read node by node, a LAS or LAZ tile is one node, read
-// whole when it is needed. A point's index is its place in its tile plus the points of the
-// tiles before it.
+// query first reaches it and is then read node by node. A LAS or LAZ tile is two nodes: every
+// SAMPLE_STRIDE-th record (an even sample: records come in scan lines), drawn when the tile is
+// small on the screen, and the rest. A point's index is the points of the tiles before it plus
+// its place in its tile: in a COPC tile, its place in the file; in another, its place in the
+// sample, or after the sample its place among the rest.
 
 #include "tzByteRanges_p.h"
 #include "tzCloudFile.h"
@@ -28,6 +30,14 @@ namespace tzCopc {
 using namespace tzCloudFile::detail;
 
 namespace {
+
+constexpr std::uint64_t SAMPLE_STRIDE = 64;
+
+// The records of a tile read whole that make its sample: one in this many.
+std::uint64_t sampleStride(std::uint64_t count)
+{
+    return count > 4 * SAMPLE_STRIDE * SAMPLE_STRIDE ? SAMPLE_STRIDE : 1;
+}
 
 bool isCloudName(const QString &name)
 {
@@ -188,9 +198,10 @@ public:
         }
         if (const tzCloudSource *source = opened(*t))
             return source->nodeSpacing(node);
-        // Points spread over the tile's ground.
+        // Points spread over the tile's ground: its sample's, or all of them.
         const double area = std::max(1e-6, (t->max[0] - t->min[0]) * (t->max[1] - t->min[1]));
-        return std::sqrt(area / double(std::max<std::uint64_t>(1, t->count)));
+        const double all = std::sqrt(area / double(std::max<std::uint64_t>(1, t->count)));
+        return node.depth == 0 ? all * std::sqrt(double(sampleStride(t->count))) : all;
     }
     Node rootPage() const override
     {
@@ -212,10 +223,24 @@ public:
                 const Tile &t = *m_tiles[i];
                 Node n;
                 n.tile = std::int32_t(i);
-                n.pointCount
-                    = t.copc ? -1 : std::int32_t(std::min<std::uint64_t>(t.count, INT32_MAX));
                 n.firstPoint = t.first;
+                if (t.copc) {
+                    n.pointCount = -1;
+                    entries.push_back(n);
+                    continue;
+                }
+                const std::uint64_t stride = sampleStride(t.count);
+                const std::uint64_t sample = (t.count + stride - 1) / stride;
+                n.pointCount = std::int32_t(sample);
                 entries.push_back(n);
+                if (sample < t.count) {
+                    Node rest = n;
+                    rest.depth = 1;
+                    rest.x = rest.y = rest.z = -1;
+                    rest.pointCount = std::int32_t(t.count - sample);
+                    rest.firstPoint = t.first + sample;
+                    entries.push_back(rest);
+                }
             }
             return true;
         }
@@ -246,7 +271,7 @@ public:
             const tzCloudSource *source = openTile(*t, error);
             done = source && source->readNode(inner(node), shift, scale, out, error);
         } else {
-            done = readWhole(*t, shift, scale, out, error);
+            done = readWhole(*t, node.depth == 0, shift, scale, out, error);
         }
         // A tile without colours among tiles with some shows white.
         if (done && m_colours && out.colours.size() != out.points.size())
@@ -350,9 +375,10 @@ private:
         }
     }
 
-    // A LAS or LAZ tile, read whole, in the cloud's coordinates.
-    static bool readWhole(const Tile &t, const TZVector3d &shift, double scale, Points &out,
-                          QString &error)
+    // A LAS or LAZ tile's sample, or the rest of its points, in the cloud's coordinates (the
+    // tile read whole).
+    static bool readWhole(const Tile &t, bool sample, const TZVector3d &shift, double scale,
+                          Points &out, QString &error)
     {
         tzCloudFile::LoadOptions options;
         options.sceneShift = shift;
@@ -364,26 +390,38 @@ private:
         std::unique_ptr<tzPointCloud> cloud(tzCloudFile::load(t.name, error, options));
         if (!cloud)
             return false;
+        if (cloud->size() != t.count) {
+            error = QStringLiteral("'%1': %2 points read, its header says %3")
+                        .arg(t.name)
+                        .arg(cloud->size())
+                        .arg(t.count);
+            return false;
+        }
+        // The records of the sample, or the others, in the file's order.
+        const std::uint64_t stride = sampleStride(t.count);
+        std::vector<unsigned> which;
+        for (unsigned i = 0; i < cloud->size(); ++i) {
+            if ((i % stride == 0) == sample)
+                which.push_back(i);
+        }
         // Back to the file's coordinates, then to the cloud's, when the reader shifted by
         // another amount.
         const TZVector3d by = shift - cloud->getGlobalShift();
-        const unsigned n = cloud->size();
+        const size_t n = which.size();
         out.points.resize(n);
-        for (unsigned i = 0; i < n; ++i) {
+        out.colours.resize(cloud->hasColors() ? n : 0);
+        out.attributes.assign(n, tzPointAttributes {});
+        const tzPointAttributes *attributes = cloud->attributeData();
+        for (size_t k = 0; k < n; ++k) {
+            const unsigned i = which[k];
             const TZVector3 &p = *cloud->getPoint(i);
             for (int a = 0; a < 3; ++a)
-                out.points[i][a] = float((double(p[a]) + by[a]) * scale);
+                out.points[k][a] = float((double(p[a]) + by[a]) * scale);
+            if (!out.colours.empty())
+                out.colours[k] = cloud->getPointColor(i);
+            if (attributes)
+                out.attributes[k] = attributes[i];
         }
-        out.colours.clear();
-        if (cloud->hasColors()) {
-            out.colours.resize(n);
-            for (unsigned i = 0; i < n; ++i)
-                out.colours[i] = cloud->getPointColor(i);
-        }
-        if (const tzPointAttributes *attributes = cloud->attributeData())
-            out.attributes.assign(attributes, attributes + n);
-        else
-            out.attributes.assign(n, tzPointAttributes {});
         return true;
     }
 
