@@ -103,7 +103,7 @@ struct tzStreamedCloud::Impl
         double min[3] = {0, 0, 0}, max[3] = {0, 0, 0}; // local, a little wider than the cube
         int children[8] = {-1, -1, -1, -1, -1, -1, -1, -1};
         // Children with boxes of their own: the roots of the tiles under the root of a set of
-        // tiles, the rest of a tile read whole under its sample.
+        // tiles, a level of a tile read whole under the one above it.
         std::vector<int> others;
         double spacing = 0; // of its points, local
         std::shared_ptr<Held> held;
@@ -273,11 +273,13 @@ struct tzStreamedCloud::Impl
             n.spacing = source.nodeSpacing(e) * scale;
             byKey.emplace(key, index);
             // Its parent and children among the nodes known: in its tile's octree, the root of
-            // a tile under the root of the set, the rest of a tile under its sample.
+            // a tile under the root of the set, a level of a tile read whole under the one
+            // above it.
             if (e.depth > 0 && e.x < 0) {
-                const auto sample = byKey.find({e.tile, e.depth - 1, 0, 0, 0});
-                if (sample != byKey.end())
-                    nodes[size_t(sample->second)].others.push_back(index);
+                const std::int32_t above = e.depth == 1 ? 0 : -1;
+                const auto level = byKey.find({e.tile, e.depth - 1, above, above, above});
+                if (level != byKey.end())
+                    nodes[size_t(level->second)].others.push_back(index);
             } else if (e.depth > 0) {
                 const auto parent = byKey.find({e.tile, e.depth - 1, e.x >> 1, e.y >> 1, e.z >> 1});
                 if (parent != byKey.end())
@@ -977,6 +979,30 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
         return spacing * unitsToPixels / w;
     };
 
+    // Which first: the nodes whose points are larger on the screen, and, between equals (a
+    // top view of tiles), the ones that cover more of the screen.
+    const auto row0 = row(0), row1 = row(1);
+    const auto priority = [&](const Impl::Node &n) {
+        double lo[2] = {1e30, 1e30}, hi[2] = {-1e30, -1e30};
+        for (int corner = 0; corner < 8; ++corner) {
+            const double c[3] = {corner & 1 ? n.max[0] : n.min[0], corner & 2 ? n.max[1] : n.min[1],
+                                 corner & 4 ? n.max[2] : n.min[2]};
+            const double w = r3[0] * c[0] + r3[1] * c[1] + r3[2] * c[2] + r3[3];
+            if (w <= 1e-9)
+                return pixels(n) * 1.25; // around the eye: all the screen
+            const double xy[2] = {(row0[0] * c[0] + row0[1] * c[1] + row0[2] * c[2] + row0[3]) / w,
+                                  (row1[0] * c[0] + row1[1] * c[1] + row1[2] * c[2] + row1[3]) / w};
+            for (int a = 0; a < 2; ++a) {
+                lo[a] = std::min(lo[a], xy[a]);
+                hi[a] = std::max(hi[a], xy[a]);
+            }
+        }
+        double covered = 1;
+        for (int a = 0; a < 2; ++a)
+            covered *= std::max(0.0, std::min(hi[a], 1.0) - std::max(lo[a], -1.0)) / 2;
+        return pixels(n) * (0.25 + covered);
+    };
+
     std::vector<Piece> pieces;
     std::vector<std::pair<double, int>> wanted;
     bool whole = true;
@@ -1028,10 +1054,10 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
         }
         for (int c : n.children) {
             if (c >= 0)
-                open.push({pixels(s.nodes[size_t(c)]), c});
+                open.push({priority(s.nodes[size_t(c)]), c});
         }
         for (int t : n.others)
-            open.push({pixels(s.nodes[size_t(t)]), t});
+            open.push({priority(s.nodes[size_t(t)]), t});
     }
 
     // The workers read what is missing, most wanted first; what the view no longer needs is

@@ -33,8 +33,8 @@ public:
     struct Node
     {
         //! The tile of a set of tiles (each its own octree) the node belongs to; -1: the set's
-        //! root, whose children are the tiles' roots. A tile read whole is a sample of its
-        //! points at depth 0 and the rest at depth 1, x, y and z -1.
+        //! root, whose children are the tiles' roots. A tile read whole is levels of samples
+        //! of its points, each under the one above, at depth 0 and then x, y and z -1.
         std::int32_t tile = 0;
         std::int32_t depth = 0, x = 0, y = 0, z = 0;
         //! -1: a page not read yet (readPage gives its entries, this node's own among them).

@@ -1,11 +1,12 @@
 // A survey delivered as tiles (a folder of LAS, LAZ or COPC files, or a list of their paths and
 // URLs) read as one streamed cloud: one tree whose root holds the tiles' roots. Opening reads
 // the tiles' headers only (their boxes and counts); a COPC tile is opened when the view or a
-// query first reaches it and is then read node by node. A LAS or LAZ tile is two nodes: every
-// SAMPLE_STRIDE-th record (an even sample: records come in scan lines), drawn when the tile is
-// small on the screen, and the rest. A point's index is the points of the tiles before it plus
-// its place in its tile: in a COPC tile, its place in the file; in another, its place in the
-// sample, or after the sample its place among the rest.
+// query first reaches it and is then read node by node. A LAS or LAZ tile is three nodes, one
+// under the other: one record in 64 (an even sample), the other 8th ones, and the rest; the
+// view draws the first while the tile is small on the screen. A
+// point's index is the points of the tiles before it plus its place in its tile: in a COPC
+// tile, its place in the file; in another, its place among its node's records, after the
+// nodes above it.
 
 #include "tzByteRanges_p.h"
 #include "tzCloudFile.h"
@@ -23,6 +24,7 @@
 #include <atomic>
 #include <cmath>
 #include <mutex>
+#include <numeric>
 #include <thread>
 
 namespace tzCopc {
@@ -31,12 +33,46 @@ using namespace tzCloudFile::detail;
 
 namespace {
 
-constexpr std::uint64_t SAMPLE_STRIDE = 64;
+// The records of a tile read whole by level: one in 64, the other 8th ones, the rest (one
+// level for a small tile).
+constexpr std::uint64_t STRIDES[] = {64, 8, 1};
+constexpr int LEVELS = 3;
 
-// The records of a tile read whole that make its sample: one in this many.
-std::uint64_t sampleStride(std::uint64_t count)
+int levelsOf(std::uint64_t count)
 {
-    return count > 4 * SAMPLE_STRIDE * SAMPLE_STRIDE ? SAMPLE_STRIDE : 1;
+    return count > 16384 ? LEVELS : 1;
+}
+std::uint64_t strideOf(int level, int levels)
+{
+    return STRIDES[LEVELS - levels + level];
+}
+// The records of a level: the places below the count over its stride, not in the levels above.
+std::uint64_t countOf(int level, int levels, std::uint64_t count)
+{
+    const auto upTo = [&](int l) {
+        return l < 0 ? 0 : (count + strideOf(l, levels) - 1) / strideOf(l, levels);
+    };
+    return upTo(level) - upTo(level - 1);
+}
+// A record's level, from its place in a scrambled order of the tile's records: record times
+// a step near the count's golden section, modulo the count (a step prime to the count makes it
+// a permutation). The places below the count's 64th make the first level, those below its 8th
+// the second: a level is then spread over the tile whatever the order the records come in (a
+// grid's rows taken one in 8 would give stripes).
+std::uint64_t scrambleStep(std::uint64_t count)
+{
+    std::uint64_t step = std::max<std::uint64_t>(1, std::uint64_t(double(count) * 0.6180339887));
+    while (std::gcd(step, count) != 1)
+        ++step;
+    return step;
+}
+int levelOf(std::uint64_t record, std::uint64_t count, std::uint64_t step, int levels)
+{
+    const std::uint64_t place = record * step % count;
+    int level = 0;
+    while (place >= (count + strideOf(level, levels) - 1) / strideOf(level, levels))
+        ++level;
+    return level;
 }
 
 bool isCloudName(const QString &name)
@@ -201,7 +237,7 @@ public:
         // Points spread over the tile's ground: its sample's, or all of them.
         const double area = std::max(1e-6, (t->max[0] - t->min[0]) * (t->max[1] - t->min[1]));
         const double all = std::sqrt(area / double(std::max<std::uint64_t>(1, t->count)));
-        return node.depth == 0 ? all * std::sqrt(double(sampleStride(t->count))) : all;
+        return all * std::sqrt(double(strideOf(node.depth, levelsOf(t->count))));
     }
     Node rootPage() const override
     {
@@ -229,17 +265,14 @@ public:
                     entries.push_back(n);
                     continue;
                 }
-                const std::uint64_t stride = sampleStride(t.count);
-                const std::uint64_t sample = (t.count + stride - 1) / stride;
-                n.pointCount = std::int32_t(sample);
-                entries.push_back(n);
-                if (sample < t.count) {
-                    Node rest = n;
-                    rest.depth = 1;
-                    rest.x = rest.y = rest.z = -1;
-                    rest.pointCount = std::int32_t(t.count - sample);
-                    rest.firstPoint = t.first + sample;
-                    entries.push_back(rest);
+                // Its levels, one under the other (the ones below the first: x, y, z -1).
+                const int levels = levelsOf(t.count);
+                for (int level = 0; level < levels; ++level) {
+                    n.depth = level;
+                    n.x = n.y = n.z = level == 0 ? 0 : -1;
+                    n.pointCount = std::int32_t(countOf(level, levels, t.count));
+                    entries.push_back(n);
+                    n.firstPoint += std::uint64_t(n.pointCount);
                 }
             }
             return true;
@@ -271,7 +304,7 @@ public:
             const tzCloudSource *source = openTile(*t, error);
             done = source && source->readNode(inner(node), shift, scale, out, error);
         } else {
-            done = readWhole(*t, node.depth == 0, shift, scale, out, error);
+            done = readWhole(*t, node.depth, shift, scale, out, error);
         }
         // A tile without colours among tiles with some shows white.
         if (done && m_colours && out.colours.size() != out.points.size())
@@ -375,9 +408,9 @@ private:
         }
     }
 
-    // A LAS or LAZ tile's sample, or the rest of its points, in the cloud's coordinates (the
-    // tile read whole).
-    static bool readWhole(const Tile &t, bool sample, const TZVector3d &shift, double scale,
+    // The points of a level of a LAS or LAZ tile, in the cloud's coordinates (the tile read
+    // whole).
+    static bool readWhole(const Tile &t, int level, const TZVector3d &shift, double scale,
                           Points &out, QString &error)
     {
         tzCloudFile::LoadOptions options;
@@ -397,11 +430,13 @@ private:
                         .arg(t.count);
             return false;
         }
-        // The records of the sample, or the others, in the file's order.
-        const std::uint64_t stride = sampleStride(t.count);
+        // The records of the level, in the file's order.
+        const int levels = levelsOf(t.count);
+        const std::uint64_t step = scrambleStep(t.count);
         std::vector<unsigned> which;
+        which.reserve(size_t(countOf(level, levels, t.count)));
         for (unsigned i = 0; i < cloud->size(); ++i) {
-            if ((i % stride == 0) == sample)
+            if (levelOf(i, t.count, step, levels) == level)
                 which.push_back(i);
         }
         // Back to the file's coordinates, then to the cloud's, when the reader shifted by
