@@ -12,6 +12,7 @@
 #include "tzCloudFile.h"
 #include "tzCopc.h"
 #include "tzLasFile_p.h"
+#include "tzLog.h"
 #include "tzStreamedCloud.h"
 
 #include <QDir>
@@ -163,12 +164,26 @@ public:
         work();
         for (std::thread &h : helpers)
             h.join();
-        for (const QString &problem : problems) {
-            if (!problem.isEmpty()) {
-                error = problem;
-                return false;
-            }
+        // A tile that cannot be read is left out, and said so; the survey is the others.
+        std::vector<std::unique_ptr<Tile>> readable;
+        QStringList left;
+        for (size_t i = 0; i < m_tiles.size(); ++i) {
+            if (problems[i].isEmpty())
+                readable.push_back(std::move(m_tiles[i]));
+            else
+                left << problems[i];
         }
+        if (readable.empty()) {
+            error = left.size() == 1 ? left.front()
+                                     : QStringLiteral("'%1': none of its %2 tiles can be read (%3)")
+                                           .arg(path)
+                                           .arg(left.size())
+                                           .arg(left.front());
+            return false;
+        }
+        for (const QString &problem : left)
+            tzLog::Warning(QStringLiteral("A tile of '%1' is left out: %2").arg(path, problem));
+        m_tiles = std::move(readable);
         m_remote = remote;
         for (int a = 0; a < 3; ++a) {
             m_min[a] = m_tiles.front()->min[a];

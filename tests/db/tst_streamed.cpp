@@ -6,6 +6,7 @@
 #include "StreamedViews.h"
 #include "tzCloudFile.h"
 #include "tzCopc.h"
+#include "tzLog.h"
 #include "tzSceneFile.h"
 #include "tzStreamedCloud.h"
 
@@ -310,6 +311,25 @@ private slots:
             QCOMPARE(coordinates(a), coordinates(b));
         }
         QVERIFY(straddling > 20);
+        // A tile that is not a cloud is left out with a word; an empty folder is refused.
+        {
+            QFile bad(QDir(folder).filePath(QStringLiteral("t9.las")));
+            QVERIFY(bad.open(QIODevice::WriteOnly));
+            bad.write("not a cloud at all");
+        }
+        QStringList warnings;
+        tzLog::SetHandler([&warnings](const QString &text, int) { warnings << text; });
+        std::unique_ptr<tzStreamedCloud> withBad = openSet(folder, error);
+        tzLog::SetHandler({});
+        QVERIFY2(withBad, qPrintable(error));
+        QCOMPARE(withBad->size(), total);
+        QCOMPARE(warnings.size(), 1);
+        QVERIFY2(warnings[0].contains(QLatin1String("t9.las")), qPrintable(warnings[0]));
+        QFile::remove(QDir(folder).filePath(QStringLiteral("t9.las")));
+        const QString empty = m_dir.filePath(QStringLiteral("empty"));
+        QVERIFY(QDir().mkpath(empty));
+        QVERIFY(!openSet(empty, error));
+        QVERIFY2(error.contains(QLatin1String("no LAS, LAZ or COPC file")), qPrintable(error));
         std::uint64_t shown = 0;
         for (const auto &p : settle(*set, topView(-10, 310, -10, 210, 100000, 1 << 30)))
             shown += p.count;
