@@ -6,6 +6,7 @@
 
 #include <QCoreApplication>
 #include <QObject>
+#include <QOpenGLFunctions_2_1>
 #include <QPointer>
 
 #include <algorithm>
@@ -139,6 +140,7 @@ struct tzStreamedCloud::Impl
     // The GUI thread's.
     std::vector<Node> nodes;
     std::unordered_map<Key, int, KeyHash> byKey;
+    std::vector<std::array<double, 6>> outlines; // of the tiles of a set: min, max
     std::map<std::uint64_t, int> byFirst; // nodes with points, by their first point
     std::uint64_t frame = 1;
     std::uint64_t heldBytes = 0;
@@ -288,8 +290,14 @@ struct tzStreamedCloud::Impl
                         = index;
             } else if (e.tile >= 0) {
                 const auto set = byKey.find({-1, 0, 0, 0, 0});
-                if (set != byKey.end())
+                if (set != byKey.end()) {
                     nodes[size_t(set->second)].others.push_back(index);
+                    // Its outline: the header's box (a COPC tile's root is its octree's cube
+                    // once read).
+                    const Node &tile = nodes[size_t(index)];
+                    outlines.push_back({tile.min[0], tile.min[1], tile.min[2], tile.max[0],
+                                        tile.max[1], tile.max[2]});
+                }
             }
             for (int c = 0; c < 8; ++c) {
                 const auto child = byKey.find({e.tile, e.depth + 1, 2 * e.x + (c & 1),
@@ -1081,6 +1089,36 @@ std::vector<tzStreamedCloud::Piece> tzStreamedCloud::selectNodes(const View &vie
     if (complete)
         *complete = whole;
     return pieces;
+}
+
+void tzStreamedCloud::drawMeOnly(tzDrawContext &context)
+{
+    tzPointCloud::drawMeOnly(context);
+    QOpenGLFunctions_2_1 *gl = context.glFunctions;
+    if (!d || d->outlines.empty() || !gl || !context.is3D() || context.isPicking())
+        return;
+    // The tiles' boxes, thin and grey: where the survey is before its points come.
+    gl->glPushAttrib(GL_LINE_BIT | GL_ENABLE_BIT | GL_CURRENT_BIT);
+    gl->glLineWidth(1);
+    gl->glColor3ub(150, 150, 150);
+    gl->glBegin(GL_LINES);
+    for (const std::array<double, 6> &box : d->outlines) {
+        const double min[3] = {box[0], box[1], box[2]}, max[3] = {box[3], box[4], box[5]};
+        const double *b[2] = {min, max};
+        for (int edge = 0; edge < 12; ++edge) {
+            // Along axis a, at the corner given by the two other axes' ends.
+            const int a = edge / 4, u = (a + 1) % 3, v = (a + 2) % 3;
+            double from[3], to[3];
+            from[u] = to[u] = b[edge & 1][u];
+            from[v] = to[v] = b[(edge >> 1) & 1][v];
+            from[a] = min[a];
+            to[a] = max[a];
+            gl->glVertex3d(from[0], from[1], from[2]);
+            gl->glVertex3d(to[0], to[1], to[2]);
+        }
+    }
+    gl->glEnd();
+    gl->glPopAttrib();
 }
 
 void tzStreamedCloud::waitForReads()

@@ -179,6 +179,8 @@ public:
     void integrateArrivals();
 
 protected:
+    //! The points, and the outline of each tile of a set of tiles (from its header: at once).
+    void drawMeOnly(tzDrawContext &context) override;
     void onPointsChanged() override;
     void updateStatistics() const override;
     bool toFile_MeOnly(QIODevice &out) const override;
