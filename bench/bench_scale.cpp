@@ -25,6 +25,10 @@
 // and its frames while moving against this run's survey, and its resident memory while moving
 // against the budget.
 //
+// The survey as a thousand LAZ tiles (a grid over it), opened as one from their folder: its first
+// frame (the tiles' outlines, and what is read by then) against the LAZ's first picture, and
+// the time until every tile is drawn.
+//
 // With --picks and --keep=DIR holding the survey of an earlier run, only the picks are timed.
 // With --remote, the big survey (or the kept one) from the disk and served over HTTP at 20 ms a
 // request (a local server, the disk cache off): the first frame and the full detail of the view
@@ -325,6 +329,59 @@ void localAndRemote(const QString &copc, double latency, Opening &local, Opening
     server.waitForFinished(3000);
 }
 
+// The survey cut into a grid of count LAZ tiles (as a national programme hands it out) in
+// folder: written as LAS, then converted.
+void writeTiles(const TZLib::PointCloud &cloud, const QString &folder, int count)
+{
+    QDir().mkpath(folder);
+    TZVector3 lo, hi;
+    cloud.getBoundingBox(lo, hi);
+    const int across = std::max(1, int(std::round(std::sqrt(count * 1.6))));
+    const int down = std::max(1, (count + across - 1) / across);
+    std::vector<TZLib::PointCloud> tiles(size_t(across * down));
+    for (unsigned i = 0; i < cloud.size(); ++i) {
+        const TZVector3 &p = *cloud.getPoint(i);
+        const int cx = std::min(across - 1, int((p.x - lo.x) / (hi.x - lo.x + 1e-3f) * across));
+        const int cy = std::min(down - 1, int((p.y - lo.y) / (hi.y - lo.y + 1e-3f) * down));
+        tiles[size_t(cy * across + cx)].addPoint(p);
+    }
+    QString error;
+    for (size_t k = 0; k < tiles.size(); ++k) {
+        if (tiles[k].size() == 0)
+            continue;
+        const QString las
+            = QDir(folder).filePath(QStringLiteral("tile-%1.las").arg(k, 4, 10, QLatin1Char('0')));
+        QString laz = las;
+        laz.chop(1);
+        laz += QLatin1Char('z');
+        if (!bench::writeSurveyLas(las, tiles[k]) || !tzCloudFile::convert(las, laz, error)) {
+            std::fprintf(stderr, "bench_scale: %s\n", qPrintable(error));
+            std::abort();
+        }
+        QFile::remove(las);
+    }
+}
+
+struct TileOpening
+{
+    double outlines = 1e30; // the first frame: every tile's outline, the tiles read by then
+    double everyTile = 1e30; // every tile drawn
+};
+
+// A folder of tiles opened in a fresh window.
+TileOpening openTiles(const QString &folder)
+{
+    tzMainWindow window(bench::viewerOptions());
+    bench::showWindow(window, "bench_scale");
+    TileOpening t;
+    QElapsedTimer timer;
+    timer.start();
+    tzStreamedCloud &cloud = openStreamed(window, folder, t.outlines);
+    settle(*window.activeView(), cloud, 300);
+    t.everyTile = timer.elapsed() / 1000.0;
+    return t;
+}
+
 // A row of the table: the figure, ours, the other, ours over the other.
 void row(const char *figure, double ours, double other, const char *unit, int decimals)
 {
@@ -485,6 +542,9 @@ int main(int argc, char **argv)
                     coldMax);
         return 0;
     }
+    // The same survey as a thousand LAZ tiles (fewer for a small run).
+    const QString tiles = QDir(folder).filePath(QStringLiteral("tiles"));
+    const int tileCount = int(std::min(1000u, std::max(4u, points / 2000)));
     {
         bench::Terrain terrain;
         bench::makeTerrain(terrain, points);
@@ -492,6 +552,8 @@ int main(int argc, char **argv)
             std::fprintf(stderr, "bench_scale: cannot write %s\n", qPrintable(las));
             return 1;
         }
+        QDir(tiles).removeRecursively();
+        writeTiles(terrain.cloud, tiles, tileCount);
     }
     warm(las);
     const std::string tessaro = QDir(QCoreApplication::applicationDirPath())
@@ -553,6 +615,14 @@ int main(int argc, char **argv)
     lowestPoints(las, copc, streamedP99, memoryP99, coldP99, coldMax);
     Opening local, remote;
     localAndRemote(copc, 0.02, local, remote);
+    TileOpening tileSet;
+    for (int round = 0; round < 2; ++round) {
+        const TileOpening t = openTiles(tiles);
+        std::printf("round %d: %d tiles, first frame %.3f s, every tile drawn %.2f s\n", round + 1,
+                    tileCount, t.outlines, t.everyTile);
+        tileSet.outlines = std::min(tileSet.outlines, t.outlines);
+        tileSet.everyTile = std::min(tileSet.everyTile, t.everyTile);
+    }
     const double budgetMB = double(tzStreamedCloud::defaultMemoryBudget()) / 1048576.0;
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     std::printf("\n%-52s %14s %14s %8s\n", "figure", "ours", "other", "ratio");
@@ -568,6 +638,8 @@ int main(int argc, char **argv)
     row("first frame, remote vs local", remote.firstFrame, local.firstFrame, "s", 3);
     row("full detail of a still view, remote vs local", remote.fullDetail, local.fullDetail, "s",
         2);
+    const QString tilesRow = QStringLiteral("first frame, %1 tiles vs one file").arg(tileCount);
+    row(qPrintable(tilesRow), tileSet.outlines, lazPicture, "s", 3);
     if (!big.isEmpty()) {
         row("first frame, big vs this survey", bigFirst, copcFirst, "s", 3);
         row("frame while moving, big vs this survey", bigOrbit.movingMs, orbit.movingMs, "ms", 1);
@@ -575,6 +647,8 @@ int main(int argc, char **argv)
     }
     std::printf("full detail of a still view: %.2f s after the camera stopped\n",
                 orbit.settleSeconds);
+    std::printf("%d tiles: every tile drawn %.2f s after the opening (the one LAS whole: %.2f s)\n",
+                tileCount, tileSet.everyTile, lasOpen);
     std::printf("cold pick (a place never read): p99 %.1f ms, at most %.1f ms\n", coldP99, coldMax);
     std::printf("index rate: %.2f M points/s on %u cores (%.2f M points/s a core)\n",
                 points / index.seconds / 1e6, cores, points / index.seconds / 1e6 / cores);

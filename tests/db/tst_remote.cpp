@@ -198,6 +198,17 @@ private slots:
             };
             QCOMPARE(key(down.neighbours), key(again.neighbours));
         }
+        // A list of tiles on the server (here the survey twice) is one survey of both.
+        const QString list = m_dir.filePath(QStringLiteral("served.txt"));
+        {
+            QFile file(list);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write((url + QLatin1Char('\n') + url + QLatin1Char('\n')).toUtf8());
+        }
+        std::unique_ptr<tzStreamedCloud> twice = openStreamed(list, error);
+        QVERIFY2(twice, qPrintable(error));
+        QCOMPARE(twice->size(), 2 * here->size());
+        QCOMPARE(shown(settle(*twice, view)), 2 * shown(settle(*here, view)));
         // Its points are not written from a part of them.
         const QString copy = m_dir.filePath(QStringLiteral("copy.las"));
         QVERIFY(!tzCloudFile::save(*there, copy, error));
