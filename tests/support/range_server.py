@@ -20,6 +20,7 @@ import argparse
 import http.server
 import os
 import re
+import socket
 import socketserver
 import sys
 import threading
@@ -31,6 +32,12 @@ lock = threading.Lock()
 
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
+
+    def setup(self):
+        super().setup()
+        # As web servers do: the headers and the bytes go at once, not held back until the
+        # client acknowledges the headers (which it delays).
+        self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
 
     def log_message(self, *args):
         pass
