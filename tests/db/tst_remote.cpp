@@ -22,31 +22,8 @@
 namespace {
 
 using streamed::settle;
+using streamed::survey;
 using streamed::topView;
-
-// 150 x 100 m of ground on a national grid, with vegetation.
-std::unique_ptr<tzPointCloud> survey(int count)
-{
-    std::mt19937 random(5);
-    std::uniform_real_distribution<double> u(0, 1);
-    auto cloud = std::make_unique<tzPointCloud>(QStringLiteral("survey"));
-    const TZVector3d shift(-651000, -6861000, 0);
-    std::vector<TZVector3> points;
-    std::vector<tzRgb> colours;
-    for (int i = 0; i < count; ++i) {
-        const double x = std::round(150000 * u(random)) / 1000;
-        const double y = std::round(100000 * u(random)) / 1000;
-        const double z
-            = std::round(1000 * (100 + 2 * std::sin(x / 15) + (i % 6 == 0 ? 8 * u(random) : 0)))
-            / 1000;
-        points.push_back(TZVector3::fromVector(TZVector3d(651000 + x, 6861000 + y, z) + shift));
-        colours.push_back({quint8(i % 199), quint8(i % 7 * 30), quint8(90)});
-    }
-    cloud->setPoints(std::move(points));
-    cloud->setColors(std::move(colours));
-    cloud->setGlobalShift(shift);
-    return cloud;
-}
 
 std::uint64_t shown(const std::vector<tzStreamedCloud::Piece> &pieces)
 {
@@ -170,7 +147,7 @@ private slots:
         useCache({}); // every node from the server
         std::unique_ptr<tzStreamedCloud> there = openStreamed(url, error);
         QVERIFY2(there, qPrintable(error));
-        const auto view = topView(-5, 155, -5, 105, 2000, 10000000);
+        const auto view = topView(-10, 310, -10, 210, 2000, 10000000);
         bool complete = true;
         const auto first = there->selectNodes(view, &complete);
         QVERIFY(!complete);
@@ -178,8 +155,8 @@ private slots:
         QCOMPARE(shown(settle(*there, view)), shown(settle(*here, view)));
         std::mt19937 random(9);
         for (int q = 0; q < 20; ++q) {
-            const TZVector3 at(float(150 * (random() % 1000) / 1000.0),
-                               float(100 * (random() % 1000) / 1000.0), 115);
+            const TZVector3 at(float(300 * (random() % 1000) / 1000.0),
+                               float(200 * (random() % 1000) / 1000.0), 120);
             TZLib::Octree::CylindricalNeighbourhood down;
             down.center = at;
             down.dir = TZVector3(0, 0, -1);
@@ -284,11 +261,11 @@ private slots:
         std::unique_ptr<tzStreamedCloud> cloud
             = openStreamed(m_base + QStringLiteral("survey.copc.laz"), error);
         QVERIFY2(cloud, qPrintable(error));
-        const auto corner = settle(*cloud, topView(0, 20, 0, 20, 2000, 10000000));
+        const auto corner = settle(*cloud, topView(40, 60, 30, 50, 2000, 10000000));
         const size_t held = cloud->nodesHeld();
         QCOMPARE(serverSays("mode drop"), QByteArray("OK"));
         m_warnings.clear();
-        const auto whole = settle(*cloud, topView(-5, 155, -5, 105, 2000, 10000000));
+        const auto whole = settle(*cloud, topView(-10, 310, -10, 210, 2000, 10000000));
         QCOMPARE(serverSays("mode ranges"), QByteArray("OK"));
         QCOMPARE(m_warnings.size(), 1);
         QVERIFY2(m_warnings[0].contains(QLatin1String("survey.copc.laz"))
@@ -300,8 +277,8 @@ private slots:
         // from the disk.
         QTest::qWait(tzCopc::remoteSettings().retryFailuresAfterMs + 50);
         std::unique_ptr<tzStreamedCloud> here = openStreamed(m_copc, error);
-        QCOMPARE(shown(settle(*cloud, topView(-5, 155, -5, 105, 2000, 10000000))),
-                 shown(settle(*here, topView(-5, 155, -5, 105, 2000, 10000000))));
+        QCOMPARE(shown(settle(*cloud, topView(-10, 310, -10, 210, 2000, 10000000))),
+                 shown(settle(*here, topView(-10, 310, -10, 210, 2000, 10000000))));
         // A server that stops answering: closing the cloud does not wait for it (nor for the
         // requests' patience).
         const tzCopc::RemoteSettings before = tzCopc::remoteSettings();
@@ -313,7 +290,7 @@ private slots:
         tzCopc::setRemoteSettings(before);
         QVERIFY2(stalled, qPrintable(error));
         QCOMPARE(serverSays("mode stall"), QByteArray("OK"));
-        stalled->selectNodes(topView(-5, 155, -5, 105, 2000, 10000000));
+        stalled->selectNodes(topView(-10, 310, -10, 210, 2000, 10000000));
         QTest::qWait(200); // the reads are in flight
         QElapsedTimer closing;
         closing.start();

@@ -1,13 +1,56 @@
 #pragma once
 
-// What the tests of streamed clouds look at them with: a top view of a box, and the nodes it
-// shows once every node it asked for has been read.
+// What the tests of streamed clouds use: a survey to index, a top view of a box, and the nodes
+// it shows once every node it asked for has been read.
 
+#include "tzPointCloud.h"
 #include "tzStreamedCloud.h"
 
+#include <cmath>
+#include <memory>
+#include <random>
 #include <vector>
 
 namespace streamed {
+
+// Ground over 300 x 200 m on a national grid, trees on it, a dense patch and points stacked on
+// one spot.
+inline std::unique_ptr<tzPointCloud> survey(int count)
+{
+    std::mt19937 random(7);
+    std::uniform_real_distribution<double> u(0, 1);
+    auto cloud = std::make_unique<tzPointCloud>(QStringLiteral("survey"));
+    const TZVector3d shift(-651000, -6861000, 0);
+    std::vector<TZVector3> points;
+    std::vector<tzRgb> colours;
+    std::vector<tzPointAttributes> attributes;
+    for (int i = 0; i < count; ++i) {
+        double x = 300 * u(random), y = 200 * u(random);
+        if (i % 4 == 0) { // the dense patch
+            x = 40 + 10 * u(random);
+            y = 30 + 10 * u(random);
+        }
+        if (i % 101 == 0) {
+            x = 123.45;
+            y = 67.89;
+        }
+        double z = 100 + 3 * std::sin(x / 20) + 0.05 * u(random);
+        if (i % 5 == 0)
+            z += 12 * u(random); // vegetation
+        // Millimetres, as the file keeps them.
+        const auto mm = [](double v) { return std::round(v * 1000) / 1000; };
+        points.push_back(
+            TZVector3::fromVector(TZVector3d(mm(651000 + x), mm(6861000 + y), mm(z)) + shift));
+        colours.push_back({quint8(i % 251), quint8(i % 13 * 19), quint8(200)});
+        attributes.push_back({quint16(i % 4000), quint8(i % 5 == 0 ? 5 : 2), quint8(0x11)});
+    }
+    cloud->setPoints(std::move(points));
+    cloud->setColors(std::move(colours));
+    cloud->setAttributes(std::move(attributes),
+                         tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION);
+    cloud->setGlobalShift(shift);
+    return cloud;
+}
 
 // A top view (orthographic) of the box [x0, x1] x [y0, y1] around z 100 in local coordinates,
 // on a screen of size pixels: the matrix that maps the box to the unit square.
