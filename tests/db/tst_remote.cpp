@@ -80,14 +80,7 @@ class TestRemote : public QObject
     }
     std::unique_ptr<tzStreamedCloud> openStreamed(const QString &name, QString &error)
     {
-        std::unique_ptr<tzCloudSource> source = tzCopc::openSource(name, error);
-        if (!source)
-            return nullptr;
-        auto cloud = std::make_unique<tzStreamedCloud>(std::move(source));
-        cloud->setGlobalShift({-651000, -6861000, 0});
-        if (!cloud->open(error))
-            return nullptr;
-        return cloud;
+        return streamed::openStreamed(name, {-651000, -6861000, 0}, error);
     }
 
 private slots:

@@ -77,14 +77,7 @@ class TestStreamed : public QObject
 
     std::unique_ptr<tzStreamedCloud> open(QString &error) const
     {
-        std::unique_ptr<tzCloudSource> source = tzCopc::openSource(m_copc, error);
-        if (!source)
-            return nullptr;
-        auto cloud = std::make_unique<tzStreamedCloud>(std::move(source));
-        cloud->setGlobalShift(m_whole->getGlobalShift());
-        if (!cloud->open(error))
-            return nullptr;
-        return cloud;
+        return streamed::openStreamed(m_copc, m_whole->getGlobalShift(), error);
     }
 
 private slots:
@@ -217,15 +210,7 @@ private slots:
         QVERIFY(tzCopc::isTileSet(folder) && tzCopc::isTileSet(list));
         QVERIFY(!tzCopc::isTileSet(m_copc));
         const auto openSet = [this](const QString &path, QString &problem) {
-            std::unique_ptr<tzStreamedCloud> cloud;
-            std::unique_ptr<tzCloudSource> source = tzCopc::openSource(path, problem);
-            if (!source)
-                return cloud;
-            cloud = std::make_unique<tzStreamedCloud>(std::move(source));
-            cloud->setGlobalShift(m_whole->getGlobalShift());
-            if (!cloud->open(problem))
-                cloud.reset();
-            return cloud;
+            return streamed::openStreamed(path, m_whole->getGlobalShift(), problem);
         };
         std::unique_ptr<tzStreamedCloud> fromList = openSet(list, error);
         QVERIFY2(fromList, qPrintable(error));

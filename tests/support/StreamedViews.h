@@ -1,8 +1,10 @@
 #pragma once
 
-// What the tests of streamed clouds use: a survey to index, a top view of a box, and the nodes
-// it shows once every node it asked for has been read.
+// What the tests of streamed clouds use: a survey to index, a cloud streamed from a file (or a
+// URL, or tiles), a top view of a box, and the nodes it shows once every node it asked for has
+// been read.
 
+#include "tzCopc.h"
 #include "tzPointCloud.h"
 #include "tzStreamedCloud.h"
 
@@ -49,6 +51,21 @@ inline std::unique_ptr<tzPointCloud> survey(int count)
     cloud->setAttributes(std::move(attributes),
                          tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION);
     cloud->setGlobalShift(shift);
+    return cloud;
+}
+
+// A file (a COPC file, a URL, a survey's tiles) open streamed with the given shift; null, with
+// the error, when it cannot be.
+inline std::unique_ptr<tzStreamedCloud> openStreamed(const QString &name, const TZVector3d &shift,
+                                                     QString &error)
+{
+    std::unique_ptr<tzCloudSource> source = tzCopc::openSource(name, error);
+    if (!source)
+        return nullptr;
+    auto cloud = std::make_unique<tzStreamedCloud>(std::move(source));
+    cloud->setGlobalShift(shift);
+    if (!cloud->open(error))
+        return nullptr;
     return cloud;
 }
 
