@@ -24,6 +24,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <list>
 #include <mutex>
 #include <numeric>
 #include <thread>
@@ -425,17 +426,10 @@ private:
 
     // The points of a level of a LAS or LAZ tile, in the cloud's coordinates (the tile read
     // whole).
-    static bool readWhole(const Tile &t, int level, const TZVector3d &shift, double scale,
-                          Points &out, QString &error)
+    bool readWhole(const Tile &t, int level, const TZVector3d &shift, double scale, Points &out,
+                   QString &error) const
     {
-        tzCloudFile::LoadOptions options;
-        options.sceneShift = shift;
-        options.confirmShift = [shift](TZVector3d &s, bool) {
-            s = shift;
-            return true;
-        };
-        options.note = [](const QString &) {};
-        std::unique_ptr<tzPointCloud> cloud(tzCloudFile::load(t.name, error, options));
+        std::shared_ptr<const tzPointCloud> cloud = decoded(t, shift, error);
         if (!cloud)
             return false;
         if (cloud->size() != t.count) {
@@ -475,7 +469,50 @@ private:
         return true;
     }
 
+    // A LAS or LAZ tile read whole: its levels are asked for one after the other, so the last
+    // tiles read are kept a while (an eighth of the streaming budget) rather than decoded again.
+    std::shared_ptr<const tzPointCloud> decoded(const Tile &t, const TZVector3d &shift,
+                                                QString &error) const
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_decodedMutex);
+            for (auto it = m_decoded.begin(); it != m_decoded.end(); ++it) {
+                if (it->first == &t) {
+                    m_decoded.splice(m_decoded.begin(), m_decoded, it); // used: the last to go
+                    return m_decoded.front().second;
+                }
+            }
+        }
+        tzCloudFile::LoadOptions options;
+        options.sceneShift = shift;
+        options.confirmShift = [shift](TZVector3d &s, bool) {
+            s = shift;
+            return true;
+        };
+        options.note = [](const QString &) {};
+        std::shared_ptr<const tzPointCloud> cloud(tzCloudFile::load(t.name, error, options));
+        if (!cloud)
+            return nullptr;
+        std::lock_guard<std::mutex> lock(m_decodedMutex);
+        m_decoded.emplace_front(&t, cloud);
+        // About what a point read whole takes: its coordinates, colour and attributes.
+        const auto bytes = [](const tzPointCloud &c) { return std::uint64_t(c.size()) * 24; };
+        std::uint64_t held = 0;
+        for (auto it = m_decoded.begin(); it != m_decoded.end();) {
+            if (it != m_decoded.begin()
+                && held + bytes(*it->second) > tzStreamedCloud::defaultMemoryBudget() / 8) {
+                it = m_decoded.erase(it);
+            } else {
+                held += bytes(*it->second);
+                ++it;
+            }
+        }
+        return cloud;
+    }
+
     QString m_path;
+    mutable std::mutex m_decodedMutex;
+    mutable std::list<std::pair<const Tile *, std::shared_ptr<const tzPointCloud>>> m_decoded;
     std::vector<std::unique_ptr<Tile>> m_tiles;
     std::uint64_t m_count = 0;
     double m_min[3] = {}, m_max[3] = {};
