@@ -79,6 +79,8 @@ tzMainWindow::tzMainWindow(const Options &options)
         << 20;
     remote.timeoutSeconds
         = settings.value(QStringLiteral("Streaming/remoteTimeoutSeconds"), 20).toInt();
+    remote.trustedAuthorities
+        = settings.value(QStringLiteral("Streaming/trustedAuthorities")).toString();
     tzCopc::setRemoteSettings(remote);
 
     m_hub = new tzPickingHub(true, this);

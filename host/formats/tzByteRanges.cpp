@@ -22,6 +22,8 @@
 #include <QNetworkRequest>
 #include <QPointer>
 #include <QSaveFile>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QThread>
 #include <QTimer>
 
@@ -32,6 +34,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 namespace tzCopc {
@@ -193,6 +196,8 @@ private:
         request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                              QNetworkRequest::NoLessSafeRedirectPolicy);
         request.setTransferTimeout(timeoutSeconds * 1000);
+        if (url.startsWith(QLatin1String("https:"), Qt::CaseInsensitive))
+            request.setSslConfiguration(sslConfiguration());
         QNetworkReply *reply = m_manager->get(request);
         pending->reply = reply;
         const std::uint64_t asked = to - from + 1;
@@ -226,9 +231,29 @@ private:
         });
     }
 
+    // The system's authorities, and those of the setting's file (a firm's own) besides.
+    QSslConfiguration sslConfiguration()
+    {
+        const QString file = tzCopc::remoteSettings().trustedAuthorities;
+        if (file != m_authoritiesFile || !m_ssl) {
+            m_authoritiesFile = file;
+            // Connections made with the authorities before would be used again as they are.
+            m_manager->clearConnectionCache();
+            m_ssl = QSslConfiguration::defaultConfiguration();
+            if (!file.isEmpty()) {
+                QList<QSslCertificate> authorities = m_ssl->caCertificates();
+                authorities += QSslCertificate::fromPath(file, QSsl::Pem);
+                m_ssl->setCaCertificates(authorities);
+            }
+        }
+        return *m_ssl;
+    }
+
     QThread m_thread;
     QObject *m_context = nullptr;
     QNetworkAccessManager *m_manager = nullptr;
+    QString m_authoritiesFile;
+    std::optional<QSslConfiguration> m_ssl;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -552,6 +577,15 @@ private:
         if (a.wholeFile) {
             error = QStringLiteral("the server does not answer range requests (it sends the "
                                    "whole file): a survey is streamed from a server that does");
+            return false;
+        }
+        if (a.code == QNetworkReply::SslHandshakeFailedError) {
+            // Not worth asking again: the certificate will not change.
+            error = QStringLiteral("the secure connection failed (%1): the server's certificate "
+                                   "is not one this machine trusts (its authority goes among "
+                                   "the system's certificates, or in the file of the setting "
+                                   "Streaming/trustedAuthorities)")
+                        .arg(a.errorString);
             return false;
         }
         if (a.code != QNetworkReply::NoError && a.status == 0) {

@@ -162,6 +162,8 @@ struct RemoteSettings
     int parallel = 6;
     //! What could not be read is asked for again after this long (the server may be back).
     int retryFailuresAfterMs = 20000;
+    //! A PEM file of certificate authorities trusted besides the system's (a firm's own).
+    QString trustedAuthorities;
 };
 QTZ_FORMATS_LIB_API void setRemoteSettings(const RemoteSettings &settings);
 QTZ_FORMATS_LIB_API RemoteSettings remoteSettings();

@@ -227,6 +227,50 @@ private slots:
         QVERIFY(held > 0 && quint64(held) <= settings.cacheBytes);
     }
 
+    // Over HTTPS, from a server whose certificate's authority is not the system's: refused
+    // at once with the reason, then read as over HTTP once the setting's file trusts it.
+    void servedOverHttps()
+    {
+        const QString cert = m_dir.filePath(QStringLiteral("cert.pem"));
+        const QString key = m_dir.filePath(QStringLiteral("key.pem"));
+        QProcess openssl;
+        openssl.start(QStringLiteral("openssl"),
+                      {QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
+                       QStringLiteral("rsa:2048"), QStringLiteral("-nodes"),
+                       QStringLiteral("-keyout"), key, QStringLiteral("-out"), cert,
+                       QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
+                       QStringLiteral("/CN=127.0.0.1"), QStringLiteral("-addext"),
+                       QStringLiteral("subjectAltName=IP:127.0.0.1")});
+        QVERIFY(openssl.waitForFinished(60000) && openssl.exitCode() == 0);
+        QProcess server;
+        server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        server.start(QStringLiteral("python3"),
+                     {QStringLiteral(RANGE_SERVER), m_dir.path(), QStringLiteral("--commands"),
+                      QStringLiteral("--tls"), cert, key});
+        QVERIFY(server.waitForStarted() && server.waitForReadyRead(10000));
+        const QByteArray port = server.readLine().trimmed();
+        QVERIFY2(port.startsWith("PORT "), port.constData());
+        const QString url = QStringLiteral("https://127.0.0.1:%1/survey.copc.laz")
+                                .arg(QString::fromLatin1(port.mid(5)));
+        const tzCopc::RemoteSettings before = tzCopc::remoteSettings();
+        QString error;
+        QVERIFY(!tzCopc::openSource(url, error));
+        QVERIFY2(error.contains(QLatin1String("not one this machine trusts"))
+                     && !error.contains(QLatin1String("tried")),
+                 qPrintable(error));
+        tzCopc::RemoteSettings trusting = before;
+        trusting.trustedAuthorities = cert;
+        tzCopc::setRemoteSettings(trusting);
+        tzCopc::File local, secure;
+        const bool opened = secure.open(url, error);
+        const bool same = opened && local.open(m_copc, error)
+            && allRecords(secure, error) == allRecords(local, error);
+        tzCopc::setRemoteSettings(before);
+        QVERIFY2(opened && same, qPrintable(error));
+        server.closeWriteChannel();
+        server.waitForFinished(3000);
+    }
+
     void failuresAreClear()
     {
         useCache({});

@@ -2,7 +2,8 @@
 """A file server for the tests: serves the files of a folder over HTTP/1.1 with byte ranges,
 on 127.0.0.1, after a delay a request, and misbehaves on demand.
 
-    range_server.py ROOT [--latency SECONDS] [--mode ranges|whole|drop|flaky] [--commands]
+    range_server.py ROOT [--latency SECONDS] [--mode ranges|whole|drop|flaky|stall] [--commands]
+                         [--tls CERT KEY]
 
   ranges  answers "Range: bytes=a-b" with 206 and the bytes (the default)
   whole   ignores ranges: 200 and the whole file, as a plain server does
@@ -22,6 +23,7 @@ import os
 import re
 import socket
 import socketserver
+import ssl
 import sys
 import threading
 import time
@@ -130,9 +132,14 @@ def main():
     parser.add_argument("--latency", type=float, default=0)
     parser.add_argument("--mode", default="ranges")
     parser.add_argument("--commands", action="store_true")
+    parser.add_argument("--tls", nargs=2, metavar=("CERT", "KEY"), help="serve HTTPS")
     args = parser.parse_args()
     state["mode"] = args.mode
     server = Server(("127.0.0.1", 0), Handler)
+    if args.tls:
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(args.tls[0], args.tls[1])
+        server.socket = context.wrap_socket(server.socket, server_side=True)
     server.root = args.root
     server.latency = args.latency
     print("PORT %d" % server.server_address[1], flush=True)
