@@ -87,13 +87,10 @@ private slots:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        const QString las = m_dir.filePath(QStringLiteral("survey.las"));
-        m_copc = m_dir.filePath(QStringLiteral("survey.copc.laz"));
         QString error;
-        QVERIFY2(tzCloudFile::save(*survey(120000), las, error), qPrintable(error));
-        tzCopc::IndexOptions options;
-        options.leafPoints = 3000; // a tree of a few levels
-        QVERIFY2(tzCopc::index({las}, m_copc, error, options), qPrintable(error));
+        // A tree of a few levels.
+        m_copc = streamed::indexSurvey(m_dir.path(), 120000, 3000, error);
+        QVERIFY2(!m_copc.isEmpty(), qPrintable(error));
         m_server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_server.start(QStringLiteral("python3"),
                        {QStringLiteral(RANGE_SERVER), m_dir.path(), QStringLiteral("--commands"),

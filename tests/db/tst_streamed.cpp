@@ -84,13 +84,10 @@ private slots:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        const QString las = m_dir.filePath(QStringLiteral("survey.las"));
-        m_copc = m_dir.filePath(QStringLiteral("survey.copc.laz"));
         QString error;
-        QVERIFY2(tzCloudFile::save(*survey(300000), las, error), qPrintable(error));
-        tzCopc::IndexOptions options;
-        options.leafPoints = 1500; // a deep tree, its lower levels in pages of their own
-        QVERIFY2(tzCopc::index({las}, m_copc, error, options), qPrintable(error));
+        // A deep tree, its lower levels in pages of their own.
+        m_copc = streamed::indexSurvey(m_dir.path(), 300000, 1500, error);
+        QVERIFY2(!m_copc.isEmpty(), qPrintable(error));
         tzCloudFile::LoadOptions load;
         load.confirmShift = [](TZVector3d &shift, bool) {
             shift = {-651000, -6861000, 0};

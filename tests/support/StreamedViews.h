@@ -4,6 +4,7 @@
 // URL, or tiles), a top view of a box, and the nodes it shows once every node it asked for has
 // been read.
 
+#include "tzCloudFile.h"
 #include "tzCopc.h"
 #include "tzPointCloud.h"
 #include "tzStreamedCloud.h"
@@ -52,6 +53,21 @@ inline std::unique_ptr<tzPointCloud> survey(int count)
                          tzPointDisplay::INTENSITY | tzPointDisplay::CLASSIFICATION);
     cloud->setGlobalShift(shift);
     return cloud;
+}
+
+// The survey of count points written as folder/survey.las and indexed into
+// folder/survey.copc.laz with nodes of at most leafPoints points: the index's path, or empty
+// with the error.
+inline QString indexSurvey(const QString &folder, int count, std::size_t leafPoints, QString &error)
+{
+    const QString las = folder + QStringLiteral("/survey.las");
+    const QString copc = folder + QStringLiteral("/survey.copc.laz");
+    tzCopc::IndexOptions options;
+    options.leafPoints = leafPoints;
+    if (!tzCloudFile::save(*survey(count), las, error)
+        || !tzCopc::index({las}, copc, error, options))
+        return QString();
+    return copc;
 }
 
 // A file (a COPC file, a URL, a survey's tiles) open streamed with the given shift; null, with
